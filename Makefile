@@ -1,0 +1,37 @@
+# The two commands of the README: `make run` and `make test`. Each installs
+# what is missing, builds, and then runs Orvane or every test.
+BUILD_DIR := build
+ASAN_DIR := build-asan
+
+.PHONY: all deps build run test unit-asan format clean
+
+all: build
+
+deps:
+	@scripts/install-deps.sh
+
+$(BUILD_DIR)/build.ninja: | deps
+	@cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+
+build: deps $(BUILD_DIR)/build.ninja
+	@cmake --build $(BUILD_DIR)
+	@scripts/prepare-site-venv.sh
+
+run: build
+	$(BUILD_DIR)/orvane
+
+test: build unit-asan
+	cd $(BUILD_DIR) && ctest --output-on-failure --timeout 1800
+
+# The unit tests once more, built with AddressSanitizer and UBSan.
+unit-asan: deps
+	@cmake -S . -B $(ASAN_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DORVANE_SANITIZE=ON \
+		-DORVANE_E2E=OFF >/dev/null
+	@cmake --build $(ASAN_DIR) --target orvane_unit_tests
+	cd $(ASAN_DIR) && ASAN_OPTIONS=detect_leaks=0 ctest --output-on-failure
+
+format:
+	clang-format -i $$(git ls-files 'src/*.cpp' 'src/*.h' 'tests/*.cpp' 'tests/*.h' 'bench/*.cpp')
+
+clean:
+	rm -rf $(BUILD_DIR) $(ASAN_DIR)

@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Installs every Debian package that building, running and testing Orvane
+# needs. Idempotent: prints nothing and does nothing when all are present.
+set -euo pipefail
+
+packages=(
+  # build
+  build-essential cmake ninja-build pkg-config git clang-format
+  libgtk-3-dev libwebkit2gtk-4.1-dev libsoup-3.0-dev libx11-dev
+  nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev
+  # the program
+  libglib2.0-bin xdg-utils shared-mime-info desktop-file-utils dbus dbus-x11
+  # the reference site
+  python3 python3-venv python3-fastapi python3-uvicorn python3-multipart python3-cairo
+  poppler-utils
+  # tests
+  python3-pytest python3-httpx xvfb xauth openbox xdotool x11-utils x11-xserver-utils
+  imagemagick fonts-dejavu-core at-spi2-core
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  status=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)
+  [ "$status" = "installed" ] || missing+=("$package")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+echo "Installing: ${missing[*]}"
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -1,0 +1,337 @@
+#include "app/AppDelegate.h"
+
+#include "app/BuildInfo.h"
+#include "app/DevServer.h"
+#include "app/NavigationPolicy.h"
+#include "app/Paths.h"
+#include "app/Settings.h"
+#include "app/SparLog.h"
+#include "base/GObjectPtr.h"
+#include "capture/HandoffFolder.h"
+#include "capture/ScreenContainingPoint.h"
+#include "desktop/x11/DBusMessageBus.h"
+#include "desktop/x11/GLibScheduler.h"
+#include "desktop/x11/GioWorkspace.h"
+#include "desktop/x11/WindowFrames.h"
+#include "desktop/x11/X11Accessibility.h"
+#include "desktop/x11/X11Screens.h"
+#include "library/LibraryFolder.h"
+
+#include <glib/gstdio.h>
+
+namespace orvane {
+
+namespace {
+constexpr char kQuoteNotification[] = "com.tarnwick.orvane.quote";
+constexpr char kSparNotification[] = "com.tarnwick.orvane.spar";
+constexpr char kTileNotification[] = "com.tarnwick.orvane.tile";
+constexpr char kPlaceNotification[] = "com.tarnwick.orvane.place";
+constexpr char kFocusSearchScript[] = "document.getElementById('quick-search')?.focus();";
+
+void ShowMessageDialog(GtkWindow* parent, const std::string& message, const std::string& detail) {
+  GtkWidget* dialog =
+      gtk_message_dialog_new(parent, GTK_DIALOG_DESTROY_WITH_PARENT, GTK_MESSAGE_INFO,
+                             GTK_BUTTONS_OK, "%s", message.c_str());
+  gtk_message_dialog_format_secondary_text(GTK_MESSAGE_DIALOG(dialog), "%s", detail.c_str());
+  gtk_window_set_title(GTK_WINDOW(dialog), message.c_str());
+  gtk_window_set_modal(GTK_WINDOW(dialog), TRUE);
+  // Modal to the user, not to the main loop: the program keeps answering
+  // its pages and the bus while the dialog is up.
+  g_signal_connect(dialog, "response", G_CALLBACK(gtk_widget_destroy), nullptr);
+  gtk_widget_show(dialog);
+}
+} // namespace
+
+DesktopSeams RealDesktopSeams() {
+  DesktopSeams seams;
+  seams.screens = std::make_unique<X11Screens>();
+  seams.bus = std::make_unique<DBusMessageBus>();
+  seams.workspace = std::make_unique<GioWorkspace>();
+  seams.scheduler = std::make_unique<GLibScheduler>();
+  seams.accessibility = std::make_unique<X11Accessibility>();
+  return seams;
+}
+
+AppDelegate::AppDelegate(GtkApplication* application, DesktopSeams seams)
+    : application_(application), seams_(std::move(seams)),
+      dispatcher_(*this, events_, [] { return SiteAddress(); }),
+      factory_(*this, [this] { return claudePath(); }) {}
+
+AppDelegate::~AppDelegate() = default;
+
+void AppDelegate::applicationDidFinishLaunching() {
+  // 1. The banner is always the first line of a run.
+  std::string site = SiteAddress();
+  SparLog("=== Orvane %@ (%@) started, built %s %s, site %@ ===", kVersion, kBuildIdentifier,
+          kBuildDate, kBuildTime, site);
+
+  // 2. Whether other applications' selections and windows are reachable.
+  SparLog("accessibility trusted: %@",
+          seams_.accessibility->isTrusted()
+              ? "YES"
+              : "NO — selection capture and Preview tiling are off until granted");
+
+  // 3. Other processes reach the program through four notifications.
+  subscribeToNotifications();
+
+  // 4. The main menu.
+  InstallMainMenu(application_, *this);
+  // Choosing another library folder is not offered yet: the folder is the
+  // default one.
+  SetMenuActionEnabled(application_, "choose-library-folder", false);
+
+  // 7. The library store.
+  store_ = std::make_unique<PdfStore>();
+  pdf_actions_ = std::make_unique<PdfActions>(
+      *store_, [this](const PageRef& from, const std::string& account) {
+        dispatcher_.helloFrom(from, account);
+      });
+
+  // 10. The library window, hidden until shown.
+  lib_web_ = factory_.makeWebView();
+  lib_window_ = std::make_unique<LibraryWindow>(application_, lib_web_, *seams_.scheduler);
+
+  // 11. The quick panel, hidden until shown.
+  web_ = factory_.makeWebView();
+  window_ = std::make_unique<PanelWindow>(application_, web_->widget());
+  quick_panel_ = std::make_unique<QuickPanel>(*window_, *web_, *lib_window_, *seams_.screens, [] {
+    EnsureServer(SiteAddress(), ProjectDirectory());
+  });
+
+  // 12. The first window: the panel when a capture hand-off waits.
+  if (g_file_test(HandoffFile("selection.txt").c_str(), G_FILE_TEST_EXISTS))
+    quick_panel_->showPanel();
+  else
+    showLibraryWindow();
+}
+
+void AppDelegate::subscribeToNotifications() {
+  MessageBus& bus = *seams_.bus;
+  bus.subscribe(kQuoteNotification, [this](const std::string& o) { quoteArrived(o); });
+  bus.subscribe(kSparNotification, [this](const std::string& o) { sparRequested(o); });
+  bus.subscribe(kTileNotification, [this](const std::string& o) { tileRequested(o); });
+  bus.subscribe(kPlaceNotification, [this](const std::string& o) { placeRequested(o); });
+}
+
+void AppDelegate::applicationShouldHandleReopen() {
+  if (quick_panel_->hasPendingSummon())
+    quick_panel_->takePendingSummon();
+  else if (g_file_test(HandoffFile("selection.txt").c_str(), G_FILE_TEST_EXISTS))
+    quick_panel_->showPanel();
+  else
+    showLibraryWindow();
+}
+
+void AppDelegate::openFiles(const std::vector<std::string>& paths) {
+  // Dropped PDFs are not offered to the page yet; the library comes forward.
+  (void)paths;
+  showLibraryWindow();
+}
+
+// Not built yet: quotes, the sparring window and window placement arrive
+// with their subsystems; until then these notifications change nothing.
+void AppDelegate::quoteArrived(const std::string&) {}
+void AppDelegate::sparRequested(const std::string&) {}
+void AppDelegate::tileRequested(const std::string&) {}
+void AppDelegate::placeRequested(const std::string&) {}
+
+void AppDelegate::checkAccessibility() {
+  bool trusted = seams_.accessibility->isTrusted();
+  SparLog("accessibility check from menu: %@", trusted ? "trusted" : "not trusted (prompted)");
+  GtkWindow* parent = gtk_application_get_active_window(application_);
+  if (trusted)
+    ShowMessageDialog(parent, "Accessibility is granted",
+                      "⌥B can read the selection in the app you are using, and the sparring "
+                      "window can tile Preview beside itself.");
+  else
+    ShowMessageDialog(parent, "Orvane cannot reach other applications",
+                      seams_.accessibility->reasonNotTrusted());
+}
+
+void AppDelegate::showLibraryFolder() {
+  seams_.workspace->reveal(LibraryFolder());
+}
+
+void AppDelegate::chooseLibraryFolder() {}
+
+void AppDelegate::showLibraryWindow() {
+  lib_window_->showLibraryWindow();
+}
+
+void AppDelegate::hotkeySummon() {
+  if (window_->isVisible() && window_->isKeyWindow()) {
+    window_->orderOut();
+    return;
+  }
+  // Orvane itself is in front (the menu was used): show the panel at once,
+  // without a selection, on the screen of the window that has the keyboard.
+  std::optional<Screen> screen;
+  GtkWindow* active = gtk_application_get_active_window(application_);
+  std::vector<Screen> screens = seams_.screens->screens();
+  if (active) {
+    Rect frame = WindowFrame(active);
+    screen =
+        ScreenContainingPoint(screens, {frame.x + frame.width / 2, frame.y + frame.height / 2});
+  }
+  if (!screen && !screens.empty())
+    screen = screens.front();
+  quick_panel_->showPanelWithSelection(std::nullopt, screen);
+}
+
+void AppDelegate::hotkeyTalk() {
+  std::string launcher = ProjectDirectory() + "/" + "voice/Talk.command";
+  if (!g_file_test(launcher.c_str(), G_FILE_TEST_IS_REGULAR) ||
+      !g_file_test(launcher.c_str(), G_FILE_TEST_IS_EXECUTABLE)) {
+    SparLog("talk: nothing runnable at %@, is the venv built?", launcher);
+    gdk_display_beep(gdk_display_get_default());
+    return;
+  }
+  const gchar* argv[] = {"x-terminal-emulator", "-e", launcher.c_str(), nullptr};
+  GErrorPtr error;
+  if (!g_spawn_async(nullptr, const_cast<gchar**>(argv), nullptr, G_SPAWN_SEARCH_PATH, nullptr,
+                     nullptr, nullptr, error.out())) {
+    SparLog("talk: %@", error.message());
+    return;
+  }
+  SparLog("talk: opened %@", launcher);
+}
+
+void AppDelegate::hideApplication() {
+  for (GList* item = gtk_application_get_windows(application_); item; item = item->next)
+    gtk_widget_hide(GTK_WIDGET(item->data));
+}
+
+void AppDelegate::showAbout() {
+  std::string version = std::string(kVersion) + " (" + kBuildIdentifier + ")";
+  gtk_show_about_dialog(gtk_application_get_active_window(application_), "program-name", "Orvane",
+                        "version", version.c_str(), "comments",
+                        "A native home for your paper library.", "logo-icon-name",
+                        "accessories-dictionary", nullptr);
+}
+
+bool AppDelegate::handlePdfAction(const std::optional<std::string>& action,
+                                  const nlohmann::json& body, const PageRef& from) {
+  return pdf_actions_->handlePdfAction(action, body, from);
+}
+
+// Not built yet: the sparring window.
+void AppDelegate::openSparWindowFor(const std::string&) {}
+void AppDelegate::closeSparWindow() {}
+
+void AppDelegate::hideQuickPanel() {
+  window_->orderOut();
+}
+
+// Not built yet: file drags and the viewer split.
+void AppDelegate::beginFileDrag(const std::string&, const PageRef&) {}
+void AppDelegate::openPreviewSplitFor(const std::string&) {}
+
+bool AppDelegate::storeHasAccount() const {
+  return store_ && store_->account().has_value();
+}
+void AppDelegate::setStoreAccount(const std::string& account) {
+  store_->setAccount(account);
+}
+// Not built yet: the library scan.
+void AppDelegate::rescanStore() {}
+
+void AppDelegate::ensureLocal(const std::string&, const std::optional<std::string>&,
+                              const std::optional<std::string>&, LocalCopyCompletion completion) {
+  // Not built yet: downloads. The caller hears that there is no local copy.
+  completion(std::nullopt, std::string("Downloads are not available in this build"));
+}
+
+std::string AppDelegate::sparFolder() {
+  std::string folder = JoinPath(store_->folder(), ".spar");
+  g_mkdir_with_parents(folder.c_str(), 0755);
+  return folder;
+}
+
+PageRef AppDelegate::pageFor(WebKitWebView* view) const {
+  for (const auto& page : {lib_web_, web_, spar_web_})
+    if (page && page->view() == view)
+      return page;
+  return nullptr;
+}
+
+void AppDelegate::didReceiveScriptMessage(const std::string& name, const nlohmann::json& body,
+                                          WebKitWebView* from) {
+  dispatcher_.didReceiveScriptMessage(name, body, pageFor(from));
+}
+
+bool AppDelegate::decidePolicy(WebKitWebView*, WebKitPolicyDecision* decision,
+                               WebKitPolicyDecisionType type) {
+  if (type != WEBKIT_POLICY_DECISION_TYPE_NAVIGATION_ACTION)
+    return false; // new windows go through createWebView, responses load
+  WebKitNavigationAction* action = webkit_navigation_policy_decision_get_navigation_action(
+      WEBKIT_NAVIGATION_POLICY_DECISION(decision));
+  WebKitURIRequest* request = webkit_navigation_action_get_request(action);
+  std::string target = request ? webkit_uri_request_get_uri(request) : "";
+  bool clicked =
+      webkit_navigation_action_get_navigation_type(action) == WEBKIT_NAVIGATION_TYPE_LINK_CLICKED;
+  if (DecideNavigation(target, clicked, SiteAddress()) == NavigationDecision::OpenInBrowser) {
+    seams_.workspace->openInBrowser(target);
+    webkit_policy_decision_ignore(decision);
+    return true;
+  }
+  webkit_policy_decision_use(decision);
+  return true;
+}
+
+GtkWidget* AppDelegate::createWebView(WebKitWebView*, WebKitNavigationAction* action) {
+  // No second web view is ever made: a pop-up goes to the browser.
+  WebKitURIRequest* request = webkit_navigation_action_get_request(action);
+  const char* uri = request ? webkit_uri_request_get_uri(request) : nullptr;
+  if (uri && *uri)
+    seams_.workspace->openInBrowser(uri);
+  return nullptr;
+}
+
+bool AppDelegate::runFileChooser(WebKitWebView*, WebKitFileChooserRequest* request) {
+  GtkWidget* dialog = gtk_file_chooser_dialog_new(
+      "Choose Files", window_->gtkWindow(), GTK_FILE_CHOOSER_ACTION_OPEN, "_Cancel",
+      GTK_RESPONSE_CANCEL, "_Open", GTK_RESPONSE_ACCEPT, nullptr);
+  gtk_window_set_modal(GTK_WINDOW(dialog), TRUE);
+  gtk_file_chooser_set_select_multiple(GTK_FILE_CHOOSER(dialog),
+                                       webkit_file_chooser_request_get_select_multiple(request));
+  if (GtkFileFilter* filter = webkit_file_chooser_request_get_mime_types_filter(request))
+    gtk_file_chooser_set_filter(GTK_FILE_CHOOSER(dialog), filter);
+  g_object_ref(request);
+  g_signal_connect(dialog, "response", G_CALLBACK(+[](GtkDialog* d, int response, gpointer data) {
+                     auto* req = static_cast<WebKitFileChooserRequest*>(data);
+                     if (response == GTK_RESPONSE_ACCEPT) {
+                       GSList* names = gtk_file_chooser_get_filenames(GTK_FILE_CHOOSER(d));
+                       std::vector<const gchar*> files;
+                       for (GSList* n = names; n; n = n->next)
+                         files.push_back(static_cast<const gchar*>(n->data));
+                       files.push_back(nullptr);
+                       webkit_file_chooser_request_select_files(req, files.data());
+                       g_slist_free_full(names, g_free);
+                     } else {
+                       webkit_file_chooser_request_cancel(req);
+                     }
+                     g_object_unref(req);
+                     gtk_widget_destroy(GTK_WIDGET(d));
+                   }),
+                   request);
+  gtk_widget_show(dialog);
+  return true;
+}
+
+void AppDelegate::webViewDidClose(WebKitWebView*) {
+  window_->orderOut();
+}
+
+void AppDelegate::didFinishNavigation(WebKitWebView* view) {
+  if (!web_ || view != web_->view())
+    return;
+  GUri* uri = g_uri_parse(web_->currentAddress().c_str(), G_URI_FLAGS_NONE, nullptr);
+  const char* query = uri ? g_uri_get_query(uri) : nullptr;
+  bool adding = query && std::string(query).find("add=") != std::string::npos;
+  if (uri)
+    g_uri_unref(uri);
+  if (!adding)
+    web_->evaluateScript(kFocusSearchScript);
+}
+
+} // namespace orvane

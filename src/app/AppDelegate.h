@@ -1,0 +1,125 @@
+// The composition root: owns everything that lives for the whole run (the
+// quick panel, the library window, the store, the bridge state) and wires
+// the subsystems together. It is every web view's delegate, the handler of
+// the pages' messages, the observer of the bus notifications and the target
+// of the menu commands.
+#pragma once
+
+#include "app/LibraryWindow.h"
+#include "app/MainMenu.h"
+#include "app/WebViewFactory.h"
+#include "bridge/BridgeHost.h"
+#include "bridge/EventDelivery.h"
+#include "bridge/MessageDispatcher.h"
+#include "capture/PanelWindow.h"
+#include "capture/QuickPanel.h"
+#include "desktop/Accessibility.h"
+#include "desktop/MessageBus.h"
+#include "desktop/Scheduler.h"
+#include "desktop/Screens.h"
+#include "desktop/Workspace.h"
+#include "library/PdfActions.h"
+#include "library/PdfStore.h"
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace orvane {
+
+// The desktop seams the delegate works through.
+struct DesktopSeams {
+  std::unique_ptr<Screens> screens;
+  std::unique_ptr<MessageBus> bus;
+  std::unique_ptr<Workspace> workspace;
+  std::unique_ptr<Scheduler> scheduler;
+  std::unique_ptr<Accessibility> accessibility;
+};
+DesktopSeams RealDesktopSeams();
+
+class AppDelegate final : public BridgeHost, public WebViewDelegate, public MenuCommands {
+public:
+  AppDelegate(GtkApplication* application, DesktopSeams seams);
+  ~AppDelegate() override;
+
+  // The launch sequence, once, on the main loop.
+  void applicationDidFinishLaunching();
+  // The program was started again while it runs.
+  void applicationShouldHandleReopen();
+  // Files given to the program (on its command line or a second start's).
+  void openFiles(const std::vector<std::string>& paths);
+
+  // Bus notifications.
+  void quoteArrived(const std::string& object);
+  void sparRequested(const std::string& object);
+  void tileRequested(const std::string& object);
+  void placeRequested(const std::string& object);
+
+  // MenuCommands
+  void checkAccessibility() override;
+  void showLibraryFolder() override;
+  void chooseLibraryFolder() override;
+  void showLibraryWindow() override;
+  void hotkeySummon() override;
+  void hotkeyTalk() override;
+  void hideApplication() override;
+  void showAbout() override;
+
+  // BridgeHost
+  bool handlePdfAction(const std::optional<std::string>& action, const nlohmann::json& body,
+                       const PageRef& from) override;
+  void openSparWindowFor(const std::string& paper_id) override;
+  void closeSparWindow() override;
+  PageRef quickPanelPage() const override { return web_; }
+  void hideQuickPanel() override;
+  void beginFileDrag(const std::string& path, const PageRef& page) override;
+  void openPreviewSplitFor(const std::string& path) override;
+  bool storeHasAccount() const override;
+  void setStoreAccount(const std::string& account) override;
+  void rescanStore() override;
+  void ensureLocal(const std::string& paper_id, const std::optional<std::string>& url,
+                   const std::optional<std::string>& etag, LocalCopyCompletion completion) override;
+  std::string claudePath() const override { return claude_path_.value_or(""); }
+  std::string sparFolder() override;
+
+  // WebViewDelegate
+  void didReceiveScriptMessage(const std::string& name, const nlohmann::json& body,
+                               WebKitWebView* from) override;
+  bool decidePolicy(WebKitWebView* view, WebKitPolicyDecision* decision,
+                    WebKitPolicyDecisionType type) override;
+  GtkWidget* createWebView(WebKitWebView* view, WebKitNavigationAction* action) override;
+  bool runFileChooser(WebKitWebView* view, WebKitFileChooserRequest* request) override;
+  void webViewDidClose(WebKitWebView* view) override;
+  void didFinishNavigation(WebKitWebView* view) override;
+
+  EventDelivery& events() { return events_; }
+
+private:
+  PageRef pageFor(WebKitWebView* view) const;
+  void subscribeToNotifications();
+
+  GtkApplication* application_;
+  DesktopSeams seams_;
+
+  // Created by init, as containers.
+  EventDelivery events_;
+  std::map<std::string, std::string> dock_drops_;
+
+  MessageDispatcher dispatcher_;
+  WebViewFactory factory_;
+
+  std::unique_ptr<PdfStore> store_;
+  std::unique_ptr<PdfActions> pdf_actions_;
+  std::optional<std::string> claude_path_;
+
+  std::shared_ptr<WebPage> lib_web_;
+  std::unique_ptr<LibraryWindow> lib_window_;
+  std::shared_ptr<WebPage> web_;
+  std::unique_ptr<PanelWindow> window_;
+  std::unique_ptr<QuickPanel> quick_panel_;
+  std::shared_ptr<WebPage> spar_web_;
+};
+
+} // namespace orvane

@@ -1,0 +1,30 @@
+// Where Orvane keeps things on Linux: the XDG base folders under the user's
+// home, read once from the environment as GLib does.
+#pragma once
+
+#include <string>
+
+namespace orvane {
+
+std::string HomeFolder();
+// $XDG_CONFIG_HOME, default ~/.config
+std::string ConfigFolder();
+// $XDG_STATE_HOME, default ~/.local/state
+std::string StateFolder();
+// $XDG_CACHE_HOME, default ~/.cache
+std::string CacheFolder();
+// $XDG_DATA_HOME, default ~/.local/share
+std::string DataFolder();
+// The XDG documents folder, else ~/Documents.
+std::string DocumentsFolder();
+
+// The settings key file: $XDG_CONFIG_HOME/orvane/settings.ini.
+std::string SettingsFilePath();
+// Web site data (cookies, local storage) that must survive a restart.
+std::string WebsiteDataFolder();
+std::string WebsiteCacheFolder();
+
+// Joins two path pieces with exactly one "/" between them.
+std::string JoinPath(const std::string& folder, const std::string& name);
+
+} // namespace orvane

@@ -1,0 +1,36 @@
+// A WebKit web view as a hosted page.
+#pragma once
+
+#include "bridge/Page.h"
+
+#include <webkit2/webkit2.h>
+
+namespace orvane {
+
+class WebPage final : public Page {
+public:
+  // Holds its own reference to the view (a floating one is sunk).
+  explicit WebPage(WebKitWebView* view);
+  ~WebPage() override;
+  WebPage(const WebPage&) = delete;
+  WebPage& operator=(const WebPage&) = delete;
+
+  void evaluateScript(const std::string& script) override;
+  std::string currentAddress() const override;
+
+  void load(const std::string& address);
+  // Replaces the page with an empty document, stopping its scripts.
+  void loadBlank();
+  bool hasLoadedAnything() const;
+
+  WebKitWebView* view() const { return view_; }
+  GtkWidget* widget() const { return GTK_WIDGET(view_); }
+
+  // The WebPage that wraps a view made by the factory, if any.
+  static WebPage* From(WebKitWebView* view);
+
+private:
+  WebKitWebView* view_;
+};
+
+} // namespace orvane

@@ -1,0 +1,124 @@
+#include "app/WebViewFactory.h"
+
+#include "app/BuildInfo.h"
+#include "app/Paths.h"
+#include "app/Settings.h"
+#include "base/GObjectPtr.h"
+
+#include <glib/gstdio.h>
+
+namespace orvane {
+
+std::string CapabilitiesScript(const std::string& claude_path) {
+  // A one-element JSON list without its brackets is a correctly escaped
+  // string literal.
+  std::string list = nlohmann::json::array({claude_path})
+                         .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  std::string literal = list.substr(1, list.size() - 2);
+  return std::string(
+             "window.panelCaps = {localPdfs: true, hotkey: true, dockDrop: true, claude: ") +
+         literal + ", version: '" + kVersion + "', build: '" + kBuildIdentifier + "'};";
+}
+
+namespace {
+
+WebKitWebContext* MakeSharedContext() {
+  std::string data = WebsiteDataFolder();
+  std::string cache = WebsiteCacheFolder();
+  g_mkdir_with_parents(data.c_str(), 0700);
+  g_mkdir_with_parents(cache.c_str(), 0700);
+  auto manager = GObjectPtr<WebKitWebsiteDataManager>::adopt(webkit_website_data_manager_new(
+      "base-data-directory", data.c_str(), "base-cache-directory", cache.c_str(), nullptr));
+  // Cookies in a file of their own, so that a site login survives a restart.
+  std::string cookies = data + "/cookies.sqlite";
+  webkit_cookie_manager_set_persistent_storage(
+      webkit_website_data_manager_get_cookie_manager(manager.get()), cookies.c_str(),
+      WEBKIT_COOKIE_PERSISTENT_STORAGE_SQLITE);
+  WebKitWebContext* context = webkit_web_context_new_with_website_data_manager(manager.get());
+  // The text-substitution switches are all off by default; spelling
+  // correction is the one WebKitGTK offers, as spell checking.
+  webkit_web_context_set_spell_checking_enabled(
+      context, Settings::standard().boolForKey("NSAutomaticSpellingCorrectionEnabled"));
+  return context;
+}
+
+} // namespace
+
+WebViewFactory::WebViewFactory(WebViewDelegate& delegate, std::function<std::string()> claude_path)
+    : delegate_(delegate), claude_path_(std::move(claude_path)) {}
+
+WebViewFactory::~WebViewFactory() {
+  if (context_)
+    g_object_unref(context_);
+}
+
+std::shared_ptr<WebPage> WebViewFactory::makeWebView() {
+  if (!context_)
+    context_ = MakeSharedContext();
+
+  auto content = GObjectPtr<WebKitUserContentManager>::adopt(webkit_user_content_manager_new());
+  std::string caps = CapabilitiesScript(claude_path_ ? claude_path_() : "");
+  WebKitUserScript* script =
+      webkit_user_script_new(caps.c_str(), WEBKIT_USER_CONTENT_INJECT_TOP_FRAME,
+                             WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START, nullptr, nullptr);
+  webkit_user_content_manager_add_script(content.get(), script);
+  webkit_user_script_unref(script);
+
+  auto* view = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", context_,
+                                            "user-content-manager", content.get(), nullptr));
+  WebKitSettings* settings = webkit_web_view_get_settings(view);
+  webkit_settings_set_javascript_can_open_windows_automatically(settings, TRUE);
+
+  // Messages: the content manager is this view's own, so the view is known.
+  g_object_set_data(G_OBJECT(content.get()), "orvane-view", view);
+  g_signal_connect(content.get(), "script-message-received::panel",
+                   G_CALLBACK(+[](WebKitUserContentManager* manager, WebKitJavascriptResult* result,
+                                  gpointer data) {
+                     auto* self = static_cast<WebViewFactory*>(data);
+                     auto* from = static_cast<WebKitWebView*>(
+                         g_object_get_data(G_OBJECT(manager), "orvane-view"));
+                     JSCValue* value = webkit_javascript_result_get_js_value(result);
+                     GCharPtr json(value ? jsc_value_to_json(value, 0) : nullptr);
+                     nlohmann::json body = json ? nlohmann::json::parse(json.get(), nullptr, false)
+                                                : nlohmann::json();
+                     if (body.is_discarded())
+                       body = nlohmann::json();
+                     self->delegate_.didReceiveScriptMessage("panel", body, from);
+                   }),
+                   this);
+  webkit_user_content_manager_register_script_message_handler(content.get(), "panel");
+
+  g_signal_connect(view, "decide-policy",
+                   G_CALLBACK(+[](WebKitWebView* v, WebKitPolicyDecision* decision,
+                                  WebKitPolicyDecisionType type, gpointer data) -> gboolean {
+                     return static_cast<WebViewFactory*>(data)->delegate_.decidePolicy(v, decision,
+                                                                                       type);
+                   }),
+                   this);
+  g_signal_connect(view, "create",
+                   G_CALLBACK(+[](WebKitWebView* v, WebKitNavigationAction* action,
+                                  gpointer data) -> GtkWidget* {
+                     return static_cast<WebViewFactory*>(data)->delegate_.createWebView(v, action);
+                   }),
+                   this);
+  g_signal_connect(view, "run-file-chooser",
+                   G_CALLBACK(+[](WebKitWebView* v, WebKitFileChooserRequest* request,
+                                  gpointer data) -> gboolean {
+                     return static_cast<WebViewFactory*>(data)->delegate_.runFileChooser(v,
+                                                                                         request);
+                   }),
+                   this);
+  g_signal_connect(view, "close", G_CALLBACK(+[](WebKitWebView* v, gpointer data) {
+                     static_cast<WebViewFactory*>(data)->delegate_.webViewDidClose(v);
+                   }),
+                   this);
+  g_signal_connect(view, "load-changed",
+                   G_CALLBACK(+[](WebKitWebView* v, WebKitLoadEvent event, gpointer data) {
+                     if (event == WEBKIT_LOAD_FINISHED)
+                       static_cast<WebViewFactory*>(data)->delegate_.didFinishNavigation(v);
+                   }),
+                   this);
+  return std::make_shared<WebPage>(view);
+}
+
+} // namespace orvane

@@ -1,0 +1,72 @@
+#include "capture/PanelWindow.h"
+
+#include "desktop/x11/WindowFrames.h"
+
+namespace orvane {
+
+PanelWindow::PanelWindow(GtkApplication* application, GtkWidget* content) {
+  window_ = GTK_WINDOW(gtk_window_new(GTK_WINDOW_TOPLEVEL));
+  g_object_ref_sink(window_);
+  if (application)
+    gtk_window_set_application(window_, application);
+  gtk_window_set_title(window_, "Orvane");
+  gtk_window_set_role(window_, "quick-panel");
+  gtk_window_set_type_hint(window_, GDK_WINDOW_TYPE_HINT_UTILITY);
+  gtk_window_set_keep_above(window_, TRUE);
+  gtk_window_stick(window_);
+  gtk_window_set_skip_taskbar_hint(window_, TRUE);
+  gtk_window_set_skip_pager_hint(window_, TRUE);
+  gtk_window_set_default_size(window_, kPanelWidth, kPanelHeight);
+  gtk_window_set_position(window_, GTK_WIN_POS_CENTER);
+  gtk_container_add(GTK_CONTAINER(window_), content);
+  gtk_widget_show(content);
+
+  // The close button and Escape hide the panel; it lives for the whole run.
+  g_signal_connect(window_, "delete-event",
+                   G_CALLBACK(+[](GtkWidget* widget, GdkEvent*, gpointer) -> gboolean {
+                     gtk_widget_hide(widget);
+                     return TRUE;
+                   }),
+                   nullptr);
+  g_signal_connect(window_, "key-press-event",
+                   G_CALLBACK(+[](GtkWidget* widget, GdkEventKey* event, gpointer) -> gboolean {
+                     if (event->keyval != GDK_KEY_Escape)
+                       return FALSE;
+                     gtk_widget_hide(widget);
+                     return TRUE;
+                   }),
+                   nullptr);
+}
+
+PanelWindow::~PanelWindow() {
+  gtk_widget_destroy(GTK_WIDGET(window_));
+  g_object_unref(window_);
+}
+
+void PanelWindow::orderOut() {
+  gtk_widget_hide(GTK_WIDGET(window_));
+}
+
+void PanelWindow::makeKeyAndOrderFront() {
+  gtk_widget_show(GTK_WIDGET(window_));
+  // Sticky and keep-above must be asked for again after a hide on some
+  // window managers.
+  gtk_window_stick(window_);
+  gtk_window_set_keep_above(window_, TRUE);
+  gtk_window_present(window_);
+}
+
+bool PanelWindow::isVisible() const {
+  return gtk_widget_get_visible(GTK_WIDGET(window_));
+}
+bool PanelWindow::isKeyWindow() const {
+  return gtk_window_is_active(window_);
+}
+Rect PanelWindow::frame() const {
+  return WindowFrame(window_);
+}
+void PanelWindow::setFrame(const Rect& frame) {
+  SetWindowFrame(window_, frame);
+}
+
+} // namespace orvane

@@ -1,0 +1,36 @@
+// The quick panel's window: a utility window that floats above others, is
+// shown on every workspace, stays out of the task bar, takes the keyboard,
+// and hides (never closes) on Escape or its close button.
+#pragma once
+
+#include "desktop/Geometry.h"
+
+#include <gtk/gtk.h>
+
+namespace orvane {
+
+inline constexpr int kPanelWidth = 560;
+inline constexpr int kPanelHeight = 680;
+
+class PanelWindow {
+public:
+  PanelWindow(GtkApplication* application, GtkWidget* content);
+  ~PanelWindow();
+  PanelWindow(const PanelWindow&) = delete;
+  PanelWindow& operator=(const PanelWindow&) = delete;
+
+  GtkWindow* gtkWindow() const { return window_; }
+  void orderOut();
+  void makeKeyAndOrderFront();
+  bool isVisible() const;
+  bool isKeyWindow() const;
+  bool keepsAbove() const { return true; }
+  bool onEveryWorkspace() const { return true; }
+  Rect frame() const;
+  void setFrame(const Rect& frame);
+
+private:
+  GtkWindow* window_;
+};
+
+} // namespace orvane

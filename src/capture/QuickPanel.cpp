@@ -1,0 +1,106 @@
+#include "capture/QuickPanel.h"
+
+#include "app/Settings.h"
+#include "app/SparLog.h"
+#include "base/Text.h"
+#include "capture/HandoffFolder.h"
+#include "capture/QueryEscape.h"
+#include "capture/ScreenContainingPoint.h"
+#include "desktop/x11/WindowFrames.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace orvane {
+
+Rect CentredPanelFrame(const Rect& vf, Size size) {
+  double width = std::min(size.width, vf.width);
+  double height = std::min(size.height, vf.height);
+  return {std::round(vf.x + (vf.width - width) * 0.5),
+          std::round(vf.y + (vf.height - height) * 0.5), width, height};
+}
+
+QuickPanel::QuickPanel(PanelWindow& window, WebPage& web, LibraryWindow& library,
+                       const Screens& screens, std::function<void()> ensure_server)
+    : window_(window), web_(web), library_(library), screens_(screens),
+      ensure_server_(std::move(ensure_server)) {}
+
+void QuickPanel::showPanel() {
+  std::optional<std::string> selection = takeHandoffFile(HandoffFile("selection.txt"));
+  std::optional<Screen> screen = takePressScreen();
+  showPanelWithSelection(selection, screen);
+}
+
+std::optional<std::string> QuickPanel::takeHandoffFile(const std::string& path) {
+  return TakeHandoffFile(path);
+}
+
+std::optional<Screen> QuickPanel::takePressScreen() {
+  std::optional<std::string> text = takeHandoffFile(HandoffFile("screen.txt"));
+  std::optional<Point> hint = text ? ParseScreenHint(*text) : std::nullopt;
+  Point point = hint ? *hint : screens_.mouseLocation();
+  std::optional<Screen> screen = ScreenContainingPoint(screens_.screens(), point);
+  SparLog("panel screen: point %@ -> %@", PointText(point),
+          screen ? RectText(screen->frame) : std::string("(no screens)"));
+  return screen;
+}
+
+void QuickPanel::showPanelWithSelection(const std::optional<std::string>& selection,
+                                        const std::optional<Screen>& screen) {
+  ensure_server_();
+  std::string text = selection.value_or("");
+  std::string address = PanelAddress(SiteAddress(), text);
+  if (!text.empty()) {
+    SparLog("panel opens with a %lu-char selection", Utf16Length(text));
+  }
+  // Every summon reloads the page.
+  web_.load(address);
+
+  // Activating the program must not pull the user to another workspace.
+  if (library_.isVisible() && !IsOnActiveWorkspace(library_.gtkWindow()))
+    library_.orderOut();
+
+  window_.makeKeyAndOrderFront();
+  centrePanelOnScreen(screen);
+
+  std::string screen_list;
+  for (const Screen& s : screens_.screens())
+    screen_list += RectText(s.frame) + " ";
+  // The window flags in the form of the original log line: the collection
+  // behaviour 0x101 means "every workspace, over full-screen windows", level
+  // 3 "floating", policy 1 "no task-bar entry".
+  unsigned long behavior = (window_.onEveryWorkspace() ? 0x1UL : 0) | 0x100UL;
+  long level = window_.keepsAbove() ? 3 : 0;
+  int active = gtk_window_is_active(window_.gtkWindow()) || library_.isKeyWindow() ? 1 : 0;
+  SparLog("panel shown: active=%d key=%d visible=%d onActiveSpace=%d behavior=%lu level=%ld "
+          "policy=%ld frame=%@ screens=%@ mouse=%@",
+          active, window_.isKeyWindow() ? 1 : 0, window_.isVisible() ? 1 : 0,
+          IsOnActiveWorkspace(window_.gtkWindow()) ? 1 : 0, behavior, level, 1L,
+          RectText(window_.frame()), screen_list, PointText(screens_.mouseLocation()));
+}
+
+void QuickPanel::centrePanelOnScreen(const std::optional<Screen>& screen) {
+  if (!screen)
+    return;
+  Rect asked = CentredPanelFrame(screen->visibleFrame, window_.frame().size());
+  window_.setFrame(asked);
+  SparLog("panel placed: asked %@ got %@", RectText(asked), RectText(window_.frame()));
+}
+
+void QuickPanel::setPendingSummon(std::optional<std::string> selection,
+                                  std::optional<Screen> screen) {
+  pending_selection_ = std::move(selection);
+  pending_screen_ = std::move(screen);
+  pending_summon_ = true;
+}
+
+void QuickPanel::takePendingSummon() {
+  if (!pending_summon_)
+    return;
+  pending_summon_ = false;
+  std::optional<std::string> selection = std::exchange(pending_selection_, std::nullopt);
+  std::optional<Screen> screen = std::exchange(pending_screen_, std::nullopt);
+  showPanelWithSelection(selection, screen);
+}
+
+} // namespace orvane

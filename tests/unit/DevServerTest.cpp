@@ -1,0 +1,80 @@
+#include "app/DevServer.h"
+
+#include "support/LoopbackServer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace orvane {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+// Real probes against a real loopback server; the shell and the sleeps are
+// recorded instead of run.
+struct Recorder {
+  std::vector<std::string> commands;
+  std::vector<double> sleeps;
+  DevServerActions actions() {
+    DevServerActions a;
+    a.runShell = [this](const std::string& c) { commands.push_back(c); };
+    a.sleep = [this](double s) { sleeps.push_back(s); };
+    return a;
+  }
+};
+
+TEST(DevServerTest, RemoteSiteMakesNoRequest) {
+  LoopbackServer server("127.0.0.2", 200);
+  Recorder recorder;
+  EnsureServer(server.address(), "/srv/site", recorder.actions());
+  EXPECT_EQ(server.requestCount(), 0);
+  EXPECT_THAT(recorder.commands, IsEmpty());
+  EXPECT_THAT(recorder.sleeps, IsEmpty());
+}
+
+TEST(DevServerTest, ServerAnswering200CostsOneProbe) {
+  LoopbackServer server("127.0.0.1", 200);
+  Recorder recorder;
+  EnsureServer(server.address(), "/srv/site", recorder.actions());
+  EXPECT_EQ(server.requestCount(), 1);
+  EXPECT_THAT(server.paths(), ElementsAre("/api/papers"));
+  EXPECT_THAT(recorder.commands, IsEmpty());
+}
+
+TEST(DevServerTest, NotFoundCountsAsDownAndAllAttemptsAreMade) {
+  LoopbackServer server("127.0.0.1", 404);
+  Recorder recorder;
+  EnsureServer(server.address(), "/srv/my site", recorder.actions());
+  EXPECT_THAT(recorder.commands,
+              ElementsAre("cd '/srv/my site' && nohup .venv/bin/uvicorn main:app --port 8000 > "
+                          "/tmp/shelfkeep.log 2>&1 &"));
+  EXPECT_EQ(recorder.sleeps, std::vector<double>(20, 0.25));
+  EXPECT_EQ(server.requestCount(), 21);
+}
+
+TEST(DevServerTest, WaitingStopsAtTheFirstSuccessfulProbe) {
+  int probes = 0;
+  Recorder recorder;
+  DevServerActions actions = recorder.actions();
+  actions.probe = [&](const std::string&) { return ++probes == 4; };
+  EnsureServer("http://localhost:8000", "/srv/site", actions);
+  EXPECT_EQ(probes, 4);
+  EXPECT_EQ(recorder.sleeps.size(), 3u);
+}
+
+TEST(DevServerTest, ProbeOfANonAnsweringServerIsFalse) {
+  SilentServer silent;
+  EXPECT_FALSE(ServerIsUp(silent.address()));
+}
+
+TEST(DevServerTest, OnlyTheTwoLocalHostsCountAsLocal) {
+  EXPECT_TRUE(IsLocalSite("http://127.0.0.1:8000"));
+  EXPECT_TRUE(IsLocalSite("http://localhost"));
+  EXPECT_FALSE(IsLocalSite("http://127.0.0.2:8000"));
+  EXPECT_FALSE(IsLocalSite("https://papers.example"));
+  EXPECT_FALSE(IsLocalSite("garbage"));
+}
+
+} // namespace
+} // namespace orvane

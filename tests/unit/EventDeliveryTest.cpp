@@ -1,0 +1,82 @@
+#include "bridge/EventDelivery.h"
+
+#include "support/FakePage.h"
+#include "support/LogCapture.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace orvane {
+namespace {
+
+using ::testing::ElementsAre;
+
+TEST(EventDeliveryTest, EventWithoutAPageIsQueuedAndLogged) {
+  LogCapture log;
+  EventDelivery events;
+  events.sendEvent({{"type", "pdfChanged"}, {"id", "2401.01234"}, {"mtime", 1.5}, {"size", 10}});
+  ASSERT_EQ(events.queuedEvents().size(), 1u);
+  EXPECT_THAT(log.messages(), ElementsAre("event pdfChanged queued (no page yet)"));
+}
+
+TEST(EventDeliveryTest, EventWithoutTypeIsQueuedAndDeliveredUnchanged) {
+  LogCapture log;
+  EventDelivery events;
+  nlohmann::json untyped = {{"id", "x"}, {"n", 3}};
+  events.sendEvent(untyped);
+  EXPECT_THAT(log.messages(), ElementsAre("event (null) queued (no page yet)"));
+  auto page = std::make_shared<FakePage>();
+  events.setPrimaryWeb(page);
+  for (const auto& event : events.takeQueuedEvents())
+    events.sendEvent(event);
+  ASSERT_EQ(page->events().size(), 1u);
+  EXPECT_EQ(page->events()[0], untyped);
+}
+
+TEST(EventDeliveryTest, ScriptCallsPanelEventGuardedWithCompactJson) {
+  EXPECT_EQ(EventDelivery::EventScript({{"type", "pdfOpened"}, {"id", "a"}}),
+            R"(window.panelEvent && window.panelEvent({"id":"a","type":"pdfOpened"}))");
+}
+
+TEST(EventDeliveryTest, QuotesBackslashesAndLineBreaksArriveIntact) {
+  EventDelivery events;
+  auto page = std::make_shared<FakePage>();
+  events.setPrimaryWeb(page);
+  std::string tricky = "say \"hi\" \\ then\nnew line\r\tand ' and </script> and é…";
+  events.sendEvent({{"type", "claudeLine"}, {"turn", "t"}, {"line", tricky}});
+  ASSERT_EQ(page->events().size(), 1u);
+  EXPECT_EQ(page->events()[0]["line"], tricky);
+  EXPECT_EQ(page->scripts[0].find('\n'), std::string::npos);
+}
+
+TEST(EventDeliveryTest, TargetedEventGoesToItsPageNotThePrimary) {
+  EventDelivery events;
+  auto library = std::make_shared<FakePage>();
+  auto sparring = std::make_shared<FakePage>();
+  events.setPrimaryWeb(sparring);
+  events.sendEvent({{"type", "claudeLine"}});
+  events.sendEvent({{"type", "friendQuote"}}, library);
+  EXPECT_THAT(sparring->eventTypes(), ElementsAre("claudeLine"));
+  EXPECT_THAT(library->eventTypes(), ElementsAre("friendQuote"));
+}
+
+TEST(EventDeliveryTest, PrimaryIsAWeakReference) {
+  LogCapture log;
+  EventDelivery events;
+  {
+    auto page = std::make_shared<FakePage>();
+    events.setPrimaryWeb(page);
+  }
+  EXPECT_EQ(events.primaryWeb(), nullptr);
+  events.sendEvent({{"type", "pdfReady"}, {"id", "x"}});
+  EXPECT_EQ(events.queuedEvents().size(), 1u);
+}
+
+TEST(EventDeliveryTest, InvalidUtf8IsReplacedRatherThanThrown) {
+  std::string script;
+  EXPECT_NO_THROW(script = EventDelivery::EventScript({{"type", "claudeLine"}, {"line", "a\xff"}}));
+  EXPECT_NE(script.find("\"type\":\"claudeLine\""), std::string::npos);
+}
+
+} // namespace
+} // namespace orvane

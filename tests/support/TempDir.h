@@ -26,11 +26,15 @@ public:
   // Writes text to a file in the folder, creating folders on the way.
   std::string write(const std::string& name, const std::string& text) const {
     std::string full = file(name);
+    WriteFile(full, text);
+    return full;
+  }
+
+  static void WriteFile(const std::string& full, const std::string& text) {
     gchar* folder = g_path_get_dirname(full.c_str());
     g_mkdir_with_parents(folder, 0755);
     g_free(folder);
     std::ofstream(full, std::ios::binary | std::ios::trunc) << text;
-    return full;
   }
 
   static std::string Read(const std::string& path) {

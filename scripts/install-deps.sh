@@ -14,7 +14,7 @@ packages=(
   python3 python3-venv python3-fastapi python3-uvicorn python3-multipart python3-cairo
   poppler-utils
   # tests
-  python3-pytest python3-httpx xvfb xauth openbox xdotool x11-utils x11-xserver-utils
+  python3-pytest python3-gi gir1.2-webkit2-4.1 fonts-dejavu-extra xvfb xauth openbox xdotool x11-utils x11-xserver-utils
   imagemagick fonts-dejavu-core at-spi2-core
 )
 

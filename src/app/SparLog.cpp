@@ -108,7 +108,7 @@ std::string FormatLogMessage(std::string_view format, std::initializer_list<LogA
     while (j < format.size() &&
            std::string_view("-+ #0123456789.").find(format[j]) != std::string_view::npos)
       ++j;
-    std::string_view spec = format.substr(i + 1, j - i - 1);
+    std::string_view flags = format.substr(i + 1, j - i - 1);
     while (j < format.size() &&
            (format[j] == 'l' || format[j] == 'h' || format[j] == 'q' || format[j] == 'z'))
       ++j;
@@ -117,7 +117,7 @@ std::string FormatLogMessage(std::string_view format, std::initializer_list<LogA
       break;
     }
     char conversion = format[j];
-    std::string spec_text(spec);
+    std::string flag_text(flags);
     char buffer[128];
     switch (conversion) {
     case '%':
@@ -130,20 +130,20 @@ std::string FormatLogMessage(std::string_view format, std::initializer_list<LogA
     case 'd':
     case 'i': {
       const LogArg& arg = take();
-      std::snprintf(buffer, sizeof buffer, ("%" + spec_text + "lld").c_str(), arg.asSigned());
+      std::snprintf(buffer, sizeof buffer, ("%" + flag_text + "lld").c_str(), arg.asSigned());
       out += buffer;
       break;
     }
     case 'u': {
       const LogArg& arg = take();
-      std::snprintf(buffer, sizeof buffer, ("%" + spec_text + "llu").c_str(), arg.asUnsigned());
+      std::snprintf(buffer, sizeof buffer, ("%" + flag_text + "llu").c_str(), arg.asUnsigned());
       out += buffer;
       break;
     }
     case 'x':
     case 'X': {
       const LogArg& arg = take();
-      std::snprintf(buffer, sizeof buffer, ("%" + spec_text + "ll" + conversion).c_str(),
+      std::snprintf(buffer, sizeof buffer, ("%" + flag_text + "ll" + conversion).c_str(),
                     arg.asUnsigned());
       out += buffer;
       break;
@@ -152,7 +152,7 @@ std::string FormatLogMessage(std::string_view format, std::initializer_list<LogA
     case 'g':
     case 'e': {
       const LogArg& arg = take();
-      std::snprintf(buffer, sizeof buffer, ("%" + spec_text + conversion).c_str(), arg.asReal());
+      std::snprintf(buffer, sizeof buffer, ("%" + flag_text + conversion).c_str(), arg.asReal());
       out += buffer;
       break;
     }

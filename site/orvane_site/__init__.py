@@ -1,0 +1,1 @@
+"""The reference paper-library site that Orvane opens on a fresh machine."""

@@ -16,6 +16,7 @@
 #include "desktop/x11/X11Accessibility.h"
 #include "desktop/x11/X11Screens.h"
 #include "library/LibraryFolder.h"
+#include "library/PdfFiles.h"
 
 #include <glib/gstdio.h>
 
@@ -54,6 +55,7 @@ DesktopSeams RealDesktopSeams() {
 
 AppDelegate::AppDelegate(GtkApplication* application, DesktopSeams seams)
     : application_(application), seams_(std::move(seams)),
+      dock_drops_([this](const Event& event) { events_.sendEvent(event); }),
       dispatcher_(*this, events_, [] { return SiteAddress(); }),
       factory_(*this, [this] { return claudePath(); }) {}
 
@@ -76,16 +78,15 @@ void AppDelegate::applicationDidFinishLaunching() {
 
   // 4. The main menu.
   InstallMainMenu(application_, *this);
-  // Choosing another library folder is not offered yet: the folder is the
-  // default one.
-  SetMenuActionEnabled(application_, "choose-library-folder", false);
 
-  // 7. The library store.
-  store_ = std::make_unique<PdfStore>();
-  pdf_actions_ = std::make_unique<PdfActions>(
-      *store_, [this](const PageRef& from, const std::string& account) {
-        dispatcher_.helloFrom(from, account);
-      });
+  // 7. The library store; it watches its folder once a page names the account.
+  store_ = std::make_unique<PdfStore>(*seams_.scheduler);
+  pdf_actions_ = std::make_unique<PdfActions>(*store_, dock_drops_, *this);
+
+  // 9. Edits noticed in the library folder reach the page.
+  store_->setOnChange([this](const std::string& id, int64_t size, double mtime) {
+    events_.sendEvent({{"type", "pdfChanged"}, {"id", id}, {"mtime", mtime}, {"size", size}});
+  });
 
   // 10. The library window, hidden until shown.
   lib_web_ = factory_.makeWebView();
@@ -123,8 +124,7 @@ void AppDelegate::applicationShouldHandleReopen() {
 }
 
 void AppDelegate::openFiles(const std::vector<std::string>& paths) {
-  // Dropped PDFs are not offered to the page yet; the library comes forward.
-  (void)paths;
+  dock_drops_.openFiles(paths);
   showLibraryWindow();
 }
 
@@ -152,7 +152,36 @@ void AppDelegate::showLibraryFolder() {
   seams_.workspace->reveal(LibraryFolder());
 }
 
-void AppDelegate::chooseLibraryFolder() {}
+void AppDelegate::chooseLibraryFolder() {
+  GtkWidget* dialog = gtk_file_chooser_dialog_new(
+      "Choose Library Folder", gtk_application_get_active_window(application_),
+      GTK_FILE_CHOOSER_ACTION_SELECT_FOLDER, "_Cancel", GTK_RESPONSE_CANCEL, "Use This Folder",
+      GTK_RESPONSE_ACCEPT, nullptr);
+  gtk_window_set_modal(GTK_WINDOW(dialog), TRUE);
+  gtk_file_chooser_set_create_folders(GTK_FILE_CHOOSER(dialog), TRUE);
+  gtk_file_chooser_set_current_folder(GTK_FILE_CHOOSER(dialog), LibraryFolder().c_str());
+  GtkWidget* message = gtk_label_new(
+      "Choose the folder your library's PDFs live in. To move an existing folder, move it in "
+      "Finder, the app follows it.");
+  gtk_label_set_line_wrap(GTK_LABEL(message), TRUE);
+  gtk_file_chooser_set_extra_widget(GTK_FILE_CHOOSER(dialog), message);
+  g_signal_connect(dialog, "response", G_CALLBACK(+[](GtkDialog* d, int response, gpointer data) {
+                     auto* self = static_cast<AppDelegate*>(data);
+                     GCharPtr chosen(response == GTK_RESPONSE_ACCEPT
+                                         ? gtk_file_chooser_get_filename(GTK_FILE_CHOOSER(d))
+                                         : nullptr);
+                     gtk_widget_destroy(GTK_WIDGET(d));
+                     if (!chosen)
+                       return; // cancelled: nothing changes, nothing is logged
+                     // The old folder's files stay where they are; a failed
+                     // bookmark leaves the old folder in force.
+                     StoreLibraryFolderBookmark(chosen.str());
+                     self->store_->startWatching();
+                     SparLog("folder: now %@", chosen.str());
+                   }),
+                   this);
+  gtk_widget_show(dialog);
+}
 
 void AppDelegate::showLibraryWindow() {
   lib_window_->showLibraryWindow();
@@ -222,8 +251,12 @@ void AppDelegate::hideQuickPanel() {
   window_->orderOut();
 }
 
-// Not built yet: file drags and the viewer split.
-void AppDelegate::beginFileDrag(const std::string&, const PageRef&) {}
+void AppDelegate::beginFileDrag(const std::string& path, const PageRef& page) {
+  auto* web_page = dynamic_cast<WebPage*>(page.get());
+  file_drag_.beginFileDrag(path, web_page ? web_page->widget() : web_->widget());
+}
+
+// Not built yet: the viewer split.
 void AppDelegate::openPreviewSplitFor(const std::string&) {}
 
 bool AppDelegate::storeHasAccount() const {
@@ -232,14 +265,35 @@ bool AppDelegate::storeHasAccount() const {
 void AppDelegate::setStoreAccount(const std::string& account) {
   store_->setAccount(account);
 }
-// Not built yet: the library scan.
-void AppDelegate::rescanStore() {}
-
-void AppDelegate::ensureLocal(const std::string&, const std::optional<std::string>&,
-                              const std::optional<std::string>&, LocalCopyCompletion completion) {
-  // Not built yet: downloads. The caller hears that there is no local copy.
-  completion(std::nullopt, std::string("Downloads are not available in this build"));
+void AppDelegate::rescanStore() {
+  store_->rescan();
 }
+
+void AppDelegate::ensureLocal(const std::string& paper_id, const std::optional<std::string>& url,
+                              const std::optional<std::string>& etag,
+                              LocalCopyCompletion completion) {
+  store_->ensureLocal(paper_id, url, etag, std::move(completion));
+}
+
+void AppDelegate::helloFrom(const PageRef& from, const std::string& account) {
+  dispatcher_.helloFrom(from, account);
+}
+
+void AppDelegate::openInPreview(const std::string& path) {
+  std::string name = FileName(path);
+  seams_.workspace->openInViewer(path, [name](ErrorText error) {
+    if (error)
+      SparLog("open: Preview refused %@: %@", name, *error);
+  });
+}
+
+void AppDelegate::revealInFileManager(const std::string& path) {
+  seams_.workspace->reveal(path);
+}
+
+// Not built yet: agent turns.
+void AppDelegate::runClaude(const nlohmann::json&) {}
+void AppDelegate::stopClaude(const nlohmann::json&) {}
 
 std::string AppDelegate::sparFolder() {
   std::string folder = JoinPath(store_->folder(), ".spar");

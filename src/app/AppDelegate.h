@@ -18,6 +18,8 @@
 #include "desktop/Scheduler.h"
 #include "desktop/Screens.h"
 #include "desktop/Workspace.h"
+#include "library/DockDrops.h"
+#include "library/FileDrag.h"
 #include "library/PdfActions.h"
 #include "library/PdfStore.h"
 
@@ -39,7 +41,10 @@ struct DesktopSeams {
 };
 DesktopSeams RealDesktopSeams();
 
-class AppDelegate final : public BridgeHost, public WebViewDelegate, public MenuCommands {
+class AppDelegate final : public BridgeHost,
+                          public PdfActionHost,
+                          public WebViewDelegate,
+                          public MenuCommands {
 public:
   AppDelegate(GtkApplication* application, DesktopSeams seams);
   ~AppDelegate() override;
@@ -84,6 +89,14 @@ public:
   std::string claudePath() const override { return claude_path_.value_or(""); }
   std::string sparFolder() override;
 
+  // PdfActionHost
+  void helloFrom(const PageRef& from, const std::string& account) override;
+  void sendEvent(const Event& event) override { events_.sendEvent(event); }
+  void openInPreview(const std::string& path) override;
+  void revealInFileManager(const std::string& path) override;
+  void runClaude(const nlohmann::json& body) override;
+  void stopClaude(const nlohmann::json& body) override;
+
   // WebViewDelegate
   void didReceiveScriptMessage(const std::string& name, const nlohmann::json& body,
                                WebKitWebView* from) override;
@@ -105,7 +118,8 @@ private:
 
   // Created by init, as containers.
   EventDelivery events_;
-  std::map<std::string, std::string> dock_drops_;
+  DockDrops dock_drops_;
+  FileDrag file_drag_;
 
   MessageDispatcher dispatcher_;
   WebViewFactory factory_;

@@ -1,30 +1,55 @@
 // The library's first look at every page message: the sign-in greeting and
-// the actions on local PDFs.
+// the actions on local PDFs, plus the agent's actions, which it hands on.
 #pragma once
 
+#include "bridge/Event.h"
 #include "bridge/Page.h"
+#include "library/DockDrops.h"
 #include "library/PdfStore.h"
 
 #include <functional>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 
 namespace orvane {
 
+// What the PDF actions need from the desktop and the rest of the program.
+class PdfActionHost {
+public:
+  virtual ~PdfActionHost() = default;
+  virtual void helloFrom(const PageRef& from, const std::string& account) = 0;
+  virtual void sendEvent(const Event& event) = 0;
+  virtual void openInPreview(const std::string& path) = 0;
+  virtual void revealInFileManager(const std::string& path) = 0;
+  virtual void beginFileDrag(const std::string& path, const PageRef& page) = 0;
+  virtual void runClaude(const nlohmann::json& body) = 0;
+  virtual void stopClaude(const nlohmann::json& body) = 0;
+};
+
 class PdfActions {
 public:
-  using HelloHandler = std::function<void(const PageRef& from, const std::string& account)>;
-  PdfActions(PdfStore& store, HelloHandler hello);
+  PdfActions(PdfStore& store, DockDrops& dock_drops, PdfActionHost& host);
 
-  // True when the action was handled here; false sends it on to the
-  // dispatcher's own table. Only "hello" is accepted before sign-in.
+  // True when the action was handled here (also when a missing field made it
+  // do nothing); false sends it on to the dispatcher's own table. Only
+  // "hello" is accepted before sign-in.
   bool handlePdfAction(const std::optional<std::string>& action, const nlohmann::json& body,
                        const PageRef& from);
 
 private:
+  void makeLocal(const std::string& action, const std::string& paper_id,
+                 const std::optional<std::string>& url, const std::optional<std::string>& etag);
+  void dragPdf(const std::string& paper_id, const PageRef& from);
+  void uploadFile(const std::string& paper_id, const nlohmann::json& body);
+  void markSynced(const std::string& paper_id, const nlohmann::json& body);
+  void inboxUpload(const nlohmann::json& body);
+
   PdfStore& store_;
-  HelloHandler hello_;
+  DockDrops& dock_drops_;
+  PdfActionHost& host_;
 };
+
+// A number, or a numeric string read as one; 0 otherwise.
+double NumberMember(const nlohmann::json& body, const char* key);
 
 } // namespace orvane

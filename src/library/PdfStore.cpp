@@ -3,6 +3,7 @@
 #include "app/Paths.h"
 #include "app/SparLog.h"
 #include "library/LibraryFolder.h"
+#include "library/PdfFiles.h"
 
 #include <glib/gstdio.h>
 
@@ -21,6 +22,19 @@ std::string SanitisedAccount(const std::string& name) {
   return kept.empty() ? "default" : kept;
 }
 
+bool IsUsablePaperId(const std::string& paper_id) {
+  return !paper_id.empty() && paper_id.find('\0') == std::string::npos;
+}
+
+PdfStore::PdfStore(Scheduler& scheduler)
+    : scheduler_(scheduler),
+      watch_(scheduler, [this](const std::vector<FolderEvent>& batch) { storeEvents(batch); }) {}
+
+PdfStore::~PdfStore() {
+  for (const auto& [path, timer] : settle_)
+    scheduler_.cancel(timer);
+}
+
 void PdfStore::setAccount(const std::string& name) {
   std::string account = SanitisedAccount(name);
   if (account_ && *account_ == account)
@@ -28,11 +42,146 @@ void PdfStore::setAccount(const std::string& name) {
   account_ = account;
   std::string path = folder();
   g_mkdir_with_parents(path.c_str(), 0755);
+  startWatching();
   SparLog("pdfs: folder %@", path);
 }
 
 std::string PdfStore::folder() const {
   return JoinPath(LibraryFolder(), account_.value_or(""));
+}
+
+std::string PdfStore::pathFor(const std::string& paper_id) const {
+  std::string name = paper_id;
+  for (char& c : name)
+    if (c == '/')
+      c = '_';
+  return JoinPath(folder(), name + ".pdf");
+}
+
+std::string PdfStore::sidecarFor(const std::string& pdf_path) {
+  size_t slash = pdf_path.rfind('/');
+  std::string dir = slash == std::string::npos ? "" : pdf_path.substr(0, slash + 1);
+  return dir + "." + FileName(pdf_path) + ".synced";
+}
+
+std::optional<nlohmann::json> PdfStore::sidecarAt(const std::string& pdf_path) {
+  gchar* text = nullptr;
+  gsize length = 0;
+  if (!g_file_get_contents(sidecarFor(pdf_path).c_str(), &text, &length, nullptr))
+    return std::nullopt;
+  nlohmann::json json = nlohmann::json::parse(text, text + length, nullptr, false);
+  g_free(text);
+  if (!json.is_object())
+    return std::nullopt;
+  return json;
+}
+
+namespace {
+std::optional<std::string> SidecarString(const std::optional<nlohmann::json>& sidecar,
+                                         const char* key) {
+  if (!sidecar)
+    return std::nullopt;
+  auto found = sidecar->find(key);
+  if (found == sidecar->end() || !found->is_string())
+    return std::nullopt;
+  return found->get<std::string>();
+}
+} // namespace
+
+void PdfStore::markSynced(const std::string& pdf_path, const std::string& paper_id,
+                          const std::optional<std::string>& etag, double mtime) {
+  std::string sidecar = sidecarFor(pdf_path);
+  nlohmann::json record = {{"id", paper_id}, {"etag", etag.value_or("")}};
+  WriteFileAtomically(sidecar,
+                      record.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+  SetMTime(sidecar, mtime);
+}
+
+bool PdfStore::hasUnsyncedEdits(const std::string& pdf_path) {
+  std::string sidecar = sidecarFor(pdf_path);
+  if (!FileExists(sidecar))
+    return false;
+  double synced = MTime(sidecar);
+  if (!(synced > 0))
+    return false;
+  return MTime(pdf_path) > synced + kEditTolerance;
+}
+
+// Watching ------------------------------------------------------------------
+
+void PdfStore::startWatching() {
+  if (!account_)
+    return;
+  std::string path = folder();
+  g_mkdir_with_parents(path.c_str(), 0755);
+  watch_.stop();
+  watching_ = watch_.start(path, LibraryFolder());
+  if (!watching_)
+    SparLog("pdfs: could not watch %@", path);
+}
+
+void PdfStore::storeEvents(const std::vector<FolderEvent>& batch) {
+  for (const FolderEvent& event : batch) {
+    if (event.root_changed) {
+      SparLog("pdfs: folder moved — now %@", folder());
+      startWatching();
+      continue;
+    }
+    fileTouched(event.path);
+  }
+}
+
+void PdfStore::fileTouched(const std::string& path) {
+  if (LowerExtension(path) != "pdf")
+    return;
+  auto id = SidecarString(sidecarAt(path), "id");
+  if (id && busy_.count(*id))
+    return;
+  auto pending = settle_.find(path);
+  if (pending != settle_.end())
+    scheduler_.cancel(pending->second);
+  settle_[path] = scheduler_.after(kSettleDelay, [this, path] { settled(path); });
+}
+
+void PdfStore::settled(const std::string& path) {
+  settle_.erase(path);
+  auto id = SidecarString(sidecarAt(path), "id");
+  if (!id)
+    return;
+  if (busy_.count(*id) || !hasUnsyncedEdits(path))
+    return;
+  if (!CompletePdf(path)) {
+    SparLog("pdfs: %@ not a complete PDF yet", FileName(path));
+    return;
+  }
+  SparLog("pdfs: %@ edited (mtime %.0f > sidecar %.0f)", FileName(path), MTime(path),
+          MTime(sidecarFor(path)));
+  reportChange(*id, path);
+}
+
+void PdfStore::reportChange(const std::string& id, const std::string& path) {
+  if (on_change_)
+    on_change_(id, FileSize(path), MTime(path));
+}
+
+void PdfStore::rescan() {
+  std::string path = folder();
+  GDir* dir = g_dir_open(path.c_str(), 0, nullptr);
+  if (!dir)
+    return;
+  while (const char* name = g_dir_read_name(dir)) {
+    if (LowerExtension(name) != "pdf")
+      continue;
+    std::string pdf = JoinPath(path, name);
+    auto id = SidecarString(sidecarAt(pdf), "id");
+    if (!id || busy_.count(*id))
+      continue;
+    if (hasUnsyncedEdits(pdf) && CompletePdf(pdf)) {
+      SparLog("pdfs: %@ has unsynced edits from earlier", std::string(name));
+      reportChange(*id, pdf);
+    }
+  }
+  g_dir_close(dir);
 }
 
 } // namespace orvane

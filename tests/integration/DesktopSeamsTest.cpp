@@ -29,8 +29,9 @@ TEST(DBusMessageBusTest, SignalPostedByOneProcessPartReachesASubscriber) {
   std::vector<std::string> received;
   ASSERT_TRUE(receiver.subscribe("com.tarnwick.orvane.spar",
                                  [&](const std::string& object) { received.push_back(object); }));
-  ASSERT_TRUE(receiver.subscribe("com.tarnwick.orvane.tile",
-                                 [&](const std::string& object) { received.push_back("tile " + object); }));
+  ASSERT_TRUE(receiver.subscribe("com.tarnwick.orvane.tile", [&](const std::string& object) {
+    received.push_back("tile " + object);
+  }));
 
   // A second connection, as another process would have.
   GDBusConnection* sender = g_dbus_connection_new_for_address_sync(
@@ -83,12 +84,11 @@ protected:
     Register(data, "test-viewer", "application/pdf;", "%f");
     Register(data, "test-other-viewer", "application/pdf;", "%f");
     Register(data, "test-files", "inode/directory;", "%u");
-    TempDir::WriteFile(config + "/mimeapps.list",
-                       "[Default Applications]\n"
-                       "x-scheme-handler/http=test-browser.desktop\n"
-                       "x-scheme-handler/https=test-browser.desktop\n"
-                       "application/pdf=test-viewer.desktop\n"
-                       "inode/directory=test-files.desktop\n");
+    TempDir::WriteFile(config + "/mimeapps.list", "[Default Applications]\n"
+                                                  "x-scheme-handler/http=test-browser.desktop\n"
+                                                  "x-scheme-handler/https=test-browser.desktop\n"
+                                                  "application/pdf=test-viewer.desktop\n"
+                                                  "inode/directory=test-files.desktop\n");
     RegisterDefaultSettings();
   }
 
@@ -104,7 +104,8 @@ protected:
   }
 
   static std::vector<std::string> Calls(const std::string& name) {
-    std::string text = TempDir::Read(std::string(g_getenv("XDG_DATA_HOME")) + "/" + name + ".calls");
+    std::string text =
+        TempDir::Read(std::string(g_getenv("XDG_DATA_HOME")) + "/" + name + ".calls");
     std::vector<std::string> lines;
     size_t start = 0;
     while (start < text.size()) {

@@ -92,7 +92,8 @@ TEST(AccountTest, NamesAreLowerCasedAndReduced) {
 
 TEST(AccountTest, SameAccountTwiceLogsOnlyOnce) {
   LogCapture log;
-  PdfStore store;
+  VirtualScheduler scheduler;
+  PdfStore store(scheduler);
   EXPECT_EQ(store.account(), std::nullopt);
   store.setAccount("Demo");
   store.setAccount("demo");

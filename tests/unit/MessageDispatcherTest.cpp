@@ -17,12 +17,20 @@ using ::testing::IsEmpty;
 
 // The rest of the program as the bridge sees it, with a real store and the
 // real library gate, recording every call it receives.
-class RecordingHost final : public BridgeHost {
+class RecordingHost final : public BridgeHost, public PdfActionHost {
 public:
   RecordingHost()
-      : actions(store, [this](const PageRef& from, const std::string& account) {
-          dispatcher->helloFrom(from, account);
-        }) {}
+      : store(scheduler), drops([this](const Event& e) { events->sendEvent(e); }),
+        actions(store, drops, *this) {}
+
+  void helloFrom(const PageRef& from, const std::string& account) override {
+    dispatcher->helloFrom(from, account);
+  }
+  void sendEvent(const Event& event) override { events->sendEvent(event); }
+  void openInPreview(const std::string& path) override { calls.push_back("preview " + path); }
+  void revealInFileManager(const std::string& path) override { calls.push_back("reveal " + path); }
+  void runClaude(const json&) override { calls.push_back("runClaude"); }
+  void stopClaude(const json&) override { calls.push_back("stopClaude"); }
 
   bool handlePdfAction(const std::optional<std::string>& action, const json& body,
                        const PageRef& from) override {
@@ -55,7 +63,9 @@ public:
   std::string claudePath() const override { return "/opt/claude"; }
   std::string sparFolder() override { return store.folder() + "/.spar"; }
 
+  VirtualScheduler scheduler;
   PdfStore store;
+  DockDrops drops;
   PdfActions actions;
   MessageDispatcher* dispatcher = nullptr;
   EventDelivery* events = nullptr;

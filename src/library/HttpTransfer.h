@@ -1,0 +1,40 @@
+// Streaming HTTP transfers with libsoup, each on a thread of its own so that
+// neither a slow server nor a large file touches the main loop. Results come
+// back on the main loop. Memory stays flat whatever the file's size: bytes
+// move through one fixed buffer.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace orvane {
+
+struct TransferResult {
+  // A transport error's text (no response, a cut connection...), else nothing.
+  std::optional<std::string> error;
+  long status = 0;  // the final HTTP status, 0 without a response
+  std::string body; // the response body (uploads only)
+};
+
+// GET `url`, following redirects, into `file` (created or truncated). The
+// body is written only when the status is exactly 200.
+void DownloadToFile(const std::string& url, const std::string& file,
+                    std::function<void(TransferResult)> done);
+
+struct UploadRequest {
+  std::string url;
+  std::string file;
+  std::vector<std::pair<std::string, std::string>> headers; // besides Content-Type
+  std::string content_type = "application/pdf";
+  unsigned timeout_seconds = 300;
+};
+
+// PUT with the file as the body, streamed from disk.
+void UploadFromFile(const UploadRequest& request, std::function<void(TransferResult)> done);
+
+// A plain GET of a small resource into memory.
+void FetchBytes(const std::string& url, std::function<void(TransferResult)> done);
+
+} // namespace orvane

@@ -1,0 +1,184 @@
+// A real HTTP server on loopback for tests, on a thread and main context of
+// its own, answering through a handler the test gives. It records every
+// request it receives.
+#pragma once
+
+#include <arpa/inet.h>
+#include <libsoup/soup.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace orvane {
+
+struct HttpRequest {
+  std::string method;
+  std::string path;
+  std::map<std::string, std::string> headers;
+  std::string body;
+};
+
+struct HttpReply {
+  int status = 200;
+  std::string body;
+  std::string content_type = "application/octet-stream";
+  std::map<std::string, std::string> headers;
+};
+
+class TestHttpServer {
+public:
+  using Handler = std::function<void(const HttpRequest&, HttpReply&)>;
+
+  explicit TestHttpServer(Handler handler) : handler_(std::move(handler)) {
+    context_ = g_main_context_new();
+    loop_ = g_main_loop_new(context_, FALSE);
+    g_main_context_push_thread_default(context_);
+    server_ = soup_server_new(nullptr, nullptr);
+    soup_server_add_handler(server_, nullptr, &TestHttpServer::Serve, this, nullptr);
+    soup_server_listen_local(server_, 0, SOUP_SERVER_LISTEN_IPV4_ONLY, nullptr);
+    GSList* uris = soup_server_get_uris(server_);
+    if (uris) {
+      port_ = g_uri_get_port(static_cast<GUri*>(uris->data));
+    }
+    g_slist_free_full(uris, reinterpret_cast<GDestroyNotify>(g_uri_unref));
+    g_main_context_pop_thread_default(context_);
+    thread_ = std::thread([this] {
+      g_main_context_push_thread_default(context_);
+      g_main_loop_run(loop_);
+      g_main_context_pop_thread_default(context_);
+    });
+  }
+
+  ~TestHttpServer() {
+    g_main_context_invoke(
+        context_,
+        [](gpointer loop) -> gboolean {
+          g_main_loop_quit(static_cast<GMainLoop*>(loop));
+          return G_SOURCE_REMOVE;
+        },
+        loop_);
+    thread_.join();
+    g_main_context_push_thread_default(context_);
+    soup_server_disconnect(server_);
+    g_object_unref(server_);
+    g_main_context_pop_thread_default(context_);
+    g_main_loop_unref(loop_);
+    g_main_context_unref(context_);
+  }
+
+  std::string url(const std::string& path) const {
+    return "http://127.0.0.1:" + std::to_string(port_) + path;
+  }
+  std::vector<HttpRequest> requests() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return requests_;
+  }
+  size_t requestCount() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return requests_.size();
+  }
+
+private:
+  static void Serve(SoupServer*, SoupServerMessage* message, const char* path, GHashTable*,
+                    gpointer data) {
+    auto* self = static_cast<TestHttpServer*>(data);
+    HttpRequest request;
+    request.method = soup_server_message_get_method(message);
+    request.path = path;
+    SoupMessageHeadersIter iter;
+    soup_message_headers_iter_init(&iter, soup_server_message_get_request_headers(message));
+    const char* name;
+    const char* value;
+    while (soup_message_headers_iter_next(&iter, &name, &value)) {
+      std::string key = name;
+      for (char& c : key)
+        c = g_ascii_tolower(c);
+      request.headers[key] = value;
+    }
+    SoupMessageBody* body = soup_server_message_get_request_body(message);
+    if (body && body->length > 0) {
+      GBytes* bytes = soup_message_body_flatten(body);
+      gsize size = 0;
+      auto* chunk = static_cast<const char*>(g_bytes_get_data(bytes, &size));
+      request.body.assign(chunk, size);
+      g_bytes_unref(bytes);
+    }
+    HttpReply reply;
+    self->handler_(request, reply);
+    {
+      std::lock_guard<std::mutex> lock(self->mutex_);
+      self->requests_.push_back(request);
+    }
+    for (const auto& [key, header] : reply.headers)
+      soup_message_headers_replace(soup_server_message_get_response_headers(message), key.c_str(),
+                                   header.c_str());
+    soup_server_message_set_status(message, reply.status, nullptr);
+    soup_server_message_set_response(message, reply.content_type.c_str(), SOUP_MEMORY_COPY,
+                                     reply.body.data(), reply.body.size());
+  }
+
+  Handler handler_;
+  GMainContext* context_;
+  GMainLoop* loop_;
+  SoupServer* server_;
+  std::thread thread_;
+  int port_ = 0;
+  mutable std::mutex mutex_;
+  std::vector<HttpRequest> requests_;
+};
+
+// A server that promises a body and hangs up halfway through it.
+class CuttingServer {
+public:
+  CuttingServer(size_t promised, std::string sent) {
+    listener_ = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    listen(listener_, 4);
+    socklen_t length = sizeof address;
+    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this, promised, sent] {
+      int client = accept(listener_, nullptr, nullptr);
+      if (client < 0)
+        return;
+      char buffer[4096];
+      std::string head;
+      while (head.find("\r\n\r\n") == std::string::npos) {
+        ssize_t n = read(client, buffer, sizeof buffer);
+        if (n <= 0)
+          break;
+        head.append(buffer, size_t(n));
+      }
+      std::string reply = "HTTP/1.1 200 OK\r\nContent-Type: application/pdf\r\nContent-Length: " +
+                          std::to_string(promised) + "\r\nConnection: close\r\n\r\n" + sent;
+      ssize_t written = write(client, reply.data(), reply.size());
+      (void)written;
+      close(client);
+    });
+  }
+  ~CuttingServer() {
+    shutdown(listener_, SHUT_RDWR);
+    close(listener_);
+    thread_.join();
+  }
+  std::string url(const std::string& path) const {
+    return "http://127.0.0.1:" + std::to_string(port_) + path;
+  }
+
+private:
+  int listener_ = -1;
+  int port_ = 0;
+  std::thread thread_;
+};
+
+} // namespace orvane

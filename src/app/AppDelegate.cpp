@@ -99,6 +99,11 @@ void AppDelegate::applicationDidFinishLaunching() {
     EnsureServer(SiteAddress(), ProjectDirectory());
   });
 
+  // The sparring window's operations; its window is made on first use.
+  spar_ = std::make_unique<SparringWindow>(SparringWindow::Context{
+      application_, factory_, events_, *lib_window_, *window_, web_, *seams_.screens,
+      [this] { showLibraryWindow(); }, [this] { quick_panel_->showPanel(); }});
+
   // 12. The first window: the panel when a capture hand-off waits.
   if (g_file_test(HandoffFile("selection.txt").c_str(), G_FILE_TEST_EXISTS))
     quick_panel_->showPanel();
@@ -128,10 +133,12 @@ void AppDelegate::openFiles(const std::vector<std::string>& paths) {
   showLibraryWindow();
 }
 
-// Not built yet: quotes, the sparring window and window placement arrive
-// with their subsystems; until then these notifications change nothing.
+// Not built yet: quotes and window placement arrive with their subsystems;
+// until then these notifications change nothing.
 void AppDelegate::quoteArrived(const std::string&) {}
-void AppDelegate::sparRequested(const std::string&) {}
+void AppDelegate::sparRequested(const std::string& object) {
+  spar_->sparRequested(object);
+}
 void AppDelegate::tileRequested(const std::string&) {}
 void AppDelegate::placeRequested(const std::string&) {}
 
@@ -243,9 +250,12 @@ bool AppDelegate::handlePdfAction(const std::optional<std::string>& action,
   return pdf_actions_->handlePdfAction(action, body, from);
 }
 
-// Not built yet: the sparring window.
-void AppDelegate::openSparWindowFor(const std::string&) {}
-void AppDelegate::closeSparWindow() {}
+void AppDelegate::openSparWindowFor(const std::string& paper_id) {
+  spar_->openSparWindowFor(paper_id);
+}
+void AppDelegate::closeSparWindow() {
+  spar_->closeSparWindow();
+}
 
 void AppDelegate::hideQuickPanel() {
   window_->orderOut();
@@ -302,7 +312,7 @@ std::string AppDelegate::sparFolder() {
 }
 
 PageRef AppDelegate::pageFor(WebKitWebView* view) const {
-  for (const auto& page : {lib_web_, web_, spar_web_})
+  for (const auto& page : {lib_web_, web_, spar_ ? spar_->sparWeb() : nullptr})
     if (page && page->view() == view)
       return page;
   return nullptr;

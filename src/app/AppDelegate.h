@@ -5,6 +5,7 @@
 // of the menu commands.
 #pragma once
 
+#include "agent/SparringWindow.h"
 #include "app/LibraryWindow.h"
 #include "app/MainMenu.h"
 #include "app/WebViewFactory.h"
@@ -133,7 +134,7 @@ private:
   std::shared_ptr<WebPage> web_;
   std::unique_ptr<PanelWindow> window_;
   std::unique_ptr<QuickPanel> quick_panel_;
-  std::shared_ptr<WebPage> spar_web_;
+  std::unique_ptr<SparringWindow> spar_;
 };
 
 } // namespace orvane

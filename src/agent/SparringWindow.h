@@ -1,0 +1,69 @@
+// The sparring window: agent conversations about one paper, in a window of
+// its own that shows the site's sparring page. Made once, hidden on close
+// and reused; closing it returns to the window the user came from.
+#pragma once
+
+#include "app/LibraryWindow.h"
+#include "app/WebViewFactory.h"
+#include "bridge/EventDelivery.h"
+#include "capture/PanelWindow.h"
+#include "desktop/Screens.h"
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace orvane {
+
+inline constexpr int kSparMinWidth = 900;
+inline constexpr int kSparMinHeight = 600;
+inline constexpr char kSparTitle[] = "Agent sparring mode";
+
+// "<base>/?sparwin=1#spar/<id>" with the id percent-encoded for a path.
+std::string SparAddress(const std::string& site_address, const std::string& paper_id);
+// The visible frame inset by 5 % of its width on each side and 5 % of its
+// height at the top and bottom.
+Rect SparTargetFrame(const Rect& visible_frame);
+
+class SparringWindow {
+public:
+  struct Context {
+    GtkApplication* application;
+    WebViewFactory& factory;
+    EventDelivery& events;
+    LibraryWindow& library;
+    PanelWindow& panel;
+    std::shared_ptr<WebPage> panel_page;
+    const Screens& screens;
+    std::function<void()> show_library;
+    std::function<void()> show_panel;
+  };
+  explicit SparringWindow(Context context);
+  ~SparringWindow();
+  SparringWindow(const SparringWindow&) = delete;
+  SparringWindow& operator=(const SparringWindow&) = delete;
+
+  void openSparWindowFor(const std::string& paper_id);
+  void closeSparWindow();
+  // The bus notification: its object is the paper id.
+  void sparRequested(const std::string& object);
+
+  const std::shared_ptr<WebPage>& sparWeb() const { return spar_web_; }
+  GtkWindow* gtkWindow() const { return window_; }
+  bool isVisible() const;
+  bool isFullScreen() const { return full_screen_; }
+  bool sparFromLibrary() const { return spar_from_library_; }
+
+private:
+  void create(const Rect& frame);
+  std::optional<Screen> screenOf(GtkWindow* window) const;
+
+  Context context_;
+  GtkWindow* window_ = nullptr;
+  std::shared_ptr<WebPage> spar_web_;
+  bool spar_from_library_ = false;
+  bool full_screen_ = false;
+};
+
+} // namespace orvane

@@ -3,7 +3,7 @@
 BUILD_DIR := build
 ASAN_DIR := build-asan
 
-.PHONY: all deps build run test unit-asan format clean
+.PHONY: all deps build run test unit-asan bench format clean
 
 all: build
 
@@ -29,6 +29,11 @@ unit-asan: deps
 		-DORVANE_E2E=OFF >/dev/null
 	@cmake --build $(ASAN_DIR) --target orvane_unit_tests
 	cd $(ASAN_DIR) && ASAN_OPTIONS=detect_leaks=0 ctest --output-on-failure
+
+# Benchmarks print figures against floors measured in the same run.
+bench: build
+	@cmake --build $(BUILD_DIR) --target orvane_library_bench
+	$(BUILD_DIR)/orvane_library_bench
 
 format:
 	clang-format -i $$(git ls-files 'src/*.cpp' 'src/*.h' 'tests/*.cpp' 'tests/*.h' 'bench/*.cpp')

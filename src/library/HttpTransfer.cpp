@@ -14,7 +14,7 @@ namespace orvane {
 
 namespace {
 
-constexpr size_t kBufferSize = 256 * 1024;
+constexpr size_t kBufferSize = 1024 * 1024;
 
 GObjectPtr<SoupSession> NewSession(unsigned timeout_seconds) {
   // One session per transfer thread: libsoup sessions are used from the

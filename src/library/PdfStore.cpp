@@ -5,7 +5,10 @@
 #include "library/LibraryFolder.h"
 #include "library/PdfFiles.h"
 
+#include <fcntl.h>
 #include <glib/gstdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace orvane {
 
@@ -64,16 +67,47 @@ std::string PdfStore::sidecarFor(const std::string& pdf_path) {
   return dir + "." + FileName(pdf_path) + ".synced";
 }
 
+namespace {
+// A sidecar read in one go: its parsed contents and its own time, from one
+// open file, so that a scan of thousands of PDFs stays close to the cost of
+// merely looking at them.
+struct SidecarRecord {
+  bool exists = false;
+  double mtime = 0;
+  std::optional<nlohmann::json> json;
+};
+
+SidecarRecord ReadSidecar(const std::string& sidecar) {
+  SidecarRecord record;
+  int fd = open(sidecar.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0)
+    return record;
+  struct stat info;
+  if (fstat(fd, &info) == 0) {
+    record.exists = true;
+    record.mtime = double(info.st_mtim.tv_sec) + double(info.st_mtim.tv_nsec) / 1e9;
+    std::string text(size_t(info.st_size), '\0');
+    ssize_t length = info.st_size > 0 ? pread(fd, text.data(), text.size(), 0) : 0;
+    if (length >= 0) {
+      text.resize(size_t(length));
+      nlohmann::json json = nlohmann::json::parse(text, nullptr, false);
+      if (json.is_object())
+        record.json = std::move(json);
+    }
+  }
+  close(fd);
+  return record;
+}
+
+bool EditedSince(const std::string& pdf_path, bool sidecar_exists, double sidecar_mtime) {
+  if (!sidecar_exists || !(sidecar_mtime > 0))
+    return false;
+  return MTime(pdf_path) > sidecar_mtime + kEditTolerance;
+}
+} // namespace
+
 std::optional<nlohmann::json> PdfStore::sidecarAt(const std::string& pdf_path) {
-  gchar* text = nullptr;
-  gsize length = 0;
-  if (!g_file_get_contents(sidecarFor(pdf_path).c_str(), &text, &length, nullptr))
-    return std::nullopt;
-  nlohmann::json json = nlohmann::json::parse(text, text + length, nullptr, false);
-  g_free(text);
-  if (!json.is_object())
-    return std::nullopt;
-  return json;
+  return ReadSidecar(sidecarFor(pdf_path)).json;
 }
 
 namespace {
@@ -99,12 +133,11 @@ void PdfStore::markSynced(const std::string& pdf_path, const std::string& paper_
 
 bool PdfStore::hasUnsyncedEdits(const std::string& pdf_path) {
   std::string sidecar = sidecarFor(pdf_path);
-  if (!FileExists(sidecar))
+  struct stat info;
+  if (stat(sidecar.c_str(), &info) != 0)
     return false;
-  double synced = MTime(sidecar);
-  if (!(synced > 0))
-    return false;
-  return MTime(pdf_path) > synced + kEditTolerance;
+  return EditedSince(pdf_path, true,
+                     double(info.st_mtim.tv_sec) + double(info.st_mtim.tv_nsec) / 1e9);
 }
 
 // Watching ------------------------------------------------------------------
@@ -173,10 +206,11 @@ void PdfStore::rescan() {
     if (LowerExtension(name) != "pdf")
       continue;
     std::string pdf = JoinPath(path, name);
-    auto id = SidecarString(sidecarAt(pdf), "id");
+    SidecarRecord sidecar = ReadSidecar(sidecarFor(pdf));
+    auto id = SidecarString(sidecar.json, "id");
     if (!id || busy_.count(*id))
       continue;
-    if (hasUnsyncedEdits(pdf) && CompletePdf(pdf)) {
+    if (EditedSince(pdf, sidecar.exists, sidecar.mtime) && CompletePdf(pdf)) {
       SparLog("pdfs: %@ has unsynced edits from earlier", std::string(name));
       reportChange(*id, pdf);
     }

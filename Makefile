@@ -18,6 +18,7 @@ build: deps $(BUILD_DIR)/build.ninja
 	@scripts/prepare-site-venv.sh
 
 run: build
+	@scripts/install-desktop-file.sh
 	$(BUILD_DIR)/orvane
 
 test: build unit-asan

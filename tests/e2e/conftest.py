@@ -1,0 +1,130 @@
+"""pytest fixtures for Orvane's end-to-end tests.
+
+- `desktop`   one private desktop (bus, Xvfb, openbox) for the whole session
+- `home`      a throwaway HOME per test, with the fixture browser and PDF viewer
+              registered and ProjectDir pointing at a folder that does not exist
+              (so a failed probe never starts a real site)
+- `site`      the fixture site on 127.0.0.1 (a free port)
+- `make_site` more fixture sites, e.g. make_site("127.0.0.2")
+- `launch`    start Orvane in the test's home: launch("--arg", ...) -> Orvane;
+              every process started is ended at teardown, even on failure
+
+On a failed test, a screenshot of the desktop, the activity log, Orvane's
+console output and the sites' request logs are kept under
+$ORVANE_E2E_ARTIFACTS (default: /tmp/orvane-e2e-artifacts/<test name>/).
+"""
+
+from __future__ import annotations
+
+import os
+import re
+import shutil
+import sys
+import warnings
+from pathlib import Path
+
+import pytest
+
+sys.path.insert(0, str(Path(__file__).resolve().parent))
+
+from harness import Desktop, FixtureSite, Home, Orvane, become_subreaper, reap_orphans  # noqa: E402
+
+ARTIFACTS = Path(os.environ.get("ORVANE_E2E_ARTIFACTS", "/tmp/orvane-e2e-artifacts"))
+
+
+def pytest_configure(config):
+    # Orphans of the processes under test come back to us to be reaped.
+    become_subreaper()
+
+
+@pytest.fixture(autouse=True)
+def _reap_orphans():
+    yield
+    reap_orphans()
+
+
+@pytest.fixture(scope="session")
+def desktop():
+    d = Desktop().start()
+    try:
+        yield d
+    finally:
+        leftovers = d.stop()
+        if leftovers:
+            warnings.warn(f"processes left on the test desktop had to be ended: {leftovers}")
+
+
+@pytest.fixture
+def home(tmp_path, desktop):
+    h = Home(tmp_path / "home", desktop)
+    h.install_fixture_apps()
+    h.write_settings(ProjectDir=str(tmp_path / "no-such-project"))
+    yield h
+    stragglers = h.end_processes()
+    if stragglers:
+        warnings.warn(f"processes running with the test HOME had to be ended: {stragglers}")
+
+
+@pytest.fixture
+def make_site(request):
+    sites: list[FixtureSite] = []
+
+    def _make(host: str = "127.0.0.1", port: int = 0) -> FixtureSite:
+        s = FixtureSite(host, port).start()
+        sites.append(s)
+        return s
+
+    request.node._fixture_sites = sites
+    yield _make
+    errors = [(r.href, r.data) for s in sites for r in s.errors()]
+    for s in sites:
+        s.stop()
+    if errors:
+        # A broken fixture page would make every check built on it meaningless.
+        pytest.fail(f"fixture pages reported script errors: {errors}")
+
+
+@pytest.fixture
+def site(make_site):
+    return make_site("127.0.0.1")
+
+
+@pytest.fixture
+def launch(home, desktop, request):
+    started: list[Orvane] = []
+
+    def _launch(*args: str) -> Orvane:
+        o = Orvane(home, desktop, args)
+        started.append(o)
+        return o.start()
+
+    request.node._orvanes = started
+    yield _launch
+    for o in started:
+        o.stop()
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item, call):
+    outcome = yield
+    report = outcome.get_result()
+    if report.when != "call" or not report.failed:
+        return
+    funcargs = getattr(item, "funcargs", {})
+    if "desktop" not in funcargs:
+        return
+    folder = ARTIFACTS / re.sub(r"[^A-Za-z0-9_.-]+", "_", item.name)
+    try:
+        shutil.rmtree(folder, ignore_errors=True)
+        folder.mkdir(parents=True, exist_ok=True)
+        funcargs["desktop"].screenshot(folder / "screen.png")
+        h = funcargs.get("home")
+        if h is not None and h.log_path.exists():
+            shutil.copy(h.log_path, folder / "Orvane.log")
+        for n, o in enumerate(getattr(item, "_orvanes", [])):
+            (folder / f"orvane-{n}.out").write_text(o.output())
+        for n, s in enumerate(getattr(item, "_fixture_sites", [])):
+            (folder / f"site-{n}.txt").write_text(s.describe())
+        report.sections.append(("e2e artifacts", f"kept in {folder}"))
+    except Exception as exc:  # a failed screenshot must not hide the real failure
+        report.sections.append(("e2e artifacts", f"could not be saved: {exc!r}"))

@@ -1,0 +1,1337 @@
+"""End-to-end harness for Orvane.
+
+Everything here is real: an Xvfb display with the openbox window manager and a
+private D-Bus session bus (`Desktop`), a throwaway home directory with fixture
+"browser" and "PDF viewer" applications registered as the defaults (`Home`),
+loopback HTTP servers that serve fixture pages and record what those pages see
+(`FixtureSite`), and the built `orvane` binary itself (`Orvane`).
+
+Processes are ended only by the pids and process groups this module created.
+Waits are polls with generous time-outs that return as soon as the condition
+holds; no timing is ever asserted.
+"""
+
+from __future__ import annotations
+
+import contextlib
+import json
+import os
+import re
+import select
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import threading
+import time
+import urllib.parse
+from dataclasses import dataclass, field
+from http import HTTPStatus
+from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
+from pathlib import Path
+from typing import Any, Callable, Iterable
+
+E2E_DIR = Path(__file__).resolve().parent
+REPO_ROOT = E2E_DIR.parents[1]
+FIXTURES = E2E_DIR / "fixtures"
+SITE_ROOT = FIXTURES / "site"
+RECORDER = FIXTURES / "bin" / "record_call.py"
+PYTHON = "/usr/bin/python3"
+
+APP_ID = "com.tarnwick.orvane"
+DEFAULT_TIMEOUT = 20.0
+
+BROWSER_DESKTOP_ID = "orvane-e2e-browser.desktop"
+VIEWER_DESKTOP_ID = "orvane-e2e-pdfviewer.desktop"
+
+# Variables that would leak the developer's own session into the children.
+_SESSION_VARS = (
+    "DISPLAY",
+    "WAYLAND_DISPLAY",
+    "DBUS_SESSION_BUS_ADDRESS",
+    "SESSION_MANAGER",
+    "DESKTOP_SESSION",
+    "GNOME_DESKTOP_SESSION_ID",
+    "GTK_MODULES",
+    "GIO_LAUNCHED_DESKTOP_FILE",
+    "GIO_LAUNCHED_DESKTOP_FILE_PID",
+    "GDK_SCALE",
+    "GDK_DPI_SCALE",
+    "WEBKIT_DISABLE_COMPOSITING_MODE",
+)
+
+
+# --------------------------------------------------------------------------
+# small utilities
+
+
+class WaitTimeout(AssertionError):
+    """A polled condition did not hold within its time-out."""
+
+
+def wait_until(
+    condition: Callable[[], Any],
+    timeout: float = DEFAULT_TIMEOUT,
+    interval: float = 0.05,
+    what: str = "condition",
+) -> Any:
+    """Poll `condition` until it returns something truthy and return that.
+
+    Raises WaitTimeout (an AssertionError, so pytest shows it as a failed
+    expectation) when the time-out passes first.
+    """
+    deadline = time.monotonic() + timeout
+    last_error: BaseException | None = None
+    while True:
+        try:
+            value = condition()
+            if value:
+                return value
+            last_error = None
+        except (OSError, ValueError) as exc:  # files not there yet, half-written JSON
+            last_error = exc
+        if time.monotonic() >= deadline:
+            detail = f" (last error: {last_error!r})" if last_error else ""
+            raise WaitTimeout(f"timed out after {timeout:g}s waiting for {what}{detail}")
+        time.sleep(interval)
+
+
+def holds_for(condition: Callable[[], Any], seconds: float = 1.0, interval: float = 0.05) -> bool:
+    """True when `condition` stays truthy for the whole period.
+
+    Used only for "nothing else happens" checks, where some settling time is
+    unavoidable; it returns False as soon as the condition breaks.
+    """
+    deadline = time.monotonic() + seconds
+    while time.monotonic() < deadline:
+        if not condition():
+            return False
+        time.sleep(interval)
+    return bool(condition())
+
+
+def clean_base_env() -> dict[str, str]:
+    """The current environment without the variables of the caller's desktop
+    session, without XDG_* (so every XDG default falls under HOME) and without
+    proxy settings (all traffic in these tests is loopback)."""
+    env = {}
+    for key, value in os.environ.items():
+        if key.startswith("XDG_") or key in _SESSION_VARS:
+            continue
+        if key.lower() in ("http_proxy", "https_proxy", "all_proxy", "ftp_proxy", "no_proxy"):
+            continue
+        env[key] = value
+    env.setdefault("LANG", "C.UTF-8")
+    return env
+
+
+def port_is_free(host: str, port: int) -> bool:
+    """True when nothing listens on host:port and we could bind it."""
+    with contextlib.closing(socket.socket(socket.AF_INET, socket.SOCK_STREAM)) as probe:
+        probe.settimeout(0.5)
+        if probe.connect_ex((host, port)) == 0:
+            return False
+    with contextlib.closing(socket.socket(socket.AF_INET, socket.SOCK_STREAM)) as sock:
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        try:
+            sock.bind((host, port))
+        except OSError:
+            return False
+    return True
+
+
+def pid_alive(pid: int) -> bool:
+    try:
+        os.kill(pid, 0)
+    except ProcessLookupError:
+        return False
+    except PermissionError:
+        return True
+    # A zombie still answers kill(0); treat it as gone.
+    try:
+        with open(f"/proc/{pid}/stat", "rb") as fh:
+            state = fh.read().rsplit(b")", 1)[1].split()[0]
+        return state != b"Z"
+    except (OSError, IndexError):
+        return False
+
+
+def pids_with_env(entry: str) -> list[int]:
+    """Pids of processes whose environment holds exactly `entry` ("KEY=value").
+
+    Used to find what our own children left behind: a process that inherited
+    a test's private HOME or the harness's private bus address can only have
+    been started, directly or not, by this harness.
+    """
+    needle = entry.encode()
+    found = []
+    me = os.getpid()
+    for name in os.listdir("/proc"):
+        if not name.isdigit() or int(name) == me:
+            continue
+        try:
+            with open(f"/proc/{name}/environ", "rb") as fh:
+                environ = fh.read().split(b"\0")
+        except OSError:
+            continue
+        if needle in environ and pid_alive(int(name)):
+            found.append(int(name))
+    return sorted(found)
+
+
+def process_cmdline(pid: int) -> list[str]:
+    try:
+        with open(f"/proc/{pid}/cmdline", "rb") as fh:
+            return [part.decode(errors="replace") for part in fh.read().split(b"\0") if part]
+    except OSError:
+        return []
+
+
+def terminate_pids(pids: Iterable[int], grace: float = 3.0) -> None:
+    """SIGTERM the given pids, then SIGKILL whatever is left after `grace`."""
+    pids = [p for p in pids if pid_alive(p)]
+    for pid in pids:
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(pid, signal.SIGTERM)
+    deadline = time.monotonic() + grace
+    while time.monotonic() < deadline and any(pid_alive(p) for p in pids):
+        time.sleep(0.05)
+    for pid in pids:
+        if pid_alive(pid):
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(pid, signal.SIGKILL)
+
+
+def stop_process_group(proc: subprocess.Popen, grace: float = 5.0) -> None:
+    """End a child that we started with start_new_session=True, together with
+    every process still in the group it leads (the group is ours)."""
+    pgid = proc.pid
+    if proc.poll() is None:
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(proc.pid, signal.SIGTERM)
+        try:
+            proc.wait(timeout=grace)
+        except subprocess.TimeoutExpired:
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(proc.pid, signal.SIGKILL)
+            proc.wait(timeout=grace)
+    # Members of the group that outlived its leader.
+    with contextlib.suppress(ProcessLookupError, PermissionError):
+        os.killpg(pgid, signal.SIGTERM)
+    deadline = time.monotonic() + grace
+    while time.monotonic() < deadline and _group_alive(pgid):
+        time.sleep(0.05)
+    with contextlib.suppress(ProcessLookupError, PermissionError):
+        os.killpg(pgid, signal.SIGKILL)
+
+
+def _group_alive(pgid: int) -> bool:
+    for name in os.listdir("/proc"):
+        if not name.isdigit():
+            continue
+        try:
+            with open(f"/proc/{name}/stat", "rb") as fh:
+                fields = fh.read().rsplit(b")", 1)[1].split()
+        except OSError:
+            continue
+        if len(fields) > 2 and int(fields[2]) == pgid and fields[0] != b"Z":
+            return True
+    return False
+
+
+# Pids of desktop processes whose Popen objects still have to read their exit.
+_LIVE_DESKTOP_PIDS: set[int] = set()
+
+
+def become_subreaper() -> bool:
+    """Make this process the reaper of its orphaned descendants.
+
+    Processes that our children leave behind (WebKit's helpers, services the
+    private bus activated) are re-parented to us instead of to PID 1, which on
+    some machines never reaps them; `reap_orphans` then collects them."""
+    import ctypes
+
+    PR_SET_CHILD_SUBREAPER = 36
+    try:
+        libc = ctypes.CDLL(None, use_errno=True)
+        return libc.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) == 0
+    except OSError:
+        return False
+
+
+def reap_orphans(keep: Iterable[int] = ()) -> list[int]:
+    """Collect exited children of this process that no Popen object owns.
+
+    `keep` lists pids whose exit status a Popen object still has to read."""
+    keep = set(keep) | _LIVE_DESKTOP_PIDS
+    me = os.getpid()
+    reaped = []
+    for name in os.listdir("/proc"):
+        if not name.isdigit() or int(name) in keep:
+            continue
+        try:
+            with open(f"/proc/{name}/stat", "rb") as fh:
+                fields = fh.read().rsplit(b")", 1)[1].split()
+        except OSError:
+            continue
+        if fields[0] == b"Z" and int(fields[1]) == me:
+            with contextlib.suppress(ChildProcessError):
+                os.waitpid(int(name), os.WNOHANG)
+                reaped.append(int(name))
+    return reaped
+
+
+def _read_line_from_fd(fd: int, timeout: float) -> str:
+    """Read one text line from a pipe fd, waiting at most `timeout` seconds."""
+    data = b""
+    deadline = time.monotonic() + timeout
+    while b"\n" not in data:
+        remaining = deadline - time.monotonic()
+        if remaining <= 0:
+            raise WaitTimeout(f"no line on fd {fd} within {timeout:g}s (got {data!r})")
+        ready, _, _ = select.select([fd], [], [], remaining)
+        if not ready:
+            continue
+        chunk = os.read(fd, 4096)
+        if not chunk:
+            raise RuntimeError(f"pipe closed before a full line arrived (got {data!r})")
+        data += chunk
+    return data.split(b"\n", 1)[0].decode().strip()
+
+
+# --------------------------------------------------------------------------
+# the desktop: private bus, Xvfb, openbox
+
+
+class Desktop:
+    """A private X11 desktop: D-Bus session bus, Xvfb and openbox.
+
+    `env()` gives the variables a child needs to live on this desktop.
+    """
+
+    def __init__(self, width: int = 1920, height: int = 1080):
+        self.width = width
+        self.height = height
+        self.scratch: Path | None = None
+        self.display: str | None = None
+        self.bus_address: str | None = None
+        self.bus: subprocess.Popen | None = None
+        self.xvfb: subprocess.Popen | None = None
+        self.wm: subprocess.Popen | None = None
+        self.leftovers: list[tuple[int, list[str]]] = []
+
+    # -- lifecycle
+
+    def start(self) -> "Desktop":
+        try:
+            self._start()
+        except BaseException:
+            self.stop()
+            raise
+        return self
+
+    def _start(self) -> None:
+        self.scratch = Path(tempfile.mkdtemp(prefix="orvane-e2e-desktop-"))
+        # Services the bus activates (dconf, the accessibility bus) inherit this
+        # environment, so they get a home of their own instead of the caller's.
+        service_home = self.scratch / "home"
+        service_home.mkdir()
+        base = clean_base_env()
+        base["HOME"] = str(service_home)
+
+        with open(self.scratch / "dbus.err", "wb") as bus_log:
+            self.bus = subprocess.Popen(
+                ["dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"],
+                stdout=subprocess.PIPE,
+                stderr=bus_log,
+                stdin=subprocess.DEVNULL,
+                env=base,
+                start_new_session=True,
+            )
+        self.bus_address = _read_line_from_fd(self.bus.stdout.fileno(), DEFAULT_TIMEOUT)
+        if not self.bus_address.startswith("unix:"):
+            raise RuntimeError(f"unexpected bus address {self.bus_address!r}")
+
+        read_fd, write_fd = os.pipe()
+        xvfb_log = open(self.scratch / "xvfb.err", "wb")
+        try:
+            self.xvfb = subprocess.Popen(
+                [
+                    "Xvfb",
+                    "-displayfd", str(write_fd),
+                    "-screen", "0", f"{self.width}x{self.height}x24",
+                    "-nolisten", "tcp",
+                    # Without this the server resets whenever its last client
+                    # leaves, dropping connections that are still being set up
+                    # (a short-lived xprop racing openbox's start).
+                    "-noreset",
+                ],
+                pass_fds=(write_fd,),
+                stdout=subprocess.DEVNULL,
+                stderr=xvfb_log,
+                stdin=subprocess.DEVNULL,
+                env=base,
+                start_new_session=True,
+            )
+            os.close(write_fd)
+            write_fd = -1
+            number = _read_line_from_fd(read_fd, DEFAULT_TIMEOUT)
+        finally:
+            xvfb_log.close()
+            if write_fd >= 0:
+                os.close(write_fd)
+            os.close(read_fd)
+        if not number.isdigit():
+            raise RuntimeError(f"Xvfb reported display {number!r}")
+        self.display = f":{number}"
+
+        with open(self.scratch / "openbox.err", "wb") as wm_log:
+            self.wm = subprocess.Popen(
+                ["openbox", "--sm-disable"],
+                stdout=wm_log,  # openbox reports its errors on standard output
+                stderr=wm_log,
+                stdin=subprocess.DEVNULL,
+                env={**base, **self.env()},
+                start_new_session=True,
+            )
+        _LIVE_DESKTOP_PIDS.update((self.bus.pid, self.xvfb.pid, self.wm.pid))
+        wait_until(self.wm_ready, what="openbox to claim the display (_NET_SUPPORTING_WM_CHECK)")
+
+    def stop(self) -> list[tuple[int, list[str]]]:
+        """Stop the window manager, the X server and the bus, then end any
+        process that still carries this desktop's private bus address or
+        scratch home (it descends from us). Returns those leftovers as
+        (pid, command line) pairs, which is also kept in `self.leftovers`."""
+        for proc in (self.wm, self.xvfb, self.bus):
+            if proc is not None:
+                stop_process_group(proc)
+                _LIVE_DESKTOP_PIDS.discard(proc.pid)
+                if proc.stdout:
+                    proc.stdout.close()
+        # Only markers that no one else can share: the bus address holds a
+        # random guid and the scratch home is ours (a display number is reused
+        # by the next X server that starts, possibly someone else's).
+        leftovers = []
+        markers = []
+        if self.bus_address:
+            markers.append(f"DBUS_SESSION_BUS_ADDRESS={self.bus_address}")
+        if self.scratch is not None:
+            markers.append(f"HOME={self.scratch / 'home'}")
+        for marker in markers:
+            for pid in pids_with_env(marker):
+                if pid not in [p for p, _ in leftovers]:
+                    leftovers.append((pid, process_cmdline(pid)))
+        terminate_pids(pid for pid, _ in leftovers)
+        reap_orphans()
+        self.leftovers = leftovers
+        self.wm = self.xvfb = self.bus = None
+        if self.scratch is not None:
+            shutil.rmtree(self.scratch, ignore_errors=True)
+            self.scratch = None
+        return leftovers
+
+    def __enter__(self) -> "Desktop":
+        return self.start()
+
+    def __exit__(self, *exc) -> None:
+        self.stop()
+
+    # -- environment
+
+    def env(self) -> dict[str, str]:
+        return {
+            "DISPLAY": self.display or "",
+            "DBUS_SESSION_BUS_ADDRESS": self.bus_address or "",
+            "NO_AT_BRIDGE": "1",
+            "GDK_BACKEND": "x11",
+        }
+
+    def tool_env(self) -> dict[str, str]:
+        """Environment for the X and D-Bus tools the harness itself runs."""
+        env = clean_base_env()
+        if self.scratch is not None:
+            env["HOME"] = str(self.scratch / "home")
+        env.update(self.env())
+        return env
+
+    def run_tool(self, *argv: str, timeout: float = 10.0, check: bool = False) -> subprocess.CompletedProcess:
+        return subprocess.run(
+            list(argv),
+            env=self.tool_env(),
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            text=True,
+            timeout=timeout,
+            check=check,
+        )
+
+    # -- queries
+
+    def wm_ready(self) -> bool:
+        if self.wm is not None and self.wm.poll() is not None:
+            err = ""
+            if self.scratch is not None:
+                with contextlib.suppress(OSError):
+                    err = (self.scratch / "openbox.err").read_text(errors="replace").strip()
+            raise RuntimeError(f"openbox exited with {self.wm.returncode} on {self.display}: {err}")
+        out = self.run_tool("xprop", "-root", "_NET_SUPPORTING_WM_CHECK").stdout
+        return "window id #" in out
+
+    def name_has_owner(self, name: str = APP_ID) -> bool:
+        out = self.run_tool(
+            "gdbus", "call", "--session",
+            "--dest", "org.freedesktop.DBus",
+            "--object-path", "/org/freedesktop/DBus",
+            "--method", "org.freedesktop.DBus.NameHasOwner", name,
+            check=True,
+        ).stdout.strip()
+        return out == "(true,)"
+
+    def visible_windows(self, class_name: str) -> list[int]:
+        """Ids of viewable (mapped) windows whose WM_CLASS matches."""
+        result = self.run_tool("xdotool", "search", "--onlyvisible", "--class", class_name)
+        return [int(line) for line in result.stdout.split() if line.strip().isdigit()]
+
+    def window_property(self, win: int, prop: str) -> str | None:
+        """The value text of one property as xprop prints it (quotes removed
+        for a single string), or None when the window does not have it."""
+        result = self.run_tool("xprop", "-id", str(win), prop)
+        text = result.stdout.strip()
+        if result.returncode != 0 or "not found" in text or "=" not in text:
+            return None
+        value = text.split("=", 1)[1].strip()
+        if value.startswith('"') and value.endswith('"') and value.count('"') == 2:
+            value = value[1:-1]
+        return value
+
+    def window_info(self, win: int) -> dict[str, Any]:
+        """Geometry and map state from xwininfo (absolute position of the
+        client area, its size, and "IsViewable"/"IsUnMapped"/"IsUnviewable")."""
+        out = self.run_tool("xwininfo", "-id", str(win)).stdout
+        info: dict[str, Any] = {}
+        patterns = {
+            "x": r"Absolute upper-left X:\s+(-?\d+)",
+            "y": r"Absolute upper-left Y:\s+(-?\d+)",
+            "width": r"Width:\s+(\d+)",
+            "height": r"Height:\s+(\d+)",
+        }
+        for key, pattern in patterns.items():
+            match = re.search(pattern, out)
+            if match:
+                info[key] = int(match.group(1))
+        match = re.search(r"Map State:\s+(\w+)", out)
+        info["map_state"] = match.group(1) if match else None
+        return info
+
+    def screenshot(self, path: Path | str) -> Path:
+        path = Path(path)
+        path.parent.mkdir(parents=True, exist_ok=True)
+        self.run_tool("import", "-display", self.display or "", "-window", "root", str(path), timeout=30)
+        return path
+
+    def click_in_window(self, win: int, x: int, y: int) -> None:
+        """A real pointer click at (x, y) relative to the window's client area."""
+        self.run_tool("xdotool", "mousemove", "--window", str(win), str(x), str(y), check=True)
+        self.run_tool("xdotool", "click", "1", check=True)
+
+    def activate(self, win: int) -> None:
+        self.run_tool("xdotool", "windowactivate", "--sync", str(win), check=True)
+
+    def close_with_wm(self, win: int) -> None:
+        """Close the window the way a user does: activate it and press Alt+F4,
+        which openbox turns into a WM_DELETE_WINDOW request to the client."""
+        self.activate(win)
+        self.run_tool("xdotool", "key", "--clearmodifiers", "alt+F4", check=True)
+
+
+# --------------------------------------------------------------------------
+# the throwaway home
+
+
+LOG_LINE = re.compile(r"^(\d{2}:\d{2}:\d{2})  (.*)$")
+
+
+class Home:
+    """A throwaway HOME for one Orvane process.
+
+    XDG_* variables are unset in `env()`, so every XDG location is the default
+    under this directory.
+    """
+
+    def __init__(self, path: Path | str, desktop: Desktop | None = None):
+        self.path = Path(path)
+        self.desktop = desktop
+        for sub in (".local/state", ".config", ".cache", ".local/share/applications", "calls"):
+            (self.path / sub).mkdir(parents=True, exist_ok=True)
+
+    # -- environment
+
+    def env(self, **extra: str) -> dict[str, str]:
+        env = clean_base_env()
+        if self.desktop is not None:
+            env.update(self.desktop.env())
+        env["HOME"] = str(self.path)
+        env.update(extra)
+        return env
+
+    # -- settings
+
+    @property
+    def settings_path(self) -> Path:
+        return self.path / ".config" / "orvane" / "settings.ini"
+
+    def read_settings(self) -> dict[str, str]:
+        values: dict[str, str] = {}
+        if not self.settings_path.exists():
+            return values
+        group = None
+        for raw in self.settings_path.read_text(encoding="utf-8").splitlines():
+            line = raw.strip()
+            if not line or line.startswith("#"):
+                continue
+            if line.startswith("[") and line.endswith("]"):
+                group = line[1:-1]
+            elif group == "Orvane" and "=" in line:
+                key, value = line.split("=", 1)
+                values[key.strip()] = _keyfile_unescape(value.strip())
+        return values
+
+    def write_settings(self, **values: str | None) -> None:
+        """Merge values into the [Orvane] group of the settings key file; a
+        value of None removes the key."""
+        merged = self.read_settings()
+        for key, value in values.items():
+            if value is None:
+                merged.pop(key, None)
+            else:
+                merged[key] = str(value)
+        self.settings_path.parent.mkdir(parents=True, exist_ok=True)
+        lines = ["[Orvane]"] + [f"{k}={_keyfile_escape(v)}" for k, v in merged.items()]
+        self.settings_path.write_text("\n".join(lines) + "\n", encoding="utf-8")
+
+    # -- activity log
+
+    @property
+    def log_path(self) -> Path:
+        return self.path / ".local" / "state" / "orvane" / "Orvane.log"
+
+    def log_lines(self) -> list[str]:
+        """Whole lines of the activity log (a missing file is an empty log).
+        A trailing line still being written is left out."""
+        try:
+            data = self.log_path.read_bytes()
+        except FileNotFoundError:
+            return []
+        text = data.decode("utf-8")
+        lines = text.split("\n")
+        return lines[:-1]  # the part after the last line feed is incomplete or empty
+
+    def log_messages(self) -> list[str]:
+        """The message part of each log line (after "HH:MM:SS  ")."""
+        messages = []
+        for line in self.log_lines():
+            match = LOG_LINE.match(line)
+            messages.append(match.group(2) if match else line)
+        return messages
+
+    def wait_for_log(
+        self,
+        predicate: str | Callable[[str], bool],
+        timeout: float = DEFAULT_TIMEOUT,
+    ) -> str:
+        """Wait for a log message that contains the given text (or satisfies
+        the predicate) and return it."""
+        if isinstance(predicate, str):
+            text = predicate
+            matches = lambda m: text in m  # noqa: E731
+            what = f"log message containing {text!r}"
+        else:
+            matches = predicate
+            what = "matching log message"
+
+        def find():
+            for message in self.log_messages():
+                if matches(message):
+                    return message
+            return None
+
+        try:
+            return wait_until(find, timeout, what=what)
+        except WaitTimeout as exc:
+            raise WaitTimeout(f"{exc}; log so far:\n" + "\n".join(self.log_lines())) from None
+
+    # -- hand-off folder
+
+    @property
+    def handoff_dir(self) -> Path:
+        return self.path / ".cache" / APP_ID
+
+    def write_selection(self, text: str, age_seconds: float = 0.0) -> Path:
+        """Leave a selection hand-off as a capture process would."""
+        self.handoff_dir.mkdir(parents=True, exist_ok=True)
+        path = self.handoff_dir / "selection.txt"
+        path.write_text(text, encoding="utf-8")
+        if age_seconds:
+            stamp = time.time() - age_seconds
+            os.utime(path, (stamp, stamp))
+        return path
+
+    @property
+    def documents_dir(self) -> Path:
+        return self.path / "Documents"
+
+    # -- fixture browser and PDF viewer
+
+    def calls_file(self, name: str) -> Path:
+        return self.path / "calls" / f"{name}.jsonl"
+
+    def install_fixture_apps(self) -> None:
+        """Register a recording "browser" and "PDF viewer" as this home's
+        default applications."""
+        apps = self.path / ".local" / "share" / "applications"
+        browser = (
+            "[Desktop Entry]\n"
+            "Type=Application\n"
+            "Name=Orvane E2E Browser\n"
+            f'Exec={PYTHON} "{RECORDER}" "{self.calls_file("browser")}" %u\n'
+            "MimeType=x-scheme-handler/http;x-scheme-handler/https;text/html;\n"
+            "Terminal=false\n"
+        )
+        viewer = (
+            "[Desktop Entry]\n"
+            "Type=Application\n"
+            "Name=Orvane E2E PDF Viewer\n"
+            f'Exec={PYTHON} "{RECORDER}" "{self.calls_file("viewer")}" %f\n'
+            "MimeType=application/pdf;\n"
+            "Terminal=false\n"
+        )
+        (apps / BROWSER_DESKTOP_ID).write_text(browser, encoding="utf-8")
+        (apps / VIEWER_DESKTOP_ID).write_text(viewer, encoding="utf-8")
+        defaults = {
+            "x-scheme-handler/http": BROWSER_DESKTOP_ID,
+            "x-scheme-handler/https": BROWSER_DESKTOP_ID,
+            "text/html": BROWSER_DESKTOP_ID,
+            "application/pdf": VIEWER_DESKTOP_ID,
+        }
+        text = "[Default Applications]\n"
+        text += "".join(f"{mime}={app}\n" for mime, app in defaults.items())
+        text += "\n[Added Associations]\n"
+        text += "".join(f"{mime}={app};\n" for mime, app in defaults.items())
+        (self.path / ".config" / "mimeapps.list").write_text(text, encoding="utf-8")
+
+    def _calls(self, name: str) -> list[dict[str, Any]]:
+        path = self.calls_file(name)
+        if not path.exists():
+            return []
+        calls = []
+        for line in path.read_text(encoding="utf-8").splitlines():
+            if line.strip():
+                calls.append(json.loads(line))
+        return calls
+
+    def browser_calls(self) -> list[dict[str, Any]]:
+        """One record per launch of the fixture browser: {"argv": [...], "cwd", "pid", "time"}."""
+        return self._calls("browser")
+
+    def viewer_calls(self) -> list[dict[str, Any]]:
+        return self._calls("viewer")
+
+    def wait_for_browser_call(self, count: int = 1, timeout: float = DEFAULT_TIMEOUT) -> list[dict[str, Any]]:
+        return wait_until(
+            lambda: (lambda calls: calls if len(calls) >= count else None)(self.browser_calls()),
+            timeout, what=f"{count} call(s) of the fixture browser",
+        )
+
+    def wait_for_viewer_call(self, count: int = 1, timeout: float = DEFAULT_TIMEOUT) -> list[dict[str, Any]]:
+        return wait_until(
+            lambda: (lambda calls: calls if len(calls) >= count else None)(self.viewer_calls()),
+            timeout, what=f"{count} call(s) of the fixture PDF viewer",
+        )
+
+    # -- processes
+
+    def processes(self) -> list[int]:
+        """Pids of live processes running with this HOME."""
+        return pids_with_env(f"HOME={self.path}")
+
+    def end_processes(self, grace: float = 5.0) -> list[tuple[int, list[str]]]:
+        """Wait for processes that run with this HOME to go away by themselves,
+        then end the rest. Returns those that had to be ended."""
+        deadline = time.monotonic() + grace
+        while time.monotonic() < deadline and self.processes():
+            time.sleep(0.1)
+        stragglers = [(pid, process_cmdline(pid)) for pid in self.processes()]
+        terminate_pids(pid for pid, _ in stragglers)
+        return stragglers
+
+
+def _keyfile_escape(value: str) -> str:
+    out = value.replace("\\", "\\\\").replace("\n", "\\n").replace("\t", "\\t").replace("\r", "\\r")
+    if out.startswith(" "):
+        out = "\\s" + out[1:]
+    return out
+
+
+def _keyfile_unescape(value: str) -> str:
+    mapping = {"\\": "\\", "n": "\n", "t": "\t", "r": "\r", "s": " "}
+    out = []
+    i = 0
+    while i < len(value):
+        ch = value[i]
+        if ch == "\\" and i + 1 < len(value) and value[i + 1] in mapping:
+            out.append(mapping[value[i + 1]])
+            i += 2
+        else:
+            out.append(ch)
+            i += 1
+    return "".join(out)
+
+
+# --------------------------------------------------------------------------
+# the fixture site
+
+
+@dataclass
+class Request:
+    method: str
+    path: str
+    query: dict[str, list[str]]
+    raw_query: str
+    headers: dict[str, str]
+    host: str  # the Host header
+    body: bytes
+    time: float
+
+
+@dataclass
+class PageRecord:
+    """Something a fixture page reported: `page` is the id of one page load,
+    `href` its address at the time, `data` the payload."""
+    kind: str
+    page: str
+    href: str
+    data: Any
+    time: float = field(default_factory=time.time)
+
+
+class FixtureSite:
+    """A real HTTP server on a loopback address serving the fixture pages.
+
+    Pages report to it through POST /record/<kind> (caps, load, event, error,
+    click, ack, scenarioDone, mark); it answers GET /scenario with the steps
+    a test has set, GET /commands with steps queued while a page is open, and
+    GET /api/papers with 200 "[]" (or `papers_status`).
+    """
+
+    IGNORED_PATHS = ("/commands",)
+
+    def __init__(self, host: str = "127.0.0.1", port: int = 0, root: Path = SITE_ROOT,
+                 request_log: Path | None = None):
+        self.host = host
+        self.requested_port = port
+        self.root = Path(root)
+        self.request_log = request_log
+        self.papers_status = 200
+        self.vars: dict[str, str] = {}
+        self._scenarios: dict[str, list[Any]] = {}
+        self._commands: list[dict[str, Any]] = []
+        self._requests: list[Request] = []
+        self._records: list[PageRecord] = []
+        self._lock = threading.Lock()
+        self._server: ThreadingHTTPServer | None = None
+        self._thread: threading.Thread | None = None
+
+    # -- lifecycle
+
+    def start(self) -> "FixtureSite":
+        site = self
+
+        class Handler(_SiteHandler):
+            fixture = site
+
+        server = ThreadingHTTPServer((self.host, self.requested_port), Handler)
+        server.daemon_threads = True
+        self._server = server
+        self._thread = threading.Thread(target=server.serve_forever, kwargs={"poll_interval": 0.1},
+                                        name=f"fixture-site-{self.host}", daemon=True)
+        self._thread.start()
+        return self
+
+    def stop(self) -> None:
+        if self._server is not None:
+            self._server.shutdown()
+            self._server.server_close()
+            self._server = None
+        if self._thread is not None:
+            self._thread.join(timeout=5)
+            self._thread = None
+
+    def __enter__(self) -> "FixtureSite":
+        return self.start()
+
+    def __exit__(self, *exc) -> None:
+        self.stop()
+
+    @property
+    def port(self) -> int:
+        assert self._server is not None, "site not started"
+        return self._server.server_address[1]
+
+    @property
+    def url(self) -> str:
+        """The site address (origin, no trailing slash)."""
+        return f"http://{self.host}:{self.port}"
+
+    def template_vars(self) -> dict[str, str]:
+        values = {
+            "HOST": self.host,
+            "PORT": str(self.port),
+            "ORIGIN": self.url,
+            "LOCAL_URL": f"http://localhost:{self.port}/landed.html",
+            "FOREIGN_URL": "http://example.invalid/elsewhere.html",
+            "BLANK_URL": f"{self.url}/landed.html?via=blank",
+            "POPUP_URL": f"{self.url}/landed.html?via=popup",
+        }
+        values.update(self.vars)
+        return values
+
+    # -- what pages do
+
+    def set_scenario(self, steps: list[Any], name: str = "default") -> None:
+        """Steps a page runs right after it loads. Pages pick the scenario by
+        `?s=NAME`, else by their <html data-scenario>, else "default"."""
+        with self._lock:
+            self._scenarios[name] = list(steps)
+
+    def command(self, steps: list[Any], page: str | None = None) -> int:
+        """Queue steps for open pages (only the page load `page` when given);
+        returns the command's sequence number for `wait_for_ack`."""
+        with self._lock:
+            seq = len(self._commands) + 1
+            self._commands.append({"seq": seq, "page": page, "steps": list(steps)})
+        return seq
+
+    def run_in_page(self, steps: list[Any], page: str | None = None,
+                    timeout: float = DEFAULT_TIMEOUT) -> PageRecord:
+        """Queue steps and wait until a page acknowledges them; returns the
+        acknowledgement (its `page` and `href` tell which page ran them)."""
+        seq = self.command(steps, page)
+        return self.wait_for_ack(seq, timeout)
+
+    def wait_for_ack(self, seq: int, timeout: float = DEFAULT_TIMEOUT) -> PageRecord:
+        return self.wait_for_record("ack", lambda r: r.data.get("seq") == seq, timeout,
+                                    what=f"a page to run command {seq}")
+
+    # -- what pages reported
+
+    def records(self, kind: str | None = None) -> list[PageRecord]:
+        with self._lock:
+            return [r for r in self._records if kind is None or r.kind == kind]
+
+    def wait_for_record(self, kind: str, predicate: Callable[[PageRecord], bool] | None = None,
+                        timeout: float = DEFAULT_TIMEOUT, what: str | None = None) -> PageRecord:
+        def find():
+            for record in self.records(kind):
+                if predicate is None or predicate(record):
+                    return record
+            return None
+
+        try:
+            return wait_until(find, timeout, what=what or f"a {kind!r} report from a page on {self.url}")
+        except WaitTimeout as exc:
+            raise WaitTimeout(f"{exc}\n{self.describe()}") from None
+
+    def caps(self) -> list[PageRecord]:
+        """One record per page load: data = {"present": bool, "caps": value}."""
+        return self.records("caps")
+
+    def wait_for_caps(self, page: str | None = None, timeout: float = DEFAULT_TIMEOUT) -> PageRecord:
+        return self.wait_for_record("caps", (lambda r: r.page == page) if page else None, timeout)
+
+    def loads(self) -> list[PageRecord]:
+        """One record per page that finished loading and painting."""
+        return self.records("load")
+
+    def wait_for_load(self, predicate: Callable[[PageRecord], bool] | str | None = None,
+                      timeout: float = DEFAULT_TIMEOUT) -> PageRecord:
+        """Wait for a page load; a string predicate matches the page's path."""
+        if isinstance(predicate, str):
+            path = predicate
+            predicate = lambda r: urllib.parse.urlsplit(r.href).path == path  # noqa: E731
+        return self.wait_for_record("load", predicate, timeout)
+
+    def events(self, page: str | None = None) -> list[dict[str, Any]]:
+        """Events the pages received through window.panelEvent, in order."""
+        return [r.data for r in self.records("event") if page is None or r.page == page]
+
+    def event_records(self) -> list[PageRecord]:
+        return self.records("event")
+
+    def wait_for_events(self, predicate: Callable[[list[dict[str, Any]]], Any],
+                        timeout: float = DEFAULT_TIMEOUT, what: str = "events") -> Any:
+        try:
+            return wait_until(lambda: predicate(self.events()), timeout, what=what)
+        except WaitTimeout as exc:
+            raise WaitTimeout(f"{exc}\n{self.describe()}") from None
+
+    def wait_for_event(self, type_: str, timeout: float = DEFAULT_TIMEOUT) -> dict[str, Any]:
+        return self.wait_for_events(
+            lambda evs: next((e for e in evs if isinstance(e, dict) and e.get("type") == type_), None),
+            timeout, what=f"a {type_!r} event")
+
+    def errors(self) -> list[PageRecord]:
+        return self.records("error")
+
+    # -- what reached the server
+
+    def requests(self, path: str | None = None, method: str | None = None,
+                 include_polls: bool = False) -> list[Request]:
+        with self._lock:
+            found = list(self._requests)
+        return [
+            r for r in found
+            if (path is None or r.path == path)
+            and (method is None or r.method == method)
+            and (include_polls or r.path not in self.IGNORED_PATHS)
+        ]
+
+    def wait_for_request(self, path: str, method: str = "GET", timeout: float = DEFAULT_TIMEOUT) -> Request:
+        try:
+            return wait_until(lambda: next(iter(self.requests(path, method)), None), timeout,
+                              what=f"{method} {path} on {self.url}")
+        except WaitTimeout as exc:
+            raise WaitTimeout(f"{exc}\n{self.describe()}") from None
+
+    def describe(self) -> str:
+        """A readable summary for failure messages."""
+        lines = [f"requests to {self.url}:"]
+        lines += [f"  {r.method} {r.path}{'?' + r.raw_query if r.raw_query else ''} (Host: {r.host})"
+                  for r in self.requests()]
+        lines.append("page reports:")
+        lines += [f"  {r.kind} from {r.href} [{r.page}]: {json.dumps(r.data)[:300]}" for r in self.records()]
+        return "\n".join(lines)
+
+    # -- used by the handler
+
+    def _note_request(self, request: Request) -> None:
+        with self._lock:
+            self._requests.append(request)
+        if self.request_log is not None and request.path not in self.IGNORED_PATHS:
+            entry = {"method": request.method, "path": request.path, "query": request.raw_query,
+                     "host": request.host, "time": request.time}
+            with open(self.request_log, "a", encoding="utf-8") as fh:
+                fh.write(json.dumps(entry) + "\n")
+
+    def _note_record(self, kind: str, envelope: dict[str, Any]) -> None:
+        record = PageRecord(kind=kind, page=str(envelope.get("page", "")),
+                            href=str(envelope.get("href", "")), data=envelope.get("data"))
+        with self._lock:
+            self._records.append(record)
+
+    def _scenario(self, name: str) -> list[Any]:
+        with self._lock:
+            return list(self._scenarios.get(name, []))
+
+    def _commands_after(self, after: int, page: str) -> tuple[int, list[dict[str, Any]]]:
+        with self._lock:
+            latest = len(self._commands)
+            pending = [c for c in self._commands
+                       if c["seq"] > after and (c["page"] is None or c["page"] == page)]
+        return latest, pending
+
+
+_CONTENT_TYPES = {
+    ".html": "text/html; charset=utf-8",
+    ".js": "text/javascript; charset=utf-8",
+    ".css": "text/css; charset=utf-8",
+    ".json": "application/json",
+    ".pdf": "application/pdf",
+    ".txt": "text/plain; charset=utf-8",
+}
+
+
+class _SiteHandler(BaseHTTPRequestHandler):
+    fixture: FixtureSite
+    protocol_version = "HTTP/1.0"
+    server_version = "OrvaneFixtureSite/1"
+
+    def log_message(self, format, *args):  # keep pytest output quiet
+        pass
+
+    def _record(self, body: bytes) -> urllib.parse.SplitResult:
+        parts = urllib.parse.urlsplit(self.path)
+        self.fixture._note_request(Request(
+            method=self.command,
+            path=parts.path,
+            query=urllib.parse.parse_qs(parts.query, keep_blank_values=True),
+            raw_query=parts.query,
+            headers={k: v for k, v in self.headers.items()},
+            host=self.headers.get("Host", ""),
+            body=body,
+            time=time.time(),
+        ))
+        return parts
+
+    def _send(self, status: int, body: bytes, content_type: str = "text/plain; charset=utf-8") -> None:
+        self.send_response(status)
+        self.send_header("Content-Type", content_type)
+        self.send_header("Content-Length", str(len(body)))
+        self.send_header("Cache-Control", "no-store")
+        self.end_headers()
+        if self.command != "HEAD":
+            self.wfile.write(body)
+
+    def _send_json(self, value: Any, status: int = 200) -> None:
+        self._send(status, json.dumps(value).encode(), "application/json")
+
+    def do_HEAD(self):
+        self.do_GET()
+
+    def do_GET(self):
+        parts = self._record(b"")
+        path = parts.path
+        query = urllib.parse.parse_qs(parts.query)
+        if path == "/api/papers":
+            status = self.fixture.papers_status
+            if status == 200:
+                self._send_json([])
+            else:
+                self._send(status, f"{status} {HTTPStatus(status).phrase}\n".encode())
+            return
+        if path == "/scenario":
+            name = query.get("name", ["default"])[0]
+            page = query.get("page", [""])[0]
+            latest, _ = self.fixture._commands_after(0, page)
+            self._send_json({"steps": self.fixture._scenario(name), "cursor": latest})
+            return
+        if path == "/commands":
+            after = int(query.get("after", ["0"])[0])
+            page = query.get("page", [""])[0]
+            latest, pending = self.fixture._commands_after(after, page)
+            self._send_json({"latest": latest, "commands": pending})
+            return
+        self._serve_file(path)
+
+    def do_POST(self):
+        length = int(self.headers.get("Content-Length") or 0)
+        body = self.rfile.read(length) if length else b""
+        parts = self._record(body)
+        if parts.path.startswith("/record/"):
+            kind = parts.path[len("/record/"):]
+            try:
+                envelope = json.loads(body.decode("utf-8")) if body else {}
+            except ValueError:
+                envelope = {"page": "", "href": "", "data": {"unparsable": body.decode(errors="replace")}}
+            if not isinstance(envelope, dict):
+                envelope = {"page": "", "href": "", "data": envelope}
+            self.fixture._note_record(kind, envelope)
+            self._send(204, b"")
+            return
+        self._send(404, b"not found\n")
+
+    def _serve_file(self, path: str) -> None:
+        if path == "/" or path == "":
+            path = "/index.html"
+        root = self.fixture.root.resolve()
+        target = (root / path.lstrip("/")).resolve()
+        if root not in target.parents or not target.is_file():
+            self._send(404, b"not found\n")
+            return
+        data = target.read_bytes()
+        if target.suffix == ".html":
+            text = data.decode("utf-8")
+            for key, value in self.fixture.template_vars().items():
+                text = text.replace("{{" + key + "}}", value)
+            data = text.encode("utf-8")
+        self._send(200, data, _CONTENT_TYPES.get(target.suffix, "application/octet-stream"))
+
+
+# --------------------------------------------------------------------------
+# Orvane itself
+
+
+def orvane_binary() -> Path:
+    return Path(os.environ.get("ORVANE_BIN") or REPO_ROOT / "build" / "orvane")
+
+
+class Orvane:
+    """One `orvane` process started in a throwaway home on the desktop."""
+
+    def __init__(self, home: Home, desktop: Desktop, args: Iterable[str] = (), binary: Path | None = None):
+        self.home = home
+        self.desktop = desktop
+        self.args = list(args)
+        self.binary = Path(binary) if binary else orvane_binary()
+        self.proc: subprocess.Popen | None = None
+        self.out_path = home.path.parent / f"orvane-{id(self):x}.out"
+
+    def _check_binary(self) -> None:
+        if not self.binary.is_file() or not os.access(self.binary, os.X_OK):
+            raise FileNotFoundError(
+                f"the orvane binary is missing: {self.binary} (build first, or set ORVANE_BIN)")
+
+    def start(self, wait_for_free_name: bool = True) -> "Orvane":
+        self._check_binary()
+        if wait_for_free_name:
+            # One instance per bus: a process still holding the name would turn
+            # this start into a forwarding one.
+            wait_until(lambda: not self.desktop.name_has_owner(APP_ID), 10,
+                       what=f"the bus name {APP_ID} to be free")
+        out = open(self.out_path, "ab")
+        try:
+            self.proc = subprocess.Popen(
+                [str(self.binary), *self.args],
+                env=self.home.env(),
+                cwd=self.home.path,
+                stdin=subprocess.DEVNULL,
+                stdout=out,
+                stderr=subprocess.STDOUT,
+                start_new_session=True,
+            )
+        finally:
+            out.close()
+        return self
+
+    @property
+    def pid(self) -> int:
+        assert self.proc is not None
+        return self.proc.pid
+
+    def running(self) -> bool:
+        return self.proc is not None and self.proc.poll() is None
+
+    def wait_exit(self, timeout: float = DEFAULT_TIMEOUT) -> int:
+        assert self.proc is not None
+        return self.proc.wait(timeout=timeout)
+
+    def output(self) -> str:
+        try:
+            return self.out_path.read_text(errors="replace")
+        except FileNotFoundError:
+            return ""
+
+    def stop(self) -> None:
+        """SIGTERM, then SIGKILL if it lingers; then the rest of its process
+        group, which this harness created for it."""
+        if self.proc is not None:
+            stop_process_group(self.proc, grace=10.0)
+
+    def run_again(self, *args: str, timeout: float = DEFAULT_TIMEOUT) -> subprocess.CompletedProcess:
+        """Start `orvane` once more in the same home and desktop and wait for
+        it to exit (a second start forwards to the running instance)."""
+        return run_orvane(self.home, self.desktop, args, timeout=timeout, binary=self.binary)
+
+    # -- windows
+
+    def windows(self, role: str | None = None) -> list[int]:
+        """Visible windows of class "orvane" (of this process when running),
+        optionally only those with the given WM_WINDOW_ROLE."""
+        found = []
+        for win in self.desktop.visible_windows("orvane"):
+            if self.proc is not None:
+                pid = self.desktop.window_property(win, "_NET_WM_PID")
+                if pid is not None and pid.isdigit() and int(pid) != self.proc.pid:
+                    continue
+            if role is not None and self.desktop.window_property(win, "WM_WINDOW_ROLE") != role:
+                continue
+            found.append(win)
+        return found
+
+    def wait_for_window(self, role: str, timeout: float = DEFAULT_TIMEOUT) -> int:
+        def find():
+            if self.proc is not None and self.proc.poll() is not None:
+                raise AssertionError(
+                    f"orvane exited with {self.proc.returncode} while waiting for its {role!r} window;"
+                    f" output:\n{self.output()}")
+            wins = self.windows(role)
+            return wins[0] if wins else None
+        return wait_until(find, timeout, interval=0.1, what=f"a visible orvane window with role {role!r}")
+
+    def wait_window_hidden(self, win: int, timeout: float = DEFAULT_TIMEOUT) -> None:
+        wait_until(lambda: self.desktop.window_info(win).get("map_state") != "IsViewable",
+                   timeout, interval=0.1, what=f"window {win:#x} to be hidden")
+
+    def click_in_window(self, win: int, x: int, y: int) -> None:
+        self.desktop.click_in_window(win, x, y)
+
+
+def run_orvane(home: Home, desktop: Desktop, args: Iterable[str] = (), timeout: float = DEFAULT_TIMEOUT,
+               binary: Path | None = None) -> subprocess.CompletedProcess:
+    """Run `orvane ARGS` to completion in its own process group; on time-out
+    the group is ended and subprocess.TimeoutExpired is raised."""
+    binary = Path(binary) if binary else orvane_binary()
+    if not binary.is_file():
+        raise FileNotFoundError(f"the orvane binary is missing: {binary} (build first, or set ORVANE_BIN)")
+    proc = subprocess.Popen(
+        [str(binary), *args],
+        env=home.env(),
+        cwd=home.path,
+        stdin=subprocess.DEVNULL,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+        start_new_session=True,
+    )
+    try:
+        out, err = proc.communicate(timeout=timeout)
+    except subprocess.TimeoutExpired:
+        stop_process_group(proc)
+        proc.communicate()
+        raise
+    return subprocess.CompletedProcess(proc.args, proc.returncode, out.decode(errors="replace"),
+                                       err.decode(errors="replace"))
+
+
+# --------------------------------------------------------------------------
+# a fixture project for the local development server
+
+
+DEV_SERVER = FIXTURES / "devserver" / "serve.py"
+
+
+class DevProject:
+    """A project directory whose `.venv/bin/uvicorn` starts the fixture dev
+    server (fixtures/devserver/serve.py) instead of the real site."""
+
+    def __init__(self, path: Path | str):
+        self.path = Path(path)
+        bin_dir = self.path / ".venv" / "bin"
+        bin_dir.mkdir(parents=True, exist_ok=True)
+        uvicorn = bin_dir / "uvicorn"
+        uvicorn.write_text(
+            "#!/bin/sh\n"
+            "# Stand-in for uvicorn in a fixture project: serves the fixture site.\n"
+            f'exec {PYTHON} "{DEV_SERVER}" "$@"\n'
+        )
+        uvicorn.chmod(0o755)
+
+    @property
+    def pid_file(self) -> Path:
+        return self.path / "server.pid"
+
+    def pid(self) -> int | None:
+        try:
+            text = self.pid_file.read_text().strip()
+        except FileNotFoundError:
+            return None
+        return int(text) if text.isdigit() else None
+
+    def call(self) -> dict[str, Any] | None:
+        """{"argv": [...], "cwd": ...} of the uvicorn start, once it happened."""
+        try:
+            return json.loads((self.path / "uvicorn-call.json").read_text())
+        except (FileNotFoundError, ValueError):
+            return None
+
+    def requests(self) -> list[dict[str, Any]]:
+        path = self.path / "requests.jsonl"
+        if not path.exists():
+            return []
+        return [json.loads(line) for line in path.read_text().splitlines() if line.strip()]
+
+    def stop(self) -> None:
+        """End the server this project started, by its recorded pid."""
+        pid = self.pid()
+        if pid is not None and pid_alive(pid) and str(DEV_SERVER) in process_cmdline(pid):
+            terminate_pids([pid])
+            wait_until(lambda: not pid_alive(pid), 10, what=f"dev server pid {pid} to exit")

@@ -8,6 +8,8 @@
 - `make_site` more fixture sites, e.g. make_site("127.0.0.2")
 - `launch`    start Orvane in the test's home: launch("--arg", ...) -> Orvane;
               every process started is ended at teardown, even on failure
+- `file_manager_service`  a stand-in file manager owning
+              org.freedesktop.FileManager1 on the test bus for one test
 
 On a failed test, a screenshot of the desktop, the activity log, Orvane's
 console output and the sites' request logs are kept under
@@ -27,7 +29,15 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 
-from harness import Desktop, FixtureSite, Home, Orvane, become_subreaper, reap_orphans  # noqa: E402
+from harness import (  # noqa: E402
+    Desktop,
+    FileManagerService,
+    FixtureSite,
+    Home,
+    Orvane,
+    become_subreaper,
+    reap_orphans,
+)
 
 ARTIFACTS = Path(os.environ.get("ORVANE_E2E_ARTIFACTS", "/tmp/orvane-e2e-artifacts"))
 
@@ -102,6 +112,15 @@ def launch(home, desktop, request):
     yield _launch
     for o in started:
         o.stop()
+
+
+@pytest.fixture
+def file_manager_service(desktop, home):
+    service = FileManagerService(desktop, home.calls_file("filemanager1")).start()
+    try:
+        yield service
+    finally:
+        service.stop()
 
 
 @pytest.hookimpl(hookwrapper=True)

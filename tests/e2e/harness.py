@@ -44,6 +44,8 @@ DEFAULT_TIMEOUT = 20.0
 
 BROWSER_DESKTOP_ID = "orvane-e2e-browser.desktop"
 VIEWER_DESKTOP_ID = "orvane-e2e-pdfviewer.desktop"
+FILE_MANAGER_DESKTOP_ID = "orvane-e2e-filemanager.desktop"
+FILE_MANAGER1_NAME = "org.freedesktop.FileManager1"
 
 # Variables that would leak the developer's own session into the children.
 _SESSION_VARS = (
@@ -681,14 +683,45 @@ class Home:
     def documents_dir(self) -> Path:
         return self.path / "Documents"
 
+    # -- the PDF library on disk
+
+    @property
+    def library_dir(self) -> Path:
+        """The default library folder, Documents/Orvane."""
+        return self.documents_dir / "Orvane"
+
+    def account_dir(self, account: str) -> Path:
+        """The folder of an account whose name is already in its stored form."""
+        return self.library_dir / account
+
+    def place_pdf(self, account: str, paper_id: str, data: bytes, etag: str = "",
+                  synced_at: float | None = None, modified_at: float | None = None,
+                  sidecar: bool = True) -> Path:
+        """Put a library PDF on disk as a sync would have left it: the file,
+        and its sidecar {"id", "etag"} stamped with `synced_at`. The PDF's
+        own time is `modified_at` (default: `synced_at`, i.e. no local edits)."""
+        folder = self.account_dir(account)
+        folder.mkdir(parents=True, exist_ok=True)
+        pdf = folder / pdf_file_name(paper_id)
+        pdf.write_bytes(data)
+        synced_at = time.time() if synced_at is None else synced_at
+        modified_at = synced_at if modified_at is None else modified_at
+        if sidecar:
+            side = sidecar_path(pdf)
+            side.write_text(json.dumps({"id": paper_id, "etag": etag}, separators=(",", ":")),
+                            encoding="utf-8")
+            os.utime(side, (synced_at, synced_at))
+        os.utime(pdf, (modified_at, modified_at))
+        return pdf
+
     # -- fixture browser and PDF viewer
 
     def calls_file(self, name: str) -> Path:
         return self.path / "calls" / f"{name}.jsonl"
 
     def install_fixture_apps(self) -> None:
-        """Register a recording "browser" and "PDF viewer" as this home's
-        default applications."""
+        """Register a recording "browser", "PDF viewer" and "file manager"
+        (the handler of folders) as this home's default applications."""
         apps = self.path / ".local" / "share" / "applications"
         browser = (
             "[Desktop Entry]\n"
@@ -706,19 +739,47 @@ class Home:
             "MimeType=application/pdf;\n"
             "Terminal=false\n"
         )
+        file_manager = (
+            "[Desktop Entry]\n"
+            "Type=Application\n"
+            "Name=Orvane E2E File Manager\n"
+            f'Exec={PYTHON} "{RECORDER}" "{self.calls_file("filemanager")}" %u\n'
+            "MimeType=inode/directory;\n"
+            "Terminal=false\n"
+        )
         (apps / BROWSER_DESKTOP_ID).write_text(browser, encoding="utf-8")
         (apps / VIEWER_DESKTOP_ID).write_text(viewer, encoding="utf-8")
+        (apps / FILE_MANAGER_DESKTOP_ID).write_text(file_manager, encoding="utf-8")
         defaults = {
             "x-scheme-handler/http": BROWSER_DESKTOP_ID,
             "x-scheme-handler/https": BROWSER_DESKTOP_ID,
             "text/html": BROWSER_DESKTOP_ID,
             "application/pdf": VIEWER_DESKTOP_ID,
+            "inode/directory": FILE_MANAGER_DESKTOP_ID,
         }
         text = "[Default Applications]\n"
         text += "".join(f"{mime}={app}\n" for mime, app in defaults.items())
         text += "\n[Added Associations]\n"
         text += "".join(f"{mime}={app};\n" for mime, app in defaults.items())
         (self.path / ".config" / "mimeapps.list").write_text(text, encoding="utf-8")
+
+    def add_recording_app(self, desktop_id: str, calls_name: str, mime_types: str = "") -> str:
+        """One more recording application (not a default for anything), e.g.
+        a second PDF viewer named by the PdfViewer setting. Its launches are
+        read with `calls(calls_name)`."""
+        entry = (
+            "[Desktop Entry]\n"
+            "Type=Application\n"
+            f"Name=Orvane E2E {calls_name}\n"
+            f'Exec={PYTHON} "{RECORDER}" "{self.calls_file(calls_name)}" %f\n'
+            f"MimeType={mime_types}\n"
+            "Terminal=false\n"
+        )
+        (self.path / ".local" / "share" / "applications" / desktop_id).write_text(entry, encoding="utf-8")
+        return desktop_id
+
+    def calls(self, name: str) -> list[dict[str, Any]]:
+        return self._calls(name)
 
     def _calls(self, name: str) -> list[dict[str, Any]]:
         path = self.calls_file(name)
@@ -736,6 +797,17 @@ class Home:
 
     def viewer_calls(self) -> list[dict[str, Any]]:
         return self._calls("viewer")
+
+    def file_manager_calls(self) -> list[dict[str, Any]]:
+        """Launches of the fixture folder handler: {"argv": [...], ...}; GIO
+        hands it a local folder as a plain path."""
+        return self._calls("filemanager")
+
+    def wait_for_file_manager_call(self, count: int = 1, timeout: float = DEFAULT_TIMEOUT) -> list[dict[str, Any]]:
+        return wait_until(
+            lambda: (lambda calls: calls if len(calls) >= count else None)(self.file_manager_calls()),
+            timeout, what=f"{count} call(s) of the fixture file manager",
+        )
 
     def wait_for_browser_call(self, count: int = 1, timeout: float = DEFAULT_TIMEOUT) -> list[dict[str, Any]]:
         return wait_until(
@@ -788,6 +860,77 @@ def _keyfile_unescape(value: str) -> str:
     return "".join(out)
 
 
+def pdf_file_name(paper_id: str) -> str:
+    """A paper's PDF file name in the account folder: "/" becomes "_"."""
+    return paper_id.replace("/", "_") + ".pdf"
+
+
+def sidecar_path(pdf: Path) -> Path:
+    """The hidden sync record beside a library PDF: .NAME.pdf.synced"""
+    return pdf.with_name("." + pdf.name + ".synced")
+
+
+def read_sidecar(pdf: Path) -> Any:
+    return json.loads(sidecar_path(pdf).read_text(encoding="utf-8"))
+
+
+# --------------------------------------------------------------------------
+# a file manager on the session bus
+
+
+FILE_MANAGER_SERVICE = FIXTURES / "bin" / "file_manager1.py"
+
+
+class FileManagerService:
+    """A stand-in for the desktop's file manager: owns
+    org.freedesktop.FileManager1 on the test desktop's bus and records each
+    method call as one JSON line {"method", "uris", "startup_id"}."""
+
+    def __init__(self, desktop: Desktop, calls_file: Path):
+        self.desktop = desktop
+        self.calls_file = Path(calls_file)
+        self.proc: subprocess.Popen | None = None
+        self.err_path = self.calls_file.with_suffix(".err")
+
+    def start(self) -> "FileManagerService":
+        if self.desktop.name_has_owner(FILE_MANAGER1_NAME):
+            raise RuntimeError(f"{FILE_MANAGER1_NAME} is already owned on the test bus")
+        with open(self.err_path, "wb") as err:
+            self.proc = subprocess.Popen(
+                [PYTHON, str(FILE_MANAGER_SERVICE), str(self.calls_file)],
+                env=self.desktop.tool_env(),
+                stdin=subprocess.DEVNULL,
+                stdout=err,
+                stderr=err,
+                start_new_session=True,
+            )
+
+        def owned():
+            if self.proc.poll() is not None:
+                raise AssertionError(f"the file manager stand-in exited with {self.proc.returncode}: "
+                                     f"{self.err_path.read_text(errors='replace')}")
+            return self.desktop.name_has_owner(FILE_MANAGER1_NAME)
+        wait_until(owned, what=f"the stand-in to own {FILE_MANAGER1_NAME}")
+        return self
+
+    def stop(self) -> None:
+        if self.proc is not None:
+            stop_process_group(self.proc)
+            self.proc = None
+            wait_until(lambda: not self.desktop.name_has_owner(FILE_MANAGER1_NAME), 10,
+                       what=f"{FILE_MANAGER1_NAME} to be released")
+
+    def calls(self) -> list[dict[str, Any]]:
+        if not self.calls_file.exists():
+            return []
+        return [json.loads(line) for line in self.calls_file.read_text(encoding="utf-8").splitlines()
+                if line.strip()]
+
+    def wait_for_call(self, count: int = 1, timeout: float = DEFAULT_TIMEOUT) -> list[dict[str, Any]]:
+        return wait_until(lambda: (lambda calls: calls if len(calls) >= count else None)(self.calls()),
+                          timeout, what=f"{count} call(s) of {FILE_MANAGER1_NAME}")
+
+
 # --------------------------------------------------------------------------
 # the fixture site
 
@@ -815,13 +958,30 @@ class PageRecord:
     time: float = field(default_factory=time.time)
 
 
+@dataclass
+class Reply:
+    """A canned answer of a fixture site for one method and path (see
+    `FixtureSite.reply`). With `hold` set, the answer waits until the test
+    calls `release()`, so a test can act while a transfer is in flight."""
+    status: int = 200
+    body: bytes = b""
+    content_type: str = "application/octet-stream"
+    hold: bool = False
+    _released: threading.Event = field(default_factory=threading.Event, repr=False)
+
+    def release(self) -> None:
+        self._released.set()
+
+
 class FixtureSite:
     """A real HTTP server on a loopback address serving the fixture pages.
 
     Pages report to it through POST /record/<kind> (caps, load, event, error,
     click, ack, scenarioDone, mark); it answers GET /scenario with the steps
     a test has set, GET /commands with steps queued while a page is open, and
-    GET /api/papers with 200 "[]" (or `papers_status`).
+    GET /api/papers with 200 "[]" (or `papers_status`). Other answers (PDF
+    downloads, upload addresses) are set with `reply(path, ...)`; every
+    request is recorded with its headers and body.
     """
 
     IGNORED_PATHS = ("/commands",)
@@ -838,6 +998,7 @@ class FixtureSite:
         self._commands: list[dict[str, Any]] = []
         self._requests: list[Request] = []
         self._records: list[PageRecord] = []
+        self._replies: dict[tuple[str, str], Reply] = {}
         self._lock = threading.Lock()
         self._server: ThreadingHTTPServer | None = None
         self._thread: threading.Thread | None = None
@@ -859,6 +1020,10 @@ class FixtureSite:
         return self
 
     def stop(self) -> None:
+        with self._lock:
+            held = list(self._replies.values())
+        for reply in held:  # a held answer must not keep a handler thread alive
+            reply.release()
         if self._server is not None:
             self._server.shutdown()
             self._server.server_close()
@@ -895,6 +1060,27 @@ class FixtureSite:
         }
         values.update(self.vars)
         return values
+
+    # -- canned answers
+
+    def reply(self, path: str, body: bytes | str = b"", status: int = 200, method: str = "GET",
+              content_type: str | None = None, hold: bool = False) -> Reply:
+        """Answer `method path` with this status and body from now on (it
+        replaces an earlier answer for the same request). A path without a
+        canned answer gets the fixture pages (GET) or 404."""
+        if isinstance(body, str):
+            body = body.encode("utf-8")
+        if content_type is None:
+            content_type = _CONTENT_TYPES.get(Path(path).suffix, "application/octet-stream") \
+                if status < 300 else "text/plain; charset=utf-8"
+        answer = Reply(status=status, body=body, content_type=content_type, hold=hold)
+        with self._lock:
+            self._replies[(method.upper(), path)] = answer
+        return answer
+
+    def _reply_for(self, method: str, path: str) -> Reply | None:
+        with self._lock:
+            return self._replies.get((method, path))
 
     # -- what pages do
 
@@ -1085,12 +1271,40 @@ class _SiteHandler(BaseHTTPRequestHandler):
     def _send_json(self, value: Any, status: int = 200) -> None:
         self._send(status, json.dumps(value).encode(), "application/json")
 
+    def _read_body(self) -> bytes:
+        """The request body, sent with a length or in chunks."""
+        if "chunked" in self.headers.get("Transfer-Encoding", "").lower():
+            chunks = []
+            while True:
+                size_line = self.rfile.readline()
+                size = int(size_line.split(b";", 1)[0].strip() or b"0", 16)
+                if size == 0:
+                    while self.rfile.readline() not in (b"\r\n", b"\n", b""):
+                        pass  # trailers
+                    break
+                chunks.append(self.rfile.read(size))
+                self.rfile.readline()  # the line end after each chunk
+            return b"".join(chunks)
+        length = int(self.headers.get("Content-Length") or 0)
+        return self.rfile.read(length) if length else b""
+
+    def _send_canned(self, path: str) -> bool:
+        answer = self.fixture._reply_for(self.command if self.command != "HEAD" else "GET", path)
+        if answer is None:
+            return False
+        if answer.hold:
+            answer._released.wait(timeout=120)
+        self._send(answer.status, answer.body, answer.content_type)
+        return True
+
     def do_HEAD(self):
         self.do_GET()
 
     def do_GET(self):
         parts = self._record(b"")
         path = parts.path
+        if self._send_canned(path):
+            return
         query = urllib.parse.parse_qs(parts.query)
         if path == "/api/papers":
             status = self.fixture.papers_status
@@ -1113,10 +1327,16 @@ class _SiteHandler(BaseHTTPRequestHandler):
             return
         self._serve_file(path)
 
+    def do_PUT(self):
+        parts = self._record(self._read_body())
+        if not self._send_canned(parts.path):
+            self._send(404, b"not found\n")
+
     def do_POST(self):
-        length = int(self.headers.get("Content-Length") or 0)
-        body = self.rfile.read(length) if length else b""
+        body = self._read_body()
         parts = self._record(body)
+        if self._send_canned(parts.path):
+            return
         if parts.path.startswith("/record/"):
             kind = parts.path[len("/record/"):]
             try:

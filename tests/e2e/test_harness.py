@@ -9,6 +9,7 @@ from __future__ import annotations
 import json
 import socket
 import subprocess
+import threading
 import urllib.error
 import urllib.request
 
@@ -19,9 +20,13 @@ from harness import (
     PYTHON,
     Desktop,
     DevProject,
+    FileManagerService,
     FixtureSite,
+    pdf_file_name,
     pid_alive,
     port_is_free,
+    read_sidecar,
+    sidecar_path,
     stop_process_group,
     wait_until,
 )
@@ -188,3 +193,75 @@ def test_dev_project_stand_in_serves_and_records(tmp_path):
     finally:
         stop_process_group(proc)
         proc.stdout.close()
+
+
+def test_fixture_site_canned_replies_and_uploads():
+    with FixtureSite("127.0.0.1") as site:
+        site.reply("/storage/p.pdf", b"%PDF-1.4 body")
+        status, body, headers = _get(site.url + "/storage/p.pdf?token=t")
+        assert (status, body, headers.get("Content-Type")) == (200, b"%PDF-1.4 body", "application/pdf")
+        site.reply("/storage/gone.pdf", "missing", status=404)
+        assert _get(site.url + "/storage/gone.pdf")[:2] == (404, b"missing")
+
+        site.reply("/up", "too big", status=413, method="PUT")
+        put = urllib.request.Request(site.url + "/up?x=1", data=b"abc", method="PUT",
+                                     headers={"Content-Type": "application/pdf", "x-upsert": "true"})
+        with pytest.raises(urllib.error.HTTPError) as refused:
+            urllib.request.urlopen(put, timeout=10)
+        assert (refused.value.code, refused.value.read()) == (413, b"too big")
+        # A body sent in chunks arrives whole.
+        with socket.create_connection((site.host, site.port), timeout=10) as conn:
+            conn.sendall(b"PUT /up HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n"
+                         b"3\r\nhel\r\n2\r\nlo\r\n0\r\n\r\n")
+            assert conn.makefile("rb").readline().startswith(b"HTTP/1.0 413")
+        puts = site.requests("/up", "PUT")
+        assert [(r.raw_query, r.body) for r in puts] == [("x=1", b"abc"), ("", b"hello")]
+        assert {k.lower(): v for k, v in puts[0].headers.items()}["x-upsert"] == "true"
+        assert _get(site.url + "/nothing-here")[0] == 404
+
+        # A held answer waits for the test.
+        held = site.reply("/slow", b"done", method="PUT", hold=True)
+        answers = []
+        worker = threading.Thread(target=lambda: answers.append(urllib.request.urlopen(
+            urllib.request.Request(site.url + "/slow", data=b"x", method="PUT"), timeout=10).read()))
+        worker.start()
+        wait_until(lambda: site.requests("/slow", "PUT"))
+        assert answers == []
+        held.release()
+        worker.join(timeout=10)
+        assert answers == [b"done"]
+
+
+def test_library_files_on_disk(home):
+    pdf = home.place_pdf("alice", "ab/cd", b"%PDF-x", etag="e1", synced_at=1000.25, modified_at=2000.5)
+    assert pdf == home.path / "Documents" / "Orvane" / "alice" / "ab_cd.pdf"
+    assert pdf_file_name("ab/cd") == "ab_cd.pdf"
+    assert sidecar_path(pdf).name == ".ab_cd.pdf.synced"
+    assert read_sidecar(pdf) == {"id": "ab/cd", "etag": "e1"}
+    assert sidecar_path(pdf).read_text() == '{"id":"ab/cd","etag":"e1"}'
+    assert (pdf.stat().st_mtime, sidecar_path(pdf).stat().st_mtime) == (2000.5, 1000.25)
+    plain = home.place_pdf("bob", "x", b"%PDF-y", sidecar=False, synced_at=3000.0)
+    assert plain.stat().st_mtime == 3000.0 and not sidecar_path(plain).exists()
+
+
+def test_file_manager_service_and_folder_handler(desktop, home):
+    service = FileManagerService(desktop, home.calls_file("fm1")).start()
+    try:
+        call = desktop.run_tool(
+            "gdbus", "call", "--session", "--dest", "org.freedesktop.FileManager1",
+            "--object-path", "/org/freedesktop/FileManager1",
+            "--method", "org.freedesktop.FileManager1.ShowItems", "['file:///tmp/a%20b.pdf']", "s1")
+        assert call.returncode == 0, call.stderr
+        calls = service.wait_for_call()
+        assert [(c["method"], c["uris"], c["startup_id"]) for c in calls] == [
+            ("ShowItems", ["file:///tmp/a%20b.pdf"], "s1")]
+    finally:
+        service.stop()
+    assert not desktop.name_has_owner("org.freedesktop.FileManager1")
+
+    folder = home.path / "some folder"
+    folder.mkdir()
+    opened = subprocess.run(["gio", "open", str(folder)], env=home.env(), capture_output=True, text=True,
+                            timeout=20)
+    assert opened.returncode == 0, opened.stderr
+    assert [c["argv"] for c in home.wait_for_file_manager_call()] == [[str(folder)]]

@@ -24,17 +24,18 @@ run: build
 test: build unit-asan
 	cd $(BUILD_DIR) && ctest --output-on-failure --timeout 1800
 
-# The unit tests once more, built with AddressSanitizer and UBSan.
+# The unit and integration tests once more, built with AddressSanitizer and UBSan.
 unit-asan: deps
 	@cmake -S . -B $(ASAN_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DORVANE_SANITIZE=ON \
 		-DORVANE_E2E=OFF >/dev/null
-	@cmake --build $(ASAN_DIR) --target orvane_unit_tests
+	@cmake --build $(ASAN_DIR) --target orvane_unit_tests orvane_integration_tests
 	cd $(ASAN_DIR) && ASAN_OPTIONS=detect_leaks=0 ctest --output-on-failure
 
 # Benchmarks print figures against floors measured in the same run.
 bench: build
-	@cmake --build $(BUILD_DIR) --target orvane_library_bench
+	@cmake --build $(BUILD_DIR) --target orvane_library_bench orvane_agent_bench
 	$(BUILD_DIR)/orvane_library_bench
+	$(BUILD_DIR)/bench/agent/orvane_agent_bench
 
 format:
 	clang-format -i $$(git ls-files 'src/*.cpp' 'src/*.h' 'tests/*.cpp' 'tests/*.h' 'bench/*.cpp')

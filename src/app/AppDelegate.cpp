@@ -83,6 +83,14 @@ void AppDelegate::applicationDidFinishLaunching() {
   store_ = std::make_unique<PdfStore>(*seams_.scheduler);
   pdf_actions_ = std::make_unique<PdfActions>(*store_, dock_drops_, *this);
 
+  // 8. Look for the agent; the shell look-up runs in the background.
+  auto send_event = [this](const Event& event) { events_.sendEvent(event); };
+  discovery_ = std::make_unique<ClaudeDiscovery>([this] { return storeHasAccount(); },
+                                                 [this] { return sparFolder(); }, send_event);
+  agent_turns_ = std::make_unique<AgentTurns>([this] { return discovery_->claudePath(); },
+                                              [this] { return sparFolder(); }, send_event);
+  discovery_->findClaude();
+
   // 9. Edits noticed in the library folder reach the page.
   store_->setOnChange([this](const std::string& id, int64_t size, double mtime) {
     events_.sendEvent({{"type", "pdfChanged"}, {"id", id}, {"mtime", mtime}, {"size", size}});
@@ -301,9 +309,12 @@ void AppDelegate::revealInFileManager(const std::string& path) {
   seams_.workspace->reveal(path);
 }
 
-// Not built yet: agent turns.
-void AppDelegate::runClaude(const nlohmann::json&) {}
-void AppDelegate::stopClaude(const nlohmann::json&) {}
+void AppDelegate::runClaude(const nlohmann::json& body) { agent_turns_->runClaude(body); }
+void AppDelegate::stopClaude(const nlohmann::json& body) { agent_turns_->stopClaude(body); }
+
+std::string AppDelegate::claudePath() const {
+  return discovery_ ? discovery_->claudePath().value_or("") : "";
+}
 
 std::string AppDelegate::sparFolder() {
   std::string folder = JoinPath(store_->folder(), ".spar");

@@ -5,6 +5,8 @@
 // of the menu commands.
 #pragma once
 
+#include "agent/AgentTurns.h"
+#include "agent/ClaudeDiscovery.h"
 #include "agent/SparringWindow.h"
 #include "app/LibraryWindow.h"
 #include "app/MainMenu.h"
@@ -87,7 +89,7 @@ public:
   void rescanStore() override;
   void ensureLocal(const std::string& paper_id, const std::optional<std::string>& url,
                    const std::optional<std::string>& etag, LocalCopyCompletion completion) override;
-  std::string claudePath() const override { return claude_path_.value_or(""); }
+  std::string claudePath() const override;
   std::string sparFolder() override;
 
   // PdfActionHost
@@ -127,7 +129,8 @@ private:
 
   std::unique_ptr<PdfStore> store_;
   std::unique_ptr<PdfActions> pdf_actions_;
-  std::optional<std::string> claude_path_;
+  std::unique_ptr<ClaudeDiscovery> discovery_;
+  std::unique_ptr<AgentTurns> agent_turns_;
 
   std::shared_ptr<WebPage> lib_web_;
   std::unique_ptr<LibraryWindow> lib_window_;

@@ -57,6 +57,9 @@ int main(int argc, char** argv) {
   setenv("XDG_DATA_DIRS", "/usr/share", 1);
   setenv("XDG_CONFIG_DIRS", "/etc/xdg", 1);
   setenv("NO_AT_BRIDGE", "1", 1);
+  // Settings from memory: GIO must not open a connection of its own to the
+  // session bus, which is stopped when the tests end.
+  setenv("GSETTINGS_BACKEND", "memory", 1);
   unsetenv("DISPLAY");
   unsetenv("WAYLAND_DISPLAY");
   SessionBus bus;

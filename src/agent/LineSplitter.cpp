@@ -1,0 +1,126 @@
+#include "agent/LineSplitter.h"
+
+#include <cstdint>
+#include <cstring>
+
+namespace orvane {
+
+namespace {
+
+void Emit(std::string_view line, const std::function<void(std::string_view)>& on_line,
+          size_t& added) {
+  if (line.empty() || !IsValidUtf8(line))
+    return;
+  on_line(line);
+  ++added;
+}
+
+} // namespace
+
+bool IsValidUtf8(std::string_view bytes) {
+  const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
+  const unsigned char* end = p + bytes.size();
+  while (p < end) {
+    // Runs of ASCII, eight bytes at a time.
+    while (end - p >= 8) {
+      uint64_t word;
+      std::memcpy(&word, p, 8);
+      if (word & 0x8080808080808080ULL)
+        break;
+      p += 8;
+    }
+    if (p >= end)
+      break;
+    unsigned char c = *p;
+    if (c < 0x80) {
+      ++p;
+      continue;
+    }
+    size_t length;
+    uint32_t lowest;
+    uint32_t code;
+    if ((c & 0xE0) == 0xC0) {
+      length = 2;
+      lowest = 0x80;
+      code = c & 0x1F;
+    } else if ((c & 0xF0) == 0xE0) {
+      length = 3;
+      lowest = 0x800;
+      code = c & 0x0F;
+    } else if ((c & 0xF8) == 0xF0) {
+      length = 4;
+      lowest = 0x10000;
+      code = c & 0x07;
+    } else {
+      return false;
+    }
+    if (size_t(end - p) < length)
+      return false;
+    for (size_t i = 1; i < length; ++i) {
+      if ((p[i] & 0xC0) != 0x80)
+        return false;
+      code = (code << 6) | (p[i] & 0x3F);
+    }
+    if (code < lowest || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))
+      return false;
+    p += length;
+  }
+  return true;
+}
+
+size_t LineSplitter::append(std::string_view chunk, std::vector<std::string>& lines) {
+  return append(chunk, [&lines](std::string_view line) { lines.emplace_back(line); });
+}
+
+size_t LineSplitter::append(std::string_view chunk,
+                            const std::function<void(std::string_view)>& on_line) {
+  size_t added = 0;
+  size_t start = 0;
+  const char* data = chunk.data();
+  if (!buffer_.empty()) {
+    // Finish the line held back from earlier chunks first.
+    const void* found = std::memchr(data, '\n', chunk.size());
+    if (!found) {
+      buffer_.append(chunk);
+      return 0;
+    }
+    size_t at = size_t(static_cast<const char*>(found) - data);
+    buffer_.append(data, at);
+    Emit(buffer_, on_line, added);
+    buffer_.clear();
+    start = at + 1;
+  }
+  // Whole lines inside this chunk are taken straight from it.
+  while (start < chunk.size()) {
+    const void* found = std::memchr(data + start, '\n', chunk.size() - start);
+    if (!found)
+      break;
+    size_t at = size_t(static_cast<const char*>(found) - data);
+    Emit(chunk.substr(start, at - start), on_line, added);
+    start = at + 1;
+  }
+  if (start < chunk.size())
+    buffer_.assign(data + start, chunk.size() - start);
+  return added;
+}
+
+std::vector<std::string> LineSplitter::finish(std::string_view tail) {
+  buffer_.append(tail);
+  std::string rest;
+  rest.swap(buffer_);
+  std::vector<std::string> pieces;
+  if (!IsValidUtf8(rest))
+    return pieces;
+  size_t start = 0;
+  while (start <= rest.size()) {
+    size_t at = rest.find('\n', start);
+    if (at == std::string::npos)
+      at = rest.size();
+    if (at > start)
+      pieces.emplace_back(rest, start, at - start);
+    start = at + 1;
+  }
+  return pieces;
+}
+
+} // namespace orvane

@@ -99,6 +99,8 @@ void AppDelegate::applicationDidFinishLaunching() {
   // 10. The library window, hidden until shown.
   lib_web_ = factory_.makeWebView();
   lib_window_ = std::make_unique<LibraryWindow>(application_, lib_web_, *seams_.scheduler);
+  lib_drops_ = std::make_unique<WindowDrops>(
+      lib_web_->widget(), [this](const std::vector<std::string>& paths) { openFiles(paths); });
 
   // 11. The quick panel, hidden until shown.
   web_ = factory_.makeWebView();
@@ -309,8 +311,12 @@ void AppDelegate::revealInFileManager(const std::string& path) {
   seams_.workspace->reveal(path);
 }
 
-void AppDelegate::runClaude(const nlohmann::json& body) { agent_turns_->runClaude(body); }
-void AppDelegate::stopClaude(const nlohmann::json& body) { agent_turns_->stopClaude(body); }
+void AppDelegate::runClaude(const nlohmann::json& body) {
+  agent_turns_->runClaude(body);
+}
+void AppDelegate::stopClaude(const nlohmann::json& body) {
+  agent_turns_->stopClaude(body);
+}
 
 std::string AppDelegate::claudePath() const {
   return discovery_ ? discovery_->claudePath().value_or("") : "";

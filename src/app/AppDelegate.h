@@ -25,6 +25,7 @@
 #include "library/FileDrag.h"
 #include "library/PdfActions.h"
 #include "library/PdfStore.h"
+#include "library/WindowDrops.h"
 
 #include <map>
 #include <memory>
@@ -134,6 +135,7 @@ private:
 
   std::shared_ptr<WebPage> lib_web_;
   std::unique_ptr<LibraryWindow> lib_window_;
+  std::unique_ptr<WindowDrops> lib_drops_;
   std::shared_ptr<WebPage> web_;
   std::unique_ptr<PanelWindow> window_;
   std::unique_ptr<QuickPanel> quick_panel_;

@@ -47,3 +47,55 @@ def test_check_accessibility_from_the_menu_logs_and_shows_the_alert(home, site, 
 
     windows = wait_until(alert, what="the alert window")
     assert len(windows) == 1
+
+
+def test_files_dropped_on_the_library_window_are_announced(home, site, desktop, launch, tmp_path):
+    import subprocess
+    import time
+    from pathlib import Path
+
+    home.write_settings(AppURL=site.url)
+    site.set_scenario([{"post": {"action": "hello", "account": "drops"}}])
+    orvane = launch()
+    library = orvane.wait_for_window("library")
+    site.wait_for_event("claudeStatus")
+
+    paper = tmp_path / "Dropped Paper.pdf"
+    paper.write_bytes(b"%PDF-1.4\n" + b"x" * 100 + b"\n%%EOF\n")
+    notes = tmp_path / "notes.txt"
+    notes.write_text("not a paper")
+    source = subprocess.Popen(
+        ["/usr/bin/python3", str(Path(__file__).parent / "fixtures/bin/drag_source.py"),
+         str(paper), str(notes)],
+        env=desktop.env(), start_new_session=True)
+    try:
+        def source_window():
+            found = desktop.run_tool("xdotool", "search", "--onlyvisible", "--name", "^Drag Source$")
+            return found.stdout.split()
+        start = wait_until(source_window, what="the drag source window")[0]
+        src = desktop.window_info(int(start))
+        dst = desktop.window_info(library)
+        sx, sy = src["x"] + src["width"] // 2, src["y"] + src["height"] // 2
+        dx, dy = dst["x"] + dst["width"] // 2, dst["y"] + dst["height"] // 2
+        desktop.run_tool("xdotool", "mousemove", str(sx), str(sy))
+        desktop.run_tool("xdotool", "mousedown", "1")
+        # Move in steps, as a hand does, so that both sides see the drag.
+        for i in range(1, 21):
+            desktop.run_tool("xdotool", "mousemove", str(sx + (dx - sx) * i // 20),
+                             str(sy + (dy - sy) * i // 20))
+            time.sleep(0.03)
+        time.sleep(0.3)
+        desktop.run_tool("xdotool", "mouseup", "1")
+
+        drop = site.wait_for_event("dockDrop")
+        assert drop["name"] == "Dropped Paper.pdf"
+        assert drop["size"] == paper.stat().st_size
+        assert len(drop["token"]) == 36
+        home.wait_for_log("dock drop: Dropped Paper.pdf")
+        # The page stays: a dropped PDF does not replace the library page.
+        ack = site.run_in_page([{"mark": "still here"}])
+        assert ack.href == site.url + "/"
+        assert [e["type"] for e in site.events()].count("dockDrop") == 1
+    finally:
+        source.terminate()
+        source.wait(timeout=10)

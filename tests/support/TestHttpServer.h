@@ -30,6 +30,7 @@ struct HttpReply {
   std::string body;
   std::string content_type = "application/octet-stream";
   std::map<std::string, std::string> headers;
+  bool chunked = false; // send the body in chunked transfer encoding
 };
 
 class TestHttpServer {
@@ -120,6 +121,18 @@ private:
       soup_message_headers_replace(soup_server_message_get_response_headers(message), key.c_str(),
                                    header.c_str());
     soup_server_message_set_status(message, reply.status, nullptr);
+    if (reply.chunked) {
+      SoupMessageHeaders* headers = soup_server_message_get_response_headers(message);
+      soup_message_headers_set_encoding(headers, SOUP_ENCODING_CHUNKED);
+      soup_message_headers_set_content_type(headers, reply.content_type.c_str(), nullptr);
+      SoupMessageBody* out = soup_server_message_get_response_body(message);
+      size_t half = reply.body.size() / 2;
+      soup_message_body_append(out, SOUP_MEMORY_COPY, reply.body.data(), half);
+      soup_message_body_append(out, SOUP_MEMORY_COPY, reply.body.data() + half,
+                               reply.body.size() - half);
+      soup_message_body_complete(out);
+      return;
+    }
     soup_server_message_set_response(message, reply.content_type.c_str(), SOUP_MEMORY_COPY,
                                      reply.body.data(), reply.body.size());
   }

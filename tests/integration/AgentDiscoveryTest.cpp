@@ -8,6 +8,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "AgentFixtures.h"
+#include "support/MainLoop.h"
 #include <sys/stat.h>
 
 namespace orvane {
@@ -16,24 +19,6 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using json = nlohmann::json;
-
-std::string FixturePath(const std::string& name) {
-  std::string here = __FILE__;
-  return here.substr(0, here.rfind('/')) + "/agent_fixtures/" + name;
-}
-
-bool SpinUntil(const std::function<bool()>& done, double seconds = 20) {
-  gint64 deadline = g_get_monotonic_time() + gint64(seconds * 1e6);
-  while (!done() && g_get_monotonic_time() < deadline)
-    g_main_context_iteration(nullptr, FALSE), g_usleep(1000);
-  return done();
-}
-
-void SpinFor(double seconds) {
-  gint64 deadline = g_get_monotonic_time() + gint64(seconds * 1e6);
-  while (g_get_monotonic_time() < deadline)
-    g_main_context_iteration(nullptr, FALSE), g_usleep(1000);
-}
 
 class AgentDiscoveryTest : public ::testing::Test {
 protected:
@@ -46,7 +31,7 @@ protected:
     candidates_[2] = root_.path() + "/opt/homebrew/bin/claude";
     candidates_[3] = root_.path() + "/usr/local/bin/claude";
     shell_ = root_.path() + "/shell/login";
-    TempDir::WriteFile(shell_, TempDir::Read(FixturePath("login_shell.sh")));
+    TempDir::WriteFile(shell_, TempDir::Read(AgentFixturePath("login_shell.sh")));
     chmod(shell_.c_str(), 0755);
   }
 

@@ -10,6 +10,10 @@
 #include <gio/gio.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "AgentFixtures.h"
+#include "support/MainLoop.h"
+#include "support/TestHttpServer.h"
 #include <libsoup/soup.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -30,99 +34,35 @@ using ::testing::Not;
 using ::testing::StartsWith;
 using json = nlohmann::json;
 
-std::string FixturePath(const std::string& name) {
-  std::string here = __FILE__;
-  return here.substr(0, here.rfind('/')) + "/agent_fixtures/" + name;
-}
-
-// Runs the default main context until the condition holds or time runs out.
-bool SpinUntil(const std::function<bool()>& done, double seconds = 20) {
-  gint64 deadline = g_get_monotonic_time() + gint64(seconds * 1e6);
-  while (!done() && g_get_monotonic_time() < deadline)
-    g_main_context_iteration(nullptr, FALSE), g_usleep(1000);
-  return done();
-}
-
-// Runs the main context for a while, whatever happens.
-void SpinFor(double seconds) {
-  gint64 deadline = g_get_monotonic_time() + gint64(seconds * 1e6);
-  while (g_get_monotonic_time() < deadline)
-    g_main_context_iteration(nullptr, FALSE), g_usleep(1000);
-}
-
-// A loopback HTTP server on its own thread that answers each path with a
-// status and body of the test's choosing (404 "no such file" otherwise).
+// A loopback HTTP server that answers each path with a status and body of
+// the test's choosing (404 "no such file" otherwise).
 class FileServer {
 public:
-  FileServer() {
-    context_ = g_main_context_new();
-    loop_ = g_main_loop_new(context_, FALSE);
-    g_main_context_push_thread_default(context_);
-    server_ = soup_server_new(nullptr, nullptr);
-    soup_server_add_handler(
-        server_, nullptr,
-        [](SoupServer*, SoupServerMessage* message, const char* path, GHashTable*, gpointer data) {
-          auto* self = static_cast<FileServer*>(data);
-          std::lock_guard<std::mutex> lock(self->mutex_);
-          self->requests_.push_back(path);
-          auto found = self->files_.find(path);
-          int status = found == self->files_.end() ? 404 : found->second.first;
-          std::string body = found == self->files_.end() ? "no such file" : found->second.second;
-          soup_server_message_set_status(message, status, nullptr);
-          soup_server_message_set_response(message, "text/plain", SOUP_MEMORY_COPY, body.data(),
-                                           body.size());
-        },
-        this, nullptr);
-    soup_server_listen_local(server_, 0, SOUP_SERVER_LISTEN_IPV4_ONLY, nullptr);
-    GSList* uris = soup_server_get_uris(server_);
-    if (uris)
-      port_ = g_uri_get_port(static_cast<GUri*>(uris->data));
-    g_slist_free_full(uris, reinterpret_cast<GDestroyNotify>(g_uri_unref));
-    g_main_context_pop_thread_default(context_);
-    thread_ = std::thread([this] {
-      g_main_context_push_thread_default(context_);
-      g_main_loop_run(loop_);
-      g_main_context_pop_thread_default(context_);
-    });
-  }
-  ~FileServer() {
-    g_main_context_invoke(
-        context_,
-        [](gpointer loop) -> gboolean {
-          g_main_loop_quit(static_cast<GMainLoop*>(loop));
-          return G_SOURCE_REMOVE;
-        },
-        loop_);
-    thread_.join();
-    g_main_context_push_thread_default(context_);
-    soup_server_disconnect(server_);
-    g_object_unref(server_);
-    g_main_context_pop_thread_default(context_);
-    g_main_loop_unref(loop_);
-    g_main_context_unref(context_);
-  }
+  FileServer()
+      : server_([this](const HttpRequest& request, HttpReply& reply) {
+          std::lock_guard<std::mutex> lock(mutex_);
+          auto found = files_.find(request.path);
+          reply.status = found == files_.end() ? 404 : found->second.first;
+          reply.body = found == files_.end() ? "no such file" : found->second.second;
+          reply.content_type = "text/plain";
+        }) {}
 
   void serve(const std::string& path, int status, const std::string& body) {
     std::lock_guard<std::mutex> lock(mutex_);
     files_[path] = {status, body};
   }
-  std::string url(const std::string& path) const {
-    return "http://127.0.0.1:" + std::to_string(port_) + path;
-  }
+  std::string url(const std::string& path) const { return server_.url(path); }
   std::vector<std::string> requests() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return requests_;
+    std::vector<std::string> paths;
+    for (const HttpRequest& request : server_.requests())
+      paths.push_back(request.path);
+    return paths;
   }
 
 private:
-  GMainContext* context_;
-  GMainLoop* loop_;
-  SoupServer* server_;
-  std::thread thread_;
-  int port_ = 0;
-  mutable std::mutex mutex_;
+  std::mutex mutex_;
   std::map<std::string, std::pair<int, std::string>> files_;
-  std::vector<std::string> requests_;
+  TestHttpServer server_;
 };
 
 // An address on loopback where nothing listens: the port was bound and let
@@ -168,7 +108,7 @@ protected:
     std::string bin = root_.path() + "/bin";
     g_mkdir_with_parents(bin.c_str(), 0755);
     std::string path = bin + "/claude";
-    TempDir::WriteFile(path, TempDir::Read(FixturePath(fixture)));
+    TempDir::WriteFile(path, TempDir::Read(AgentFixturePath(fixture)));
     chmod(path.c_str(), 0755);
     claude_ = path;
     return path;

@@ -6,7 +6,7 @@
 
 namespace orvane {
 
-inline bool SpinUntil(const std::function<bool()>& done, double seconds = 10) {
+inline bool SpinUntil(const std::function<bool()>& done, double seconds = 20) {
   gint64 deadline = g_get_monotonic_time() + gint64(seconds * 1e6);
   while (!done() && g_get_monotonic_time() < deadline) {
     if (!g_main_context_iteration(nullptr, FALSE))

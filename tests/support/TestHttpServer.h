@@ -37,13 +37,19 @@ class TestHttpServer {
 public:
   using Handler = std::function<void(const HttpRequest&, HttpReply&)>;
 
-  explicit TestHttpServer(Handler handler) : handler_(std::move(handler)) {
+  // Listens on the given loopback address (any of 127.0.0.0/8).
+  explicit TestHttpServer(Handler handler, const std::string& host = "127.0.0.1")
+      : handler_(std::move(handler)), host_(host) {
     context_ = g_main_context_new();
     loop_ = g_main_loop_new(context_, FALSE);
     g_main_context_push_thread_default(context_);
     server_ = soup_server_new(nullptr, nullptr);
     soup_server_add_handler(server_, nullptr, &TestHttpServer::Serve, this, nullptr);
-    soup_server_listen_local(server_, 0, SOUP_SERVER_LISTEN_IPV4_ONLY, nullptr);
+    GInetAddress* inet = g_inet_address_new_from_string(host_.c_str());
+    GSocketAddress* address = g_inet_socket_address_new(inet, 0);
+    soup_server_listen(server_, address, SoupServerListenOptions(0), nullptr);
+    g_object_unref(address);
+    g_object_unref(inet);
     GSList* uris = soup_server_get_uris(server_);
     if (uris) {
       port_ = g_uri_get_port(static_cast<GUri*>(uris->data));
@@ -75,7 +81,7 @@ public:
   }
 
   std::string url(const std::string& path) const {
-    return "http://127.0.0.1:" + std::to_string(port_) + path;
+    return "http://" + host_ + ":" + std::to_string(port_) + path;
   }
   std::vector<HttpRequest> requests() const {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -138,6 +144,7 @@ private:
   }
 
   Handler handler_;
+  std::string host_;
   GMainContext* context_;
   GMainLoop* loop_;
   SoupServer* server_;
@@ -145,6 +152,34 @@ private:
   int port_ = 0;
   mutable std::mutex mutex_;
   std::vector<HttpRequest> requests_;
+};
+
+// Accepts connections and never answers.
+class SilentServer {
+public:
+  SilentServer() {
+    GError* error = nullptr;
+    listener_ =
+        g_socket_new(G_SOCKET_FAMILY_IPV4, G_SOCKET_TYPE_STREAM, G_SOCKET_PROTOCOL_TCP, &error);
+    GInetAddress* inet = g_inet_address_new_loopback(G_SOCKET_FAMILY_IPV4);
+    GSocketAddress* any = g_inet_socket_address_new(inet, 0);
+    g_socket_bind(listener_, any, TRUE, nullptr);
+    g_socket_listen(listener_, nullptr);
+    GSocketAddress* bound = g_socket_get_local_address(listener_, nullptr);
+    port_ = g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(bound));
+    g_object_unref(bound);
+    g_object_unref(any);
+    g_object_unref(inet);
+  }
+  ~SilentServer() {
+    g_socket_close(listener_, nullptr);
+    g_object_unref(listener_);
+  }
+  std::string address() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+private:
+  GSocket* listener_;
+  int port_ = 0;
 };
 
 // A server that promises a body and hangs up halfway through it.

@@ -1,6 +1,6 @@
 #include "app/DevServer.h"
 
-#include "support/LoopbackServer.h"
+#include "support/TestHttpServer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -10,6 +10,21 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+
+// A server answering every request with one status.
+TestHttpServer::Handler Answering(int status) {
+  return [status](const HttpRequest&, HttpReply& reply) {
+    reply.status = status;
+    reply.body = "[]";
+  };
+}
+
+std::vector<std::string> Paths(const TestHttpServer& server) {
+  std::vector<std::string> paths;
+  for (const HttpRequest& request : server.requests())
+    paths.push_back(request.path);
+  return paths;
+}
 
 // Real probes against a real loopback server; the shell and the sleeps are
 // recorded instead of run.
@@ -25,32 +40,32 @@ struct Recorder {
 };
 
 TEST(DevServerTest, RemoteSiteMakesNoRequest) {
-  LoopbackServer server("127.0.0.2", 200);
+  TestHttpServer server(Answering(200), "127.0.0.2");
   Recorder recorder;
-  EnsureServer(server.address(), "/srv/site", recorder.actions());
-  EXPECT_EQ(server.requestCount(), 0);
+  EnsureServer(server.url(""), "/srv/site", recorder.actions());
+  EXPECT_EQ(server.requestCount(), 0u);
   EXPECT_THAT(recorder.commands, IsEmpty());
   EXPECT_THAT(recorder.sleeps, IsEmpty());
 }
 
 TEST(DevServerTest, ServerAnswering200CostsOneProbe) {
-  LoopbackServer server("127.0.0.1", 200);
+  TestHttpServer server(Answering(200));
   Recorder recorder;
-  EnsureServer(server.address(), "/srv/site", recorder.actions());
-  EXPECT_EQ(server.requestCount(), 1);
-  EXPECT_THAT(server.paths(), ElementsAre("/api/papers"));
+  EnsureServer(server.url(""), "/srv/site", recorder.actions());
+  EXPECT_EQ(server.requestCount(), 1u);
+  EXPECT_THAT(Paths(server), ElementsAre("/api/papers"));
   EXPECT_THAT(recorder.commands, IsEmpty());
 }
 
 TEST(DevServerTest, NotFoundCountsAsDownAndAllAttemptsAreMade) {
-  LoopbackServer server("127.0.0.1", 404);
+  TestHttpServer server(Answering(404));
   Recorder recorder;
-  EnsureServer(server.address(), "/srv/my site", recorder.actions());
+  EnsureServer(server.url(""), "/srv/my site", recorder.actions());
   EXPECT_THAT(recorder.commands,
               ElementsAre("cd '/srv/my site' && nohup .venv/bin/uvicorn main:app --port 8000 > "
                           "/tmp/shelfkeep.log 2>&1 &"));
   EXPECT_EQ(recorder.sleeps, std::vector<double>(20, 0.25));
-  EXPECT_EQ(server.requestCount(), 21);
+  EXPECT_EQ(server.requestCount(), 21u);
 }
 
 TEST(DevServerTest, WaitingStopsAtTheFirstSuccessfulProbe) {

@@ -7,15 +7,6 @@
 
 namespace orvane {
 
-std::optional<std::string> StringValue(const nlohmann::json& body, const char* key) {
-  if (!body.is_object())
-    return std::nullopt;
-  auto found = body.find(key);
-  if (found == body.end() || !found->is_string())
-    return std::nullopt;
-  return found->get<std::string>();
-}
-
 std::optional<std::vector<std::string>> TurnArguments(const nlohmann::json& body) {
   if (!body.is_object())
     return std::nullopt;
@@ -69,7 +60,7 @@ std::string WrapFullText(const std::string& text) {
 
 std::string BuildAgentPrompt(const nlohmann::json& body, const std::string& working_folder) {
   std::string prompt;
-  if (auto head = StringValue(body, "prompt_head"))
+  if (auto head = StringMember(body, "prompt_head"))
     prompt += *head;
   if (body.is_object() && body.contains("text_file")) {
     std::string name = TurnFileName(body["text_file"]);
@@ -84,7 +75,7 @@ std::string BuildAgentPrompt(const nlohmann::json& body, const std::string& work
       }
     }
   }
-  if (auto tail = StringValue(body, "prompt_tail"))
+  if (auto tail = StringMember(body, "prompt_tail"))
     prompt += *tail;
   return prompt;
 }

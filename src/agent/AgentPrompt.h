@@ -3,6 +3,8 @@
 // files, the prompt and the agent's search path.
 #pragma once
 
+#include "bridge/Payload.h"
+
 #include <nlohmann/json.hpp>
 
 #include <optional>
@@ -10,10 +12,6 @@
 #include <vector>
 
 namespace orvane {
-
-// The string under `key`, or nothing when the key is missing or holds
-// another type.
-std::optional<std::string> StringValue(const nlohmann::json& body, const char* key);
 
 // The arguments of a turn: "args" must be an array whose every element is a
 // string without NUL characters; anything else gives nothing.

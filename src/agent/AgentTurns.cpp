@@ -142,7 +142,7 @@ const std::map<std::string, GObjectPtr<GSubprocess>>& AgentTurns::claudeTasks() 
 }
 
 void AgentTurns::runClaude(const nlohmann::json& body) {
-  std::optional<std::string> turn = StringValue(body, "turn");
+  std::optional<std::string> turn = StringMember(body, "turn");
   std::optional<std::vector<std::string>> args = TurnArguments(body);
   // A malformed request has no lifecycle: no event, no log line. An "args"
   // holding anything but strings is no array of strings, so it counts as
@@ -175,7 +175,7 @@ void AgentTurns::runClaude(const nlohmann::json& body) {
 }
 
 void AgentTurns::stopClaude(const nlohmann::json& body) {
-  std::optional<std::string> turn = StringValue(body, "turn");
+  std::optional<std::string> turn = StringMember(body, "turn");
   if (!turn)
     return;
   auto found = core_->claude_tasks.find(*turn);
@@ -203,11 +203,11 @@ void AgentTurns::layDownFrom(const std::shared_ptr<Core>& core,
     std::string name = TurnFileName(entry.contains("name") ? entry["name"] : nlohmann::json());
     if (name.empty())
       continue;
-    if (auto content = StringValue(entry, "content")) {
+    if (auto content = StringMember(entry, "content")) {
       WriteTurnFile(core->folder(), name, content->data(), content->size());
       continue;
     }
-    std::optional<std::string> url = StringValue(entry, "url");
+    std::optional<std::string> url = StringMember(entry, "url");
     if (!url)
       continue;
 

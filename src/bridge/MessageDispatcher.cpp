@@ -5,15 +5,6 @@
 
 namespace orvane {
 
-std::optional<std::string> StringMember(const nlohmann::json& body, const char* key) {
-  if (!body.is_object())
-    return std::nullopt;
-  auto found = body.find(key);
-  if (found == body.end() || !found->is_string())
-    return std::nullopt;
-  return found->get<std::string>();
-}
-
 namespace {
 // The action as text: a string as itself, any other value as its JSON.
 std::optional<std::string> ActionOf(const nlohmann::json& body) {

@@ -6,6 +6,7 @@
 
 #include "bridge/BridgeHost.h"
 #include "bridge/EventDelivery.h"
+#include "bridge/Payload.h"
 
 #include <functional>
 #include <string>
@@ -37,8 +38,5 @@ private:
   EventDelivery& events_;
   std::function<std::string()> site_address_;
 };
-
-// body[key] when body is an object and the value is a string.
-std::optional<std::string> StringMember(const nlohmann::json& body, const char* key);
 
 } // namespace orvane

@@ -1,26 +1,11 @@
 #include "library/PdfActions.h"
 
 #include "app/SparLog.h"
-#include "bridge/MessageDispatcher.h"
+#include "bridge/Payload.h"
 #include "library/HttpTransfer.h"
 #include "library/PdfFiles.h"
 
-#include <cstdlib>
-
 namespace orvane {
-
-double NumberMember(const nlohmann::json& body, const char* key) {
-  if (!body.is_object())
-    return 0;
-  auto found = body.find(key);
-  if (found == body.end())
-    return 0;
-  if (found->is_number())
-    return found->get<double>();
-  if (found->is_string())
-    return std::strtod(found->get<std::string>().c_str(), nullptr);
-  return 0;
-}
 
 PdfActions::PdfActions(PdfStore& store, DockDrops& dock_drops, PdfActionHost& host)
     : store_(store), dock_drops_(dock_drops), host_(host) {}

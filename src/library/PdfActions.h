@@ -49,7 +49,4 @@ private:
   PdfActionHost& host_;
 };
 
-// A number, or a numeric string read as one; 0 otherwise.
-double NumberMember(const nlohmann::json& body, const char* key);
-
 } // namespace orvane

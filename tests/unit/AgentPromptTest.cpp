@@ -86,14 +86,14 @@ TEST(AgentPromptTest, ArgumentsMustBeAnArrayOfStrings) {
   EXPECT_EQ(TurnArguments(json::array()), std::nullopt);
 }
 
-TEST(AgentPromptTest, StringValueTakesStringsOnly) {
+TEST(AgentPromptTest, StringMemberTakesStringsOnly) {
   json body = {{"turn", "t1"}, {"n", 1}, {"b", true}, {"z", nullptr}};
-  EXPECT_THAT(StringValue(body, "turn"), Optional(std::string("t1")));
-  EXPECT_EQ(StringValue(body, "n"), std::nullopt);
-  EXPECT_EQ(StringValue(body, "b"), std::nullopt);
-  EXPECT_EQ(StringValue(body, "z"), std::nullopt);
-  EXPECT_EQ(StringValue(body, "missing"), std::nullopt);
-  EXPECT_EQ(StringValue(json("text"), "turn"), std::nullopt);
+  EXPECT_THAT(StringMember(body, "turn"), Optional(std::string("t1")));
+  EXPECT_EQ(StringMember(body, "n"), std::nullopt);
+  EXPECT_EQ(StringMember(body, "b"), std::nullopt);
+  EXPECT_EQ(StringMember(body, "z"), std::nullopt);
+  EXPECT_EQ(StringMember(body, "missing"), std::nullopt);
+  EXPECT_EQ(StringMember(json("text"), "turn"), std::nullopt);
 }
 
 TEST(AgentPromptTest, LastPathComponentFollowsPathRules) {

@@ -1,0 +1,29 @@
+#include "bridge/Payload.h"
+
+#include <cstdlib>
+
+namespace orvane {
+
+std::optional<std::string> StringMember(const nlohmann::json& body, const char* key) {
+  if (!body.is_object())
+    return std::nullopt;
+  auto found = body.find(key);
+  if (found == body.end() || !found->is_string())
+    return std::nullopt;
+  return found->get<std::string>();
+}
+
+double NumberMember(const nlohmann::json& body, const char* key) {
+  if (!body.is_object())
+    return 0;
+  auto found = body.find(key);
+  if (found == body.end())
+    return 0;
+  if (found->is_number())
+    return found->get<double>();
+  if (found->is_string())
+    return std::strtod(found->get<std::string>().c_str(), nullptr);
+  return 0;
+}
+
+} // namespace orvane

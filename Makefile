@@ -22,6 +22,7 @@ run: build
 	$(BUILD_DIR)/orvane
 
 test: build unit-asan
+	@scripts/install-claude-code.sh
 	cd $(BUILD_DIR) && ctest --output-on-failure --timeout 1800
 
 # The unit and integration tests once more, built with AddressSanitizer and UBSan.

@@ -63,6 +63,7 @@ void SparringWindow::create(const Rect& frame) {
   gtk_window_set_application(window_, context_.application);
   gtk_window_set_title(window_, kSparTitle);
   gtk_window_set_role(window_, "sparring");
+  TrackWindowFrame(window_);
   GdkGeometry hints = {};
   hints.min_width = kSparMinWidth;
   hints.min_height = kSparMinHeight;
@@ -76,6 +77,18 @@ void SparringWindow::create(const Rect& frame) {
                    G_CALLBACK(+[](GtkWidget*, GdkEvent*, gpointer data) -> gboolean {
                      static_cast<SparringWindow*>(data)->closeSparWindow();
                      return TRUE;
+                   }),
+                   this);
+  // After the empty page that makes a reopen a fresh load, the page itself.
+  g_signal_connect(spar_web_->view(), "load-changed",
+                   G_CALLBACK(+[](WebKitWebView*, WebKitLoadEvent event, gpointer data) {
+                     auto* self = static_cast<SparringWindow*>(data);
+                     std::string shown = self->spar_web_->currentAddress();
+                     if (event != WEBKIT_LOAD_FINISHED || !self->pending_address_ ||
+                         !(shown.empty() || shown == "about:blank"))
+                       return;
+                     std::string address = *std::exchange(self->pending_address_, std::nullopt);
+                     self->spar_web_->load(address);
                    }),
                    this);
   g_signal_connect(
@@ -107,14 +120,32 @@ void SparringWindow::openSparWindowFor(const std::string& paper_id) {
   std::optional<Screen> current = screenOf(window_);
   bool move = !created && screen && (!current || current->index != screen->index) && !full_screen_;
 
-  spar_web_->load(SparAddress(SiteAddress(), paper_id));
+  loadFresh(SparAddress(SiteAddress(), paper_id));
   context_.panel.orderOut();
   gtk_window_present(window_);
-  if (move)
-    SetWindowFrame(window_, target);
-  SparLog("spar window -> screen %@ frame %@",
-          screen ? RectText(screen->frame) : std::string("(none)"),
-          RectText(move || created ? target : WindowFrame(window_)));
+  // The frame is set once the window manager has framed the window, so that
+  // the frame, decorations included, is the one asked for.
+  std::string screen_text = screen ? RectText(screen->frame) : std::string("(none)");
+  bool place = move || created;
+  WhenOnScreen(window_, [this, place, target, screen_text] {
+    if (place)
+      SetWindowFrame(window_, target);
+    SparLog("spar window -> screen %@ frame %@", screen_text,
+            RectText(place ? target : WindowFrame(window_)));
+  });
+}
+
+void SparringWindow::loadFresh(const std::string& address) {
+  // A load that differs from the shown page only in its fragment would not
+  // reload the page; going through an empty page makes every open a fresh
+  // load of the sparring page.
+  std::string current = spar_web_->currentAddress();
+  if (current.empty() || current == "about:blank") {
+    spar_web_->load(address);
+    return;
+  }
+  pending_address_ = address;
+  spar_web_->loadBlank();
 }
 
 void SparringWindow::closeSparWindow() {
@@ -122,6 +153,7 @@ void SparringWindow::closeSparWindow() {
     return;
   if (full_screen_)
     gtk_window_unfullscreen(window_);
+  pending_address_.reset();
   spar_web_->loadBlank();
   gtk_widget_hide(GTK_WIDGET(window_));
   if (context_.events.primaryWeb() == spar_web_)

@@ -57,6 +57,7 @@ public:
 
 private:
   void create(const Rect& frame);
+  void loadFresh(const std::string& address);
   std::optional<Screen> screenOf(GtkWindow* window) const;
 
   Context context_;
@@ -64,6 +65,7 @@ private:
   std::shared_ptr<WebPage> spar_web_;
   bool spar_from_library_ = false;
   bool full_screen_ = false;
+  std::optional<std::string> pending_address_; // loaded once the empty page is in
 };
 
 } // namespace orvane

@@ -13,6 +13,7 @@ LibraryWindow::LibraryWindow(GtkApplication* application, std::shared_ptr<WebPag
   g_object_ref_sink(window_);
   gtk_window_set_title(window_, "Orvane");
   gtk_window_set_role(window_, "library");
+  TrackWindowFrame(window_);
   gtk_window_set_default_size(window_, kLibraryWidth, kLibraryHeight);
   GdkGeometry hints = {};
   hints.min_width = kLibraryMinWidth;

@@ -11,6 +11,7 @@ PanelWindow::PanelWindow(GtkApplication* application, GtkWidget* content) {
     gtk_window_set_application(window_, application);
   gtk_window_set_title(window_, "Orvane");
   gtk_window_set_role(window_, "quick-panel");
+  TrackWindowFrame(window_);
   gtk_window_set_type_hint(window_, GDK_WINDOW_TYPE_HINT_UTILITY);
   gtk_window_set_keep_above(window_, TRUE);
   gtk_window_stick(window_);

@@ -61,8 +61,15 @@ void QuickPanel::showPanelWithSelection(const std::optional<std::string>& select
     library_.orderOut();
 
   window_.makeKeyAndOrderFront();
-  centrePanelOnScreen(screen);
+  // The panel is placed once the window manager has framed it, when its
+  // frame is known.
+  WhenOnScreen(window_.gtkWindow(), [this, screen] {
+    centrePanelOnScreen(screen);
+    logShown();
+  });
+}
 
+void QuickPanel::logShown() {
   std::string screen_list;
   for (const Screen& s : screens_.screens())
     screen_list += RectText(s.frame) + " ";

@@ -37,6 +37,8 @@ public:
   void takePendingSummon();
 
 private:
+  void logShown();
+
   PanelWindow& window_;
   WebPage& web_;
   LibraryWindow& library_;

@@ -10,6 +10,9 @@
               every process started is ended at teardown, even on failure
 - `file_manager_service`  a stand-in file manager owning
               org.freedesktop.FileManager1 on the test bus for one test
+- `agent`     a StandInAgent for the test's home (installed by the test)
+- `reference_site`  the bundled library site (site/) on a free loopback
+              port, with a data folder of the test's own
 
 On a failed test, a screenshot of the desktop, the activity log, Orvane's
 console output and the sites' request logs are kept under
@@ -35,6 +38,8 @@ from harness import (  # noqa: E402
     FixtureSite,
     Home,
     Orvane,
+    ReferenceSite,
+    StandInAgent,
     become_subreaper,
     reap_orphans,
 )
@@ -123,6 +128,21 @@ def file_manager_service(desktop, home):
         service.stop()
 
 
+@pytest.fixture
+def agent(home):
+    return StandInAgent(home)
+
+
+@pytest.fixture
+def reference_site(tmp_path, request):
+    s = ReferenceSite(tmp_path / "site-data", tmp_path / "reference-site.out").start()
+    request.node._reference_sites = [s]
+    try:
+        yield s
+    finally:
+        s.stop()
+
+
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item, call):
     outcome = yield
@@ -144,6 +164,8 @@ def pytest_runtest_makereport(item, call):
             (folder / f"orvane-{n}.out").write_text(o.output())
         for n, s in enumerate(getattr(item, "_fixture_sites", [])):
             (folder / f"site-{n}.txt").write_text(s.describe())
+        for n, s in enumerate(getattr(item, "_reference_sites", [])):
+            (folder / f"reference-site-{n}.txt").write_text(s.describe())
         report.sections.append(("e2e artifacts", f"kept in {folder}"))
     except Exception as exc:  # a failed screenshot must not hide the real failure
         report.sections.append(("e2e artifacts", f"could not be saved: {exc!r}"))

@@ -26,6 +26,7 @@ import tempfile
 import threading
 import time
 import urllib.parse
+import urllib.request
 from dataclasses import dataclass, field
 from http import HTTPStatus
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
@@ -115,13 +116,18 @@ def holds_for(condition: Callable[[], Any], seconds: float = 1.0, interval: floa
 
 def clean_base_env() -> dict[str, str]:
     """The current environment without the variables of the caller's desktop
-    session, without XDG_* (so every XDG default falls under HOME) and without
-    proxy settings (all traffic in these tests is loopback)."""
+    session, without XDG_* (so every XDG default falls under HOME), without
+    proxy settings (all traffic in these tests is loopback) and without the
+    caller's ANTHROPIC_* and CLAUDE* settings (an agent started in a test
+    runs logged out)."""
     env = {}
     for key, value in os.environ.items():
         if key.startswith("XDG_") or key in _SESSION_VARS:
             continue
         if key.lower() in ("http_proxy", "https_proxy", "all_proxy", "ftp_proxy", "no_proxy"):
+            continue
+        if key.startswith(("ANTHROPIC_", "CLAUDE")):
+            # The agent that Orvane starts must not act on the caller's account.
             continue
         env[key] = value
     env.setdefault("LANG", "C.UTF-8")
@@ -399,6 +405,10 @@ class Desktop:
             )
         _LIVE_DESKTOP_PIDS.update((self.bus.pid, self.xvfb.pid, self.wm.pid))
         wait_until(self.wm_ready, what="openbox to claim the display (_NET_SUPPORTING_WM_CHECK)")
+        # On a fresh server the first synthetic key press sometimes never
+        # reaches openbox's key bindings (an Alt+F4 then closes nothing); one
+        # harmless press now means every press a test makes counts.
+        self.run_tool("xdotool", "key", "shift", check=True)
 
     def stop(self) -> list[tuple[int, list[str]]]:
         """Stop the window manager, the X server and the bus, then end any
@@ -507,6 +517,14 @@ class Desktop:
             value = value[1:-1]
         return value
 
+    def window_property_root(self, prop: str) -> str | None:
+        """A property of the root window, as `window_property` gives it."""
+        result = self.run_tool("xprop", "-root", prop)
+        text = result.stdout.strip()
+        if result.returncode != 0 or "not found" in text or "=" not in text:
+            return None
+        return text.split("=", 1)[1].strip()
+
     def window_info(self, win: int) -> dict[str, Any]:
         """Geometry and map state from xwininfo (absolute position of the
         client area, its size, and "IsViewable"/"IsUnMapped"/"IsUnviewable")."""
@@ -532,10 +550,54 @@ class Desktop:
         self.run_tool("import", "-display", self.display or "", "-window", "root", str(path), timeout=30)
         return path
 
+    def screenshot_window(self, win: int, path: Path | str, frame: bool = True) -> Path:
+        """A picture of one window, with the window manager's frame (title bar)
+        unless `frame` is False."""
+        path = Path(path)
+        path.parent.mkdir(parents=True, exist_ok=True)
+        argv = ["import", "-display", self.display or "", "-window", str(win)]
+        if frame:
+            argv.append("-frame")
+        self.run_tool(*argv, str(path), timeout=30, check=True)
+        return path
+
     def click_in_window(self, win: int, x: int, y: int) -> None:
         """A real pointer click at (x, y) relative to the window's client area."""
         self.run_tool("xdotool", "mousemove", "--window", str(win), str(x), str(y), check=True)
         self.run_tool("xdotool", "click", "1", check=True)
+
+    def focused_window(self) -> int | None:
+        out = self.run_tool("xdotool", "getwindowfocus").stdout.strip()
+        return int(out) if out.isdigit() else None
+
+    def type_text(self, text: str) -> None:
+        """Real key presses for `text`, sent to whatever has the keyboard focus."""
+        self.run_tool("xdotool", "type", "--delay", "20", "--", text, timeout=60, check=True)
+
+    def key(self, *keys: str) -> None:
+        """Real key presses, e.g. key("Return") or key("ctrl+a")."""
+        self.run_tool("xdotool", "key", "--clearmodifiers", *keys, check=True)
+
+    def frame_extents(self, win: int) -> tuple[int, int, int, int]:
+        """The window manager's frame around a window: (left, right, top, bottom)."""
+        value = self.window_property(win, "_NET_FRAME_EXTENTS")
+        if not value:
+            return (0, 0, 0, 0)
+        left, right, top, bottom = (int(part) for part in value.split(","))
+        return (left, right, top, bottom)
+
+    def window_frame(self, win: int) -> tuple[int, int, int, int]:
+        """The outer frame of a window, decorations included: (x, y, width, height)."""
+        info = self.window_info(win)
+        left, right, top, bottom = self.frame_extents(win)
+        return (info["x"] - left, info["y"] - top, info["width"] + left + right,
+                info["height"] + top + bottom)
+
+    def emit_signal(self, object_path: str, signal_name: str, *args: str) -> None:
+        """Emit a D-Bus signal on the test bus (`gdbus emit --session`);
+        `signal_name` is INTERFACE.MEMBER, string arguments only."""
+        self.run_tool("gdbus", "emit", "--session", "--object-path", object_path,
+                      "--signal", signal_name, *[_gvariant_string(a) for a in args], check=True)
 
     def activate(self, win: int) -> None:
         self.run_tool("xdotool", "windowactivate", "--sync", str(win), check=True)
@@ -544,7 +606,15 @@ class Desktop:
         """Close the window the way a user does: activate it and press Alt+F4,
         which openbox turns into a WM_DELETE_WINDOW request to the client."""
         self.activate(win)
+        wait_until(lambda: self.focused_window() == win, 10,
+                   what=f"window {win:#x} to have the keyboard focus")
         self.run_tool("xdotool", "key", "--clearmodifiers", "alt+F4", check=True)
+
+
+def _gvariant_string(text: str) -> str:
+    """A string in GVariant text form, quoted so that gdbus never reads it
+    as another type (an empty string, digits, "true")."""
+    return "'" + text.replace("\\", "\\\\").replace("'", "\\'") + "'"
 
 
 # --------------------------------------------------------------------------
@@ -564,6 +634,9 @@ class Home:
     def __init__(self, path: Path | str, desktop: Desktop | None = None):
         self.path = Path(path)
         self.desktop = desktop
+        # Variables set for every program started in this home (SHELL, for
+        # one); `env(**extra)` adds to them.
+        self.extra_env: dict[str, str] = {}
         for sub in (".local/state", ".config", ".cache", ".local/share/applications", "calls"):
             (self.path / sub).mkdir(parents=True, exist_ok=True)
 
@@ -574,6 +647,7 @@ class Home:
         if self.desktop is not None:
             env.update(self.desktop.env())
         env["HOME"] = str(self.path)
+        env.update(self.extra_env)
         env.update(extra)
         return env
 
@@ -1555,3 +1629,215 @@ class DevProject:
         if pid is not None and pid_alive(pid) and str(DEV_SERVER) in process_cmdline(pid):
             terminate_pids([pid])
             wait_until(lambda: not pid_alive(pid), 10, what=f"dev server pid {pid} to exit")
+
+
+# --------------------------------------------------------------------------
+# the agent: a stand-in for Claude Code, the login shell, the real tool
+
+
+AGENT_FIXTURES = FIXTURES / "agent"
+STAND_IN_AGENT = AGENT_FIXTURES / "stand_in_claude.py"
+LOGIN_SHELL = AGENT_FIXTURES / "login_shell.py"
+# Where scripts/install-claude-code.sh puts the real tool.
+CLAUDE_CODE_PREFIX = REPO_ROOT / "build" / "claude-code"
+
+
+class StandInAgent:
+    """A `claude` for one test home (fixtures/agent/stand_in_claude.py): it
+    records every start (arguments, working folder, prompt, the files in its
+    working folder) and then plays the steps of its plan. See that file for
+    the steps."""
+
+    def __init__(self, home: Home):
+        self.home = home
+        self.state = home.path / "agent-stand-in"
+
+    def install(self, steps: list[dict[str, Any]] | None = None,
+                at: Path | str = ".local/bin/claude") -> Path:
+        """Write the executable at `at` (relative to the home unless
+        absolute) and set its plan. Returns the executable's path."""
+        self.state.mkdir(parents=True, exist_ok=True)
+        self.plan(steps or [])
+        target = Path(at) if Path(at).is_absolute() else self.home.path / at
+        target.parent.mkdir(parents=True, exist_ok=True)
+        target.write_text(
+            "#!/bin/sh\n"
+            "# Stand-in for Claude Code in an end-to-end test home.\n"
+            f'exec {PYTHON} "{STAND_IN_AGENT}" "$@"\n'
+        )
+        target.chmod(0o755)
+        return target
+
+    def plan(self, steps: list[dict[str, Any]]) -> None:
+        """What the next starts do once they have read their prompt."""
+        tmp = self.state / "plan.json.tmp"
+        tmp.write_text(json.dumps({"steps": steps}), encoding="utf-8")
+        tmp.replace(self.state / "plan.json")
+
+    def release(self, name: str) -> None:
+        """Let a start that waits at {"waitFile": name} go on."""
+        (self.state / name).write_text("go\n")
+
+    def runs(self) -> list[dict[str, Any]]:
+        path = self.state / "runs.jsonl"
+        if not path.exists():
+            return []
+        return [json.loads(line) for line in path.read_text(encoding="utf-8").splitlines() if line.strip()]
+
+    def wait_for_run(self, count: int = 1, timeout: float = DEFAULT_TIMEOUT) -> list[dict[str, Any]]:
+        return wait_until(lambda: (lambda runs: runs if len(runs) >= count else None)(self.runs()),
+                          timeout, what=f"{count} start(s) of the stand-in agent")
+
+
+class LoginShell:
+    """A stand-in for the user's login shell (fixtures/agent/login_shell.py),
+    made the home's $SHELL. It answers `-lc "command -v claude"` with
+    `answer`, optionally only once `wait_file` exists, and records its calls."""
+
+    def __init__(self, home: Home, answer: str = "", wait_file: Path | None = None):
+        self.home = home
+        self.wait_file = wait_file
+        (home.path / "login-shell.json").write_text(
+            json.dumps({"answer": answer, "waitFile": str(wait_file) if wait_file else None}),
+            encoding="utf-8")
+        home.extra_env["SHELL"] = str(LOGIN_SHELL)
+
+    def release(self) -> None:
+        assert self.wait_file is not None
+        self.wait_file.write_text("go\n")
+
+    def calls(self) -> list[dict[str, Any]]:
+        return self.home.calls("login-shell")
+
+    def wait_for_call(self, timeout: float = DEFAULT_TIMEOUT) -> list[dict[str, Any]]:
+        return wait_until(self.calls, timeout, what="a call of the stand-in login shell")
+
+
+def claude_code_executable() -> Path | None:
+    """The real Claude Code installed by scripts/install-claude-code.sh, or
+    None when it is not there."""
+    path = CLAUDE_CODE_PREFIX / "bin" / "claude"
+    return path if path.is_file() and os.access(path, os.X_OK) else None
+
+
+# --------------------------------------------------------------------------
+# the reference library site (site/), run for real
+
+
+SITE_DIR = REPO_ROOT / "site"
+_ACCESS_LINE = re.compile(r'"(?P<method>[A-Z]+) (?P<target>\S+) HTTP/[\d.]+" (?P<status>\d{3})')
+
+
+@dataclass
+class SiteRequest:
+    """One request as the real site's access log shows it."""
+    method: str
+    path: str
+    raw_query: str
+    status: int
+
+    @property
+    def query(self) -> dict[str, list[str]]:
+        return urllib.parse.parse_qs(self.raw_query, keep_blank_values=True)
+
+
+def free_port(host: str = "127.0.0.1") -> int:
+    with contextlib.closing(socket.socket(socket.AF_INET, socket.SOCK_STREAM)) as sock:
+        sock.bind((host, 0))
+        return sock.getsockname()[1]
+
+
+class ReferenceSite:
+    """The bundled library site, started the way its README says
+    (`.venv/bin/uvicorn main:app --port N` in site/) on a free loopback port,
+    with its data in a folder of the test's own. Its console output (uvicorn's
+    access log among it) goes to `log_path`; `requests()` reads the requests
+    back from there."""
+
+    def __init__(self, data_dir: Path, log_path: Path, site_dir: Path = SITE_DIR):
+        self.site_dir = Path(site_dir)
+        self.data_dir = Path(data_dir)
+        self.log_path = Path(log_path)
+        self.port: int | None = None
+        self.proc: subprocess.Popen | None = None
+
+    @property
+    def uvicorn(self) -> Path:
+        return self.site_dir / ".venv" / "bin" / "uvicorn"
+
+    @property
+    def url(self) -> str:
+        return f"http://127.0.0.1:{self.port}"
+
+    def start(self, attempts: int = 3) -> "ReferenceSite":
+        if not os.access(self.uvicorn, os.X_OK):
+            raise FileNotFoundError(
+                f"{self.uvicorn} is missing: the build prepares it (scripts/prepare-site-venv.sh)")
+        self.data_dir.mkdir(parents=True, exist_ok=True)
+        env = clean_base_env()
+        env["ORVANE_SITE_DATA"] = str(self.data_dir)
+        env["PYTHONUNBUFFERED"] = "1"
+        for _ in range(attempts):
+            self.port = free_port()
+            with open(self.log_path, "ab") as log:
+                self.proc = subprocess.Popen(
+                    [str(self.uvicorn), "main:app", "--port", str(self.port)],
+                    cwd=self.site_dir, env=env, stdin=subprocess.DEVNULL,
+                    stdout=log, stderr=subprocess.STDOUT, start_new_session=True)
+
+            def up():
+                if self.proc.poll() is not None:
+                    return "exited"
+                try:
+                    with urllib.request.urlopen(self.url + "/api/me", timeout=2) as answer:
+                        return "up" if answer.status == 200 else None
+                except OSError:
+                    return None
+            state = wait_until(up, 30, interval=0.1, what=f"the reference site on {self.url}")
+            if state == "up":
+                return self
+            # Lost the port to someone else between choosing and binding it.
+        raise RuntimeError(f"the reference site did not start; its output:\n{self.output()}")
+
+    def stop(self) -> None:
+        if self.proc is not None:
+            stop_process_group(self.proc)
+            self.proc = None
+
+    def output(self) -> str:
+        try:
+            return self.log_path.read_text(errors="replace")
+        except FileNotFoundError:
+            return ""
+
+    def get(self, path: str) -> bytes:
+        """GET a path from the site ourselves (not through a page)."""
+        with urllib.request.urlopen(self.url + path, timeout=10) as answer:
+            return answer.read()
+
+    def get_json(self, path: str) -> Any:
+        return json.loads(self.get(path).decode("utf-8"))
+
+    def requests(self, path: str | None = None, method: str | None = None) -> list[SiteRequest]:
+        found = []
+        for line in self.output().splitlines():
+            match = _ACCESS_LINE.search(line)
+            if not match:
+                continue
+            target = urllib.parse.urlsplit(match["target"])
+            request = SiteRequest(match["method"], target.path, target.query, int(match["status"]))
+            if (path is None or request.path == path) and (method is None or request.method == method):
+                found.append(request)
+        return found
+
+    def wait_for_request(self, predicate: Callable[[SiteRequest], bool],
+                         timeout: float = DEFAULT_TIMEOUT, what: str = "a request") -> SiteRequest:
+        try:
+            return wait_until(lambda: next((r for r in self.requests() if predicate(r)), None),
+                              timeout, what=f"{what} to reach {self.url}")
+        except WaitTimeout as exc:
+            tail = "\n".join(self.output().splitlines()[-40:])
+            raise WaitTimeout(f"{exc}; site output (last lines):\n{tail}") from None
+
+    def describe(self) -> str:
+        return f"reference site {self.url}, output:\n{self.output()}"

@@ -4,9 +4,17 @@
 
 #include "desktop/Geometry.h"
 
+#include <functional>
 #include <gtk/gtk.h>
 
 namespace orvane {
+
+// Follows the window onto and off the screen, so that its frame is read
+// from the X server only when the server has a real one. Called once for
+// each of Orvane's windows.
+void TrackWindowFrame(GtkWindow* window);
+// Runs the task once the window is on screen (at once when it is).
+void WhenOnScreen(GtkWindow* window, std::function<void()> task);
 
 Rect WindowFrame(GtkWindow* window);
 // Places the outer frame; the content gets the frame less the decorations.

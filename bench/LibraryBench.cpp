@@ -291,10 +291,7 @@ void TransferBenchmark(long mib) {
 } // namespace
 
 int main(int argc, char** argv) {
-  static TempDir home;
-  setenv("HOME", home.path().c_str(), 1);
-  setenv("XDG_CONFIG_HOME", (home.path() + "/.config").c_str(), 1);
-  setenv("XDG_STATE_HOME", (home.path() + "/.local/state").c_str(), 1);
+  UseThrowawayHome();
   RegisterDefaultSettings();
   long mib = 1024;
   int files = 10000;

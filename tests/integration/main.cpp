@@ -48,12 +48,7 @@ private:
 } // namespace
 
 int main(int argc, char** argv) {
-  static orvane::TempDir home;
-  setenv("HOME", home.path().c_str(), 1);
-  setenv("XDG_CONFIG_HOME", (home.path() + "/.config").c_str(), 1);
-  setenv("XDG_STATE_HOME", (home.path() + "/.local/state").c_str(), 1);
-  setenv("XDG_CACHE_HOME", (home.path() + "/.cache").c_str(), 1);
-  setenv("XDG_DATA_HOME", (home.path() + "/.local/share").c_str(), 1);
+  orvane::UseThrowawayHome();
   setenv("XDG_DATA_DIRS", "/usr/share", 1);
   setenv("XDG_CONFIG_DIRS", "/etc/xdg", 1);
   setenv("NO_AT_BRIDGE", "1", 1);

@@ -67,4 +67,18 @@ private:
   std::string path_;
 };
 
+// Points HOME and every XDG folder into a fresh temporary folder for the
+// rest of the process, so that settings, the log and the library never
+// touch the user's own. Call first thing in a test program's main.
+inline const TempDir& UseThrowawayHome() {
+  static TempDir home;
+  setenv("HOME", home.path().c_str(), 1);
+  setenv("XDG_CONFIG_HOME", (home.path() + "/.config").c_str(), 1);
+  setenv("XDG_STATE_HOME", (home.path() + "/.local/state").c_str(), 1);
+  setenv("XDG_CACHE_HOME", (home.path() + "/.cache").c_str(), 1);
+  setenv("XDG_DATA_HOME", (home.path() + "/.local/share").c_str(), 1);
+  unsetenv("XDG_DOCUMENTS_DIR");
+  return home;
+}
+
 } // namespace orvane

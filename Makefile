@@ -36,7 +36,7 @@ unit-asan: deps
 bench: build
 	@cmake --build $(BUILD_DIR) --target orvane_library_bench orvane_agent_bench
 	$(BUILD_DIR)/orvane_library_bench
-	$(BUILD_DIR)/bench/agent/orvane_agent_bench
+	$(BUILD_DIR)/orvane_agent_bench
 
 format:
 	clang-format -i $$(git ls-files 'src/*.cpp' 'src/*.h' 'tests/*.cpp' 'tests/*.h' 'bench/*.cpp')

@@ -34,9 +34,11 @@ unit-asan: deps
 
 # Benchmarks print figures against floors measured in the same run.
 bench: build
-	@cmake --build $(BUILD_DIR) --target orvane_library_bench orvane_agent_bench
+	@cmake --build $(BUILD_DIR) --target orvane_library_bench orvane_agent_bench \
+		orvane_agent_page_bench
 	$(BUILD_DIR)/orvane_library_bench
 	$(BUILD_DIR)/orvane_agent_bench
+	NO_AT_BRIDGE=1 dbus-run-session -- xvfb-run -a $(BUILD_DIR)/orvane_agent_page_bench
 
 format:
 	clang-format -i $$(git ls-files 'src/*.cpp' 'src/*.h' 'tests/*.cpp' 'tests/*.h' 'bench/*.cpp')

@@ -69,6 +69,8 @@ struct AgentTurns::Core {
   std::function<std::optional<std::string>()> claude_path;
   std::function<std::string()> spar_folder;
   std::function<void(const Event&)> send_event;
+  std::function<void()> open_batch;
+  std::function<void()> close_batch;
   std::string home;
   GObjectPtr<SoupSession> session;
   GObjectPtr<GCancellable> cancellable;
@@ -127,6 +129,11 @@ AgentTurns::AgentTurns(std::function<std::optional<std::string>()> claude_path,
   core_->home = home.empty() ? HomeFolder() : std::move(home);
   core_->session = GObjectPtr<SoupSession>::adopt(soup_session_new());
   core_->cancellable = GObjectPtr<GCancellable>::adopt(g_cancellable_new());
+}
+
+void AgentTurns::setEventBatching(std::function<void()> open, std::function<void()> close) {
+  core_->open_batch = std::move(open);
+  core_->close_batch = std::move(close);
 }
 
 AgentTurns::~AgentTurns() {
@@ -328,8 +335,12 @@ void AgentTurns::readOutput(const std::shared_ptr<Turn>& turn, bool standard_err
         turn->standard_error.append(turn->error_buffer.data(), size_t(got));
       } else {
         Core& receiver = *core;
+        if (receiver.open_batch)
+          receiver.open_batch();
         turn->splitter.append(std::string_view(turn->output_buffer.data(), size_t(got)),
                               [&](std::string_view line) { turn->sendLine(receiver, line); });
+        if (receiver.close_batch)
+          receiver.close_batch();
       }
       readOutput(turn, standard_error);
       return;

@@ -57,6 +57,10 @@ public:
   // "turn"; an unknown turn is ignored without a word.
   void stopClaude(const nlohmann::json& body);
 
+  // Called around the events of one read of an agent's output, so that the
+  // receiver may hand them over together.
+  void setEventBatching(std::function<void()> open, std::function<void()> close);
+
   // Writes the entries of a "files" array into the working folder, one after
   // the other: "content" as UTF-8 text, else the body fetched from "url";
   // each atomically, under the last component of "name". Stops at the first

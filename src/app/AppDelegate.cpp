@@ -89,6 +89,7 @@ void AppDelegate::applicationDidFinishLaunching() {
                                                  [this] { return sparFolder(); }, send_event);
   agent_turns_ = std::make_unique<AgentTurns>([this] { return discovery_->claudePath(); },
                                               [this] { return sparFolder(); }, send_event);
+  agent_turns_->setEventBatching([this] { events_.openBatch(); }, [this] { events_.closeBatch(); });
   discovery_->findClaude();
 
   // 9. Edits noticed in the library folder reach the page.

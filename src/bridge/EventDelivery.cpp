@@ -4,10 +4,55 @@
 
 namespace orvane {
 
+namespace {
+// Compact UTF-8 JSON; a stray invalid byte is replaced rather than thrown.
+std::string Json(const Event& event) {
+  return event.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+} // namespace
+
 std::string EventDelivery::EventScript(const Event& event) {
-  // Compact UTF-8 JSON; a stray invalid byte is replaced rather than thrown.
-  std::string json = event.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-  return "window.panelEvent && window.panelEvent(" + json + ")";
+  return "window.panelEvent && window.panelEvent(" + Json(event) + ")";
+}
+
+std::string EventDelivery::EventsScript(const std::vector<std::string>& json_events) {
+  if (json_events.size() == 1)
+    return "window.panelEvent && window.panelEvent(" + json_events.front() + ")";
+  std::string list;
+  for (const std::string& json : json_events) {
+    list += list.empty() ? "[" : ",";
+    list += json;
+  }
+  list += "]";
+  // The handler is looked up for every event, and an event whose handler
+  // throws does not keep the next ones from arriving; the error still shows.
+  return "(function(events){for(const e of events){if(!window.panelEvent)return;"
+         "try{window.panelEvent(e)}catch(error){setTimeout(()=>{throw error})}}})(" +
+         list + ")";
+}
+
+void EventDelivery::deliver(const PageRef& target, std::string json) {
+  if (batch_depth_ > 0) {
+    batch_.emplace_back(target, std::move(json));
+    return;
+  }
+  target->evaluateScript("window.panelEvent && window.panelEvent(" + json + ")");
+}
+
+void EventDelivery::closeBatch() {
+  if (batch_depth_ == 0 || --batch_depth_ > 0)
+    return;
+  std::vector<std::pair<PageRef, std::string>> batch;
+  batch.swap(batch_);
+  // Runs of events for the same page go in one script, in their order.
+  for (size_t start = 0; start < batch.size();) {
+    size_t end = start;
+    std::vector<std::string> run;
+    while (end < batch.size() && batch[end].first == batch[start].first)
+      run.push_back(std::move(batch[end++].second));
+    batch[start].first->evaluateScript(EventsScript(run));
+    start = end;
+  }
 }
 
 void EventDelivery::sendEvent(const Event& event) {
@@ -16,7 +61,7 @@ void EventDelivery::sendEvent(const Event& event) {
 
 void EventDelivery::sendEvent(const Event& event, const PageRef& target) {
   if (target) {
-    target->evaluateScript(EventScript(event));
+    deliver(target, Json(event));
     return;
   }
   queued_events_.push_back(event);

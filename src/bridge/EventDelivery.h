@@ -26,10 +26,23 @@ public:
 
   // "window.panelEvent && window.panelEvent(<json>)"
   static std::string EventScript(const Event& event);
+  // Several events for one page in one script: each goes to
+  // window.panelEvent in order, as separate scripts would hand them over.
+  static std::string EventsScript(const std::vector<std::string>& json_events);
+
+  // While a batch is open, events for a page are gathered and handed over
+  // together when it closes: a burst of agent output reaches the page in
+  // one script evaluation per read instead of one per line. Batches nest.
+  void openBatch() { ++batch_depth_; }
+  void closeBatch();
 
 private:
+  void deliver(const PageRef& target, std::string json);
+
   WeakPageRef primary_web_;
   std::vector<Event> queued_events_;
+  int batch_depth_ = 0;
+  std::vector<std::pair<PageRef, std::string>> batch_;
 };
 
 } // namespace orvane

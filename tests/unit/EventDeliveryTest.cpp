@@ -80,3 +80,58 @@ TEST(EventDeliveryTest, InvalidUtf8IsReplacedRatherThanThrown) {
 
 } // namespace
 } // namespace orvane
+
+namespace orvane {
+namespace {
+
+TEST(EventBatchTest, EventsOfABatchReachEachPageInOneScriptInOrder) {
+  EventDelivery events;
+  auto library = std::make_shared<FakePage>();
+  auto sparring = std::make_shared<FakePage>();
+  events.setPrimaryWeb(sparring);
+  events.openBatch();
+  events.sendEvent({{"type", "claudeLine"}, {"line", "1"}});
+  events.sendEvent({{"type", "claudeLine"}, {"line", "2 \"quoted\""}});
+  events.sendEvent({{"type", "friendQuote"}}, library);
+  events.sendEvent({{"type", "claudeLine"}, {"line", "3"}});
+  EXPECT_TRUE(sparring->scripts.empty());
+  events.closeBatch();
+  ASSERT_EQ(sparring->scripts.size(), 2u);
+  EXPECT_EQ(sparring->scripts[0],
+            "(function(events){for(const e of events){if(!window.panelEvent)return;"
+            "try{window.panelEvent(e)}catch(error){setTimeout(()=>{throw error})}}})("
+            R"([{"line":"1","type":"claudeLine"},{"line":"2 \"quoted\"","type":"claudeLine"}]))");
+  // A run of one keeps the single-event form.
+  EXPECT_EQ(sparring->scripts[1],
+            R"(window.panelEvent && window.panelEvent({"line":"3","type":"claudeLine"}))");
+  EXPECT_EQ(library->eventTypes(), std::vector<std::string>{"friendQuote"});
+}
+
+TEST(EventBatchTest, NestedBatchesDeliverWhenTheOutermostCloses) {
+  EventDelivery events;
+  auto page = std::make_shared<FakePage>();
+  events.setPrimaryWeb(page);
+  events.openBatch();
+  events.openBatch();
+  events.sendEvent({{"type", "a"}});
+  events.closeBatch();
+  EXPECT_TRUE(page->scripts.empty());
+  events.sendEvent({{"type", "b"}});
+  events.closeBatch();
+  EXPECT_EQ(page->scripts.size(), 1u);
+  events.closeBatch(); // unbalanced: ignored
+  events.sendEvent({{"type", "c"}});
+  EXPECT_EQ(page->eventTypes(), std::vector<std::string>{"c"});
+}
+
+TEST(EventBatchTest, EventsWithoutAPageAreQueuedEvenInABatch) {
+  LogCapture log;
+  EventDelivery events;
+  events.openBatch();
+  events.sendEvent({{"type", "pdfChanged"}});
+  events.closeBatch();
+  EXPECT_EQ(events.queuedEvents().size(), 1u);
+}
+
+} // namespace
+} // namespace orvane

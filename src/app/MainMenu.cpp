@@ -172,10 +172,5 @@ void InstallMainMenu(GtkApplication* application, MenuCommands& commands) {
   gtk_application_set_menubar(application, G_MENU_MODEL(bar.get()));
 }
 
-void SetMenuActionEnabled(GtkApplication* application, const char* name, bool enabled) {
-  GAction* action = g_action_map_lookup_action(G_ACTION_MAP(application), name);
-  if (action && G_IS_SIMPLE_ACTION(action))
-    g_simple_action_set_enabled(G_SIMPLE_ACTION(action), enabled);
-}
 
 } // namespace orvane

@@ -24,7 +24,5 @@ public:
 // accelerators and the menu bar.
 void InstallMainMenu(GtkApplication* application, MenuCommands& commands);
 
-// Enables or disables one application action.
-void SetMenuActionEnabled(GtkApplication* application, const char* action, bool enabled);
 
 } // namespace orvane

@@ -2,22 +2,12 @@
 
 namespace orvane {
 
-namespace {
-constexpr char kPageKey[] = "orvane-page";
-}
-
 WebPage::WebPage(WebKitWebView* view) : view_(view) {
   g_object_ref_sink(view_);
-  g_object_set_data(G_OBJECT(view_), kPageKey, this);
 }
 
 WebPage::~WebPage() {
-  g_object_set_data(G_OBJECT(view_), kPageKey, nullptr);
   g_object_unref(view_);
-}
-
-WebPage* WebPage::From(WebKitWebView* view) {
-  return view ? static_cast<WebPage*>(g_object_get_data(G_OBJECT(view), kPageKey)) : nullptr;
 }
 
 void WebPage::evaluateScript(const std::string& script) {

@@ -26,8 +26,6 @@ public:
   WebKitWebView* view() const { return view_; }
   GtkWidget* widget() const { return GTK_WIDGET(view_); }
 
-  // The WebPage that wraps a view made by the factory, if any.
-  static WebPage* From(WebKitWebView* view);
 
 private:
   WebKitWebView* view_;

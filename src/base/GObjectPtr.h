@@ -122,17 +122,7 @@ private:
 using GKeyFilePtr = GHandle<GKeyFile, g_key_file_unref>;
 using GBytesPtr = GHandle<GBytes, g_bytes_unref>;
 using GVariantPtr = GHandle<GVariant, g_variant_unref>;
-using GMainLoopPtr = GHandle<GMainLoop, g_main_loop_unref>;
 using GMainContextPtr = GHandle<GMainContext, g_main_context_unref>;
 
-// Connects a C++ callable to a GObject signal; the callable lives as long as
-// the connection and is deleted by GLib when the handler is disconnected.
-template <typename Callable>
-gulong ConnectSignal(gpointer instance, const char* signal, GCallback trampoline,
-                     Callable* callable) {
-  return g_signal_connect_data(
-      instance, signal, trampoline, callable,
-      [](gpointer data, GClosure*) { delete static_cast<Callable*>(data); }, GConnectFlags(0));
-}
 
 } // namespace orvane

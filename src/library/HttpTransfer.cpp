@@ -313,29 +313,6 @@ void RunUpload(UploadRequest request, std::function<void(TransferResult)> done) 
       [done = std::move(done), result = std::move(result)]() mutable { done(std::move(result)); });
 }
 
-void RunFetch(std::string url, std::function<void(TransferResult)> done) {
-  TransferResult result;
-  {
-    auto session = NewSession(0);
-    auto message = NewMessage("GET", url, result.error);
-    if (message) {
-      GErrorPtr error;
-      GBytesPtr body(
-          soup_session_send_and_read(session.get(), message.get(), nullptr, error.out()));
-      if (!body) {
-        result.error = error.message();
-      } else {
-        result.status = soup_message_get_status(message.get());
-        gsize size = 0;
-        auto data = static_cast<const char*>(g_bytes_get_data(body.get(), &size));
-        result.body.assign(data ? data : "", size);
-      }
-    }
-  }
-  RunOnMainLoop(
-      [done = std::move(done), result = std::move(result)]() mutable { done(std::move(result)); });
-}
-
 } // namespace
 
 void DownloadToFile(const std::string& url, const std::string& file,
@@ -347,8 +324,5 @@ void UploadFromFile(const UploadRequest& request, std::function<void(TransferRes
   std::thread(RunUpload, request, std::move(done)).detach();
 }
 
-void FetchBytes(const std::string& url, std::function<void(TransferResult)> done) {
-  std::thread(RunFetch, url, std::move(done)).detach();
-}
 
 } // namespace orvane

@@ -34,7 +34,5 @@ struct UploadRequest {
 // PUT with the file as the body, streamed from disk.
 void UploadFromFile(const UploadRequest& request, std::function<void(TransferResult)> done);
 
-// A plain GET of a small resource into memory.
-void FetchBytes(const std::string& url, std::function<void(TransferResult)> done);
 
 } // namespace orvane

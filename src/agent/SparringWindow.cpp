@@ -51,9 +51,7 @@ bool SparringWindow::isVisible() const {
 std::optional<Screen> SparringWindow::screenOf(GtkWindow* window) const {
   if (!window)
     return std::nullopt;
-  Rect frame = WindowFrame(window);
-  return ScreenContainingPoint(context_.screens.screens(),
-                               {frame.x + frame.width / 2, frame.y + frame.height / 2});
+  return ScreenOfFrame(context_.screens.screens(), WindowFrame(window));
 }
 
 void SparringWindow::create(const Rect& frame) {

@@ -215,11 +215,8 @@ void AppDelegate::hotkeySummon() {
   std::optional<Screen> screen;
   GtkWindow* active = gtk_application_get_active_window(application_);
   std::vector<Screen> screens = seams_.screens->screens();
-  if (active) {
-    Rect frame = WindowFrame(active);
-    screen =
-        ScreenContainingPoint(screens, {frame.x + frame.width / 2, frame.y + frame.height / 2});
-  }
+  if (active)
+    screen = ScreenOfFrame(screens, WindowFrame(active));
   if (!screen && !screens.empty())
     screen = screens.front();
   quick_panel_->showPanelWithSelection(std::nullopt, screen);

@@ -124,5 +124,4 @@ using GBytesPtr = GHandle<GBytes, g_bytes_unref>;
 using GVariantPtr = GHandle<GVariant, g_variant_unref>;
 using GMainContextPtr = GHandle<GMainContext, g_main_context_unref>;
 
-
 } // namespace orvane

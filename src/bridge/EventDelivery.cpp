@@ -9,15 +9,19 @@ namespace {
 std::string Json(const Event& event) {
   return event.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
+
+std::string SingleEventScript(const std::string& json) {
+  return "window.panelEvent && window.panelEvent(" + json + ")";
+}
 } // namespace
 
 std::string EventDelivery::EventScript(const Event& event) {
-  return "window.panelEvent && window.panelEvent(" + Json(event) + ")";
+  return SingleEventScript(Json(event));
 }
 
 std::string EventDelivery::EventsScript(const std::vector<std::string>& json_events) {
   if (json_events.size() == 1)
-    return "window.panelEvent && window.panelEvent(" + json_events.front() + ")";
+    return SingleEventScript(json_events.front());
   std::string list;
   for (const std::string& json : json_events) {
     list += list.empty() ? "[" : ",";
@@ -36,7 +40,7 @@ void EventDelivery::deliver(const PageRef& target, std::string json) {
     batch_.emplace_back(target, std::move(json));
     return;
   }
-  target->evaluateScript("window.panelEvent && window.panelEvent(" + json + ")");
+  target->evaluateScript(SingleEventScript(json));
 }
 
 void EventDelivery::closeBatch() {

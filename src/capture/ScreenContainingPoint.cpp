@@ -25,4 +25,8 @@ std::optional<Screen> ScreenContainingPoint(const std::vector<Screen>& screens, 
   return *nearest;
 }
 
+std::optional<Screen> ScreenOfFrame(const std::vector<Screen>& screens, const Rect& frame) {
+  return ScreenContainingPoint(screens, {frame.x + frame.width / 2, frame.y + frame.height / 2});
+}
+
 } // namespace orvane

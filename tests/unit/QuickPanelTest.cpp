@@ -115,3 +115,17 @@ TEST(ScreenContainingPointTest, NoScreensGivesNothing) {
 
 } // namespace
 } // namespace orvane
+
+namespace orvane {
+namespace {
+
+TEST(ScreenOfFrameTest, TheCentreOfTheFrameDecides) {
+  std::vector<Screen> screens = {Screen{0, {0, 0, 1440, 900}, {}},
+                                 Screen{1, {1440, 0, 1920, 1080}, {}}};
+  // Mostly on the second screen, though its corner is on the first.
+  EXPECT_EQ(ScreenOfFrame(screens, {1000, 100, 1200, 600})->index, 1);
+  EXPECT_EQ(ScreenOfFrame(screens, {100, 100, 1200, 600})->index, 0);
+}
+
+} // namespace
+} // namespace orvane

@@ -11,6 +11,7 @@
 //      that only counts line feeds: the limit.
 // It reports lines per second for both, their ratio, and the time from the
 // agent's first write to the first line event (first read for the limit).
+#include "BenchSupport.h"
 #include "agent/AgentTurns.h"
 #include "app/SparLog.h"
 
@@ -32,11 +33,9 @@
 
 namespace {
 
-int64_t NowNs() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t(now.tv_sec) * 1000000000 + now.tv_nsec;
-}
+using bench::FirstWriteFrom;
+using bench::Median;
+using bench::NowNs;
 
 // One line of the stand-in's output: 100 bytes with its line feed, like a
 // short line of streamed JSON.
@@ -67,11 +66,6 @@ int RunAgent(long count) {
   }
   fprintf(stderr, "first-write %" PRId64 "\n", first_write);
   return 0;
-}
-
-int64_t FirstWriteFrom(const std::string& standard_error) {
-  size_t at = standard_error.find("first-write ");
-  return at == std::string::npos ? 0 : std::strtoll(standard_error.c_str() + at + 12, nullptr, 10);
 }
 
 struct Result {
@@ -195,11 +189,6 @@ Result MeasureBarePipe(const std::string& self, long count) {
     result.first_line_ms = double(state.first_read - first_write) / 1e6;
   }
   return result;
-}
-
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values.empty() ? 0 : values[values.size() / 2];
 }
 
 } // namespace

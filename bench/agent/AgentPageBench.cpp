@@ -8,6 +8,7 @@
 // says it has seen every line; the first-line figure until the page says it
 // has seen the first. Needs a display: run it under xvfb-run (make bench
 // does).
+#include "BenchSupport.h"
 #include "agent/AgentTurns.h"
 #include "bridge/EventDelivery.h"
 
@@ -28,6 +29,10 @@
 
 namespace {
 
+using bench::FirstWriteFrom;
+using bench::Median;
+using bench::NowNs;
+
 // The page counts what reaches it and says so through the message channel.
 constexpr char kPage[] = R"(<!doctype html><meta charset="utf-8"><script>
 let lines = 0, ordered = true, first = false;
@@ -47,17 +52,6 @@ window.panelEvent = (e) => {
   }
 };
 </script>)";
-
-int64_t NowNs() {
-  timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t(now.tv_sec) * 1000000000 + now.tv_nsec;
-}
-
-int64_t FirstWriteFrom(const std::string& text) {
-  size_t at = text.find("first-write ");
-  return at == std::string::npos ? 0 : std::strtoll(text.c_str() + at + 12, nullptr, 10);
-}
 
 struct PageState {
   GMainLoop* loop = nullptr;
@@ -161,11 +155,6 @@ Figure MeasurePipe(WebKitWebView* view, PageState& page, const std::string& agen
   waitpid(pid, nullptr, 0);
   g_spawn_close_pid(pid);
   return Finish(page, FirstWriteFrom(standard_error), count);
-}
-
-double Median(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  return values.empty() ? 0 : values[values.size() / 2];
 }
 
 } // namespace

@@ -7,7 +7,7 @@
 //    server (goals: at least 0.9 times curl's throughput, peak memory growth
 //    under 16 MB).
 // Run: build/orvane_library_bench [--size-mib N] [--files N]
-#include "app/Settings.h"
+#include "base/Settings.h"
 #include "desktop/x11/GLibScheduler.h"
 #include "library/HttpTransfer.h"
 #include "library/PdfFiles.h"

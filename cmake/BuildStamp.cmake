@@ -11,7 +11,7 @@ if(NOT git_result EQUAL 0 OR NOT revision MATCHES "^[0-9a-f]+$")
 endif()
 string(SUBSTRING "${revision}" 0 7 revision)
 set(text "// Generated at build time; do not edit.
-#include \"app/BuildInfo.h\"
+#include \"base/BuildInfo.h\"
 namespace orvane {
 const char kBuildIdentifier[] = \"${stamp}-${revision}\";
 const char kBuildDate[] = __DATE__;

@@ -1,6 +1,6 @@
 // Orvane's entry point: a one-shot capture mode, or the application.
 #include "app/Application.h"
-#include "app/Settings.h"
+#include "base/Settings.h"
 #include "capture/CaptureModes.h"
 
 int main(int argc, char** argv) {

@@ -13,7 +13,7 @@
 // agent's first write to the first line event (first read for the limit).
 #include "BenchSupport.h"
 #include "agent/AgentTurns.h"
-#include "app/SparLog.h"
+#include "base/SparLog.h"
 
 #include <fcntl.h>
 #include <glib-unix.h>

@@ -2,8 +2,8 @@
 
 #include "agent/AgentPrompt.h"
 #include "agent/LineSplitter.h"
-#include "app/Paths.h"
-#include "app/SparLog.h"
+#include "base/Paths.h"
+#include "base/SparLog.h"
 #include "base/Text.h"
 
 #include <gio/gunixoutputstream.h>

@@ -1,9 +1,9 @@
 #include "agent/ClaudeDiscovery.h"
 
 #include "agent/LineSplitter.h"
-#include "app/Paths.h"
-#include "app/SparLog.h"
 #include "base/GObjectPtr.h"
+#include "base/Paths.h"
+#include "base/SparLog.h"
 
 #include <gio/gio.h>
 #include <sys/stat.h>

@@ -1,7 +1,7 @@
 #include "agent/SparringWindow.h"
 
-#include "app/Settings.h"
-#include "app/SparLog.h"
+#include "base/Settings.h"
+#include "base/SparLog.h"
 #include "capture/ScreenContainingPoint.h"
 #include "desktop/x11/WindowFrames.h"
 

@@ -3,11 +3,11 @@
 // and reused; closing it returns to the window the user came from.
 #pragma once
 
-#include "app/LibraryWindow.h"
-#include "app/WebViewFactory.h"
 #include "bridge/EventDelivery.h"
 #include "capture/PanelWindow.h"
 #include "desktop/Screens.h"
+#include "web/LibraryWindow.h"
+#include "web/WebViewFactory.h"
 
 #include <functional>
 #include <memory>

@@ -1,12 +1,10 @@
 #include "app/AppDelegate.h"
 
-#include "app/BuildInfo.h"
-#include "app/DevServer.h"
-#include "app/NavigationPolicy.h"
-#include "app/Paths.h"
-#include "app/Settings.h"
-#include "app/SparLog.h"
+#include "base/BuildInfo.h"
 #include "base/GObjectPtr.h"
+#include "base/Paths.h"
+#include "base/Settings.h"
+#include "base/SparLog.h"
 #include "capture/HandoffFolder.h"
 #include "capture/ScreenContainingPoint.h"
 #include "desktop/x11/DBusMessageBus.h"
@@ -17,6 +15,8 @@
 #include "desktop/x11/X11Screens.h"
 #include "library/LibraryFolder.h"
 #include "library/PdfFiles.h"
+#include "web/DevServer.h"
+#include "web/NavigationPolicy.h"
 
 #include <glib/gstdio.h>
 

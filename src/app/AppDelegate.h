@@ -8,9 +8,7 @@
 #include "agent/AgentTurns.h"
 #include "agent/ClaudeDiscovery.h"
 #include "agent/SparringWindow.h"
-#include "app/LibraryWindow.h"
 #include "app/MainMenu.h"
-#include "app/WebViewFactory.h"
 #include "bridge/BridgeHost.h"
 #include "bridge/EventDelivery.h"
 #include "bridge/MessageDispatcher.h"
@@ -26,6 +24,8 @@
 #include "library/PdfActions.h"
 #include "library/PdfStore.h"
 #include "library/WindowDrops.h"
+#include "web/LibraryWindow.h"
+#include "web/WebViewFactory.h"
 
 #include <map>
 #include <memory>

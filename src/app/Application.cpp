@@ -1,7 +1,7 @@
 #include "app/Application.h"
 
 #include "app/AppDelegate.h"
-#include "app/BuildInfo.h"
+#include "base/BuildInfo.h"
 
 #include <gtk/gtk.h>
 

@@ -1,6 +1,6 @@
 #include "bridge/EventDelivery.h"
 
-#include "app/SparLog.h"
+#include "base/SparLog.h"
 
 namespace orvane {
 

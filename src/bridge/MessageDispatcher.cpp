@@ -1,7 +1,7 @@
 #include "bridge/MessageDispatcher.h"
 
-#include "app/NavigationPolicy.h"
-#include "app/SparLog.h"
+#include "base/SiteAddress.h"
+#include "base/SparLog.h"
 
 namespace orvane {
 

@@ -1,8 +1,8 @@
 #include "capture/HandoffFolder.h"
 
-#include "app/BuildInfo.h"
-#include "app/Paths.h"
+#include "base/BuildInfo.h"
 #include "base/GObjectPtr.h"
+#include "base/Paths.h"
 
 #include <cstdlib>
 #include <glib/gstdio.h>

@@ -1,6 +1,6 @@
 #include "capture/QueryEscape.h"
 
-#include "app/Settings.h"
+#include "base/Settings.h"
 
 namespace orvane {
 

@@ -1,7 +1,7 @@
 #include "capture/QuickPanel.h"
 
-#include "app/Settings.h"
-#include "app/SparLog.h"
+#include "base/Settings.h"
+#include "base/SparLog.h"
 #include "base/Text.h"
 #include "capture/HandoffFolder.h"
 #include "capture/QueryEscape.h"

@@ -3,10 +3,10 @@
 // screen the user was looking at.
 #pragma once
 
-#include "app/LibraryWindow.h"
-#include "app/WebPage.h"
 #include "capture/PanelWindow.h"
 #include "desktop/Screens.h"
+#include "web/LibraryWindow.h"
+#include "web/WebPage.h"
 
 #include <functional>
 #include <optional>

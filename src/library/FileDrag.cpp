@@ -1,7 +1,7 @@
 #include "library/FileDrag.h"
 
-#include "app/SparLog.h"
 #include "base/GObjectPtr.h"
+#include "base/SparLog.h"
 #include "library/PdfFiles.h"
 
 namespace orvane {

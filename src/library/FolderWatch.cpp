@@ -1,6 +1,6 @@
 #include "library/FolderWatch.h"
 
-#include "app/Paths.h"
+#include "base/Paths.h"
 
 #include <algorithm>
 #include <glib-unix.h>

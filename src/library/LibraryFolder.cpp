@@ -1,9 +1,9 @@
 #include "library/LibraryFolder.h"
 
-#include "app/Paths.h"
-#include "app/Settings.h"
-#include "app/SparLog.h"
 #include "base/GObjectPtr.h"
+#include "base/Paths.h"
+#include "base/Settings.h"
+#include "base/SparLog.h"
 
 #include <deque>
 #include <dirent.h>

@@ -1,6 +1,6 @@
 #include "library/PdfActions.h"
 
-#include "app/SparLog.h"
+#include "base/SparLog.h"
 #include "bridge/Payload.h"
 #include "library/HttpTransfer.h"
 #include "library/PdfFiles.h"

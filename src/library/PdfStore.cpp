@@ -1,7 +1,7 @@
 #include "library/PdfStore.h"
 
-#include "app/Paths.h"
-#include "app/SparLog.h"
+#include "base/Paths.h"
+#include "base/SparLog.h"
 #include "library/LibraryFolder.h"
 #include "library/PdfFiles.h"
 

@@ -6,7 +6,7 @@
 #include "library/PdfFiles.h"
 #include "library/PdfStore.h"
 
-#include "app/SparLog.h"
+#include "base/SparLog.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -1,7 +1,7 @@
 // The real desktop seams against real services: session-bus signals
 // between two connections, and GIO launching the applications registered
 // for a scheme, a file type and folders.
-#include "app/Settings.h"
+#include "base/Settings.h"
 #include "desktop/x11/DBusMessageBus.h"
 #include "desktop/x11/GLibScheduler.h"
 #include "desktop/x11/GioWorkspace.h"

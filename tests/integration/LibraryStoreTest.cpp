@@ -1,5 +1,5 @@
 // The library store against real servers, real files and real inotify.
-#include "app/Settings.h"
+#include "base/Settings.h"
 #include "desktop/x11/GLibScheduler.h"
 #include "library/LibraryFolder.h"
 #include "library/PdfActions.h"

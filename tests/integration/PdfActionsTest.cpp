@@ -1,7 +1,7 @@
 // The page's PDF actions through the real store, real files and real
 // servers, with the desktop side recorded.
 #include "library/PdfActions.h"
-#include "app/Settings.h"
+#include "base/Settings.h"
 #include "desktop/x11/GLibScheduler.h"
 #include "library/LibraryFolder.h"
 #include "library/PdfFiles.h"

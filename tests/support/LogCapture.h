@@ -1,7 +1,7 @@
 // Points the activity log at a file of its own for one test and reads it.
 #pragma once
 
-#include "app/SparLog.h"
+#include "base/SparLog.h"
 #include "support/TempDir.h"
 
 #include <sstream>

@@ -1,4 +1,4 @@
-#include "app/BuildInfo.h"
+#include "base/BuildInfo.h"
 
 #include <gtest/gtest.h>
 #include <regex>

@@ -1,4 +1,4 @@
-#include "app/DevServer.h"
+#include "web/DevServer.h"
 
 #include "support/TestHttpServer.h"
 

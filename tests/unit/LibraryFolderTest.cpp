@@ -1,6 +1,6 @@
 #include "library/LibraryFolder.h"
 
-#include "app/Settings.h"
+#include "base/Settings.h"
 #include "support/LogCapture.h"
 
 #include <glib/gstdio.h>

@@ -1,7 +1,7 @@
-#include "app/NavigationPolicy.h"
-#include "app/WebViewFactory.h"
+#include "web/NavigationPolicy.h"
+#include "web/WebViewFactory.h"
 
-#include "app/BuildInfo.h"
+#include "base/BuildInfo.h"
 
 #include <gtest/gtest.h>
 

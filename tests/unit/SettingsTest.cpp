@@ -1,6 +1,6 @@
-#include "app/Settings.h"
+#include "base/Settings.h"
 
-#include "app/BuildInfo.h"
+#include "base/BuildInfo.h"
 
 #include "support/TempDir.h"
 

@@ -1,4 +1,4 @@
-#include "app/SparLog.h"
+#include "base/SparLog.h"
 
 #include "support/LogCapture.h"
 

@@ -1,7 +1,7 @@
 #include "desktop/x11/GioWorkspace.h"
 
-#include "app/Settings.h"
 #include "base/GObjectPtr.h"
+#include "base/Settings.h"
 
 #include <gdk/gdk.h>
 #include <gio/gdesktopappinfo.h>

@@ -1,6 +1,6 @@
-#include "app/SparLog.h"
+#include "base/SparLog.h"
 
-#include "app/Paths.h"
+#include "base/Paths.h"
 
 #include <cerrno>
 #include <cinttypes>

@@ -1,9 +1,9 @@
-#include "app/WebViewFactory.h"
+#include "web/WebViewFactory.h"
 
-#include "app/BuildInfo.h"
-#include "app/Paths.h"
-#include "app/Settings.h"
+#include "base/BuildInfo.h"
 #include "base/GObjectPtr.h"
+#include "base/Paths.h"
+#include "base/Settings.h"
 
 #include <glib/gstdio.h>
 

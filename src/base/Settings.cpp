@@ -1,8 +1,8 @@
-#include "app/Settings.h"
+#include "base/Settings.h"
 
-#include "app/BuildInfo.h"
-#include "app/Paths.h"
+#include "base/BuildInfo.h"
 #include "base/GObjectPtr.h"
+#include "base/Paths.h"
 
 #include <glib/gstdio.h>
 

@@ -26,7 +26,6 @@ public:
   WebKitWebView* view() const { return view_; }
   GtkWidget* widget() const { return GTK_WIDGET(view_); }
 
-
 private:
   WebKitWebView* view_;
 };

@@ -2,8 +2,8 @@
 // it only hides it; its frame is remembered under "LibraryWindow".
 #pragma once
 
-#include "app/WebPage.h"
 #include "desktop/Scheduler.h"
+#include "web/WebPage.h"
 
 #include <functional>
 #include <memory>

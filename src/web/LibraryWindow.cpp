@@ -1,8 +1,8 @@
-#include "app/LibraryWindow.h"
+#include "web/LibraryWindow.h"
 
-#include "app/DevServer.h"
-#include "app/Settings.h"
+#include "base/Settings.h"
 #include "desktop/x11/WindowFrames.h"
+#include "web/DevServer.h"
 
 namespace orvane {
 

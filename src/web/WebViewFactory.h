@@ -3,7 +3,7 @@
 // capabilities script at document start.
 #pragma once
 
-#include "app/WebPage.h"
+#include "web/WebPage.h"
 
 #include <functional>
 #include <memory>

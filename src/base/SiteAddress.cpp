@@ -1,4 +1,4 @@
-#include "app/NavigationPolicy.h"
+#include "base/SiteAddress.h"
 
 #include <glib.h>
 
@@ -19,13 +19,6 @@ bool IsOnSite(const std::string& target, const std::string& site_address) {
   if (host.empty() || host == "127.0.0.1" || host == "localhost")
     return true;
   return host == HostOf(site_address);
-}
-
-NavigationDecision DecideNavigation(const std::string& target, bool link_clicked,
-                                    const std::string& site_address) {
-  if (link_clicked && !IsOnSite(target, site_address))
-    return NavigationDecision::OpenInBrowser;
-  return NavigationDecision::Allow;
 }
 
 } // namespace orvane

@@ -1,4 +1,4 @@
-#include "app/WebPage.h"
+#include "web/WebPage.h"
 
 namespace orvane {
 

@@ -1,7 +1,7 @@
-#include "app/DevServer.h"
+#include "web/DevServer.h"
 
-#include "app/NavigationPolicy.h"
 #include "base/GObjectPtr.h"
+#include "base/SiteAddress.h"
 
 #include <chrono>
 #include <condition_variable>

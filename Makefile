@@ -3,7 +3,12 @@
 BUILD_DIR := build
 ASAN_DIR := build-asan
 
-.PHONY: all deps build run test unit-asan bench format clean
+FUZZ_DIR := build-fuzz
+# `make fuzz` runs each fuzz target this many seconds (or FUZZ_RUNS inputs).
+FUZZ_SECONDS ?= 120
+FUZZ_RUNS ?=
+
+.PHONY: all deps build run test unit-asan fuzz bench format clean
 
 all: build
 
@@ -29,8 +34,16 @@ test: build unit-asan
 unit-asan: deps
 	@cmake -S . -B $(ASAN_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DORVANE_SANITIZE=ON \
 		-DORVANE_E2E=OFF >/dev/null
-	@cmake --build $(ASAN_DIR) --target orvane_unit_tests orvane_integration_tests
+	@cmake --build $(ASAN_DIR) --target orvane_unit_tests orvane_integration_tests fuzz_targets
 	cd $(ASAN_DIR) && ASAN_OPTIONS=detect_leaks=0 ctest --output-on-failure
+
+# The fuzz targets under libFuzzer (clang, ASan, UBSan), each for a bounded
+# time; `make test` only replays their checked-in corpora.
+fuzz: deps
+	@cmake -S . -B $(FUZZ_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVANE_FUZZ=ON \
+		-DORVANE_E2E=OFF -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
+	@cmake --build $(FUZZ_DIR) --target fuzz_targets
+	scripts/run-fuzzers.sh $(FUZZ_DIR)/fuzz $(FUZZ_SECONDS) $(FUZZ_RUNS)
 
 # Benchmarks print figures against floors measured in the same run.
 bench: build
@@ -44,4 +57,4 @@ format:
 	clang-format -i $$(git ls-files 'src/*.cpp' 'src/*.h' 'tests/*.cpp' 'tests/*.h' 'bench/*.cpp')
 
 clean:
-	rm -rf $(BUILD_DIR) $(ASAN_DIR)
+	rm -rf $(BUILD_DIR) $(ASAN_DIR) $(FUZZ_DIR)

@@ -8,6 +8,8 @@ packages=(
   build-essential cmake ninja-build pkg-config git clang-format
   libgtk-3-dev libwebkit2gtk-4.1-dev libsoup-3.0-dev libx11-dev
   nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev
+  # fuzzing (make fuzz): clang with libFuzzer
+  clang libclang-rt-14-dev
   # the program
   libglib2.0-bin xdg-utils shared-mime-info desktop-file-utils dbus dbus-x11
   # the reference site

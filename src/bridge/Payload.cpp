@@ -13,6 +13,13 @@ std::optional<std::string> StringMember(const nlohmann::json& body, const char* 
   return found->get<std::string>();
 }
 
+std::optional<std::string> NameMember(const nlohmann::json& body, const char* key) {
+  std::optional<std::string> name = StringMember(body, key);
+  if (!name || name->empty() || name->find('\0') != std::string::npos)
+    return std::nullopt;
+  return name;
+}
+
 double NumberMember(const nlohmann::json& body, const char* key) {
   if (!body.is_object())
     return 0;

@@ -10,6 +10,10 @@ namespace orvane {
 // body[key] when body is an object and the value is a string.
 std::optional<std::string> StringMember(const nlohmann::json& body, const char* key);
 
+// A paper id or a path: body[key] when it is a non-empty string without a
+// NUL character (no file name can hold one); nullopt otherwise.
+std::optional<std::string> NameMember(const nlohmann::json& body, const char* key);
+
 // A number, or a numeric string read as one; 0 otherwise.
 double NumberMember(const nlohmann::json& body, const char* key);
 

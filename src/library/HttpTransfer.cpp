@@ -18,11 +18,12 @@ namespace {
 
 constexpr size_t kBufferSize = 1024 * 1024;
 
-GObjectPtr<SoupSession> NewSession(unsigned timeout_seconds) {
+GObjectPtr<SoupSession> NewSession(unsigned idle_timeout_seconds) {
   // One session per transfer thread: libsoup sessions are used from the
-  // thread that made them.
+  // thread that made them. Its time-out bounds each wait on the socket, so
+  // it ends a transfer that goes that long without a byte.
   return GObjectPtr<SoupSession>::adopt(
-      soup_session_new_with_options("timeout", timeout_seconds, nullptr));
+      soup_session_new_with_options("timeout", idle_timeout_seconds, nullptr));
 }
 
 GObjectPtr<SoupMessage> NewMessage(const char* method, const std::string& url,
@@ -44,10 +45,11 @@ bool WriteAll(int fd, const char* data, size_t length) {
   return true;
 }
 
-void RunDownload(std::string url, std::string file, std::function<void(TransferResult)> done) {
+void RunDownload(std::string url, std::string file, unsigned idle_timeout_seconds,
+                 std::function<void(TransferResult)> done) {
   TransferResult result;
   {
-    auto session = NewSession(0);
+    auto session = NewSession(idle_timeout_seconds);
     auto message = NewMessage("GET", url, result.error);
     if (message) {
       GErrorPtr error;
@@ -81,8 +83,14 @@ void RunDownload(std::string url, std::string file, std::function<void(TransferR
             }
             received += n;
           }
-          if (!result.error && expected > 0 && received != expected)
+          if (!result.error && expected > 0 && received != expected) {
             result.error = "The connection was lost before the whole file arrived";
+            result.cut_short = true;
+          }
+          // The file counts only once its bytes are on the disk: a rename
+          // after a crash must not reveal an empty or partial file.
+          if (!result.error && fsync(fd) != 0)
+            result.error = g_strerror(errno);
           if (close(fd) != 0 && !result.error)
             result.error = g_strerror(errno);
         }
@@ -316,13 +324,12 @@ void RunUpload(UploadRequest request, std::function<void(TransferResult)> done) 
 } // namespace
 
 void DownloadToFile(const std::string& url, const std::string& file,
-                    std::function<void(TransferResult)> done) {
-  std::thread(RunDownload, url, file, std::move(done)).detach();
+                    std::function<void(TransferResult)> done, unsigned idle_timeout_seconds) {
+  std::thread(RunDownload, url, file, idle_timeout_seconds, std::move(done)).detach();
 }
 
 void UploadFromFile(const UploadRequest& request, std::function<void(TransferResult)> done) {
   std::thread(RunUpload, request, std::move(done)).detach();
 }
-
 
 } // namespace orvane

@@ -16,12 +16,19 @@ struct TransferResult {
   std::optional<std::string> error;
   long status = 0;  // the final HTTP status, 0 without a response
   std::string body; // the response body (uploads only)
+  // A download whose body ended before the length its header declared.
+  bool cut_short = false;
 };
 
+// A download that goes this long without a byte has failed.
+inline constexpr unsigned kDownloadIdleTimeout = 60;
+
 // GET `url`, following redirects, into `file` (created or truncated). The
-// body is written only when the status is exactly 200.
+// body is written only when the status is exactly 200, and the download
+// succeeds only once the file is flushed to the disk.
 void DownloadToFile(const std::string& url, const std::string& file,
-                    std::function<void(TransferResult)> done);
+                    std::function<void(TransferResult)> done,
+                    unsigned idle_timeout_seconds = kDownloadIdleTimeout);
 
 struct UploadRequest {
   std::string url;
@@ -33,6 +40,5 @@ struct UploadRequest {
 
 // PUT with the file as the body, streamed from disk.
 void UploadFromFile(const UploadRequest& request, std::function<void(TransferResult)> done);
-
 
 } // namespace orvane

@@ -147,6 +147,7 @@ void PdfStore::startWatching() {
     return;
   std::string path = folder();
   g_mkdir_with_parents(path.c_str(), 0755);
+  removeStaleDownloads(path);
   watch_.stop();
   watching_ = watch_.start(path, LibraryFolder());
   if (!watching_)

@@ -5,6 +5,7 @@
 
 #include "desktop/Scheduler.h"
 #include "library/FolderWatch.h"
+#include "library/HttpTransfer.h"
 
 #include <cstdint>
 #include <functional>
@@ -66,6 +67,9 @@ public:
   void ensureLocal(const std::string& paper_id, const std::optional<std::string>& url,
                    const std::optional<std::string>& etag, LocalCompletion completion);
   void upload(const std::string& paper_id, const std::string& url, UploadCompletion completion);
+  // How long a download or an upload may go without a byte moving before it
+  // fails (60 s and 300 s unless changed).
+  void setIdleTimeouts(unsigned download_seconds, unsigned upload_seconds);
 
   const std::set<std::string>& busy() const { return busy_; }
   std::set<std::string>& busy() { return busy_; }
@@ -76,6 +80,8 @@ private:
   void finishDownload(const std::string& paper_id, const std::string& path, const std::string& temp,
                       const std::optional<std::string>& etag, std::optional<std::string> error,
                       LocalCompletion completion);
+  // Deletes temporary files that downloads of an earlier run left in the folder.
+  void removeStaleDownloads(const std::string& folder);
 
   Scheduler& scheduler_;
   std::optional<std::string> account_;
@@ -84,6 +90,9 @@ private:
   std::map<std::string, Scheduler::TimerId> settle_;
   FolderWatch watch_;
   bool watching_ = false;
+  unsigned download_idle_timeout_ = kDownloadIdleTimeout;
+  unsigned upload_idle_timeout_ = kUploadTimeout;
+  std::set<std::string> temporaries_; // the temporary files of downloads under way
 };
 
 // Lower-cased, reduced to "a-z0-9._-", "default" when nothing is left.

@@ -6,30 +6,73 @@
 #include "library/PdfFiles.h"
 #include "library/PdfStore.h"
 
+#include "base/Paths.h"
 #include "base/SparLog.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <glib.h>
 #include <glib/gstdio.h>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace orvane {
 
 namespace {
-// A fresh temporary name beside the PDF; its extension is not "pdf", so the
-// folder watch ignores it.
+constexpr char kNotCompletePdf[] = "the download is not a complete PDF";
+
+// Downloads go to ".<name>.pdf.download-XXXXXX" beside the PDF: hidden, and
+// with an extension that is not "pdf", so the folder watch ignores them.
+constexpr std::string_view kTemporaryMark = ".download-";
+constexpr size_t kTemporaryUnique = 6; // the letters and digits mkstemp picks
+
 std::string TemporaryBeside(const std::string& path) {
   size_t slash = path.rfind('/');
   std::string folder = path.substr(0, slash + 1);
-  std::string pattern = folder + "." + FileName(path) + ".download-XXXXXX";
+  std::string pattern = folder + "." + FileName(path) + std::string(kTemporaryMark) + "XXXXXX";
   int fd = g_mkstemp_full(pattern.data(), O_WRONLY | O_CLOEXEC, 0644);
   if (fd >= 0)
     close(fd);
   return fd >= 0 ? pattern : std::string();
 }
+
+bool IsDownloadTemporary(std::string_view name) {
+  if (name.size() <= kTemporaryUnique || name[0] != '.')
+    return false;
+  std::string_view unique = name.substr(name.size() - kTemporaryUnique);
+  for (char c : unique)
+    if (!g_ascii_isalnum(c))
+      return false;
+  std::string_view rest = name.substr(0, name.size() - kTemporaryUnique);
+  std::string tail = ".pdf" + std::string(kTemporaryMark);
+  return rest.size() > tail.size() && rest.substr(rest.size() - tail.size()) == tail;
+}
 } // namespace
+
+void PdfStore::removeStaleDownloads(const std::string& folder) {
+  GDir* dir = g_dir_open(folder.c_str(), 0, nullptr);
+  if (!dir)
+    return;
+  while (const char* name = g_dir_read_name(dir)) {
+    if (!IsDownloadTemporary(name))
+      continue;
+    std::string path = JoinPath(folder, name);
+    struct stat info;
+    // Only files are ever left behind; downloads of this run keep theirs.
+    if (lstat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode) || temporaries_.count(path))
+      continue;
+    if (g_unlink(path.c_str()) == 0)
+      SparLog("pdfs: removed %@ left by an earlier download", std::string(name));
+  }
+  g_dir_close(dir);
+}
+
+void PdfStore::setIdleTimeouts(unsigned download_seconds, unsigned upload_seconds) {
+  download_idle_timeout_ = download_seconds;
+  upload_idle_timeout_ = upload_seconds;
+}
 
 void PdfStore::ensureLocal(const std::string& paper_id, const std::optional<std::string>& url,
                            const std::optional<std::string>& etag, LocalCompletion completion) {
@@ -68,27 +111,36 @@ void PdfStore::ensureLocal(const std::string& paper_id, const std::optional<std:
   busy_.insert(paper_id);
   SparLog("pdfs: downloading %@", paper_id);
   std::string temp = TemporaryBeside(path);
+  if (!temp.empty())
+    temporaries_.insert(temp);
   if (temp.empty()) {
     finishDownload(paper_id, path, temp, etag, std::string(g_strerror(errno)),
                    std::move(completion));
     return;
   }
-  DownloadToFile(*url, temp,
-                 [this, paper_id, path, temp, etag,
-                  completion = std::move(completion)](TransferResult result) mutable {
-                   std::optional<std::string> error = result.error;
-                   if (!error && result.status != 200)
-                     error = "HTTP " + std::to_string(result.status);
-                   finishDownload(paper_id, path, temp, etag, std::move(error),
-                                  std::move(completion));
-                 });
+  DownloadToFile(
+      *url, temp,
+      [this, paper_id, path, temp, etag,
+       completion = std::move(completion)](TransferResult result) mutable {
+        std::optional<std::string> error = result.error;
+        if (result.cut_short)
+          error = kNotCompletePdf;
+        else if (!error && result.status != 200)
+          error = "HTTP " + std::to_string(result.status);
+        finishDownload(paper_id, path, temp, etag, std::move(error), std::move(completion));
+      },
+      download_idle_timeout_);
 }
 
 void PdfStore::finishDownload(const std::string& paper_id, const std::string& path,
                               const std::string& temp, const std::optional<std::string>& etag,
                               std::optional<std::string> error, LocalCompletion completion) {
+  temporaries_.erase(temp);
   bool kept_edits = false;
-  if (!error && FileExists(path) && hasUnsyncedEdits(path)) {
+  if (!error && !CompletePdf(temp)) {
+    // An error page, an empty answer or a cut file: the old copy stays.
+    error = kNotCompletePdf;
+  } else if (!error && FileExists(path) && hasUnsyncedEdits(path)) {
     // The user saved an edit while the download ran: the edit wins.
     kept_edits = true;
   } else if (!error) {
@@ -129,7 +181,7 @@ void PdfStore::upload(const std::string& paper_id, const std::string& url,
   request.url = url;
   request.file = path;
   request.headers = {{"x-upsert", "true"}};
-  request.timeout_seconds = kUploadTimeout;
+  request.timeout_seconds = upload_idle_timeout_;
   SparLog("pdfs: uploading %@ (%lld bytes)", paper_id, static_cast<long long>(FileSize(path)));
   UploadFromFile(
       request, [this, paper_id, mtime, completion = std::move(completion)](TransferResult result) {

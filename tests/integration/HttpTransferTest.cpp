@@ -5,7 +5,10 @@
 #include "support/TempDir.h"
 #include "support/TestHttpServer.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <thread>
 
 namespace orvane {
 namespace {
@@ -93,6 +96,36 @@ TEST(HttpTransferTest, DownloadFollowsRedirects) {
   ASSERT_TRUE(SpinUntil([&] { return result.has_value(); }));
   EXPECT_EQ(result->status, 200);
   EXPECT_EQ(TempDir::Read(dir.file("x.pdf")), "%PDF-1.7 moved here");
+}
+
+TEST(HttpTransferTest, DownloadCountsOnlyOnceItIsFlushedToDisk) {
+  // Every byte reaches a destination that cannot be flushed (a pipe): the
+  // download must fail, because success promises bytes on the disk.
+  std::string body = "%PDF-1.7 flushed\n%%EOF\n";
+  TestHttpServer server([&](const HttpRequest&, HttpReply& reply) { reply.body = body; });
+  TempDir dir;
+  std::string pipe = dir.file("pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  std::string drained;
+  std::thread reader([&] {
+    int fd = open(pipe.c_str(), O_RDONLY | O_CLOEXEC);
+    char buffer[4096];
+    ssize_t n;
+    while ((n = read(fd, buffer, sizeof buffer)) > 0)
+      drained.append(buffer, size_t(n));
+    close(fd);
+  });
+  std::optional<TransferResult> result;
+  DownloadToFile(server.url("/p.pdf"), pipe, [&](TransferResult r) { result = r; });
+  bool ended = SpinUntil([&] { return result.has_value(); });
+  // A reader still waiting for a writer gets an empty one, so it ends.
+  int writer = open(pipe.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+  if (writer >= 0)
+    close(writer);
+  reader.join();
+  ASSERT_TRUE(ended);
+  EXPECT_EQ(drained, body);
+  EXPECT_TRUE(result->error.has_value());
 }
 
 } // namespace

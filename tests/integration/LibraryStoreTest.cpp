@@ -11,9 +11,12 @@
 #include "support/TempDir.h"
 #include "support/TestHttpServer.h"
 
+#include <csignal>
 #include <glib/gstdio.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace orvane {
@@ -153,15 +156,240 @@ TEST_F(LibraryStoreTest, StatusOtherThan200FailsAndLeavesTheOldFile) {
   EXPECT_THAT(leftovers(), IsEmpty());
 }
 
-TEST_F(LibraryStoreTest, ConnectionCutMidwayLeavesTheOldFileWhole) {
+// A file's bytes and modification time, to show that a failed download
+// left it exactly as it was.
+struct FileState {
+  std::string bytes;
+  double mtime = 0;
+  bool operator==(const FileState&) const = default;
+};
+std::ostream& operator<<(std::ostream& out, const FileState& state) {
+  return out << state.bytes.size() << " bytes, mtime " << std::fixed << state.mtime;
+}
+FileState StateOf(const std::string& path) {
+  return {TempDir::Read(path), MTime(path)};
+}
+
+TEST_F(LibraryStoreTest, BodyShorterThanItsLengthIsNotACompletePdf) {
+  // The part that arrives even ends like a PDF: only its length gives it away.
   CuttingServer server(100000, PdfBytes("partial", 3000));
   std::string path = localCopy("cut", "old");
-  std::string before = TempDir::Read(path);
+  FileState pdf = StateOf(path), sidecar = StateOf(PdfStore::sidecarFor(path));
   Outcome outcome = ensure("cut", server.url("/cut.pdf"), "new");
   EXPECT_EQ(outcome.path, std::nullopt);
-  EXPECT_TRUE(outcome.error && !outcome.error->empty());
-  EXPECT_EQ(TempDir::Read(path), before);
+  EXPECT_EQ(outcome.error, "the download is not a complete PDF");
+  EXPECT_EQ(StateOf(path), pdf);
+  EXPECT_EQ(StateOf(PdfStore::sidecarFor(path)), sidecar);
+  EXPECT_THAT(log.messages(),
+              Contains("pdfs: download of cut failed: the download is not a complete PDF"));
   EXPECT_THAT(leftovers(), IsEmpty());
+}
+
+TEST_F(LibraryStoreTest, BodyThatIsNotACompletePdfLeavesTheOldFileAndSidecar) {
+  const std::vector<std::pair<std::string, bool>> bodies = {
+      {"<html><body>Sign in again</body></html>", false},
+      {"%PDF-1.7\n" + std::string(5000, 'x'), false},       // no trailer yet
+      {"%PDF-1.7\n%%EOF\n" + std::string(5000, 'x'), true}, // trailer not at the end
+      {"", false},
+  };
+  int round = 0;
+  for (const auto& [body, chunked] : bodies) {
+    TestHttpServer server([&](const HttpRequest&, HttpReply& r) {
+      r.body = body;
+      r.chunked = chunked;
+    });
+    std::string id = "notpdf" + std::to_string(round++);
+    std::string path = localCopy(id, "old");
+    FileState pdf = StateOf(path), sidecar = StateOf(PdfStore::sidecarFor(path));
+    Outcome outcome = ensure(id, server.url("/x.pdf"), "new");
+    EXPECT_EQ(outcome.path, std::nullopt);
+    EXPECT_EQ(outcome.error, "the download is not a complete PDF");
+    EXPECT_EQ(StateOf(path), pdf);
+    EXPECT_EQ(StateOf(PdfStore::sidecarFor(path)), sidecar);
+    EXPECT_EQ((*PdfStore::sidecarAt(path))["etag"], "old");
+  }
+  EXPECT_THAT(leftovers(), IsEmpty());
+}
+
+TEST_F(LibraryStoreTest, DownloadOfAnIdWithoutAnOldFileThatIsNotAPdfLeavesNothing) {
+  TestHttpServer server([](const HttpRequest&, HttpReply& r) { r.body = "<html>nope</html>"; });
+  Outcome outcome = ensure("fresh", server.url("/x.pdf"), "v1");
+  EXPECT_EQ(outcome.error, "the download is not a complete PDF");
+  EXPECT_FALSE(FileExists(store.pathFor("fresh")));
+  EXPECT_FALSE(FileExists(PdfStore::sidecarFor(store.pathFor("fresh"))));
+  EXPECT_THAT(leftovers(), IsEmpty());
+}
+
+// A server that answers with `head` (and perhaps part of the body) and then
+// says nothing more, holding the connection open.
+std::unique_ptr<RawServer> StallingServer(std::string head) {
+  return std::make_unique<RawServer>([head](RawServer& server, int client, const std::string&) {
+    RawServer::Send(client, head);
+    server.holdOpen();
+  });
+}
+
+TEST_F(LibraryStoreTest, StalledDownloadFailsAfterTheIdleTimeOut) {
+  store.setIdleTimeouts(1, kUploadTimeout);
+  const std::vector<std::string> stalls = {
+      // Headers, then nothing.
+      "HTTP/1.1 200 OK\r\nContent-Type: application/pdf\r\nContent-Length: 100000\r\n\r\n",
+      // Part of the body, then nothing.
+      "HTTP/1.1 200 OK\r\nContent-Length: 100000\r\n\r\n" + PdfBytes("half", 5000),
+      // Not even a status line.
+      "",
+  };
+  int round = 0;
+  for (const std::string& head : stalls) {
+    auto server = StallingServer(head);
+    std::string id = "stalled" + std::to_string(round++);
+    std::string path = localCopy(id, "old");
+    FileState pdf = StateOf(path), sidecar = StateOf(PdfStore::sidecarFor(path));
+    Outcome outcome = ensure(id, server->url("/x.pdf"), "new");
+    ASSERT_TRUE(outcome.done) << "the download of " << id << " never ended";
+    EXPECT_EQ(outcome.path, std::nullopt);
+    ASSERT_TRUE(outcome.error);
+    EXPECT_FALSE(outcome.error->empty());
+    EXPECT_EQ(StateOf(path), pdf);
+    EXPECT_EQ(StateOf(PdfStore::sidecarFor(path)), sidecar);
+    EXPECT_THAT(log.messages(), Contains("pdfs: download of " + id + " failed: " + *outcome.error));
+    // Busy through the cool-down like any finished download, then free.
+    EXPECT_TRUE(store.busy().count(id));
+    EXPECT_TRUE(SpinUntil([&] { return store.busy().empty(); }, 6));
+  }
+  EXPECT_THAT(leftovers(), IsEmpty());
+}
+
+TEST_F(LibraryStoreTest, StaleDownloadsOfAnEarlierRunAreRemovedWhenTheWatchStarts) {
+  std::string pdf = localCopy("kept", "v1");
+  std::string folder = store.folder();
+  const std::vector<std::string> stale = {".kept.pdf.download-Ab12Cd", ".a_b.pdf.download-XXXXXX",
+                                          ".2401.01234.pdf.download-09azAZ"};
+  const std::vector<std::string> others = {"notes.txt",
+                                           "report.pdf.download-Ab12Cd",
+                                           ".notes.txt.download-Ab12Cd",
+                                           ".kept.pdf.download-Ab12Cd7",
+                                           ".kept.pdf.download-Ab12",
+                                           ".kept.pdf.download-Ab 2Cd",
+                                           ".kept.pdf.synced.download-Ab12Cd.pdf"};
+  for (const std::string& name : stale)
+    TempDir::WriteFile(folder + "/" + name, "%PDF-1.7 half a download");
+  for (const std::string& name : others)
+    TempDir::WriteFile(folder + "/" + name, "someone else's");
+  // Only files are ever left behind; a folder or a link of that name is not ours.
+  g_mkdir((folder + "/.dir.pdf.download-Ab12Cd").c_str(), 0755);
+  TempDir outside;
+  std::string target = outside.write("target", "outside the library");
+  ASSERT_EQ(symlink(target.c_str(), (folder + "/.link.pdf.download-Ab12Cd").c_str()), 0);
+  FileState kept = StateOf(pdf), sidecar = StateOf(PdfStore::sidecarFor(pdf));
+
+  store.startWatching();
+
+  for (const std::string& name : stale)
+    EXPECT_FALSE(g_file_test((folder + "/" + name).c_str(), G_FILE_TEST_EXISTS)) << name;
+  for (const std::string& name : others)
+    EXPECT_EQ(TempDir::Read(folder + "/" + name), "someone else's") << name;
+  EXPECT_TRUE(g_file_test((folder + "/.dir.pdf.download-Ab12Cd").c_str(), G_FILE_TEST_IS_DIR));
+  EXPECT_TRUE(g_file_test((folder + "/.link.pdf.download-Ab12Cd").c_str(), G_FILE_TEST_IS_SYMLINK));
+  EXPECT_EQ(TempDir::Read(target), "outside the library");
+  EXPECT_EQ(StateOf(pdf), kept);
+  EXPECT_EQ(StateOf(PdfStore::sidecarFor(pdf)), sidecar);
+}
+
+TEST_F(LibraryStoreTest, DownloadUnderWayKeepsItsTemporaryFileWhenTheWatchRestarts) {
+  std::string served = PdfBytes("whole", 50000);
+  std::atomic<bool> go_on{false};
+  std::atomic<bool> half_sent{false};
+  RawServer server([&](RawServer& self, int client, const std::string&) {
+    std::string head =
+        "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(served.size()) + "\r\n\r\n";
+    RawServer::Send(client, head + served.substr(0, 1000));
+    half_sent = true;
+    self.waitFor([&] { return go_on.load(); }, 20);
+    RawServer::Send(client, served.substr(1000));
+  });
+  auto outcome = std::make_shared<Outcome>();
+  store.ensureLocal("running", server.url("/r.pdf"), "v1", [outcome](auto path, auto error) {
+    outcome->done = true;
+    outcome->path = path;
+    outcome->error = error;
+  });
+  ASSERT_TRUE(SpinUntil([&] { return half_sent.load(); }));
+  ASSERT_EQ(leftovers().size(), 1u);
+  store.startWatching();
+  EXPECT_EQ(leftovers().size(), 1u);
+  go_on = true;
+  server.poke();
+  ASSERT_TRUE(SpinUntil([&] { return outcome->done; }));
+  EXPECT_EQ(outcome->error, std::nullopt);
+  EXPECT_EQ(TempDir::Read(store.pathFor("running")), served);
+  EXPECT_THAT(leftovers(), IsEmpty());
+}
+
+// The library folder on a file system of its own, `bytes` large: a tmpfs
+// when the tests may mount one (they run as root in CI), else a limit on the
+// size of files this process writes, which fails writes the same way.
+class SmallDisk {
+public:
+  SmallDisk(const std::string& folder, size_t bytes) : folder_(folder) {
+    std::string options = "size=" + std::to_string(bytes);
+    mounted_ = mount("tmpfs", folder.c_str(), "tmpfs", 0, options.c_str()) == 0;
+    if (!mounted_) {
+      getrlimit(RLIMIT_FSIZE, &old_limit_);
+      old_handler_ = signal(SIGXFSZ, SIG_IGN);
+      rlimit limit = {rlim_t(bytes), old_limit_.rlim_max};
+      setrlimit(RLIMIT_FSIZE, &limit);
+    }
+  }
+  ~SmallDisk() {
+    if (mounted_) {
+      umount2(folder_.c_str(), MNT_DETACH);
+    } else {
+      setrlimit(RLIMIT_FSIZE, &old_limit_);
+      signal(SIGXFSZ, old_handler_);
+    }
+  }
+  bool mounted() const { return mounted_; }
+
+private:
+  std::string folder_;
+  bool mounted_ = false;
+  rlimit old_limit_{};
+  sighandler_t old_handler_ = SIG_DFL;
+};
+
+TEST_F(LibraryStoreTest, DiskFullDuringADownloadLeavesTheOldFileAndNoTemporary) {
+  TempDir area;
+  std::string library = area.file("Library");
+  g_mkdir(library.c_str(), 0755);
+  SmallDisk disk(library, 512 * 1024);
+  if (!disk.mounted())
+    std::printf("(no tmpfs here: a file size limit stands in for the full disk)\n");
+  ASSERT_TRUE(StoreLibraryFolderBookmark(library));
+  struct BackToTheDefaultFolder {
+    PdfStore& store;
+    ~BackToTheDefaultFolder() {
+      Settings::standard().remove(kLibraryBookmarkKey);
+      store.startWatching();
+    }
+  } back{store};
+  store.startWatching();
+  std::string path = localCopy("full", "old");
+  ASSERT_EQ(path, library + "/" + account + "/full.pdf");
+  FileState pdf = StateOf(path), sidecar = StateOf(PdfStore::sidecarFor(path));
+  std::string served = PdfBytes("larger than the disk", 2 << 20);
+  TestHttpServer server([&](const HttpRequest&, HttpReply& r) { r.body = served; });
+
+  Outcome outcome = ensure("full", server.url("/full.pdf"), "new");
+
+  EXPECT_EQ(outcome.path, std::nullopt);
+  ASSERT_TRUE(outcome.error);
+  EXPECT_FALSE(outcome.error->empty());
+  EXPECT_THAT(log.messages(), Contains("pdfs: download of full failed: " + *outcome.error));
+  EXPECT_EQ(StateOf(path), pdf);
+  EXPECT_EQ(StateOf(PdfStore::sidecarFor(path)), sidecar);
+  EXPECT_THAT(leftovers(), IsEmpty());
+  EXPECT_TRUE(SpinUntil([&] { return store.busy().empty(); }, 6));
 }
 
 TEST_F(LibraryStoreTest, RefusedConnectionIsAFailureWithTheTransportError) {

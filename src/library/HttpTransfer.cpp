@@ -2,11 +2,15 @@
 
 #include "base/GObjectPtr.h"
 #include "base/MainThread.h"
+#include "library/HttpResponseParser.h"
 
-#include <cstdlib>
+#include <algorithm>
+#include <cerrno>
+#include <exception>
 #include <fcntl.h>
 #include <libsoup/soup.h>
-#include <map>
+#include <memory>
+#include <string_view>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -34,9 +38,29 @@ GObjectPtr<SoupMessage> NewMessage(const char* method, const std::string& url,
   return message;
 }
 
+// A file descriptor closed when it goes out of scope.
+class FileDescriptor {
+public:
+  explicit FileDescriptor(int fd) : fd_(fd) {}
+  ~FileDescriptor() { close(); }
+  FileDescriptor(const FileDescriptor&) = delete;
+  FileDescriptor& operator=(const FileDescriptor&) = delete;
+  int get() const { return fd_; }
+  int close() {
+    int result = fd_ >= 0 ? ::close(fd_) : 0;
+    fd_ = -1;
+    return result;
+  }
+
+private:
+  int fd_;
+};
+
 bool WriteAll(int fd, const char* data, size_t length) {
   while (length > 0) {
     ssize_t written = write(fd, data, length);
+    if (written < 0 && errno == EINTR)
+      continue;
     if (written < 0)
       return false;
     data += written;
@@ -45,59 +69,75 @@ bool WriteAll(int fd, const char* data, size_t length) {
   return true;
 }
 
-void RunDownload(std::string url, std::string file, unsigned idle_timeout_seconds,
+void Download(const std::string& url, const std::string& file, unsigned idle_timeout_seconds,
+              TransferResult& result) {
+  auto session = NewSession(idle_timeout_seconds);
+  auto message = NewMessage("GET", url, result.error);
+  if (!message)
+    return;
+  GErrorPtr error;
+  auto body = GObjectPtr<GInputStream>::adopt(
+      soup_session_send(session.get(), message.get(), nullptr, error.out()));
+  result.status = soup_message_get_status(message.get());
+  if (!body) {
+    result.error = error.message();
+    result.status = 0;
+    return;
+  }
+  if (result.status == SOUP_STATUS_OK) {
+    FileDescriptor fd(open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (fd.get() < 0) {
+      result.error = g_strerror(errno);
+    } else {
+      goffset expected =
+          soup_message_headers_get_content_length(soup_message_get_response_headers(message.get()));
+      goffset received = 0;
+      std::vector<char> buffer(kBufferSize);
+      while (true) {
+        gssize n =
+            g_input_stream_read(body.get(), buffer.data(), buffer.size(), nullptr, error.out());
+        if (n < 0) {
+          result.error = error.message();
+          // The connection ended before the body's declared length.
+          result.cut_short = error.matches(G_IO_ERROR, G_IO_ERROR_PARTIAL_INPUT);
+          break;
+        }
+        if (n == 0)
+          break;
+        if (!WriteAll(fd.get(), buffer.data(), size_t(n))) {
+          result.error = g_strerror(errno);
+          break;
+        }
+        received += n;
+      }
+      if (!result.error && expected > 0 && received != expected) {
+        result.error = "The connection was lost before the whole file arrived";
+        result.cut_short = true;
+      }
+      // The file counts only once its bytes are on the disk: a rename
+      // after a crash must not reveal an empty or partial file.
+      if (!result.error && fsync(fd.get()) != 0)
+        result.error = g_strerror(errno);
+      if (fd.close() != 0 && !result.error)
+        result.error = g_strerror(errno);
+    }
+  }
+  g_input_stream_close(body.get(), nullptr, nullptr);
+}
+
+// Runs a transfer on its own thread and hands the result to the main loop.
+// Nothing the transfer throws may end the program: it becomes the error.
+void RunTransfer(const std::function<void(TransferResult&)>& transfer,
                  std::function<void(TransferResult)> done) {
   TransferResult result;
-  {
-    auto session = NewSession(idle_timeout_seconds);
-    auto message = NewMessage("GET", url, result.error);
-    if (message) {
-      GErrorPtr error;
-      auto body = GObjectPtr<GInputStream>::adopt(
-          soup_session_send(session.get(), message.get(), nullptr, error.out()));
-      result.status = soup_message_get_status(message.get());
-      if (!body) {
-        result.error = error.message();
-        result.status = 0;
-      } else if (result.status == SOUP_STATUS_OK) {
-        int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-        if (fd < 0) {
-          result.error = g_strerror(errno);
-        } else {
-          goffset expected = soup_message_headers_get_content_length(
-              soup_message_get_response_headers(message.get()));
-          goffset received = 0;
-          std::vector<char> buffer(kBufferSize);
-          while (true) {
-            gssize n =
-                g_input_stream_read(body.get(), buffer.data(), buffer.size(), nullptr, error.out());
-            if (n < 0) {
-              result.error = error.message();
-              break;
-            }
-            if (n == 0)
-              break;
-            if (!WriteAll(fd, buffer.data(), size_t(n))) {
-              result.error = g_strerror(errno);
-              break;
-            }
-            received += n;
-          }
-          if (!result.error && expected > 0 && received != expected) {
-            result.error = "The connection was lost before the whole file arrived";
-            result.cut_short = true;
-          }
-          // The file counts only once its bytes are on the disk: a rename
-          // after a crash must not reveal an empty or partial file.
-          if (!result.error && fsync(fd) != 0)
-            result.error = g_strerror(errno);
-          if (close(fd) != 0 && !result.error)
-            result.error = g_strerror(errno);
-        }
-      }
-      if (body)
-        g_input_stream_close(body.get(), nullptr, nullptr);
-    }
+  try {
+    transfer(result);
+  } catch (const std::exception& exception) {
+    result = TransferResult{};
+    result.error = std::string("The transfer failed: ") + exception.what();
+  } catch (...) {
+    result = TransferResult{};
+    result.error = "The transfer failed";
   }
   RunOnMainLoop(
       [done = std::move(done), result = std::move(result)]() mutable { done(std::move(result)); });
@@ -106,118 +146,68 @@ void RunDownload(std::string url, std::string file, unsigned idle_timeout_second
 // Uploads speak HTTP/1.1 over a GIO socket connection of their own rather
 // than through libsoup, which writes a request body in 8 KiB pieces: with
 // one large write per megabyte an upload runs at the speed of the link.
-// GIO still brings TLS, proxies and time-outs.
-struct ResponseHead {
-  long status = 0;
-  std::map<std::string, std::string> headers; // lower-case names
-};
+// GIO still brings TLS, proxies and time-outs; the answer goes through
+// HttpResponseParser, which bounds what a server can make us hold.
+constexpr char kFileChanged[] = "the file changed during the upload";
 
-std::optional<std::string> ReadLine(GDataInputStream* in, std::string& line) {
-  GErrorPtr error;
-  gsize length = 0;
-  GCharPtr text(g_data_input_stream_read_line(in, &length, nullptr, error.out()));
-  if (!text) {
-    return error ? error.message() : std::string("The server closed the connection");
-  }
-  line.assign(text.get(), length);
-  if (!line.empty() && line.back() == '\r')
-    line.pop_back();
-  return std::nullopt;
-}
-
-std::optional<std::string> ReadHead(GDataInputStream* in, ResponseHead& head) {
-  std::string line;
-  // Interim answers (100 Continue) come before the real one.
-  do {
-    if (auto error = ReadLine(in, line))
-      return error;
-    if (line.rfind("HTTP/", 0) != 0)
-      return std::string("The server's answer was not HTTP");
-    size_t space = line.find(' ');
-    head.status = space == std::string::npos ? 0 : std::atol(line.c_str() + space + 1);
-    head.headers.clear();
-    while (true) {
-      if (auto error = ReadLine(in, line))
-        return error;
-      if (line.empty())
-        break;
-      size_t colon = line.find(':');
-      if (colon == std::string::npos)
-        continue;
-      std::string name = line.substr(0, colon);
-      for (char& c : name)
-        c = g_ascii_tolower(c);
-      size_t value = line.find_first_not_of(" \t", colon + 1);
-      head.headers[name] = value == std::string::npos ? "" : line.substr(value);
-    }
-  } while (head.status >= 100 && head.status < 200);
-  return std::nullopt;
-}
-
-std::optional<std::string> ReadExactly(GInputStream* in, size_t count, std::string& out) {
-  size_t start = out.size();
-  out.resize(start + count);
-  gsize read = 0;
-  GErrorPtr error;
-  if (!g_input_stream_read_all(in, out.data() + start, count, &read, nullptr, error.out()))
-    return error.message();
-  out.resize(start + read);
-  return read == count ? std::nullopt
-                       : std::optional<std::string>("The connection was lost before the answer");
-}
-
-std::optional<std::string> ReadBody(GDataInputStream* in, const ResponseHead& head,
-                                    std::string& body) {
-  auto encoding = head.headers.find("transfer-encoding");
-  if (encoding != head.headers.end() && encoding->second.find("chunked") != std::string::npos) {
-    std::string line;
-    while (true) {
-      if (auto error = ReadLine(in, line))
-        return error;
-      size_t size = std::strtoul(line.c_str(), nullptr, 16);
-      if (size == 0)
-        return std::nullopt;
-      if (auto error = ReadExactly(G_INPUT_STREAM(in), size, body))
-        return error;
-      if (auto error = ReadLine(in, line)) // the chunk's own line end
-        return error;
-    }
-  }
-  auto length = head.headers.find("content-length");
-  if (length != head.headers.end())
-    return ReadExactly(G_INPUT_STREAM(in), size_t(std::atoll(length->second.c_str())), body);
-  // Neither: the body runs to the end of the connection.
+// Reads the answer a piece at a time until it is complete or broken.
+std::optional<std::string> ReadResponse(GInputStream* in, HttpResponse& response) {
+  HttpResponseParser parser;
   char buffer[16384];
-  while (true) {
+  while (parser.state() == HttpResponseParser::State::NeedMore) {
     GErrorPtr error;
-    gssize n = g_input_stream_read(G_INPUT_STREAM(in), buffer, sizeof buffer, nullptr, error.out());
+    gssize n = g_input_stream_read(in, buffer, sizeof buffer, nullptr, error.out());
     if (n < 0)
       return error.message();
     if (n == 0)
-      return std::nullopt;
-    body.append(buffer, size_t(n));
+      parser.finish();
+    else
+      parser.feed(std::string_view(buffer, size_t(n)));
   }
+  if (parser.state() == HttpResponseParser::State::Failed)
+    return parser.error();
+  response = parser.response();
+  return std::nullopt;
 }
+
+// Whether the open file is no longer the one whose size the request declared.
+bool FileChanged(int fd, const struct stat& before) {
+  struct stat now;
+  return fstat(fd, &now) != 0 || now.st_size != before.st_size ||
+         now.st_mtim.tv_sec != before.st_mtim.tv_sec ||
+         now.st_mtim.tv_nsec != before.st_mtim.tv_nsec;
+}
+
+using UriPtr = std::unique_ptr<GUri, decltype(&g_uri_unref)>;
 
 // One PUT; on a 307 or 308 answer `redirect` names the next address.
 TransferResult PutOnce(const UploadRequest& request, const std::string& url,
                        std::string& redirect) {
   TransferResult result;
+  if (url.find('\0') != std::string::npos) {
+    result.error = "unsupported URL";
+    return result;
+  }
   GErrorPtr error;
-  GUri* uri = g_uri_parse(url.c_str(), G_URI_FLAGS_ENCODED, error.out());
+  UriPtr uri(g_uri_parse(url.c_str(), G_URI_FLAGS_ENCODED, error.out()), g_uri_unref);
   if (!uri) {
     result.error = error.message();
     return result;
   }
-  std::string scheme = g_uri_get_scheme(uri) ? g_uri_get_scheme(uri) : "";
-  std::string host = g_uri_get_host(uri) ? g_uri_get_host(uri) : "";
-  int port = g_uri_get_port(uri);
-  std::string target = *g_uri_get_path(uri) ? g_uri_get_path(uri) : "/";
-  if (g_uri_get_query(uri))
-    target += std::string("?") + g_uri_get_query(uri);
-  g_uri_unref(uri);
+  std::string scheme = g_uri_get_scheme(uri.get()) ? g_uri_get_scheme(uri.get()) : "";
+  std::string host = g_uri_get_host(uri.get()) ? g_uri_get_host(uri.get()) : "";
+  int port = g_uri_get_port(uri.get());
+  std::string target = *g_uri_get_path(uri.get()) ? g_uri_get_path(uri.get()) : "/";
+  if (g_uri_get_query(uri.get()))
+    target += std::string("?") + g_uri_get_query(uri.get());
+  uri.reset();
   bool secure = scheme == "https";
-  if ((scheme != "http" && !secure) || host.empty()) {
+  // The host goes into the request's head as it is: no control characters,
+  // spaces or bytes outside ASCII (the path and query come percent-encoded).
+  bool plain_host = std::all_of(host.begin(), host.end(), [](char c) {
+    return static_cast<unsigned char>(c) > 0x20 && static_cast<unsigned char>(c) < 0x7f;
+  });
+  if ((scheme != "http" && !secure) || host.empty() || !plain_host) {
     result.error = "unsupported URL";
     return result;
   }
@@ -226,22 +216,21 @@ TransferResult PutOnce(const UploadRequest& request, const std::string& url,
   if (port > 0 && port != default_port)
     authority += ":" + std::to_string(port);
 
-  int fd = open(request.file.c_str(), O_RDONLY | O_CLOEXEC);
+  FileDescriptor fd(open(request.file.c_str(), O_RDONLY | O_CLOEXEC));
   struct stat info;
-  if (fd < 0 || fstat(fd, &info) != 0) {
+  if (fd.get() < 0 || fstat(fd.get(), &info) != 0) {
     result.error = g_strerror(errno);
-    if (fd >= 0)
-      close(fd);
     return result;
   }
 
   auto client = GObjectPtr<GSocketClient>::adopt(g_socket_client_new());
   g_socket_client_set_tls(client.get(), secure);
+  // The socket's time-out bounds every wait to connect, send or receive: an
+  // upload ends after that long without progress.
   g_socket_client_set_timeout(client.get(), request.timeout_seconds);
   auto connection = GObjectPtr<GSocketConnection>::adopt(g_socket_client_connect_to_host(
       client.get(), authority.c_str(), guint16(default_port), nullptr, error.out()));
   if (!connection) {
-    close(fd);
     result.error = error.message();
     return result;
   }
@@ -255,59 +244,67 @@ TransferResult PutOnce(const UploadRequest& request, const std::string& url,
   GOutputStream* out = g_io_stream_get_output_stream(G_IO_STREAM(connection.get()));
   bool sent =
       g_output_stream_write_all(out, head.data(), head.size(), nullptr, nullptr, error.out());
+  // Exactly the declared length goes out. A file that changes meanwhile
+  // would arrive as a mix of two versions, so the last piece is held back
+  // and the connection closed: the server sees a body cut short.
   std::vector<char> buffer(kBufferSize);
-  while (sent) {
-    ssize_t n = read(fd, buffer.data(), buffer.size());
+  off_t remaining = info.st_size;
+  bool changed = false;
+  while (sent && remaining > 0) {
+    ssize_t n =
+        read(fd.get(), buffer.data(), size_t(std::min<off_t>(off_t(buffer.size()), remaining)));
+    if (n < 0 && errno == EINTR)
+      continue;
     if (n < 0) {
       result.error = g_strerror(errno);
       break;
     }
-    if (n == 0)
+    if (n == 0 || (n == remaining && FileChanged(fd.get(), info))) {
+      changed = true;
       break;
+    }
     sent = g_output_stream_write_all(out, buffer.data(), size_t(n), nullptr, nullptr, error.out());
+    remaining -= n;
   }
-  close(fd);
-  if (result.error)
+  fd.close();
+  if (changed)
+    result.error = kFileChanged;
+  if (result.error) {
+    g_io_stream_close(G_IO_STREAM(connection.get()), nullptr, nullptr);
     return result;
+  }
   // A server may refuse early and close while the body is still going out;
   // its answer, when it sent one, says more than the broken pipe.
   std::optional<std::string> write_error;
   if (!sent)
     write_error = error.message();
 
-  auto in = GObjectPtr<GDataInputStream>::adopt(
-      g_data_input_stream_new(g_io_stream_get_input_stream(G_IO_STREAM(connection.get()))));
-  g_data_input_stream_set_newline_type(in.get(), G_DATA_STREAM_NEWLINE_TYPE_LF);
-  ResponseHead response;
-  if (auto read_error = ReadHead(in.get(), response)) {
+  HttpResponse response;
+  if (auto read_error =
+          ReadResponse(g_io_stream_get_input_stream(G_IO_STREAM(connection.get())), response)) {
     result.error = write_error ? write_error : read_error;
+    g_io_stream_close(G_IO_STREAM(connection.get()), nullptr, nullptr);
     return result;
   }
   result.status = response.status;
-  if (auto read_error = ReadBody(in.get(), response, result.body)) {
-    result.error = read_error;
-    result.status = 0;
-    return result;
-  }
-  if ((response.status == 307 || response.status == 308) && response.headers.count("location")) {
-    GUri* base = g_uri_parse(url.c_str(), G_URI_FLAGS_ENCODED, nullptr);
-    GUri* next = base ? g_uri_parse_relative(base, response.headers["location"].c_str(),
-                                             G_URI_FLAGS_ENCODED, nullptr)
-                      : nullptr;
+  result.body = std::move(response.body);
+  auto location = response.headers.find("location");
+  if ((response.status == 307 || response.status == 308) && location != response.headers.end()) {
+    UriPtr base(g_uri_parse(url.c_str(), G_URI_FLAGS_ENCODED, nullptr), g_uri_unref);
+    UriPtr next(base ? g_uri_parse_relative(base.get(), location->second.c_str(),
+                                            G_URI_FLAGS_ENCODED, nullptr)
+                     : nullptr,
+                g_uri_unref);
     if (next) {
-      GCharPtr text(g_uri_to_string(next));
+      GCharPtr text(g_uri_to_string(next.get()));
       redirect = text.str();
-      g_uri_unref(next);
     }
-    if (base)
-      g_uri_unref(base);
   }
   g_io_stream_close(G_IO_STREAM(connection.get()), nullptr, nullptr);
   return result;
 }
 
-void RunUpload(UploadRequest request, std::function<void(TransferResult)> done) {
-  TransferResult result;
+void Upload(const UploadRequest& request, TransferResult& result) {
   std::string url = request.url;
   // Redirects that keep the method (307, 308) are followed, a few at most.
   for (int hop = 0; hop < 5; ++hop) {
@@ -317,19 +314,25 @@ void RunUpload(UploadRequest request, std::function<void(TransferResult)> done) 
       break;
     url = redirect;
   }
-  RunOnMainLoop(
-      [done = std::move(done), result = std::move(result)]() mutable { done(std::move(result)); });
 }
 
 } // namespace
 
 void DownloadToFile(const std::string& url, const std::string& file,
                     std::function<void(TransferResult)> done, unsigned idle_timeout_seconds) {
-  std::thread(RunDownload, url, file, idle_timeout_seconds, std::move(done)).detach();
+  std::thread(
+      RunTransfer,
+      [url, file, idle_timeout_seconds](TransferResult& result) {
+        Download(url, file, idle_timeout_seconds, result);
+      },
+      std::move(done))
+      .detach();
 }
 
 void UploadFromFile(const UploadRequest& request, std::function<void(TransferResult)> done) {
-  std::thread(RunUpload, request, std::move(done)).detach();
+  std::thread(
+      RunTransfer, [request](TransferResult& result) { Upload(request, result); }, std::move(done))
+      .detach();
 }
 
 } // namespace orvane

@@ -11,7 +11,9 @@
 #include "support/TempDir.h"
 #include "support/TestHttpServer.h"
 
+#include <atomic>
 #include <csignal>
+#include <fstream>
 #include <glib/gstdio.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -466,6 +468,129 @@ TEST_F(LibraryStoreTest, UploadRefusedWithABodyReportsStatusAndBody) {
   EXPECT_FALSE(ok);
   EXPECT_EQ(error, "HTTP 413: too big");
   EXPECT_THAT(log.messages(), Contains("pdfs: upload of large HTTP 413: too big"));
+}
+
+struct UploadOutcome {
+  bool done = false;
+  bool ok = true;
+  std::optional<std::string> error;
+};
+
+// What a server saw of an upload's body.
+struct SeenBody {
+  std::atomic<size_t> declared{0};
+  std::atomic<size_t> received{0};
+  std::atomic<bool> started{false};
+  std::atomic<bool> ended{false};
+};
+
+// A server that reads the start of an upload's body, waits for `go_on`, then
+// reads on slowly, 64 KiB at a time, to the declared length or the end of
+// the connection. It stores the file only when the whole body came.
+std::unique_ptr<RawServer> SlowReader(SeenBody& seen, std::atomic<bool>& go_on) {
+  return std::make_unique<RawServer>([&](RawServer& self, int client, const std::string& received) {
+    size_t head_end = received.find("\r\n\r\n");
+    seen.declared = RawServer::DeclaredLength(received);
+    seen.received = received.size() - (head_end + 4);
+    char buffer[65536];
+    bool first = true;
+    while (seen.received < seen.declared) {
+      ssize_t n = read(client, buffer, std::min(sizeof buffer, seen.declared - seen.received));
+      if (n <= 0)
+        break;
+      seen.received += size_t(n);
+      if (first) {
+        first = false;
+        seen.started = true;
+        self.waitFor([&] { return go_on.load(); }, 20);
+      }
+      g_usleep(2000);
+    }
+    if (seen.received == seen.declared)
+      RawServer::Send(client, "HTTP/1.1 201 Created\r\nContent-Length: 0\r\n\r\n");
+    seen.ended = true;
+  });
+}
+
+TEST_F(LibraryStoreTest, FileThatChangesSizeDuringTheUploadFailsIt) {
+  for (bool grows : {true, false}) {
+    std::string id = grows ? "grows" : "shrinks";
+    std::string path = store.pathFor(id);
+    // Far more than the socket buffers hold, so the change lands mid-body.
+    TempDir::WriteFile(path, PdfBytes(id, size_t(32) << 20));
+    PdfStore::markSynced(path, id, "v1", MTime(path) - 10);
+    SeenBody seen;
+    std::atomic<bool> go_on{false};
+    auto server = SlowReader(seen, go_on);
+    UploadOutcome outcome;
+    store.upload(id, server->url("/up"), [&](bool ok, auto error, double) {
+      outcome = {true, ok, error};
+    });
+    ASSERT_TRUE(SpinUntil([&] { return seen.started.load(); }));
+    if (grows) {
+      std::ofstream(path, std::ios::app) << "% one more line\n";
+    } else {
+      ASSERT_EQ(truncate(path.c_str(), off_t(16) << 20), 0);
+    }
+    go_on = true;
+    server->poke();
+    ASSERT_TRUE(SpinUntil([&] { return outcome.done; }, 60)) << id;
+    EXPECT_FALSE(outcome.ok) << id;
+    EXPECT_EQ(outcome.error, "the file changed during the upload") << id;
+    EXPECT_THAT(log.messages(),
+                Contains("pdfs: upload of " + id + " the file changed during the upload"));
+    // The server saw a body cut short and the connection closed: nothing to store.
+    ASSERT_TRUE(SpinUntil([&] { return seen.ended.load(); }));
+    EXPECT_LT(seen.received.load(), seen.declared.load()) << id;
+    EXPECT_TRUE(store.busy().empty());
+  }
+}
+
+TEST_F(LibraryStoreTest, UploadServerThatClosesMidBodyFailsTheUpload) {
+  std::string path = store.pathFor("cut-off");
+  TempDir::WriteFile(path, PdfBytes("cut-off", size_t(16) << 20));
+  PdfStore::markSynced(path, "cut-off", "v1", MTime(path) - 10);
+  FileState pdf = StateOf(path), sidecar = StateOf(PdfStore::sidecarFor(path));
+  RawServer server([](RawServer&, int client, const std::string&) {
+    char buffer[65536];
+    size_t taken = 0;
+    while (taken < 200000) {
+      ssize_t n = read(client, buffer, sizeof buffer);
+      if (n <= 0)
+        break;
+      taken += size_t(n);
+    }
+    // Hangs up with the rest of the body still coming.
+  });
+  UploadOutcome outcome;
+  store.upload("cut-off", server.url("/up"), [&](bool ok, auto error, double) {
+    outcome = {true, ok, error};
+  });
+  ASSERT_TRUE(SpinUntil([&] { return outcome.done; }));
+  EXPECT_FALSE(outcome.ok);
+  ASSERT_TRUE(outcome.error);
+  EXPECT_FALSE(outcome.error->empty());
+  EXPECT_THAT(log.messages(), Contains("pdfs: upload of cut-off " + *outcome.error));
+  EXPECT_EQ(StateOf(path), pdf);
+  EXPECT_EQ(StateOf(PdfStore::sidecarFor(path)), sidecar);
+  EXPECT_TRUE(store.busy().empty());
+}
+
+TEST_F(LibraryStoreTest, UploadToASilentServerEndsAfterTheIdleTimeOut) {
+  store.setIdleTimeouts(kDownloadIdleTimeout, 1);
+  localCopy("quiet", "v1", true);
+  RawServer server([](RawServer& self, int client, const std::string& received) {
+    RawServer::ReadRequestBody(client, received);
+    self.holdOpen();
+  });
+  UploadOutcome outcome;
+  store.upload("quiet", server.url("/up"), [&](bool ok, auto error, double) {
+    outcome = {true, ok, error};
+  });
+  ASSERT_TRUE(SpinUntil([&] { return outcome.done; }));
+  EXPECT_FALSE(outcome.ok);
+  EXPECT_TRUE(outcome.error && !outcome.error->empty());
+  EXPECT_TRUE(store.busy().empty());
 }
 
 TEST_F(LibraryStoreTest, UploadWithoutALocalFile) {

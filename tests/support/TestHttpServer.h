@@ -9,9 +9,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -256,6 +258,31 @@ public:
       at += size_t(n);
     }
     return true;
+  }
+
+  // For scripts: the Content-Length of the request whose head `received`
+  // holds, 0 without one.
+  static size_t DeclaredLength(const std::string& received) {
+    std::string head = received.substr(0, received.find("\r\n\r\n"));
+    for (char& c : head)
+      c = g_ascii_tolower(c);
+    size_t at = head.find("\r\ncontent-length:");
+    return at == std::string::npos ? 0 : std::strtoull(head.c_str() + at + 17, nullptr, 10);
+  }
+  // For scripts: reads the rest of the request's body, up to its declared
+  // length or the end of the connection; returns the whole body so far.
+  static std::string ReadRequestBody(int client, const std::string& received) {
+    size_t head_end = received.find("\r\n\r\n");
+    std::string body = head_end == std::string::npos ? "" : received.substr(head_end + 4);
+    size_t declared = DeclaredLength(received);
+    char buffer[65536];
+    while (body.size() < declared) {
+      ssize_t n = read(client, buffer, std::min(sizeof buffer, declared - body.size()));
+      if (n <= 0)
+        break;
+      body.append(buffer, size_t(n));
+    }
+    return body;
   }
 
 private:

@@ -1,0 +1,91 @@
+// Reads a server's answer to an upload: bytes in, as they arrive, and out
+// the status, the headers and the body, or the reason the answer cannot be
+// trusted. Nothing here touches the network, so any byte sequence can be fed
+// to it; whatever it is fed, it holds at most one header line and one
+// capped body in memory.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace orvane {
+
+// Caps on what a server may send back.
+inline constexpr size_t kMaxResponseLine = 16 * 1024; // one status or header line
+inline constexpr size_t kMaxResponseHeaders = 100;    // header lines in one head
+inline constexpr size_t kMaxResponseBody = 1024 * 1024;
+
+struct HttpResponse {
+  long status = 0;
+  std::map<std::string, std::string> headers; // lower-case names; the last of repeats
+  std::string body;
+  // The body's length as the Content-Length header declared it, when the
+  // body was framed by one.
+  std::optional<int64_t> declared_length;
+};
+
+class HttpResponseParser {
+public:
+  enum class State { NeedMore, Done, Failed };
+
+  // Takes the next bytes of the connection. Bytes after the end of the
+  // answer are ignored.
+  State feed(std::string_view bytes);
+  // The connection has ended: an answer that runs to the end of the
+  // connection is complete now, any other unfinished one has failed.
+  State finish();
+
+  State state() const { return state_; }
+  // Valid once Done.
+  const HttpResponse& response() const { return response_; }
+  // Why the answer failed, once Failed.
+  const std::string& error() const { return error_; }
+
+private:
+  enum class Step {
+    StatusLine,
+    HeaderLine,
+    LengthBody,
+    ChunkSize,
+    ChunkData,
+    ChunkEnd,
+    Trailer,
+    BodyToEnd,
+    Over
+  };
+
+  State fail(std::string why);
+  State done();
+  // Feeds bytes to the line being collected; returns how many it used and
+  // sets `complete` when a line feed ended the line.
+  size_t collectLine(std::string_view bytes, bool& complete);
+  void takeLine();
+  void statusLine();
+  void headerLine(bool trailer);
+  void headEnded();
+  void chunkSizeLine();
+  size_t takeBody(std::string_view bytes, uint64_t limit);
+
+  State state_ = State::NeedMore;
+  Step step_ = Step::StatusLine;
+  std::string line_;
+  std::string error_;
+  HttpResponse response_;
+  size_t header_lines_ = 0;
+  bool interim_seen_ = false;
+  uint64_t remaining_ = 0; // bytes still due in a length body or a chunk
+};
+
+// A whole answer at once: the bytes of a connection from its first byte to
+// its end.
+struct ParsedResponse {
+  std::optional<HttpResponse> response; // set on success
+  std::string error;                    // set on failure
+};
+ParsedResponse ParseHttpResponse(std::string_view bytes);
+
+} // namespace orvane

@@ -21,6 +21,7 @@ namespace orvane {
 namespace {
 
 constexpr size_t kBufferSize = 1024 * 1024;
+constexpr goffset kWriteBackStep = 8 * 1024 * 1024;
 
 GObjectPtr<SoupSession> NewSession(unsigned idle_timeout_seconds) {
   // One session per transfer thread: libsoup sessions are used from the
@@ -92,6 +93,7 @@ void Download(const std::string& url, const std::string& file, unsigned idle_tim
       goffset expected =
           soup_message_headers_get_content_length(soup_message_get_response_headers(message.get()));
       goffset received = 0;
+      goffset flushed = 0;
       std::vector<char> buffer(kBufferSize);
       while (true) {
         gssize n =
@@ -109,6 +111,12 @@ void Download(const std::string& url, const std::string& file, unsigned idle_tim
           break;
         }
         received += n;
+        // Start writing each few megabytes back to the disk while the rest
+        // arrives, so that the flush at the end has little left to wait for.
+        if (received - flushed >= kWriteBackStep) {
+          sync_file_range(fd.get(), flushed, received - flushed, SYNC_FILE_RANGE_WRITE);
+          flushed = received;
+        }
       }
       if (!result.error && expected > 0 && received != expected) {
         result.error = "The connection was lost before the whole file arrived";

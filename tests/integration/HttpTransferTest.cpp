@@ -2,6 +2,7 @@
 #include "library/HttpTransfer.h"
 
 #include "support/MainLoop.h"
+#include "support/RawServer.h"
 #include "support/TempDir.h"
 #include "support/TestHttpServer.h"
 

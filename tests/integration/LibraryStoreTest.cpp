@@ -8,6 +8,7 @@
 
 #include "support/LogCapture.h"
 #include "support/MainLoop.h"
+#include "support/RawServer.h"
 #include "support/TempDir.h"
 #include "support/TestHttpServer.h"
 

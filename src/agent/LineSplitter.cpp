@@ -15,6 +15,17 @@ void Emit(std::string_view line, const std::function<void(std::string_view)>& on
   ++added;
 }
 
+// Where a piece of a run longer than `limit` ends: at the limit, or before
+// the character the limit would cut (at most three continuation bytes
+// back). `run` holds more than `limit` bytes.
+size_t PieceEnd(std::string_view run, size_t limit) {
+  auto continues = [&](size_t at) { return (static_cast<unsigned char>(run[at]) & 0xC0) == 0x80; };
+  for (size_t end = limit; end + 3 >= limit && end > 0; --end)
+    if (!continues(end))
+      return end;
+  return limit;
+}
+
 } // namespace
 
 bool IsValidUtf8(std::string_view bytes) {
@@ -72,8 +83,17 @@ size_t LineSplitter::append(std::string_view chunk, std::vector<std::string>& li
   return append(chunk, [&lines](std::string_view line) { lines.emplace_back(line); });
 }
 
-size_t LineSplitter::append(std::string_view chunk,
-                            const std::function<void(std::string_view)>& on_line) {
+std::string_view LineSplitter::sendPieces(std::string_view run, const Sink& on_line,
+                                          size_t& added) const {
+  while (run.size() > limit_) {
+    size_t end = PieceEnd(run, limit_);
+    Emit(run.substr(0, end), on_line, added);
+    run.remove_prefix(end);
+  }
+  return run;
+}
+
+size_t LineSplitter::append(std::string_view chunk, const Sink& on_line) {
   size_t added = 0;
   size_t start = 0;
   const char* data = chunk.data();
@@ -82,11 +102,15 @@ size_t LineSplitter::append(std::string_view chunk,
     const void* found = std::memchr(data, '\n', chunk.size());
     if (!found) {
       buffer_.append(chunk);
-      return 0;
+      if (buffer_.size() > limit_) {
+        std::string_view rest = sendPieces(buffer_, on_line, added);
+        buffer_.erase(0, buffer_.size() - rest.size());
+      }
+      return added;
     }
     size_t at = size_t(static_cast<const char*>(found) - data);
     buffer_.append(data, at);
-    Emit(buffer_, on_line, added);
+    Emit(sendPieces(buffer_, on_line, added), on_line, added);
     buffer_.clear();
     start = at + 1;
   }
@@ -96,11 +120,14 @@ size_t LineSplitter::append(std::string_view chunk,
     if (!found)
       break;
     size_t at = size_t(static_cast<const char*>(found) - data);
-    Emit(chunk.substr(start, at - start), on_line, added);
+    std::string_view line = chunk.substr(start, at - start);
+    if (line.size() > limit_)
+      line = sendPieces(line, on_line, added);
+    Emit(line, on_line, added);
     start = at + 1;
   }
   if (start < chunk.size())
-    buffer_.assign(data + start, chunk.size() - start);
+    buffer_.assign(sendPieces(chunk.substr(start), on_line, added));
   return added;
 }
 
@@ -111,13 +138,15 @@ std::vector<std::string> LineSplitter::finish(std::string_view tail) {
   std::vector<std::string> pieces;
   if (!IsValidUtf8(rest))
     return pieces;
+  Sink keep = [&pieces](std::string_view piece) { pieces.emplace_back(piece); };
+  size_t added = 0;
   size_t start = 0;
   while (start <= rest.size()) {
     size_t at = rest.find('\n', start);
     if (at == std::string::npos)
       at = rest.size();
-    if (at > start)
-      pieces.emplace_back(rest, start, at - start);
+    std::string_view line(rest.data() + start, at - start);
+    Emit(sendPieces(line, keep, added), keep, added);
     start = at + 1;
   }
   return pieces;

@@ -1,11 +1,15 @@
 #include "agent/LineSplitter.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 
 namespace orvane {
 
 namespace {
+
+// A held run that outgrows this gets the buffer of a whole piece.
+constexpr size_t kGrowWhole = size_t(1) << 20;
 
 void Emit(std::string_view line, const std::function<void(std::string_view)>& on_line,
           size_t& added) {
@@ -93,6 +97,22 @@ std::string_view LineSplitter::sendPieces(std::string_view run, const Sink& on_l
   return run;
 }
 
+void LineSplitter::hold(std::string_view bytes, const Sink& on_line, size_t& added) {
+  while (!bytes.empty()) {
+    // Never more than one byte over the limit is held; a long run gets
+    // room for a whole piece at once instead of being copied at each growth.
+    size_t take = std::min(bytes.size(), limit_ + 1 - buffer_.size());
+    if (buffer_.size() + take > buffer_.capacity() && buffer_.size() + take > kGrowWhole)
+      buffer_.reserve(limit_ + 1);
+    buffer_.append(bytes.data(), take);
+    bytes.remove_prefix(take);
+    if (buffer_.size() > limit_) {
+      std::string_view rest = sendPieces(buffer_, on_line, added);
+      buffer_.erase(0, buffer_.size() - rest.size());
+    }
+  }
+}
+
 size_t LineSplitter::append(std::string_view chunk, const Sink& on_line) {
   size_t added = 0;
   size_t start = 0;
@@ -101,11 +121,7 @@ size_t LineSplitter::append(std::string_view chunk, const Sink& on_line) {
     // Finish the line held back from earlier chunks first.
     const void* found = std::memchr(data, '\n', chunk.size());
     if (!found) {
-      buffer_.append(chunk);
-      if (buffer_.size() > limit_) {
-        std::string_view rest = sendPieces(buffer_, on_line, added);
-        buffer_.erase(0, buffer_.size() - rest.size());
-      }
+      hold(chunk, on_line, added);
       return added;
     }
     size_t at = size_t(static_cast<const char*>(found) - data);
@@ -131,24 +147,28 @@ size_t LineSplitter::append(std::string_view chunk, const Sink& on_line) {
   return added;
 }
 
-std::vector<std::string> LineSplitter::finish(std::string_view tail) {
+size_t LineSplitter::finish(std::string_view tail, const Sink& on_line) {
   buffer_.append(tail);
   std::string rest;
   rest.swap(buffer_);
-  std::vector<std::string> pieces;
-  if (!IsValidUtf8(rest))
-    return pieces;
-  Sink keep = [&pieces](std::string_view piece) { pieces.emplace_back(piece); };
   size_t added = 0;
+  if (!IsValidUtf8(rest))
+    return added;
   size_t start = 0;
   while (start <= rest.size()) {
     size_t at = rest.find('\n', start);
     if (at == std::string::npos)
       at = rest.size();
     std::string_view line(rest.data() + start, at - start);
-    Emit(sendPieces(line, keep, added), keep, added);
+    Emit(sendPieces(line, on_line, added), on_line, added);
     start = at + 1;
   }
+  return added;
+}
+
+std::vector<std::string> LineSplitter::finish(std::string_view tail) {
+  std::vector<std::string> pieces;
+  finish(tail, [&pieces](std::string_view piece) { pieces.emplace_back(piece); });
   return pieces;
 }
 

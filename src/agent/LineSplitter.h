@@ -49,6 +49,9 @@ public:
   // held bytes are not valid UTF-8 as a whole, nothing comes out. The
   // splitter is empty afterwards.
   std::vector<std::string> finish(std::string_view tail = {});
+  // The same, handing the pieces to `on_line` as append does; returns their
+  // number.
+  size_t finish(std::string_view tail, const std::function<void(std::string_view)>& on_line);
 
   // Bytes of an unfinished line held back: never more than the limit once
   // append returns.
@@ -59,6 +62,9 @@ private:
   // Sends the leading pieces of `run` while more than the limit is left;
   // returns the rest.
   std::string_view sendPieces(std::string_view run, const Sink& on_line, size_t& added) const;
+  // Adds bytes of an unfinished line to the buffer, sending pieces as it
+  // goes over the limit.
+  void hold(std::string_view bytes, const Sink& on_line, size_t& added);
 
   size_t limit_;
   std::string buffer_;

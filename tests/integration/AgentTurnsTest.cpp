@@ -172,6 +172,15 @@ size_t MemoryKiB(const std::string& key) {
   return 0;
 }
 
+// Whether the peak resident size tells what the code holds: under
+// AddressSanitizer freed memory stays resident in its quarantine.
+constexpr bool kPeakMemoryTellsWhatIsHeld =
+#if defined(__SANITIZE_ADDRESS__)
+    false;
+#else
+    true;
+#endif
+
 // Starts a new peak (VmHWM) at the present resident size.
 bool ResetPeakMemory() {
   FILE* file = fopen("/proc/self/clear_refs", "w");
@@ -793,7 +802,9 @@ TEST_F(AgentTurnsTest, AnOutputLineLongerThan16MiBArrivesInPiecesOfAtMost16MiB) 
   EXPECT_LE(largest, size_t(16) << 20);
   // What is held is a piece and the event carrying it (about 32 MiB), not
   // the whole line and copies of it.
-  EXPECT_LT(peak_growth_mib, 48u);
+  if (kPeakMemoryTellsWhatIsHeld) {
+    EXPECT_LT(peak_growth_mib, 48u);
+  }
 }
 
 TEST_F(AgentTurnsTest, StandardErrorKeepsOnlyItsLast1MiB) {
@@ -824,7 +835,9 @@ TEST_F(AgentTurnsTest, StandardErrorKeepsOnlyItsLast1MiB) {
   EXPECT_EQ(kept.size(), expected.size());
   EXPECT_TRUE(kept == expected);
   EXPECT_TRUE(IsValidUtf8(kept));
-  EXPECT_LT(peak_growth_mib, 16u);
+  if (kPeakMemoryTellsWhatIsHeld) {
+    EXPECT_LT(peak_growth_mib, 16u);
+  }
 }
 
 TEST_F(AgentTurnsTest, TurnFileLargerThanItsCapFailsTheTurn) {

@@ -93,11 +93,14 @@ struct ScannedLine {
   std::string value; // decoded, for entries of [Orvane]
 };
 
-LineKind Classify(std::string_view content, std::string_view& name, std::string_view& raw_value) {
+LineKind Classify(std::string_view content, bool terminated, std::string_view& name,
+                  std::string_view& raw_value) {
   if (content.find('\0') != std::string_view::npos)
     return LineKind::Bad;
+  // "\r\n" ends a line as "\n" does; a "\r" with no line feed after it is
+  // part of the line, as GLib reads it.
   std::string_view line = content;
-  if (!line.empty() && line.back() == '\r')
+  if (terminated && !line.empty() && line.back() == '\r')
     line.remove_suffix(1);
   line = WithoutLeadingSpace(line);
   if (line.empty())
@@ -142,7 +145,7 @@ void ScanSettingsText(std::string_view text, const std::function<void(const Scan
     start = end + 1;
 
     std::string_view name, raw_value;
-    line.kind = Classify(line.content, name, raw_value);
+    line.kind = Classify(line.content, !line.ending.empty(), name, raw_value);
     if (line.kind == LineKind::Group) {
       seen_group = true;
       in_group = name == kGroup;
@@ -349,13 +352,19 @@ std::optional<std::string> EditSettingsText(std::string_view text, std::string_v
 
   std::string out;
   out.reserve(text.size() + entry.size() + 16);
+  // A last line without a line feed is given one that leaves it reading as
+  // before: a "\r" at its end would otherwise be taken for half of "\r\n".
+  auto end_open_line = [&](const Line& line) {
+    if (line.ending.empty())
+      out += !line.content.empty() && line.content.back() == '\r' ? "\r\n" : eol;
+  };
   for (size_t at = 0; at < lines.size(); ++at) {
     const Line& line = lines[at];
     if (line.is_key && (!value || at == last_of_key)) {
       if (!value)
         continue; // every line of the key goes
       out += entry;
-      if (!line.content.empty() && line.content.back() == '\r')
+      if (!line.ending.empty() && !line.content.empty() && line.content.back() == '\r')
         out += '\r';
       out += line.ending;
       continue;
@@ -363,16 +372,14 @@ std::optional<std::string> EditSettingsText(std::string_view text, std::string_v
     out.append(line.content);
     out.append(line.ending);
     if (value && last_of_key == SIZE_MAX && at == end_of_group) {
-      if (line.ending.empty())
-        out += eol;
+      end_open_line(line);
       out += entry;
       out += eol;
     }
   }
   if (value && last_of_key == SIZE_MAX && end_of_group == SIZE_MAX) {
     if (!lines.empty()) {
-      if (lines.back().ending.empty())
-        out += eol;
+      end_open_line(lines.back());
       if (lines.back().kind != LineKind::Blank)
         out += eol;
     }

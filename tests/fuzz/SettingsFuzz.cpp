@@ -81,12 +81,21 @@ void CheckSet(std::string_view text, const ParsedSettings& before, const std::st
   // key's own line, in the output only its new line, a group header and a
   // blank line.
   std::vector<std::string_view> in = Lines(text), out = Lines(*edited);
+  // A last line without a line feed may be given one, "\r\n" in a file of
+  // such lines; its bytes stay.
+  bool open_end = !text.empty() && text.back() != '\n';
+  auto same = [&](size_t in_at, size_t out_at) {
+    if (in[in_at] == out[out_at])
+      return true;
+    return open_end && in_at + 1 == in.size() && out[out_at].size() == in[in_at].size() + 1 &&
+           out[out_at].substr(0, in[in_at].size()) == in[in_at] && out[out_at].back() == '\r';
+  };
   size_t prefix = 0;
-  while (prefix < in.size() && prefix < out.size() && in[prefix] == out[prefix])
+  while (prefix < in.size() && prefix < out.size() && same(prefix, prefix))
     ++prefix;
   size_t suffix = 0;
   while (suffix < in.size() - prefix && suffix < out.size() - prefix &&
-         in[in.size() - 1 - suffix] == out[out.size() - 1 - suffix])
+         same(in.size() - 1 - suffix, out.size() - 1 - suffix))
     ++suffix;
   size_t in_changed = in.size() - prefix - suffix;
   size_t out_changed = out.size() - prefix - suffix;

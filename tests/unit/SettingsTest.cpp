@@ -370,6 +370,11 @@ TEST(SettingsTest, EditOfTextKeepsEveryOtherLine) {
   EXPECT_EQ(EditSettingsText("[Orvane]\nA=1\n", "B", std::nullopt), "[Orvane]\nA=1\n");
   EXPECT_EQ(EditSettingsText("[Orvane]\nA=bad\\q\n", "A", "ok"), "[Orvane]\nA=bad\\q\nA=ok\n");
   EXPECT_EQ(EditSettingsText("[Orvane]\nA=1", "A", " x"), "[Orvane]\nA=\\sx");
+  EXPECT_EQ(EditSettingsText("[Orvane]\r\nA=1\r\n", "A", "2"), "[Orvane]\r\nA=2\r\n");
+  EXPECT_EQ(EditSettingsText("[Orvane]\r\nA=1\r", "A", "2"), "[Orvane]\r\nA=2");
+  // A "\r" that ends the file stays part of its line.
+  EXPECT_EQ(EditSettingsText("[Orvane]\nA=1\r", "B", "2"), "[Orvane]\nA=1\r\r\nB=2\n");
+  EXPECT_EQ(ParseSettingsText("[Orvane]\nA=1\r").values.at("A"), "1\r");
   EXPECT_EQ(EditSettingsText("[Orvane]\n", "A=", "1"), std::nullopt);
 }
 

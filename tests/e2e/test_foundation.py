@@ -83,6 +83,30 @@ def test_log_begins_with_banner_then_accessibility_line(home, site, launch):
     assert seen.count("/api/papers") == 1, site.describe()
 
 
+def test_log_is_written_on_an_account_without_a_state_folder(home, site, launch):
+    state = home.path / ".local" / "state"
+    shutil.rmtree(state)
+    home.write_settings(AppURL=site.url)
+    launch()
+    site.wait_for_load("/")
+    banner_of(home)
+    assert state.stat().st_mode & 0o777 == 0o700, oct(state.stat().st_mode)
+    assert (state / "orvane").stat().st_mode & 0o777 == 0o700
+
+
+def test_settings_with_a_bad_line_still_apply(home, site, launch):
+    home.write_settings(AppURL=site.url)
+    text = home.settings_path.read_text(encoding="utf-8")
+    bad = "this line is not a key file line"
+    home.settings_path.write_text(text.replace("[Orvane]\n", f"[Orvane]\n{bad}\n", 1), encoding="utf-8")
+    launch()
+    site.wait_for_load("/")
+    assert banner_of(home)["site"] == site.url
+    # Read at every lookup, reported once.
+    assert home.log_messages().count("settings: line 2 of settings.ini ignored") == 1, home.log_messages()
+    assert bad in home.settings_path.read_text(encoding="utf-8").splitlines()
+
+
 def test_every_page_sees_the_capabilities_object(home, site, launch):
     home.write_settings(AppURL=site.url)
     site.set_scenario([{"navigate": "/landed.html"}])

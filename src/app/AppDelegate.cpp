@@ -62,10 +62,13 @@ AppDelegate::AppDelegate(GtkApplication* application, DesktopSeams seams)
 AppDelegate::~AppDelegate() = default;
 
 void AppDelegate::applicationDidFinishLaunching() {
-  // 1. The banner is always the first line of a run.
+  // 1. The banner is always the first line of a run, even before what
+  // reading the settings for it finds wrong with them.
+  Settings::standard().holdBadLineReports();
   std::string site = SiteAddress();
   SparLog("=== Orvane %@ (%@) started, built %s %s, site %@ ===", kVersion, kBuildIdentifier,
           kBuildDate, kBuildTime, site);
+  Settings::standard().releaseBadLineReports();
 
   // 2. Whether other applications' selections and windows are reachable.
   SparLog("accessibility trusted: %@",

@@ -418,8 +418,24 @@ void Settings::reportBadLines(const std::vector<std::pair<size_t, size_t>>& line
       return;
     }
     reported_.insert(line);
-    SparLog("settings: line %d of settings.ini ignored", line.first);
+    if (holding_reports_)
+      held_reports_.push_back(line.first);
+    else
+      SparLog("settings: line %d of settings.ini ignored", line.first);
   }
+}
+
+void Settings::holdBadLineReports() {
+  std::lock_guard<std::mutex> lock(reported_mutex_);
+  holding_reports_ = true;
+}
+
+void Settings::releaseBadLineReports() {
+  std::lock_guard<std::mutex> lock(reported_mutex_);
+  holding_reports_ = false;
+  for (size_t line : held_reports_)
+    SparLog("settings: line %d of settings.ini ignored", line);
+  held_reports_.clear();
 }
 
 std::optional<std::string> Settings::fileValue(const std::string& key) const {

@@ -46,6 +46,12 @@ public:
 
   const std::string& filePath() const { return file_path_; }
 
+  // The launch writes its banner first, and reading the settings for it
+  // must not log before it: bad lines found while reports are held are
+  // logged when they are released.
+  void holdBadLineReports();
+  void releaseBadLineReports();
+
 private:
   std::optional<std::string> fileValue(const std::string& key) const;
   void edit(const std::string& key, const std::optional<std::string>& value);
@@ -57,6 +63,8 @@ private:
   mutable std::mutex reported_mutex_;
   mutable std::set<std::pair<size_t, size_t>> reported_;
   mutable bool reported_all_ = false;
+  bool holding_reports_ = false;
+  mutable std::vector<size_t> held_reports_;
 };
 
 // The settings file's text, read as GLib writes key files: "[group]" lines,

@@ -103,7 +103,11 @@ def test_settings_with_a_bad_line_still_apply(home, site, launch):
     site.wait_for_load("/")
     assert banner_of(home)["site"] == site.url
     # Read at every lookup, reported once.
-    assert home.log_messages().count("settings: line 2 of settings.ini ignored") == 1, home.log_messages()
+    messages = home.log_messages()
+    assert messages.count("settings: line 2 of settings.ini ignored") == 1, messages
+    # The banner stays the first line of the run.
+    assert messages[0].startswith("=== Orvane "), messages
+    assert messages[1] == "settings: line 2 of settings.ini ignored", messages
     assert bad in home.settings_path.read_text(encoding="utf-8").splitlines()
 
 

@@ -69,6 +69,22 @@ TEST(SettingsTest, BadLineInTheMiddleCostsNoOtherKey) {
   EXPECT_EQ(log.messages().size(), 1u);
 }
 
+TEST(SettingsTest, HeldReportsAreLoggedWhenReleased) {
+  LogCapture log;
+  TempDir dir;
+  Settings settings(dir.write("settings.ini", "[Orvane]\n"
+                                              "not a line\n"
+                                              "AppURL=http://one.example\n"));
+  settings.holdBadLineReports();
+  EXPECT_EQ(settings.stringForKey("AppURL"), "http://one.example");
+  EXPECT_TRUE(log.messages().empty());
+  settings.releaseBadLineReports();
+  EXPECT_EQ(log.messages(), std::vector<std::string>{"settings: line 2 of settings.ini ignored"});
+  // Once reported, never again.
+  EXPECT_EQ(settings.stringForKey("AppURL"), "http://one.example");
+  EXPECT_EQ(log.messages().size(), 1u);
+}
+
 TEST(SettingsTest, EveryKindOfBadLineIsSkippedAlone) {
   LogCapture log;
   TempDir dir;

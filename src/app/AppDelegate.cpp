@@ -17,6 +17,7 @@
 #include "library/PdfFiles.h"
 #include "web/DevServer.h"
 #include "web/NavigationPolicy.h"
+#include "web/NvidiaRenderer.h"
 
 #include <glib/gstdio.h>
 
@@ -85,6 +86,10 @@ void AppDelegate::applicationDidFinishLaunching() {
   // 7. The library store; it watches its folder once a page names the account.
   store_ = std::make_unique<PdfStore>(*seams_.scheduler);
   pdf_actions_ = std::make_unique<PdfActions>(*store_, dock_drops_, *this);
+
+  // WebKit reads its renderer setting when the first web view is made, and
+  // the environment is changed while no other thread runs yet.
+  TurnOffDmabufRendererForNvidia();
 
   // 8. Look for the agent; the shell look-up runs in the background.
   auto send_event = [this](const Event& event) { events_.sendEvent(event); };

@@ -4,7 +4,6 @@
 #include "base/GObjectPtr.h"
 #include "base/Paths.h"
 #include "base/Settings.h"
-#include "web/NvidiaRenderer.h"
 
 #include <glib/gstdio.h>
 
@@ -54,12 +53,8 @@ WebViewFactory::~WebViewFactory() {
 }
 
 std::shared_ptr<WebPage> WebViewFactory::makeWebView() {
-  if (!context_) {
-    // WebKit reads its renderer setting when the first context and view are
-    // made, so the driver check comes before both.
-    TurnOffDmabufRendererForNvidia();
+  if (!context_)
     context_ = MakeSharedContext();
-  }
 
   auto content = GObjectPtr<WebKitUserContentManager>::adopt(webkit_user_content_manager_new());
   std::string caps = CapabilitiesScript(claude_path_ ? claude_path_() : "");

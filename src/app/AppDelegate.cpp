@@ -56,7 +56,8 @@ DesktopSeams RealDesktopSeams() {
 AppDelegate::AppDelegate(GtkApplication* application, DesktopSeams seams)
     : application_(application), seams_(std::move(seams)),
       dock_drops_([this](const Event& event) { events_.sendEvent(event); }),
-      dispatcher_(*this, events_, [] { return SiteAddress(); }),
+      dispatcher_(
+          *this, events_, [] { return SiteAddress(); }, [this] { return seams_.scheduler->now(); }),
       factory_(*this, [this] { return claudePath(); }) {}
 
 AppDelegate::~AppDelegate() = default;
@@ -334,8 +335,8 @@ PageRef AppDelegate::pageFor(WebKitWebView* view) const {
 }
 
 void AppDelegate::didReceiveScriptMessage(const std::string& name, const nlohmann::json& body,
-                                          WebKitWebView* from) {
-  dispatcher_.didReceiveScriptMessage(name, body, pageFor(from));
+                                          WebKitWebView* from, const MessageSender& sender) {
+  dispatcher_.didReceiveScriptMessage(name, body, pageFor(from), sender);
 }
 
 bool AppDelegate::decidePolicy(WebKitWebView*, WebKitPolicyDecision* decision,
@@ -399,6 +400,10 @@ bool AppDelegate::runFileChooser(WebKitWebView*, WebKitFileChooserRequest* reque
 
 void AppDelegate::webViewDidClose(WebKitWebView*) {
   window_->orderOut();
+}
+
+void AppDelegate::didCommitNavigation(WebKitWebView* view) {
+  events_.pageCommitted(pageFor(view));
 }
 
 void AppDelegate::didFinishNavigation(WebKitWebView* view) {

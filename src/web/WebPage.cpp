@@ -4,9 +4,28 @@ namespace orvane {
 
 WebPage::WebPage(WebKitWebView* view) : view_(view) {
   g_object_ref_sink(view_);
+  // Connected before anyone else's handler, so that the address is current
+  // for whoever reacts to the same commit.
+  load_changed_handler_ =
+      g_signal_connect(view_, "load-changed",
+                       G_CALLBACK(+[](WebKitWebView* v, WebKitLoadEvent event, gpointer data) {
+                         if (event != WEBKIT_LOAD_COMMITTED)
+                           return;
+                         const gchar* uri = webkit_web_view_get_uri(v);
+                         static_cast<WebPage*>(data)->committed_address_ = uri ? uri : "";
+                       }),
+                       this);
+  terminated_handler_ = g_signal_connect(
+      view_, "web-process-terminated",
+      G_CALLBACK(+[](WebKitWebView*, WebKitWebProcessTerminationReason, gpointer data) {
+        static_cast<WebPage*>(data)->committed_address_.clear();
+      }),
+      this);
 }
 
 WebPage::~WebPage() {
+  g_signal_handler_disconnect(view_, load_changed_handler_);
+  g_signal_handler_disconnect(view_, terminated_handler_);
   g_object_unref(view_);
 }
 

@@ -9,7 +9,8 @@ namespace orvane {
 
 class WebPage final : public Page {
 public:
-  // Holds its own reference to the view (a floating one is sunk).
+  // Holds its own reference to the view (a floating one is sunk) and
+  // follows its loads from now on.
   explicit WebPage(WebKitWebView* view);
   ~WebPage() override;
   WebPage(const WebPage&) = delete;
@@ -17,6 +18,9 @@ public:
 
   void evaluateScript(const std::string& script) override;
   std::string currentAddress() const override;
+  // Recorded when a load commits (WEBKIT_LOAD_COMMITTED); "" before the
+  // first commit and after the page's web process has gone.
+  std::string committedAddress() const override { return committed_address_; }
 
   void load(const std::string& address);
   // Replaces the page with an empty document, stopping its scripts.
@@ -28,6 +32,9 @@ public:
 
 private:
   WebKitWebView* view_;
+  std::string committed_address_;
+  gulong load_changed_handler_ = 0;
+  gulong terminated_handler_ = 0;
 };
 
 } // namespace orvane

@@ -142,3 +142,66 @@ def test_primary_page_that_leaves_the_site_hears_no_more_events(home, site, make
     assert types == ["dockDrop", "claudeStatus"], site.events()
     assert site.events(landed.page)[0]["name"] == "dropped.pdf"
     assert foreign.events() == [], foreign.events()
+
+
+# --------------------------------------------------------------------------
+# what leaves the program: links and pop-ups
+
+
+def default_handler(home, scheme: str, calls_name: str) -> None:
+    """A recording application as the home's default handler of a scheme, so
+    that an address handed to the desktop would be seen."""
+    desktop_id = home.add_recording_app(f"orvane-e2e-{calls_name}.desktop", calls_name,
+                                        f"x-scheme-handler/{scheme};")
+    mimeapps = home.path / ".config" / "mimeapps.list"
+    text = mimeapps.read_text(encoding="utf-8")
+    line = f"x-scheme-handler/{scheme}={desktop_id}\n"
+    text = text.replace("[Default Applications]\n", "[Default Applications]\n" + line, 1)
+    mimeapps.write_text(text, encoding="utf-8")
+
+
+def test_links_and_pop_ups_of_other_schemes_open_nothing(home, site, launch):
+    default_handler(home, "ftp", "ftp")
+    default_handler(home, "orvane-e2e", "custom")
+    local_page = "file://" + str(FIXTURES / "site" / "target.html")  # an HTML file: the browser's
+    site.vars["FOREIGN_URL"] = "ftp://127.0.0.2/elsewhere.txt"
+    site.vars["LOCAL_URL"] = "javascript:document.title='clicked'"
+    site.vars["BLANK_URL"] = local_page
+    site.vars["POPUP_URL"] = "orvane-e2e:run?what=anything"
+    home.write_settings(AppURL=site.url)
+    site.set_scenario([{"navigate": "/links.html"}])
+    orvane = launch()
+    page = site.wait_for_load("/links.html")
+    win = orvane.wait_for_window("library")
+
+    orvane.click_in_window(win, 550, 85)  # #foreign: a clicked link to ftp:
+    orvane.click_in_window(win, 550, 275)  # #local: a clicked javascript: link
+    orvane.click_in_window(win, 550, 465)  # #blank: a new window for a file: address
+    orvane.click_in_window(win, 550, 655)  # #popup: window.open of a custom scheme
+    clicks = wait_until(lambda: (lambda ids: ids if len(ids) == 4 else None)(
+        [r.data["id"] for r in site.records("click") if r.page == page.page]), what="four clicks")
+    assert clicks == ["foreign", "local", "blank", "popup"], clicks
+
+    def nothing_launched():
+        return home.browser_calls() == [] and home.calls("ftp") == [] and home.calls("custom") == []
+    assert holds_for(nothing_launched, 1.5), (home.browser_calls(), home.calls("ftp"), home.calls("custom"))
+    home.wait_for_log("web: link to ftp://127.0.0.2/elsewhere.txt not opened "
+                      "(only http, https and mailto leave the program)")
+    home.wait_for_log("web: pop-up to orvane-e2e:run?what=anything not opened "
+                      "(only http, https and mailto leave the program)")
+    # The page stays where it was, and nothing else was loaded.
+    ack = site.run_in_page([{"mark": "still here"}], page=page.page)
+    assert ack.href == site.url + "/links.html"
+    assert orvane.windows() == [win]
+
+
+def test_pop_up_without_a_user_gesture_opens_nothing(home, site, launch):
+    home.write_settings(AppURL=site.url)
+    unasked = site.url + "/landed.html?via=script"
+    site.set_scenario([{"windowOpen": unasked}, {"mark": "opened"}])
+    orvane = launch()
+    site.wait_for_record("mark", lambda r: r.data == "opened")
+    assert holds_for(lambda: home.browser_calls() == [], 1.5), home.browser_calls()
+    home.wait_for_log(f"web: pop-up to {unasked} not opened (no user gesture)")
+    assert site.requests("/landed.html") == []
+    assert len(orvane.windows()) == 1

@@ -20,10 +20,6 @@ std::optional<std::string> ActionOf(const nlohmann::json& body) {
                             : found->dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-bool NonEmpty(const std::optional<std::string>& text) {
-  return text && !text->empty();
-}
-
 constexpr double kRefusalLineInterval = 1.0;
 constexpr size_t kRefusalAddressLength = 200;
 } // namespace
@@ -94,8 +90,7 @@ void MessageDispatcher::didReceiveScriptMessage(const std::string& name, const n
 void MessageDispatcher::dispatchTopLevel(const std::string& action, const nlohmann::json& body,
                                          const PageRef& from) {
   if (action == "spar") {
-    auto id = StringMember(body, "id");
-    if (NonEmpty(id))
+    if (auto id = NameMember(body, "id"))
       host_.openSparWindowFor(*id);
   } else if (action == "closeSpar") {
     host_.closeSparWindow();
@@ -104,9 +99,10 @@ void MessageDispatcher::dispatchTopLevel(const std::string& action, const nlohma
     if (from && panel && from == panel)
       host_.hideQuickPanel();
   } else if (action == "dragFile") {
-    auto path = StringMember(body, "path");
-    if (NonEmpty(path))
-      host_.beginFileDrag(*path, from ? from : host_.quickPanelPage());
+    // A message that got this far has a page: the trust check refuses any
+    // other.
+    if (auto path = NameMember(body, "path"))
+      host_.beginFileDrag(*path, from);
   } else if (action == "previewSplit") {
     previewSplit(body);
   }
@@ -114,13 +110,14 @@ void MessageDispatcher::dispatchTopLevel(const std::string& action, const nlohma
 }
 
 void MessageDispatcher::previewSplit(const nlohmann::json& body) {
-  auto path = StringMember(body, "path");
-  auto id = StringMember(body, "id");
-  if (NonEmpty(path)) {
+  // Empty, or holding a NUL (no file name can): missing.
+  auto path = NameMember(body, "path");
+  auto id = NameMember(body, "id");
+  if (path) {
     host_.openPreviewSplitFor(*path);
     return;
   }
-  if (!NonEmpty(id) || !host_.storeHasAccount())
+  if (!id || !host_.storeHasAccount())
     return;
   std::string paper_id = *id;
   host_.ensureLocal(

@@ -166,6 +166,21 @@ TEST_F(MessageDispatcherTest, UnknownActionWritesOnlyTheMessageLine) {
   EXPECT_EQ(log.messages().back(), "message: frobnicate");
 }
 
+TEST_F(MessageDispatcherTest, PathsAndIdsHoldingANulCountAsMissing) {
+  post({{"action", "hello"}, {"account", "a"}}, library);
+  host.calls.clear();
+  const std::string nul_path("/tmp/a.pdf\0/etc/passwd", 22);
+  const std::string nul_id("2401.01234\0x", 12);
+  post({{"action", "dragFile"}, {"path", nul_path}}, library);
+  post({{"action", "previewSplit"}, {"path", nul_path}}, library);
+  post({{"action", "previewSplit"}, {"id", nul_id}, {"url", "http://s/p"}}, library);
+  post({{"action", "spar"}, {"id", nul_id}}, library);
+  EXPECT_THAT(host.calls, IsEmpty());
+  // A path that counts as missing leaves the id to decide.
+  post({{"action", "previewSplit"}, {"path", nul_path}, {"id", "2401.01234"}}, library);
+  EXPECT_THAT(host.calls, ElementsAre("ensureLocal 2401.01234 - -"));
+}
+
 TEST_F(MessageDispatcherTest, PreviewSplitWithPathOpensThatFile) {
   post({{"action", "previewSplit"}, {"path", "/papers/a.pdf"}, {"id", "ignored"}}, library);
   EXPECT_THAT(host.calls, ElementsAre("split /papers/a.pdf"));

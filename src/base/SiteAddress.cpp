@@ -28,9 +28,14 @@ std::string AsciiLower(const char* text) {
   g_free(lower);
   return result;
 }
-} // namespace
 
-std::optional<Origin> OriginOf(const std::string& address) {
+int DefaultPort(const std::string& scheme) {
+  return scheme == "http" ? 80 : scheme == "https" ? 443 : 0;
+}
+
+// Scheme and host in lower case and the port as written (-1 when none) of an
+// http or https address with a host.
+std::optional<Origin> WebOriginAsWritten(const std::string& address) {
   // An address holding a NUL is cut short by the C parser; it is no address.
   if (address.find('\0') != std::string::npos)
     return std::nullopt;
@@ -42,17 +47,36 @@ std::optional<Origin> OriginOf(const std::string& address) {
   const char* host = g_uri_get_host(uri);
   if (scheme && host && *host) {
     Origin found{AsciiLower(scheme), AsciiLower(host), g_uri_get_port(uri)};
-    int default_port = found.scheme == "http" ? 80 : found.scheme == "https" ? 443 : 0;
-    if (default_port != 0) {
-      if (found.port < 0)
-        found.port = default_port;
-      if (found.host == "localhost")
-        found.host = "127.0.0.1";
+    if (DefaultPort(found.scheme) != 0)
       origin = std::move(found);
-    }
   }
   g_uri_unref(uri);
   return origin;
+}
+} // namespace
+
+std::optional<Origin> OriginOf(const std::string& address) {
+  std::optional<Origin> origin = WebOriginAsWritten(address);
+  if (!origin)
+    return std::nullopt;
+  if (origin->port < 0)
+    origin->port = DefaultPort(origin->scheme);
+  if (origin->host == "localhost")
+    origin->host = "127.0.0.1";
+  return origin;
+}
+
+std::optional<std::string> LocationOrigin(const std::string& address) {
+  std::optional<Origin> origin = WebOriginAsWritten(address);
+  if (!origin)
+    return std::nullopt;
+  std::string host = origin->host.find(':') != std::string::npos
+                         ? "[" + origin->host + "]" // an IPv6 address
+                         : origin->host;
+  std::string text = origin->scheme + "://" + host;
+  if (origin->port >= 0 && origin->port != DefaultPort(origin->scheme))
+    text += ":" + std::to_string(origin->port);
+  return text;
 }
 
 bool HasSiteOrigin(const std::string& address, const std::string& site_address) {

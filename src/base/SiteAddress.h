@@ -29,6 +29,11 @@ struct Origin {
 // data:, about:, file:, ...), without a host, or unparsable have none.
 std::optional<Origin> OriginOf(const std::string& address);
 
+// The origin of an http or https address as a page's script reads it in
+// location.origin: "scheme://host" with ":port" unless it is the scheme's
+// default, the host as written (no localhost rule). nullopt otherwise.
+std::optional<std::string> LocationOrigin(const std::string& address);
+
 // True when the address has an origin and it is the site address's.
 bool HasSiteOrigin(const std::string& address, const std::string& site_address);
 

@@ -1,6 +1,18 @@
 #include "web/WebPage.h"
 
+#include "base/SiteAddress.h"
+
+#include <nlohmann/json.hpp>
+
 namespace orvane {
+
+std::string ScriptForDocumentOf(const std::string& script, const std::string& committed_address) {
+  std::optional<std::string> origin = LocationOrigin(committed_address);
+  if (!origin)
+    return script;
+  // location and its origin cannot be redefined by a page's scripts.
+  return "if (location.origin === " + nlohmann::json(*origin).dump() + ") {\n" + script + "\n}";
+}
 
 WebPage::WebPage(WebKitWebView* view) : view_(view) {
   g_object_ref_sink(view_);
@@ -30,7 +42,8 @@ WebPage::~WebPage() {
 }
 
 void WebPage::evaluateScript(const std::string& script) {
-  webkit_web_view_evaluate_javascript(view_, script.c_str(), gssize(script.size()), nullptr,
+  std::string guarded = ScriptForDocumentOf(script, committed_address_);
+  webkit_web_view_evaluate_javascript(view_, guarded.c_str(), gssize(guarded.size()), nullptr,
                                       nullptr, nullptr, nullptr, nullptr);
 }
 

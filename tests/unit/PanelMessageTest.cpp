@@ -1,3 +1,4 @@
+#include "web/WebPage.h"
 #include "web/WebViewFactory.h"
 
 #include <gtest/gtest.h>
@@ -37,6 +38,16 @@ TEST(PanelMessageTest, BodyThatIsNotJsonTextIsNull) {
   EXPECT_TRUE(
       ReadPanelMessage(R"({"top":true,"href":"x","body":{"action":"hello"}})").body.is_null());
   EXPECT_TRUE(ReadPanelMessage(R"({"top":true,"href":"x"})").body.is_null());
+}
+
+TEST(PageScriptTest, ScriptRunsOnlyInADocumentOfTheCommittedOrigin) {
+  EXPECT_EQ(ScriptForDocumentOf("window.panelEvent && window.panelEvent({})",
+                                "http://127.0.0.1:8000/?sparwin=1#spar/x"),
+            "if (location.origin === \"http://127.0.0.1:8000\") {\n"
+            "window.panelEvent && window.panelEvent({})\n}");
+  // Nothing committed yet, or a document without a web origin: as it is.
+  EXPECT_EQ(ScriptForDocumentOf("f()", ""), "f()");
+  EXPECT_EQ(ScriptForDocumentOf("f()", "about:blank"), "f()");
 }
 
 } // namespace

@@ -93,6 +93,18 @@ TEST(SiteOriginTest, NavigationKeepsTheHostRule) {
   EXPECT_TRUE(IsOnSite("http://papers.example:8080/", kRemoteSite));
 }
 
+TEST(SiteOriginTest, LocationOriginIsWrittenAsPagesReadIt) {
+  EXPECT_EQ(LocationOrigin("http://127.0.0.1:8000/library?x#y"), "http://127.0.0.1:8000");
+  EXPECT_EQ(LocationOrigin("http://localhost:8000/"), "http://localhost:8000");
+  EXPECT_EQ(LocationOrigin("HTTPS://Papers.Example:443/a"), "https://papers.example");
+  EXPECT_EQ(LocationOrigin("http://papers.example:80"), "http://papers.example");
+  EXPECT_EQ(LocationOrigin("https://papers.example:80/"), "https://papers.example:80");
+  EXPECT_EQ(LocationOrigin("http://[::1]:8000/"), "http://[::1]:8000");
+  for (const char* address : {"about:blank", "data:text/html,x", "blob:http://127.0.0.1:8000/x",
+                              "file:///tmp/x", "", "garbage"})
+    EXPECT_EQ(LocationOrigin(address), std::nullopt) << address;
+}
+
 TEST(LogSafeTextTest, ControlCharactersAreEscaped) {
   EXPECT_EQ(LogSafeText("a\nb\rc\td\x1b[31m\x7f", 200), "a\\nb\\rc\\td\\x1b[31m\\x7f");
   EXPECT_EQ(LogSafeText(std::string("a\0b", 3), 200), "a\\x00b");

@@ -5,6 +5,7 @@
 #include "base/Paths.h"
 #include "base/Settings.h"
 #include "base/SparLog.h"
+#include "base/Text.h"
 #include "capture/HandoffFolder.h"
 #include "capture/ScreenContainingPoint.h"
 #include "desktop/x11/DBusMessageBus.h"
@@ -29,6 +30,8 @@ constexpr char kSparNotification[] = "com.tarnwick.orvane.spar";
 constexpr char kTileNotification[] = "com.tarnwick.orvane.tile";
 constexpr char kPlaceNotification[] = "com.tarnwick.orvane.place";
 constexpr char kFocusSearchScript[] = "document.getElementById('quick-search')?.focus();";
+// Addresses from pages are cut to this many characters in log lines.
+constexpr size_t kLoggedAddressLength = 200;
 
 void ShowMessageDialog(GtkWindow* parent, const std::string& message, const std::string& detail) {
   GtkWidget* dialog =
@@ -57,7 +60,8 @@ DesktopSeams RealDesktopSeams() {
 AppDelegate::AppDelegate(GtkApplication* application, DesktopSeams seams)
     : application_(application), seams_(std::move(seams)),
       dock_drops_([this](const Event& event) { events_.sendEvent(event); }),
-      dispatcher_(*this, events_, [] { return SiteAddress(); }),
+      dispatcher_(
+          *this, events_, [] { return SiteAddress(); }, [this] { return seams_.scheduler->now(); }),
       factory_(*this, [this] { return claudePath(); }) {}
 
 AppDelegate::~AppDelegate() = default;
@@ -342,8 +346,8 @@ PageRef AppDelegate::pageFor(WebKitWebView* view) const {
 }
 
 void AppDelegate::didReceiveScriptMessage(const std::string& name, const nlohmann::json& body,
-                                          WebKitWebView* from) {
-  dispatcher_.didReceiveScriptMessage(name, body, pageFor(from));
+                                          WebKitWebView* from, const MessageSender& sender) {
+  dispatcher_.didReceiveScriptMessage(name, body, pageFor(from), sender);
 }
 
 bool AppDelegate::decidePolicy(WebKitWebView*, WebKitPolicyDecision* decision,
@@ -356,21 +360,42 @@ bool AppDelegate::decidePolicy(WebKitWebView*, WebKitPolicyDecision* decision,
   std::string target = request ? webkit_uri_request_get_uri(request) : "";
   bool clicked =
       webkit_navigation_action_get_navigation_type(action) == WEBKIT_NAVIGATION_TYPE_LINK_CLICKED;
-  if (DecideNavigation(target, clicked, SiteAddress()) == NavigationDecision::OpenInBrowser) {
-    seams_.workspace->openInBrowser(target);
-    webkit_policy_decision_ignore(decision);
+  switch (DecideNavigation(target, clicked, SiteAddress())) {
+  case NavigationDecision::Allow:
+    webkit_policy_decision_use(decision);
     return true;
+  case NavigationDecision::OpenInBrowser:
+    seams_.workspace->openInBrowser(target);
+    break;
+  case NavigationDecision::Drop:
+    SparLog("web: link to %@ not opened (only http, https and mailto leave the program)",
+            LogSafeText(target, kLoggedAddressLength));
+    break;
   }
-  webkit_policy_decision_use(decision);
+  webkit_policy_decision_ignore(decision);
   return true;
 }
 
 GtkWidget* AppDelegate::createWebView(WebKitWebView*, WebKitNavigationAction* action) {
-  // No second web view is ever made: a pop-up goes to the browser.
+  // No second web view is ever made: a pop-up goes to the browser, when the
+  // user asked for it and its address is one that may leave.
   WebKitURIRequest* request = webkit_navigation_action_get_request(action);
   const char* uri = request ? webkit_uri_request_get_uri(request) : nullptr;
-  if (uri && *uri)
+  if (!uri || !*uri)
+    return nullptr;
+  switch (DecidePopUp(uri, webkit_navigation_action_is_user_gesture(action))) {
+  case PopUpDecision::OpenInBrowser:
     seams_.workspace->openInBrowser(uri);
+    break;
+  case PopUpDecision::DropNoGesture:
+    SparLog("web: pop-up to %@ not opened (no user gesture)",
+            LogSafeText(uri, kLoggedAddressLength));
+    break;
+  case PopUpDecision::DropScheme:
+    SparLog("web: pop-up to %@ not opened (only http, https and mailto leave the program)",
+            LogSafeText(uri, kLoggedAddressLength));
+    break;
+  }
   return nullptr;
 }
 
@@ -407,6 +432,10 @@ bool AppDelegate::runFileChooser(WebKitWebView*, WebKitFileChooserRequest* reque
 
 void AppDelegate::webViewDidClose(WebKitWebView*) {
   window_->orderOut();
+}
+
+void AppDelegate::didCommitNavigation(WebKitWebView* view) {
+  events_.pageCommitted(pageFor(view));
 }
 
 void AppDelegate::didFinishNavigation(WebKitWebView* view) {

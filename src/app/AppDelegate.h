@@ -103,12 +103,13 @@ public:
 
   // WebViewDelegate
   void didReceiveScriptMessage(const std::string& name, const nlohmann::json& body,
-                               WebKitWebView* from) override;
+                               WebKitWebView* from, const MessageSender& sender) override;
   bool decidePolicy(WebKitWebView* view, WebKitPolicyDecision* decision,
                     WebKitPolicyDecisionType type) override;
   GtkWidget* createWebView(WebKitWebView* view, WebKitNavigationAction* action) override;
   bool runFileChooser(WebKitWebView* view, WebKitFileChooserRequest* request) override;
   void webViewDidClose(WebKitWebView* view) override;
+  void didCommitNavigation(WebKitWebView* view) override;
   void didFinishNavigation(WebKitWebView* view) override;
 
   EventDelivery& events() { return events_; }

@@ -4,8 +4,14 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace orvane {
+
+// The body of a page message from its JSON text. Text that is not JSON, and
+// JSON nested deeper than any message needs (a hostile page's way to
+// exhaust the stack of whatever walks it), read as null.
+nlohmann::json ParseMessageBody(std::string_view text);
 
 // body[key] when body is an object and the value is a string.
 std::optional<std::string> StringMember(const nlohmann::json& body, const char* key);

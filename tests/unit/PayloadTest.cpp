@@ -9,8 +9,11 @@ namespace {
 using testing::Optional;
 
 TEST(PayloadTest, NameMemberTakesNonEmptyStringsWithoutNul) {
-  nlohmann::json body = {{"id", "2401.01234"}, {"empty", ""}, {"number", 7},
-                         {"nul", std::string("a\0b", 3)}, {"path", "/tmp/x.pdf"}};
+  nlohmann::json body = {{"id", "2401.01234"},
+                         {"empty", ""},
+                         {"number", 7},
+                         {"nul", std::string("a\0b", 3)},
+                         {"path", "/tmp/x.pdf"}};
   EXPECT_THAT(NameMember(body, "id"), Optional(std::string("2401.01234")));
   EXPECT_THAT(NameMember(body, "path"), Optional(std::string("/tmp/x.pdf")));
   EXPECT_EQ(NameMember(body, "empty"), std::nullopt);
@@ -18,6 +21,34 @@ TEST(PayloadTest, NameMemberTakesNonEmptyStringsWithoutNul) {
   EXPECT_EQ(NameMember(body, "nul"), std::nullopt);
   EXPECT_EQ(NameMember(body, "missing"), std::nullopt);
   EXPECT_EQ(NameMember(nlohmann::json::array({"id"}), "id"), std::nullopt);
+}
+
+} // namespace
+} // namespace orvane
+
+namespace orvane {
+namespace {
+
+TEST(MessageBodyTest, JsonTextIsParsed) {
+  EXPECT_EQ(ParseMessageBody(R"({"action":"hello","account":"a"})"),
+            (nlohmann::json{{"action", "hello"}, {"account", "a"}}));
+  EXPECT_EQ(ParseMessageBody("42"), nlohmann::json(42));
+  EXPECT_EQ(ParseMessageBody(R"({"s":"[[[[{{{{"})"), (nlohmann::json{{"s", "[[[[{{{{"}}));
+}
+
+TEST(MessageBodyTest, TextThatIsNotJsonIsNull) {
+  for (std::string text :
+       {std::string(""), std::string("{"), std::string("undefined"), std::string("{\"a\":1}x"),
+        std::string("\"\xff\""), std::string("{\"a\":\"b\0\"}", 9), std::string(1 << 20, '[')}) {
+    EXPECT_TRUE(ParseMessageBody(text).is_null()) << text.substr(0, 40);
+  }
+}
+
+TEST(MessageBodyTest, DeeplyNestedJsonIsNull) {
+  std::string deep = std::string(100000, '[') + std::string(100000, ']');
+  EXPECT_TRUE(ParseMessageBody(deep).is_null());
+  std::string shallow = std::string(20, '[') + std::string(20, ']');
+  EXPECT_TRUE(ParseMessageBody(shallow).is_array());
 }
 
 } // namespace

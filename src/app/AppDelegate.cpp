@@ -350,7 +350,7 @@ void AppDelegate::didReceiveScriptMessage(const std::string& name, const nlohman
   dispatcher_.didReceiveScriptMessage(name, body, pageFor(from), sender);
 }
 
-bool AppDelegate::decidePolicy(WebKitWebView*, WebKitPolicyDecision* decision,
+bool AppDelegate::decidePolicy(WebKitWebView* view, WebKitPolicyDecision* decision,
                                WebKitPolicyDecisionType type) {
   if (type != WEBKIT_POLICY_DECISION_TYPE_NAVIGATION_ACTION)
     return false; // new windows go through createWebView, responses load
@@ -368,15 +368,29 @@ bool AppDelegate::decidePolicy(WebKitWebView*, WebKitPolicyDecision* decision,
     seams_.workspace->openInBrowser(target);
     break;
   case NavigationDecision::Drop:
-    SparLog("web: link to %@ not opened (only http, https and mailto leave the program)",
-            LogSafeText(target, kLoggedAddressLength));
+    logDroppedAddress(view,
+                      "web: link to %@ not opened (only http, https and mailto leave the "
+                      "program)",
+                      target);
     break;
   }
   webkit_policy_decision_ignore(decision);
   return true;
 }
 
-GtkWidget* AppDelegate::createWebView(WebKitWebView*, WebKitNavigationAction* action) {
+void AppDelegate::logDroppedAddress(WebKitWebView* view, std::string_view format,
+                                    const std::string& address) {
+  // A page can open windows in a loop; its lines are throttled like its
+  // refused messages.
+  long held_back = 0;
+  if (!dropped_addresses_.admit(view, held_back))
+    return;
+  if (held_back > 0)
+    SparLog("web: %ld more addresses not opened since the last line", held_back);
+  SparLog(format, LogSafeText(address, kLoggedAddressLength));
+}
+
+GtkWidget* AppDelegate::createWebView(WebKitWebView* view, WebKitNavigationAction* action) {
   // No second web view is ever made: a pop-up goes to the browser, when the
   // user asked for it and its address is one that may leave.
   WebKitURIRequest* request = webkit_navigation_action_get_request(action);
@@ -388,12 +402,13 @@ GtkWidget* AppDelegate::createWebView(WebKitWebView*, WebKitNavigationAction* ac
     seams_.workspace->openInBrowser(uri);
     break;
   case PopUpDecision::DropNoGesture:
-    SparLog("web: pop-up to %@ not opened (no user gesture)",
-            LogSafeText(uri, kLoggedAddressLength));
+    logDroppedAddress(view, "web: pop-up to %@ not opened (no user gesture)", uri);
     break;
   case PopUpDecision::DropScheme:
-    SparLog("web: pop-up to %@ not opened (only http, https and mailto leave the program)",
-            LogSafeText(uri, kLoggedAddressLength));
+    logDroppedAddress(view,
+                      "web: pop-up to %@ not opened (only http, https and mailto leave the "
+                      "program)",
+                      uri);
     break;
   }
   return nullptr;

@@ -9,6 +9,7 @@
 #include "agent/ClaudeDiscovery.h"
 #include "agent/SparringWindow.h"
 #include "app/MainMenu.h"
+#include "base/LogThrottle.h"
 #include "bridge/BridgeHost.h"
 #include "bridge/EventDelivery.h"
 #include "bridge/MessageDispatcher.h"
@@ -117,6 +118,7 @@ public:
 private:
   PageRef pageFor(WebKitWebView* view) const;
   void subscribeToNotifications();
+  void logDroppedAddress(WebKitWebView* view, std::string_view format, const std::string& address);
 
   GtkApplication* application_;
   DesktopSeams seams_;
@@ -141,6 +143,7 @@ private:
   std::unique_ptr<PanelWindow> window_;
   std::unique_ptr<QuickPanel> quick_panel_;
   std::unique_ptr<SparringWindow> spar_;
+  LogThrottle dropped_addresses_;
 };
 
 } // namespace orvane

@@ -20,18 +20,13 @@ std::optional<std::string> ActionOf(const nlohmann::json& body) {
                             : found->dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-constexpr double kRefusalLineInterval = 1.0;
 constexpr size_t kRefusalAddressLength = 200;
 } // namespace
-
-double MessageDispatcher::MonotonicSeconds() {
-  return double(g_get_monotonic_time()) / G_USEC_PER_SEC;
-}
 
 MessageDispatcher::MessageDispatcher(BridgeHost& host, EventDelivery& events,
                                      std::function<std::string()> site_address, Clock clock)
     : host_(host), events_(events), site_address_(std::move(site_address)),
-      clock_(std::move(clock)) {}
+      refusals_(std::move(clock)) {}
 
 std::optional<std::string> MessageDispatcher::offSiteAddress(const PageRef& from,
                                                              const MessageSender& sender) const {
@@ -54,18 +49,11 @@ std::optional<std::string> MessageDispatcher::offSiteAddress(const PageRef& from
 }
 
 void MessageDispatcher::logRefusal(const PageRef& from, const std::string& address) {
-  double now = clock_();
-  auto [line, first] = refusals_.try_emplace(from.get(), RefusalLine{now, 0});
-  if (!first) {
-    if (now - line->second.written_at < kRefusalLineInterval) {
-      ++line->second.held_back;
-      return;
-    }
-    if (line->second.held_back > 0)
-      SparLog("bridge: %ld more messages from off-site pages ignored since the last line",
-              line->second.held_back);
-    line->second = RefusalLine{now, 0};
-  }
+  long held_back = 0;
+  if (!refusals_.admit(from.get(), held_back))
+    return;
+  if (held_back > 0)
+    SparLog("bridge: %ld more messages from off-site pages ignored since the last line", held_back);
   SparLog("message from off-site page %@ — ignored", LogSafeText(address, kRefusalAddressLength));
 }
 

@@ -5,12 +5,12 @@
 // handshake that makes a page the primary recipient of events.
 #pragma once
 
+#include "base/LogThrottle.h"
 #include "bridge/BridgeHost.h"
 #include "bridge/EventDelivery.h"
 #include "bridge/Payload.h"
 
 #include <functional>
-#include <map>
 #include <string>
 
 namespace orvane {
@@ -27,13 +27,12 @@ struct MessageSender {
 
 class MessageDispatcher {
 public:
-  // Seconds on a monotonic clock.
-  using Clock = std::function<double()>;
-  static double MonotonicSeconds();
+  using Clock = LogThrottle::Clock;
 
   // site_address is read at each message, so a changed setting applies.
   MessageDispatcher(BridgeHost& host, EventDelivery& events,
-                    std::function<std::string()> site_address, Clock clock = MonotonicSeconds);
+                    std::function<std::string()> site_address,
+                    Clock clock = LogThrottle::MonotonicSeconds);
 
   // One script message from a page. It counts only when it comes from the
   // main frame, and both the sender's document and the page's committed
@@ -56,15 +55,9 @@ private:
   BridgeHost& host_;
   EventDelivery& events_;
   std::function<std::string()> site_address_;
-  Clock clock_;
-
   // A hostile page can post without end; its refusals are logged at most
   // once a second per page, and the ones held back are counted.
-  struct RefusalLine {
-    double written_at = 0;
-    long held_back = 0;
-  };
-  std::map<const Page*, RefusalLine> refusals_;
+  LogThrottle refusals_;
 };
 
 } // namespace orvane

@@ -224,6 +224,21 @@ TEST_F(SidecarTest, MarkSyncedNeverWritesThroughALink) {
   }
 }
 
+TEST_F(SidecarTest, EtagTooLargeForASidecarLeavesTheOldOneAsItWas) {
+  std::string path = pdf(1000);
+  PdfStore::markSynced(path, "2401.01234", std::string("v1"), 1000);
+  PdfStore::markSynced(path, "2401.01234", std::string(kMaxSidecarBytes, 'e'), 2000);
+  auto sidecar = PdfStore::sidecarAt(path);
+  ASSERT_TRUE(sidecar);
+  EXPECT_EQ((*sidecar)["etag"], "v1");
+  EXPECT_DOUBLE_EQ(MTime(PdfStore::sidecarFor(path)), 1000);
+  // Just small enough: written and read back whole.
+  std::string record = nlohmann::json{{"id", "2401.01234"}, {"etag", ""}}.dump();
+  std::string largest(kMaxSidecarBytes - record.size(), 'e');
+  PdfStore::markSynced(path, "2401.01234", largest, 2000);
+  EXPECT_EQ(PdfStore::sidecarString(*PdfStore::sidecarAt(path), "etag"), largest);
+}
+
 TEST_F(SidecarTest, MarkSyncedStampsTimesNoFileCanHoldWithoutHarm) {
   std::string path = pdf(1000);
   for (double mtime : {1e300, -1e300, 9.3e18, std::nan(""), 1e-300}) {

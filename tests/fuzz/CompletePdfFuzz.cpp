@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <glib.h>
 #include <string>
 #include <string_view>
 
@@ -20,6 +21,14 @@ bool Reference(std::string_view bytes) {
 }
 
 } // namespace
+
+// Every run writes files: under libFuzzer they go to memory when the
+// machine has a tmpfs there and the caller chose no folder of their own.
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  if (!g_getenv("TMPDIR") && g_file_test("/dev/shm", G_FILE_TEST_IS_DIR))
+    g_setenv("TMPDIR", "/dev/shm", FALSE);
+  return 0;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static orvane::TempDir folder;

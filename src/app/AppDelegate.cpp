@@ -302,6 +302,12 @@ void AppDelegate::rescanStore() {
 void AppDelegate::ensureLocal(const std::string& paper_id, const std::optional<std::string>& url,
                               const std::optional<std::string>& etag,
                               LocalCopyCompletion completion) {
+  // The dispatcher's way to a local copy (a preview split); the library's
+  // own actions refuse such ids before they get here.
+  if (!store_->paperIdFits(paper_id)) {
+    completion(std::nullopt, std::string("Paper id too long"));
+    return;
+  }
   store_->ensureLocal(paper_id, url, etag, std::move(completion));
 }
 

@@ -1,5 +1,6 @@
 #include "bridge/Payload.h"
 
+#include <cmath>
 #include <cstdlib>
 
 namespace orvane {
@@ -63,11 +64,13 @@ double NumberMember(const nlohmann::json& body, const char* key) {
   auto found = body.find(key);
   if (found == body.end())
     return 0;
+  double value = 0;
   if (found->is_number())
-    return found->get<double>();
-  if (found->is_string())
-    return std::strtod(found->get<std::string>().c_str(), nullptr);
-  return 0;
+    value = found->get<double>();
+  else if (found->is_string())
+    value = std::strtod(found->get<std::string>().c_str(), nullptr);
+  // NaN and the infinities ("1e400" overflows to one) are no time or size.
+  return std::isfinite(value) ? value : 0;
 }
 
 } // namespace orvane

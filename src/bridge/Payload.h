@@ -20,7 +20,8 @@ std::optional<std::string> StringMember(const nlohmann::json& body, const char* 
 // NUL character (no file name can hold one); nullopt otherwise.
 std::optional<std::string> NameMember(const nlohmann::json& body, const char* key);
 
-// A number, or a numeric string read as one; 0 otherwise.
+// A finite number, or a numeric string read as one; 0 otherwise (also for
+// NaN and the infinities).
 double NumberMember(const nlohmann::json& body, const char* key);
 
 } // namespace orvane

@@ -1,7 +1,9 @@
 #include "bridge/Payload.h"
 
+#include <cmath>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <limits>
 
 namespace orvane {
 namespace {
@@ -21,6 +23,32 @@ TEST(PayloadTest, NameMemberTakesNonEmptyStringsWithoutNul) {
   EXPECT_EQ(NameMember(body, "nul"), std::nullopt);
   EXPECT_EQ(NameMember(body, "missing"), std::nullopt);
   EXPECT_EQ(NameMember(nlohmann::json::array({"id"}), "id"), std::nullopt);
+}
+
+TEST(PayloadTest, NumberMemberReadsNumbersAndNumericStrings) {
+  nlohmann::json body = {{"n", 12.5},      {"i", -3},      {"s", "1700000000.25"},
+                         {"word", "soon"}, {"bool", true}, {"null", nullptr}};
+  EXPECT_DOUBLE_EQ(NumberMember(body, "n"), 12.5);
+  EXPECT_DOUBLE_EQ(NumberMember(body, "i"), -3);
+  EXPECT_DOUBLE_EQ(NumberMember(body, "s"), 1700000000.25);
+  EXPECT_EQ(NumberMember(body, "word"), 0);
+  EXPECT_EQ(NumberMember(body, "bool"), 0);
+  EXPECT_EQ(NumberMember(body, "null"), 0);
+  EXPECT_EQ(NumberMember(body, "missing"), 0);
+  EXPECT_EQ(NumberMember(nlohmann::json::array({1}), "n"), 0);
+}
+
+TEST(PayloadTest, NumberMemberThatIsNotFiniteReadsAsAbsent) {
+  nlohmann::json body = {{"nan", std::nan("")},
+                         {"inf", std::numeric_limits<double>::infinity()},
+                         {"minus_inf", -std::numeric_limits<double>::infinity()}};
+  for (const char* text : {"1e400", "-1e400", "inf", "-inf", "Infinity", "nan", "NaN", "nan(12)"})
+    body[text] = text;
+  for (const auto& [key, value] : body.items())
+    EXPECT_EQ(NumberMember(body, key.c_str()), 0) << key;
+  // Parsed text can carry the same: a number too large for a double.
+  nlohmann::json parsed = nlohmann::json::parse(R"({"mtime":"1e400"})");
+  EXPECT_EQ(NumberMember(parsed, "mtime"), 0);
 }
 
 } // namespace

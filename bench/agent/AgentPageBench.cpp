@@ -96,9 +96,10 @@ Figure MeasureTurn(WebKitWebView* view, PageState& page, const std::string& agen
     explicit ViewPage(WebKitWebView* v) : view(v) {}
     void evaluateScript(const std::string& script) override { Evaluate(view, script); }
     std::string currentAddress() const override { return "http://bench.invalid/"; }
+    std::string committedAddress() const override { return "http://bench.invalid/"; }
   };
   auto target = std::make_shared<ViewPage>(view);
-  orvane::EventDelivery delivery;
+  orvane::EventDelivery delivery([] { return std::string("http://bench.invalid"); });
   delivery.setPrimaryWeb(target);
   orvane::AgentTurns turns([&] { return std::optional<std::string>(agent); },
                            [&] { return folder; },

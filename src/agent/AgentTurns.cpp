@@ -5,12 +5,18 @@
 #include "base/Paths.h"
 #include "base/SparLog.h"
 #include "base/Text.h"
+#include "desktop/x11/GLibScheduler.h"
 
+#include <fcntl.h>
 #include <gio/gunixoutputstream.h>
 #include <glib-unix.h>
+#include <glib/gstdio.h>
 #include <libsoup/soup.h>
 #include <signal.h>
+#include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <utility>
 #include <vector>
 
@@ -53,6 +59,38 @@ Event DoneEvent(const std::string& turn, int code, const std::string& standard_e
   return event;
 }
 
+// Seconds as the reasons of failed fetches print them: "60", "0.5".
+std::string SecondsText(double seconds) {
+  char text[32];
+  snprintf(text, sizeof text, "%g", seconds);
+  return text;
+}
+
+// The end of standard error: its last `limit` bytes, starting at a
+// character (up to three continuation bytes at the cut are left out).
+// Text that is not UTF-8 becomes empty.
+std::string KeptStandardError(const std::string& all, size_t limit) {
+  size_t start = all.size() > limit ? all.size() - limit : 0;
+  for (int skipped = 0;
+       skipped < 3 && start < all.size() && (static_cast<unsigned char>(all[start]) & 0xC0) == 0x80;
+       ++skipped)
+    ++start;
+  std::string kept = all.substr(start);
+  return IsValidUtf8(kept) ? kept : std::string();
+}
+
+// Sends a signal to every process of a turn's process group.
+bool SignalGroup(pid_t group, int signal_number) {
+  return group > 0 && kill(-group, signal_number) == 0;
+}
+
+// Runs in the agent's process between fork and exec: the agent leads a
+// session and process group of its own, which every process it starts
+// joins, so that stopping the turn reaches all of them.
+void LeadOwnProcessGroup(gpointer) {
+  setsid();
+}
+
 // Writes a turn file atomically; failures are ignored, as the turn runs on
 // without the file.
 void WriteTurnFile(const std::string& folder, const std::string& name, const char* data,
@@ -72,21 +110,37 @@ struct AgentTurns::Core {
   std::function<void()> open_batch;
   std::function<void()> close_batch;
   std::string home;
+  AgentTurnLimits limits;
   GObjectPtr<SoupSession> session;
-  GObjectPtr<GCancellable> cancellable;
-  std::map<std::string, GObjectPtr<GSubprocess>> claude_tasks;
+  GLibScheduler scheduler;
+  // The running turns by id: a second turn under an id takes the place of
+  // the first, and a turn's end removes only its own entry.
+  std::map<std::string, std::shared_ptr<Turn>> turns;
+  // What is under way (turns, fetches): cancelled when we go away.
+  std::map<GCancellable*, GObjectPtr<GCancellable>> under_way;
 
   void send(const Event& event) {
     if (send_event)
       send_event(event);
   }
   std::string folder() { return spar_folder ? spar_folder() : std::string(); }
+
+  GObjectPtr<GCancellable> startWork() {
+    auto cancellable = GObjectPtr<GCancellable>::adopt(g_cancellable_new());
+    under_way[cancellable.get()] = cancellable;
+    return cancellable;
+  }
+  void endWork(const GObjectPtr<GCancellable>& cancellable) {
+    g_cancellable_cancel(cancellable.get());
+    under_way.erase(cancellable.get());
+  }
 };
 
 struct AgentTurns::Turn {
   std::weak_ptr<Core> core;
   std::string id;
   GObjectPtr<GSubprocess> process;
+  pid_t group = 0; // the agent's process id, which is its group's id
   GObjectPtr<GCancellable> cancellable;
   std::string prompt;
   LineSplitter splitter;
@@ -97,7 +151,12 @@ struct AgentTurns::Turn {
   bool error_ended = false;
   bool exited = false;
   bool reported = false;
+  bool output_abandoned = false; // pipes still open when the drain time ran out
   int code = 0;
+  Scheduler::TimerId drain_timer = 0;
+  Scheduler::TimerId kill_timer = 0;
+
+  explicit Turn(size_t line_piece) : splitter(line_piece) {}
 
   // One "claudeLine" event serves every line of the turn: only its "line"
   // changes, so a line costs no allocation once the text's buffer has grown
@@ -113,22 +172,104 @@ struct AgentTurns::Turn {
       line_event["line"] = "";
       line_text = &line_event["line"].get_ref<std::string&>();
     }
+    // A longer line than any before: let go of the old text first, so that
+    // a long line is never held twice while being copied.
+    if (line.size() > line_text->capacity())
+      std::string().swap(*line_text);
     line_text->assign(line);
     core.send(line_event);
+  }
+
+  // Keeps the end of standard error only: at most twice the limit is held
+  // between trims.
+  void keepStandardError(const char* bytes, size_t length, size_t limit) {
+    standard_error.append(bytes, length);
+    if (standard_error.size() > 2 * limit)
+      standard_error.erase(0, standard_error.size() - limit);
+  }
+
+  // SIGTERM to the whole process group now, SIGKILL to whatever of it is
+  // still alive after the grace.
+  void endGroup(Core& core) {
+    SignalGroup(group, SIGTERM);
+    if (kill_timer)
+      return;
+    pid_t target = group;
+    kill_timer = core.scheduler.after(core.limits.stop_grace_seconds, [target] {
+      if (SignalGroup(target, 0))
+        SignalGroup(target, SIGKILL);
+    });
+  }
+};
+
+// A turn file being fetched by "url": the body goes to a temporary file in
+// the working folder, renamed over the file's name once complete, and is
+// cut off when it grows past the limit or nothing arrives for the idle time.
+struct AgentTurns::Fetch {
+  std::weak_ptr<Core> core;
+  std::shared_ptr<const nlohmann::json> files;
+  size_t index = 0;
+  std::string name;
+  std::string folder;
+  FilesCompletion completion;
+  GObjectPtr<GCancellable> cancellable;
+  GObjectPtr<SoupMessage> message;
+  GObjectPtr<GInputStream> body;
+  std::vector<char> buffer = std::vector<char>(kReadSize);
+  std::string temporary; // path of the temporary file, while there is one
+  int fd = -1;
+  size_t received = 0;
+  bool write_failed = false;
+  bool timed_out = false;
+  Scheduler::TimerId idle_timer = 0;
+
+  ~Fetch() { dropTemporary(); }
+
+  void dropTemporary() {
+    if (fd >= 0)
+      close(std::exchange(fd, -1));
+    if (!temporary.empty())
+      g_unlink(std::exchange(temporary, std::string()).c_str());
+  }
+  void writeBody(const char* bytes, size_t length) {
+    if (write_failed)
+      return;
+    if (fd < 0) {
+      std::string pattern = folder + "/.turn-file-XXXXXX";
+      fd = g_mkstemp_full(pattern.data(), O_RDWR | O_CLOEXEC, 0644);
+      if (fd < 0) {
+        write_failed = true;
+        return;
+      }
+      temporary = pattern;
+    }
+    while (length > 0) {
+      ssize_t written = write(fd, bytes, length);
+      if (written < 0 && errno == EINTR)
+        continue;
+      if (written <= 0) {
+        write_failed = true;
+        dropTemporary();
+        return;
+      }
+      bytes += written;
+      length -= size_t(written);
+    }
   }
 };
 
 AgentTurns::AgentTurns(std::function<std::optional<std::string>()> claude_path,
                        std::function<std::string()> spar_folder,
-                       std::function<void(const Event&)> send_event, std::string home)
+                       std::function<void(const Event&)> send_event, std::string home,
+                       AgentTurnLimits limits)
     : core_(std::make_shared<Core>()) {
   IgnoreSigpipe();
   core_->claude_path = std::move(claude_path);
   core_->spar_folder = std::move(spar_folder);
   core_->send_event = std::move(send_event);
   core_->home = home.empty() ? HomeFolder() : std::move(home);
+  core_->limits = limits;
   core_->session = GObjectPtr<SoupSession>::adopt(soup_session_new());
-  core_->cancellable = GObjectPtr<GCancellable>::adopt(g_cancellable_new());
 }
 
 void AgentTurns::setEventBatching(std::function<void()> open, std::function<void()> close) {
@@ -137,15 +278,19 @@ void AgentTurns::setEventBatching(std::function<void()> open, std::function<void
 }
 
 AgentTurns::~AgentTurns() {
-  g_cancellable_cancel(core_->cancellable.get());
+  for (auto& [raw, cancellable] : core_->under_way)
+    g_cancellable_cancel(cancellable.get());
 }
 
 std::string AgentTurns::sparFolder() const {
   return core_->folder();
 }
 
-const std::map<std::string, GObjectPtr<GSubprocess>>& AgentTurns::claudeTasks() const {
-  return core_->claude_tasks;
+std::map<std::string, GObjectPtr<GSubprocess>> AgentTurns::claudeTasks() const {
+  std::map<std::string, GObjectPtr<GSubprocess>> tasks;
+  for (const auto& [id, turn] : core_->turns)
+    tasks.emplace(id, turn->process);
+  return tasks;
 }
 
 void AgentTurns::runClaude(const nlohmann::json& body) {
@@ -185,10 +330,10 @@ void AgentTurns::stopClaude(const nlohmann::json& body) {
   std::optional<std::string> turn = StringMember(body, "turn");
   if (!turn)
     return;
-  auto found = core_->claude_tasks.find(*turn);
-  if (found == core_->claude_tasks.end())
+  auto found = core_->turns.find(*turn);
+  if (found == core_->turns.end())
     return;
-  g_subprocess_send_signal(found->second.get(), SIGTERM);
+  found->second->endGroup(*core_);
   SparLog("claude: turn %@ stopped", *turn);
 }
 
@@ -232,41 +377,127 @@ void AgentTurns::layDownFrom(const std::shared_ptr<Core>& core,
       completion("unsupported URL");
       return;
     }
-    auto message = GObjectPtr<SoupMessage>::adopt(soup_message_new_from_uri("GET", uri.get()));
-    std::weak_ptr<Core> weak = core;
-    auto [callback, data] = Async([weak, files, index, name, completion = std::move(completion)](
-                                      GObject* source, GAsyncResult* result) mutable {
+    auto fetch = std::make_shared<Fetch>();
+    fetch->core = core;
+    fetch->files = std::move(files);
+    fetch->index = index;
+    fetch->name = name;
+    fetch->folder = core->folder();
+    fetch->completion = std::move(completion);
+    fetch->cancellable = core->startWork();
+    fetch->message = GObjectPtr<SoupMessage>::adopt(soup_message_new_from_uri("GET", uri.get()));
+    waitForBody(fetch);
+    auto [callback, data] = Async([fetch](GObject* source, GAsyncResult* result) {
       GErrorPtr error;
-      GBytesPtr body(soup_session_send_and_read_finish(SOUP_SESSION(source), result, error.out()));
-      auto core = weak.lock();
+      fetch->body = GObjectPtr<GInputStream>::adopt(
+          soup_session_send_finish(SOUP_SESSION(source), result, error.out()));
+      auto core = fetch->core.lock();
       if (!core)
         return;
-      // The HTTP status is not looked at: an error page's body becomes
-      // the file.
-      if (!body) {
-        completion(error.message().empty() ? "download failed" : error.message());
+      if (!fetch->body) {
+        endFetch(fetch, error.message().empty() ? "download failed" : error.message());
         return;
       }
-      gsize length = 0;
-      const char* bytes = static_cast<const char*>(g_bytes_get_data(body.get(), &length));
-      WriteTurnFile(core->folder(), name, bytes ? bytes : "", length);
-      layDownFrom(core, files, index + 1, std::move(completion));
+      // The HTTP status is not looked at: an error page's body becomes
+      // the file. A body declared larger than allowed is not read at all.
+      SoupMessageHeaders* headers = soup_message_get_response_headers(fetch->message.get());
+      if (soup_message_headers_get_encoding(headers) == SOUP_ENCODING_CONTENT_LENGTH &&
+          uint64_t(soup_message_headers_get_content_length(headers)) > core->limits.turn_file) {
+        endFetch(fetch, TooLarge(*core));
+        return;
+      }
+      readBody(fetch);
     });
-    soup_session_send_and_read_async(core->session.get(), message.get(), G_PRIORITY_DEFAULT,
-                                     core->cancellable.get(), callback, data);
+    soup_session_send_async(core->session.get(), fetch->message.get(), G_PRIORITY_DEFAULT,
+                            fetch->cancellable.get(), callback, data);
     return;
   }
   completion(std::nullopt);
+}
+
+std::string AgentTurns::TooLarge(const Core& core) {
+  return "the file is larger than " + std::to_string(core.limits.turn_file) + " bytes";
+}
+
+void AgentTurns::waitForBody(const std::shared_ptr<Fetch>& fetch) {
+  auto core = fetch->core.lock();
+  if (!core)
+    return;
+  core->scheduler.cancel(fetch->idle_timer);
+  std::weak_ptr<Fetch> weak = fetch;
+  fetch->idle_timer = core->scheduler.after(core->limits.fetch_idle_seconds, [weak] {
+    if (auto fetch = weak.lock()) {
+      fetch->idle_timer = 0;
+      fetch->timed_out = true;
+      g_cancellable_cancel(fetch->cancellable.get());
+    }
+  });
+}
+
+void AgentTurns::readBody(const std::shared_ptr<Fetch>& fetch) {
+  waitForBody(fetch);
+  auto [callback, data] = Async([fetch](GObject* source, GAsyncResult* result) {
+    GErrorPtr error;
+    gssize got = g_input_stream_read_finish(G_INPUT_STREAM(source), result, error.out());
+    auto core = fetch->core.lock();
+    if (!core)
+      return;
+    if (got < 0) {
+      endFetch(fetch, error.message().empty() ? "download failed" : error.message());
+      return;
+    }
+    if (got == 0) {
+      g_input_stream_close(fetch->body.get(), nullptr, nullptr);
+      endFetch(fetch, std::nullopt);
+      return;
+    }
+    fetch->received += size_t(got);
+    if (fetch->received > core->limits.turn_file) {
+      endFetch(fetch, TooLarge(*core));
+      return;
+    }
+    fetch->writeBody(fetch->buffer.data(), size_t(got));
+    readBody(fetch);
+  });
+  g_input_stream_read_async(fetch->body.get(), fetch->buffer.data(), fetch->buffer.size(),
+                            G_PRIORITY_DEFAULT, fetch->cancellable.get(), callback, data);
+}
+
+void AgentTurns::endFetch(const std::shared_ptr<Fetch>& fetch,
+                          const std::optional<std::string>& error) {
+  auto core = fetch->core.lock();
+  if (!core)
+    return;
+  core->scheduler.cancel(std::exchange(fetch->idle_timer, 0));
+  core->endWork(fetch->cancellable);
+  FilesCompletion completion = std::move(fetch->completion);
+  if (error) {
+    fetch->dropTemporary();
+    completion(fetch->timed_out
+                   ? "nothing received for " + SecondsText(core->limits.fetch_idle_seconds) + " s"
+                   : *error);
+    return;
+  }
+  // A file that could not be written is skipped like a failed "content"
+  // write; an empty body still makes an empty file.
+  if (!fetch->write_failed) {
+    if (fetch->fd < 0)
+      fetch->writeBody("", 0);
+    if (fetch->fd >= 0 && IsFileName(fetch->name) && close(std::exchange(fetch->fd, -1)) == 0 &&
+        g_rename(fetch->temporary.c_str(), (fetch->folder + "/" + fetch->name).c_str()) == 0)
+      fetch->temporary.clear();
+  }
+  fetch->dropTemporary();
+  layDownFrom(core, fetch->files, fetch->index + 1, std::move(completion));
 }
 
 void AgentTurns::startTurn(const std::shared_ptr<Core>& core, const std::string& turn_id,
                            const std::vector<std::string>& args, const std::string& claude_path,
                            const nlohmann::json& body) {
   std::string folder = core->folder();
-  auto turn = std::make_shared<Turn>();
+  auto turn = std::make_shared<Turn>(core->limits.line_piece);
   turn->core = core;
   turn->id = turn_id;
-  turn->cancellable = core->cancellable;
   turn->prompt = BuildAgentPrompt(body, folder);
 
   const char* our_path = g_getenv("PATH");
@@ -288,6 +519,7 @@ void AgentTurns::startTurn(const std::shared_ptr<Core>& core, const std::string&
                        G_SUBPROCESS_FLAGS_STDERR_PIPE)));
   g_subprocess_launcher_set_cwd(launcher.get(), folder.c_str());
   g_subprocess_launcher_set_environ(launcher.get(), environment.get());
+  g_subprocess_launcher_set_child_setup(launcher.get(), LeadOwnProcessGroup, nullptr, nullptr);
   GErrorPtr error;
   turn->process = GObjectPtr<GSubprocess>::adopt(
       g_subprocess_launcher_spawnv(launcher.get(), argv.data(), error.out()));
@@ -296,9 +528,12 @@ void AgentTurns::startTurn(const std::shared_ptr<Core>& core, const std::string&
                          error.message().empty() ? "could not start claude" : error.message()));
     return;
   }
+  if (const char* pid = g_subprocess_get_identifier(turn->process.get()))
+    turn->group = pid_t(g_ascii_strtoll(pid, nullptr, 10));
+  turn->cancellable = core->startWork();
 
   // A second turn under the id of a running one takes its place here.
-  core->claude_tasks[turn_id] = turn->process;
+  core->turns[turn_id] = turn;
   SparLog("claude: turn %@ started (%lu args, %lu-char prompt)", turn_id,
           static_cast<unsigned long>(args.size()),
           static_cast<unsigned long>(Utf16Length(turn->prompt)));
@@ -308,12 +543,27 @@ void AgentTurns::startTurn(const std::shared_ptr<Core>& core, const std::string&
   auto [callback, data] = Async([turn](GObject* source, GAsyncResult* result) {
     GErrorPtr error;
     bool waited = g_subprocess_wait_finish(G_SUBPROCESS(source), result, error.out());
-    if (!waited || turn->core.expired())
+    auto core = turn->core.lock();
+    if (!waited || !core || turn->reported)
       return; // cancelled: nobody is left to tell
     GSubprocess* process = G_SUBPROCESS(source);
     turn->code = g_subprocess_get_if_signaled(process) ? g_subprocess_get_term_sig(process)
                                                        : g_subprocess_get_exit_status(process);
     turn->exited = true;
+    // A process the agent left behind may hold its output open: wait for
+    // that only a little, then end the turn with what has arrived.
+    if (!turn->output_ended || !turn->error_ended) {
+      std::weak_ptr<Turn> weak = turn;
+      turn->drain_timer = core->scheduler.after(core->limits.drain_seconds, [weak] {
+        auto turn = weak.lock();
+        if (!turn || turn->reported)
+          return;
+        turn->drain_timer = 0;
+        turn->output_ended = turn->error_ended = true;
+        turn->output_abandoned = true;
+        finishIfDone(turn);
+      });
+    }
     finishIfDone(turn);
   });
   g_subprocess_wait_async(turn->process.get(), turn->cancellable.get(), callback, data);
@@ -328,11 +578,12 @@ void AgentTurns::readOutput(const std::shared_ptr<Turn>& turn, bool standard_err
     GErrorPtr error;
     gssize got = g_input_stream_read_finish(G_INPUT_STREAM(source), result, error.out());
     auto core = turn->core.lock();
-    if (!core)
+    // Once the turn is reported nothing more of it goes out.
+    if (!core || turn->reported)
       return;
     if (got > 0) {
       if (standard_error) {
-        turn->standard_error.append(turn->error_buffer.data(), size_t(got));
+        turn->keepStandardError(turn->error_buffer.data(), size_t(got), core->limits.kept_stderr);
       } else {
         Core& receiver = *core;
         if (receiver.open_batch)
@@ -382,14 +633,31 @@ void AgentTurns::finishIfDone(const std::shared_ptr<Turn>& turn) {
   if (!core)
     return;
   turn->reported = true;
+  core->scheduler.cancel(std::exchange(turn->drain_timer, 0));
+  // Whatever is still under way (reads of pipes held open by a process the
+  // agent left, a prompt nobody reads) ends here.
+  core->endWork(turn->cancellable);
   // The last line may have had no line break.
-  for (const auto& line : turn->splitter.finish())
-    turn->sendLine(*core, line);
-  // Whichever of two turns under one id ends first removes the shared entry.
-  core->claude_tasks.erase(turn->id);
+  turn->splitter.finish({}, [&](std::string_view line) { turn->sendLine(*core, line); });
+  // Only the turn's own entry: a later turn under the same id keeps its own.
+  auto found = core->turns.find(turn->id);
+  if (found != core->turns.end() && found->second == turn)
+    core->turns.erase(found);
   core->send(DoneEvent(turn->id, turn->code,
-                       IsValidUtf8(turn->standard_error) ? turn->standard_error : std::string()));
+                       KeptStandardError(turn->standard_error, core->limits.kept_stderr)));
+  std::string().swap(turn->standard_error);
   SparLog("claude: turn %@ exited %d", turn->id, turn->code);
+  if (SignalGroup(turn->group, 0)) {
+    // Processes the agent started still hold its output: they end with the
+    // turn. Others of its group are left alone unless the turn was stopped.
+    if (turn->output_abandoned) {
+      SparLog("claude: turn %@ left processes holding its output; ending them", turn->id);
+      turn->endGroup(*core);
+    }
+  } else {
+    // Nothing of the group is left to end.
+    core->scheduler.cancel(std::exchange(turn->kill_timer, 0));
+  }
 }
 
 } // namespace orvane

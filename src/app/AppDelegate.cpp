@@ -5,6 +5,7 @@
 #include "base/Paths.h"
 #include "base/Settings.h"
 #include "base/SparLog.h"
+#include "base/Text.h"
 #include "capture/HandoffFolder.h"
 #include "capture/ScreenContainingPoint.h"
 #include "desktop/x11/DBusMessageBus.h"
@@ -17,6 +18,7 @@
 #include "library/PdfFiles.h"
 #include "web/DevServer.h"
 #include "web/NavigationPolicy.h"
+#include "web/NvidiaRenderer.h"
 
 #include <glib/gstdio.h>
 
@@ -28,6 +30,8 @@ constexpr char kSparNotification[] = "com.tarnwick.orvane.spar";
 constexpr char kTileNotification[] = "com.tarnwick.orvane.tile";
 constexpr char kPlaceNotification[] = "com.tarnwick.orvane.place";
 constexpr char kFocusSearchScript[] = "document.getElementById('quick-search')?.focus();";
+// Addresses from pages are cut to this many characters in log lines.
+constexpr size_t kLoggedAddressLength = 200;
 
 void ShowMessageDialog(GtkWindow* parent, const std::string& message, const std::string& detail) {
   GtkWidget* dialog =
@@ -56,16 +60,20 @@ DesktopSeams RealDesktopSeams() {
 AppDelegate::AppDelegate(GtkApplication* application, DesktopSeams seams)
     : application_(application), seams_(std::move(seams)),
       dock_drops_([this](const Event& event) { events_.sendEvent(event); }),
-      dispatcher_(*this, events_, [] { return SiteAddress(); }),
+      dispatcher_(
+          *this, events_, [] { return SiteAddress(); }, [this] { return seams_.scheduler->now(); }),
       factory_(*this, [this] { return claudePath(); }) {}
 
 AppDelegate::~AppDelegate() = default;
 
 void AppDelegate::applicationDidFinishLaunching() {
-  // 1. The banner is always the first line of a run.
+  // 1. The banner is always the first line of a run, even before what
+  // reading the settings for it finds wrong with them.
+  Settings::standard().holdBadLineReports();
   std::string site = SiteAddress();
   SparLog("=== Orvane %@ (%@) started, built %s %s, site %@ ===", kVersion, kBuildIdentifier,
           kBuildDate, kBuildTime, site);
+  Settings::standard().releaseBadLineReports();
 
   // 2. Whether other applications' selections and windows are reachable.
   SparLog("accessibility trusted: %@",
@@ -82,6 +90,10 @@ void AppDelegate::applicationDidFinishLaunching() {
   // 7. The library store; it watches its folder once a page names the account.
   store_ = std::make_unique<PdfStore>(*seams_.scheduler);
   pdf_actions_ = std::make_unique<PdfActions>(*store_, dock_drops_, *this);
+
+  // WebKit reads its renderer setting when the first web view is made, and
+  // the environment is changed while no other thread runs yet.
+  TurnOffDmabufRendererForNvidia();
 
   // 8. Look for the agent; the shell look-up runs in the background.
   auto send_event = [this](const Event& event) { events_.sendEvent(event); };
@@ -290,6 +302,12 @@ void AppDelegate::rescanStore() {
 void AppDelegate::ensureLocal(const std::string& paper_id, const std::optional<std::string>& url,
                               const std::optional<std::string>& etag,
                               LocalCopyCompletion completion) {
+  // The dispatcher's way to a local copy (a preview split); the library's
+  // own actions refuse such ids before they get here.
+  if (!store_->paperIdFits(paper_id)) {
+    completion(std::nullopt, std::string("Paper id too long"));
+    return;
+  }
   store_->ensureLocal(paper_id, url, etag, std::move(completion));
 }
 
@@ -334,11 +352,11 @@ PageRef AppDelegate::pageFor(WebKitWebView* view) const {
 }
 
 void AppDelegate::didReceiveScriptMessage(const std::string& name, const nlohmann::json& body,
-                                          WebKitWebView* from) {
-  dispatcher_.didReceiveScriptMessage(name, body, pageFor(from));
+                                          WebKitWebView* from, const MessageSender& sender) {
+  dispatcher_.didReceiveScriptMessage(name, body, pageFor(from), sender);
 }
 
-bool AppDelegate::decidePolicy(WebKitWebView*, WebKitPolicyDecision* decision,
+bool AppDelegate::decidePolicy(WebKitWebView* view, WebKitPolicyDecision* decision,
                                WebKitPolicyDecisionType type) {
   if (type != WEBKIT_POLICY_DECISION_TYPE_NAVIGATION_ACTION)
     return false; // new windows go through createWebView, responses load
@@ -348,21 +366,57 @@ bool AppDelegate::decidePolicy(WebKitWebView*, WebKitPolicyDecision* decision,
   std::string target = request ? webkit_uri_request_get_uri(request) : "";
   bool clicked =
       webkit_navigation_action_get_navigation_type(action) == WEBKIT_NAVIGATION_TYPE_LINK_CLICKED;
-  if (DecideNavigation(target, clicked, SiteAddress()) == NavigationDecision::OpenInBrowser) {
-    seams_.workspace->openInBrowser(target);
-    webkit_policy_decision_ignore(decision);
+  switch (DecideNavigation(target, clicked, SiteAddress())) {
+  case NavigationDecision::Allow:
+    webkit_policy_decision_use(decision);
     return true;
+  case NavigationDecision::OpenInBrowser:
+    seams_.workspace->openInBrowser(target);
+    break;
+  case NavigationDecision::Drop:
+    logDroppedAddress(view,
+                      "web: link to %@ not opened (only http, https and mailto leave the "
+                      "program)",
+                      target);
+    break;
   }
-  webkit_policy_decision_use(decision);
+  webkit_policy_decision_ignore(decision);
   return true;
 }
 
-GtkWidget* AppDelegate::createWebView(WebKitWebView*, WebKitNavigationAction* action) {
-  // No second web view is ever made: a pop-up goes to the browser.
+void AppDelegate::logDroppedAddress(WebKitWebView* view, std::string_view format,
+                                    const std::string& address) {
+  // A page can open windows in a loop; its lines are throttled like its
+  // refused messages.
+  long held_back = 0;
+  if (!dropped_addresses_.admit(view, held_back))
+    return;
+  if (held_back > 0)
+    SparLog("web: %ld more addresses not opened since the last line", held_back);
+  SparLog(format, LogSafeText(address, kLoggedAddressLength));
+}
+
+GtkWidget* AppDelegate::createWebView(WebKitWebView* view, WebKitNavigationAction* action) {
+  // No second web view is ever made: a pop-up goes to the browser, when the
+  // user asked for it and its address is one that may leave.
   WebKitURIRequest* request = webkit_navigation_action_get_request(action);
   const char* uri = request ? webkit_uri_request_get_uri(request) : nullptr;
-  if (uri && *uri)
+  if (!uri || !*uri)
+    return nullptr;
+  switch (DecidePopUp(uri, webkit_navigation_action_is_user_gesture(action))) {
+  case PopUpDecision::OpenInBrowser:
     seams_.workspace->openInBrowser(uri);
+    break;
+  case PopUpDecision::DropNoGesture:
+    logDroppedAddress(view, "web: pop-up to %@ not opened (no user gesture)", uri);
+    break;
+  case PopUpDecision::DropScheme:
+    logDroppedAddress(view,
+                      "web: pop-up to %@ not opened (only http, https and mailto leave the "
+                      "program)",
+                      uri);
+    break;
+  }
   return nullptr;
 }
 
@@ -399,6 +453,10 @@ bool AppDelegate::runFileChooser(WebKitWebView*, WebKitFileChooserRequest* reque
 
 void AppDelegate::webViewDidClose(WebKitWebView*) {
   window_->orderOut();
+}
+
+void AppDelegate::didCommitNavigation(WebKitWebView* view) {
+  events_.pageCommitted(pageFor(view));
 }
 
 void AppDelegate::didFinishNavigation(WebKitWebView* view) {

@@ -9,6 +9,7 @@
 #include "agent/ClaudeDiscovery.h"
 #include "agent/SparringWindow.h"
 #include "app/MainMenu.h"
+#include "base/LogThrottle.h"
 #include "bridge/BridgeHost.h"
 #include "bridge/EventDelivery.h"
 #include "bridge/MessageDispatcher.h"
@@ -103,12 +104,13 @@ public:
 
   // WebViewDelegate
   void didReceiveScriptMessage(const std::string& name, const nlohmann::json& body,
-                               WebKitWebView* from) override;
+                               WebKitWebView* from, const MessageSender& sender) override;
   bool decidePolicy(WebKitWebView* view, WebKitPolicyDecision* decision,
                     WebKitPolicyDecisionType type) override;
   GtkWidget* createWebView(WebKitWebView* view, WebKitNavigationAction* action) override;
   bool runFileChooser(WebKitWebView* view, WebKitFileChooserRequest* request) override;
   void webViewDidClose(WebKitWebView* view) override;
+  void didCommitNavigation(WebKitWebView* view) override;
   void didFinishNavigation(WebKitWebView* view) override;
 
   EventDelivery& events() { return events_; }
@@ -116,6 +118,7 @@ public:
 private:
   PageRef pageFor(WebKitWebView* view) const;
   void subscribeToNotifications();
+  void logDroppedAddress(WebKitWebView* view, std::string_view format, const std::string& address);
 
   GtkApplication* application_;
   DesktopSeams seams_;
@@ -140,6 +143,7 @@ private:
   std::unique_ptr<PanelWindow> window_;
   std::unique_ptr<QuickPanel> quick_panel_;
   std::unique_ptr<SparringWindow> spar_;
+  LogThrottle dropped_addresses_;
 };
 
 } // namespace orvane

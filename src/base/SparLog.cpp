@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <ctime>
 #include <fcntl.h>
+#include <glib.h>
 #include <mutex>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -202,9 +203,11 @@ void WriteLogLine(std::string_view message) {
 
   int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
   if (fd < 0 && errno == ENOENT) {
-    // The logger makes its own folder, never anything above it.
-    std::string folder = path.substr(0, path.rfind('/'));
-    if (!folder.empty() && mkdir(folder.c_str(), 0755) == 0)
+    // A fresh account may have no state folder yet: make it and the log's
+    // own folder, private as the XDG base-directory rules ask.
+    size_t slash = path.rfind('/');
+    if (slash != std::string::npos && slash > 0 &&
+        g_mkdir_with_parents(path.substr(0, slash).c_str(), 0700) == 0)
       fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
   }
   if (fd < 0)

@@ -53,9 +53,11 @@ private:
 // "%.3f", and "%%". Text in the arguments is never interpreted.
 std::string FormatLogMessage(std::string_view format, std::initializer_list<LogArg> args);
 
-// Appends "HH:MM:SS  message\n" to the log in one write; drops the line when
-// the file cannot be opened. The file is opened per line, so deleting it
-// while the program runs simply starts a new one.
+// Appends "HH:MM:SS  message\n" to the log in one write. Missing folders on
+// the way (the state folder of a fresh account, the log's own) are made with
+// mode 0700; the line is dropped only when the file still cannot be opened.
+// The file is opened per line, so deleting it while the program runs simply
+// starts a new one.
 void WriteLogLine(std::string_view message);
 
 // The log file's path, computed once per process.

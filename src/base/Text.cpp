@@ -14,4 +14,63 @@ size_t Utf16Length(const std::string& text) {
   return units;
 }
 
+namespace {
+bool Disguises(gunichar c) {
+  switch (g_unichar_type(c)) {
+  case G_UNICODE_CONTROL:
+  case G_UNICODE_FORMAT:
+  case G_UNICODE_LINE_SEPARATOR:
+  case G_UNICODE_PARAGRAPH_SEPARATOR:
+    return true;
+  default:
+    return false;
+  }
+}
+
+std::string Escape(gunichar c) {
+  switch (c) {
+  case '\n':
+    return "\\n";
+  case '\r':
+    return "\\r";
+  case '\t':
+    return "\\t";
+  default:
+    break;
+  }
+  char buffer[16];
+  if (c < 0x80)
+    g_snprintf(buffer, sizeof buffer, "\\x%02x", c);
+  else
+    g_snprintf(buffer, sizeof buffer, "\\u{%04x}", c);
+  return buffer;
+}
+} // namespace
+
+std::string LogSafeText(const std::string& text, size_t max_characters) {
+  std::string result;
+  size_t characters = 0;
+  const char* p = text.data();
+  const char* end = text.data() + text.size();
+  while (p < end && characters < max_characters) {
+    ++characters;
+    gunichar c = g_utf8_get_char_validated(p, end - p);
+    if (c == gunichar(-1) || c == gunichar(-2)) {
+      // Not UTF-8: the byte itself, escaped.
+      char buffer[8];
+      g_snprintf(buffer, sizeof buffer, "\\x%02x", static_cast<unsigned char>(*p));
+      result += buffer;
+      ++p;
+      continue;
+    }
+    const char* next = g_utf8_next_char(p);
+    if (Disguises(c))
+      result += Escape(c);
+    else
+      result.append(p, next);
+    p = next;
+  }
+  return result;
+}
+
 } // namespace orvane

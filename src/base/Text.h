@@ -8,4 +8,11 @@ namespace orvane {
 // character counts use; invalid UTF-8 counts its bytes.
 size_t Utf16Length(const std::string& text);
 
+// Text from outside (a page's address, say) made safe for one log line: at
+// most max_characters characters, and every character that could break or
+// disguise the line (control and format characters, line and paragraph
+// separators, bytes that are not UTF-8) written as an escape: \n, \r, \t,
+// \xNN or \u{NNNN}.
+std::string LogSafeText(const std::string& text, size_t max_characters);
+
 } // namespace orvane

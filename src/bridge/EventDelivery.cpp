@@ -1,6 +1,8 @@
 #include "bridge/EventDelivery.h"
 
+#include "base/SiteAddress.h"
 #include "base/SparLog.h"
+#include "base/Text.h"
 
 namespace orvane {
 
@@ -13,7 +15,23 @@ std::string Json(const Event& event) {
 std::string SingleEventScript(const std::string& json) {
   return "window.panelEvent && window.panelEvent(" + json + ")";
 }
+constexpr size_t kLoggedAddressLength = 200;
 } // namespace
+
+EventDelivery::EventDelivery(std::function<std::string()> site_address)
+    : site_address_(std::move(site_address)) {}
+
+bool EventDelivery::holdsSiteDocument(const Page& page) const {
+  return HasSiteOrigin(page.committedAddress(), site_address_());
+}
+
+void EventDelivery::pageCommitted(const PageRef& page) {
+  if (!page || page != primary_web_.lock() || holdsSiteDocument(*page))
+    return;
+  primary_web_.reset();
+  SparLog("bridge: the primary page left the site for %@ — events wait for the next hello",
+          LogSafeText(page->committedAddress(), kLoggedAddressLength));
+}
 
 std::string EventDelivery::EventScript(const Event& event) {
   return SingleEventScript(Json(event));
@@ -60,11 +78,15 @@ void EventDelivery::closeBatch() {
 }
 
 void EventDelivery::sendEvent(const Event& event) {
+  PageRef primary = primary_web_.lock();
+  // A commit not reported (yet) still counts: the document decides.
+  if (primary)
+    pageCommitted(primary);
   sendEvent(event, primary_web_.lock());
 }
 
 void EventDelivery::sendEvent(const Event& event, const PageRef& target) {
-  if (target) {
+  if (target && holdsSiteDocument(*target)) {
     deliver(target, Json(event));
     return;
   }

@@ -2,6 +2,9 @@
 
 #include "base/SiteAddress.h"
 #include "base/SparLog.h"
+#include "base/Text.h"
+
+#include <glib.h>
 
 namespace orvane {
 
@@ -13,30 +16,56 @@ std::optional<std::string> ActionOf(const nlohmann::json& body) {
   auto found = body.find("action");
   if (found == body.end())
     return std::nullopt;
-  return found->is_string() ? found->get<std::string>() : found->dump();
+  return found->is_string() ? found->get<std::string>()
+                            : found->dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-bool NonEmpty(const std::optional<std::string>& text) {
-  return text && !text->empty();
-}
+constexpr size_t kRefusalAddressLength = 200;
 } // namespace
 
 MessageDispatcher::MessageDispatcher(BridgeHost& host, EventDelivery& events,
-                                     std::function<std::string()> site_address)
-    : host_(host), events_(events), site_address_(std::move(site_address)) {}
+                                     std::function<std::string()> site_address, Clock clock)
+    : host_(host), events_(events), site_address_(std::move(site_address)),
+      refusals_(std::move(clock)) {}
+
+std::optional<std::string> MessageDispatcher::offSiteAddress(const PageRef& from,
+                                                             const MessageSender& sender) const {
+  // A frame inside a page is never the site, whatever its origin: an
+  // embedded document (an advertisement, a paper's landing page) must not
+  // drive the program.
+  if (!sender.main_frame)
+    return sender.document_address;
+  std::string site = site_address_();
+  // The committed document, not the address of a load in flight: a page
+  // that has started to leave for the site is not on it yet.
+  std::string committed = from ? from->committedAddress() : "";
+  if (!HasSiteOrigin(committed, site))
+    return committed;
+  // A message posted by the previous document can arrive after the next
+  // one committed; the sender's own address settles it.
+  if (!HasSiteOrigin(sender.document_address, site))
+    return sender.document_address;
+  return std::nullopt;
+}
+
+void MessageDispatcher::logRefusal(const PageRef& from, const std::string& address) {
+  long held_back = 0;
+  if (!refusals_.admit(from.get(), held_back))
+    return;
+  if (held_back > 0)
+    SparLog("bridge: %ld more messages from off-site pages ignored since the last line", held_back);
+  SparLog("message from off-site page %@ — ignored", LogSafeText(address, kRefusalAddressLength));
+}
 
 void MessageDispatcher::didReceiveScriptMessage(const std::string& name, const nlohmann::json& body,
-                                                const PageRef& from) {
+                                                const PageRef& from, const MessageSender& sender) {
   if (name != kMessageChannel)
     return;
-  // A page that is not on the site (reached by a redirect, say) must not
-  // drive the program: it could start the agent with arguments of its own.
-  if (from) {
-    std::string address = from->currentAddress();
-    if (!IsOnSite(address, site_address_())) {
-      SparLog("message from off-site page %@ — ignored", address);
-      return;
-    }
+  // Only the site's own documents may drive the program: another page could
+  // start the agent with arguments of its own, or read local paths.
+  if (std::optional<std::string> address = offSiteAddress(from, sender)) {
+    logRefusal(from, *address);
+    return;
   }
   std::optional<std::string> action = ActionOf(body);
   SparLog("message: %@", action.value_or("(none)"));
@@ -49,8 +78,7 @@ void MessageDispatcher::didReceiveScriptMessage(const std::string& name, const n
 void MessageDispatcher::dispatchTopLevel(const std::string& action, const nlohmann::json& body,
                                          const PageRef& from) {
   if (action == "spar") {
-    auto id = StringMember(body, "id");
-    if (NonEmpty(id))
+    if (auto id = NameMember(body, "id"))
       host_.openSparWindowFor(*id);
   } else if (action == "closeSpar") {
     host_.closeSparWindow();
@@ -59,9 +87,10 @@ void MessageDispatcher::dispatchTopLevel(const std::string& action, const nlohma
     if (from && panel && from == panel)
       host_.hideQuickPanel();
   } else if (action == "dragFile") {
-    auto path = StringMember(body, "path");
-    if (NonEmpty(path))
-      host_.beginFileDrag(*path, from ? from : host_.quickPanelPage());
+    // A message that got this far has a page: the trust check refuses any
+    // other.
+    if (auto path = NameMember(body, "path"))
+      host_.beginFileDrag(*path, from);
   } else if (action == "previewSplit") {
     previewSplit(body);
   }
@@ -69,13 +98,14 @@ void MessageDispatcher::dispatchTopLevel(const std::string& action, const nlohma
 }
 
 void MessageDispatcher::previewSplit(const nlohmann::json& body) {
-  auto path = StringMember(body, "path");
-  auto id = StringMember(body, "id");
-  if (NonEmpty(path)) {
+  // Empty, or holding a NUL (no file name can): missing.
+  auto path = NameMember(body, "path");
+  auto id = NameMember(body, "id");
+  if (path) {
     host_.openPreviewSplitFor(*path);
     return;
   }
-  if (!NonEmpty(id) || !host_.storeHasAccount())
+  if (!id || !host_.storeHasAccount())
     return;
   std::string paper_id = *id;
   host_.ensureLocal(

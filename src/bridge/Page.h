@@ -1,5 +1,5 @@
 // A hosted page as the bridge sees it: something that runs a script and has
-// a current address. The real one wraps a WebKit web view; tests use fakes.
+// an address. The real one wraps a WebKit web view; tests use fakes.
 #pragma once
 
 #include <memory>
@@ -12,8 +12,13 @@ public:
   virtual ~Page() = default;
   // Evaluates the script in the page; the result and any error are ignored.
   virtual void evaluateScript(const std::string& script) = 0;
-  // The address of the page currently shown; "" before the first load.
+  // The address the page shows, which changes as soon as a load starts;
+  // "" before the first load.
   virtual std::string currentAddress() const = 0;
+  // The address of the document the page holds now: the one its last load
+  // committed. A load still in flight does not change it. "" before the
+  // first commit. The bridge trusts a page by this address only.
+  virtual std::string committedAddress() const = 0;
 };
 
 using PageRef = std::shared_ptr<Page>;

@@ -4,6 +4,8 @@
 #include "base/SparLog.h"
 #include "library/PdfFiles.h"
 
+#include <sys/stat.h>
+
 namespace orvane {
 
 std::string NewUpperCaseUuid() {
@@ -22,7 +24,11 @@ void DockDrops::openFiles(const std::vector<std::string>& paths) {
     drops_[token] = path;
     std::string name = FileName(path);
     SparLog("dock drop: %@", name);
-    send_event_({{"type", "dockDrop"}, {"token", token}, {"name", name}, {"size", FileSize(path)}});
+    // A dropped file may live anywhere, behind a link too; FileSize speaks
+    // only of the library's own files.
+    struct stat info;
+    int64_t size = stat(path.c_str(), &info) == 0 ? int64_t(info.st_size) : 0;
+    send_event_({{"type", "dockDrop"}, {"token", token}, {"name", name}, {"size", size}});
   }
 }
 

@@ -21,7 +21,9 @@ void FileDrag::disconnect() {
 }
 
 void FileDrag::beginFileDrag(const std::string& path, GtkWidget* source) {
-  if (!FileExists(path)) {
+  // Any file the page names, wherever it lives: a link to one counts too
+  // (FileExists speaks only of the library's own files).
+  if (!g_file_test(path.c_str(), G_FILE_TEST_EXISTS)) {
     SparLog("dragFile: no file at %@", path);
     return;
   }

@@ -3,6 +3,7 @@
 #include "base/Paths.h"
 
 #include <algorithm>
+#include <cstring>
 #include <glib-unix.h>
 #include <sys/inotify.h>
 #include <unistd.h>
@@ -12,6 +13,9 @@ namespace orvane {
 namespace {
 constexpr uint32_t kFileEvents = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MODIFY | IN_CREATE | IN_ATTRIB;
 constexpr uint32_t kSelfEvents = IN_DELETE_SELF | IN_MOVE_SELF;
+// A watch also ends when its folder's file system is unmounted (IN_UNMOUNT)
+// or the kernel drops it for any reason (IN_IGNORED); both come unasked.
+constexpr uint32_t kWatchEnded = kSelfEvents | IN_UNMOUNT | IN_IGNORED;
 
 std::string ParentOf(const std::string& path) {
   size_t slash = path.rfind('/');
@@ -80,28 +84,40 @@ void FolderWatch::stop() {
 
 void FolderWatch::readEvents() {
   alignas(struct inotify_event) char buffer[16384];
-  bool root_changed = false;
   while (true) {
     ssize_t length = read(fd_, buffer, sizeof buffer);
     if (length <= 0)
       break;
-    for (char* p = buffer; p < buffer + length;) {
-      auto* event = reinterpret_cast<struct inotify_event*>(p);
-      p += sizeof(struct inotify_event) + event->len;
-      std::string name = event->len ? std::string(event->name) : std::string();
-      if (event->wd == folder_wd_) {
-        if (event->mask & kSelfEvents)
-          root_changed = true;
-        else if (!name.empty() && !(event->mask & IN_ISDIR))
-          queue({JoinPath(folder_, name), false});
+    handleEvents(buffer, size_t(length));
+  }
+}
+
+void FolderWatch::handleEvents(const char* bytes, size_t length) {
+  bool root_changed = false;
+  size_t at = 0;
+  // Only whole events are read: a header, and a name within the bytes given.
+  while (length - at >= sizeof(struct inotify_event)) {
+    auto* event = reinterpret_cast<const struct inotify_event*>(bytes + at);
+    if (event->len > length - at - sizeof(struct inotify_event))
+      break;
+    at += sizeof(struct inotify_event) + event->len;
+    std::string name(event->name, strnlen(event->name, event->len));
+    if (event->mask & IN_Q_OVERFLOW) {
+      queue({folder_, false, true});
+      continue;
+    }
+    if (event->wd == folder_wd_) {
+      if (event->mask & kWatchEnded)
+        root_changed = true;
+      else if (!name.empty() && !(event->mask & IN_ISDIR))
+        queue({JoinPath(folder_, name), false});
+      continue;
+    }
+    for (const auto& [wd, child] : above_) {
+      if (event->wd != wd)
         continue;
-      }
-      for (const auto& [wd, child] : above_) {
-        if (event->wd != wd)
-          continue;
-        if ((event->mask & kSelfEvents) || name == child)
-          root_changed = true;
-      }
+      if ((event->mask & kWatchEnded) || name == child)
+        root_changed = true;
     }
   }
   if (root_changed)
@@ -112,7 +128,8 @@ void FolderWatch::queue(FolderEvent event) {
   // One report per path and batch: later writes to the same file within the
   // batch add nothing.
   bool seen = std::any_of(batch_.begin(), batch_.end(), [&](const FolderEvent& e) {
-    return e.path == event.path && e.root_changed == event.root_changed;
+    return e.path == event.path && e.root_changed == event.root_changed &&
+           e.events_lost == event.events_lost;
   });
   if (!seen)
     batch_.push_back(std::move(event));

@@ -1,7 +1,8 @@
 // Watches one account folder for file changes with inotify and reports
 // them in batches, one second after the first change of a batch, as the
-// store expects. A move or deletion of the folder, or of the library
-// folder that holds it, is reported as the root changing.
+// store expects. A move, deletion or unmount of the folder, or of the
+// library folder that holds it, is reported as the root changing; an
+// overflow of the kernel's event queue, as events lost.
 #pragma once
 
 #include "desktop/Scheduler.h"
@@ -18,6 +19,7 @@ inline constexpr double kWatchLatency = 1.0;
 struct FolderEvent {
   std::string path; // the full path of the changed file
   bool root_changed = false;
+  bool events_lost = false; // the kernel's queue overflowed: any file may have changed
 };
 
 class FolderWatch {
@@ -32,6 +34,11 @@ public:
   // root. False when inotify cannot watch it.
   bool start(const std::string& folder, const std::string& top);
   void stop();
+
+  // Takes events as read from the inotify descriptor; tests feed their own.
+  void handleEvents(const char* bytes, size_t length);
+  // The watch descriptor of the folder itself (-1 when not watching).
+  int folderDescriptor() const { return folder_wd_; }
 
 private:
   void readEvents();

@@ -7,9 +7,11 @@
 
 #include <deque>
 #include <dirent.h>
+#include <fcntl.h>
 #include <glib/gstdio.h>
 #include <nlohmann/json.hpp>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 namespace orvane {
 
@@ -21,8 +23,41 @@ constexpr int kGrandparentDepth = 3;
 constexpr int kHomeDepth = 4;
 constexpr size_t kMaxFoldersVisited = 20000;
 
-bool SameFolder(const struct stat& info, const FolderBookmark& bookmark) {
-  return S_ISDIR(info.st_mode) && info.st_dev == bookmark.device && info.st_ino == bookmark.inode;
+// What tells one folder from another: where it lives, its inode, and when
+// it was made (where the file system records that).
+struct FolderIdentity {
+  unsigned long long device = 0;
+  unsigned long long inode = 0;
+  long long birth_seconds = 0;
+  unsigned birth_nanoseconds = 0;
+};
+
+// The identity of the folder at path; nullopt when it is no folder. Links
+// are followed only when asked.
+std::optional<FolderIdentity> IdentifyFolder(const std::string& path, bool follow_link) {
+  struct statx info;
+  if (statx(AT_FDCWD, path.c_str(), follow_link ? 0 : AT_SYMLINK_NOFOLLOW,
+            STATX_TYPE | STATX_INO | STATX_BTIME, &info) != 0 ||
+      !S_ISDIR(info.stx_mode))
+    return std::nullopt;
+  FolderIdentity identity;
+  identity.device = makedev(info.stx_dev_major, info.stx_dev_minor);
+  identity.inode = info.stx_ino;
+  if (info.stx_mask & STATX_BTIME) {
+    identity.birth_seconds = info.stx_btime.tv_sec;
+    identity.birth_nanoseconds = info.stx_btime.tv_nsec;
+  }
+  return identity;
+}
+
+bool SameFolder(const FolderIdentity& found, const FolderBookmark& bookmark) {
+  if (found.device != bookmark.device || found.inode != bookmark.inode)
+    return false;
+  // A bookmark from before births were recorded, or a file system that
+  // keeps none, has only the inode to go by.
+  bool births_known = found.birth_seconds != 0 && bookmark.birth_seconds != 0;
+  return !births_known || (found.birth_seconds == bookmark.birth_seconds &&
+                           found.birth_nanoseconds == bookmark.birth_nanoseconds);
 }
 
 std::string Parent(const std::string& path) {
@@ -47,10 +82,10 @@ std::optional<std::string> FindFolder(const std::string& root, int depth,
       if (name == "." || name == "..")
         continue;
       std::string child = JoinPath(folder, name);
-      struct stat info;
-      if (lstat(child.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
+      std::optional<FolderIdentity> found = IdentifyFolder(child, false);
+      if (!found)
         continue;
-      if (SameFolder(info, bookmark)) {
+      if (SameFolder(*found, bookmark)) {
         closedir(dir);
         return child;
       }
@@ -65,15 +100,20 @@ std::optional<std::string> FindFolder(const std::string& root, int depth,
 } // namespace
 
 std::optional<FolderBookmark> FolderBookmark::For(const std::string& path) {
-  struct stat info;
-  if (stat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
+  std::optional<FolderIdentity> identity = IdentifyFolder(path, true);
+  if (!identity)
     return std::nullopt;
-  return FolderBookmark{path, static_cast<unsigned long long>(info.st_dev),
-                        static_cast<unsigned long long>(info.st_ino)};
+  return FolderBookmark{path, identity->device, identity->inode, identity->birth_seconds,
+                        identity->birth_nanoseconds};
 }
 
 std::string FolderBookmark::serialise() const {
-  return nlohmann::json{{"path", path}, {"device", device}, {"inode", inode}}.dump();
+  nlohmann::json json = {{"path", path}, {"device", device}, {"inode", inode}};
+  if (birth_seconds != 0) {
+    json["birth"] = birth_seconds;
+    json["birth_ns"] = birth_nanoseconds;
+  }
+  return json.dump();
 }
 
 std::optional<FolderBookmark> FolderBookmark::Parse(const std::string& text) {
@@ -81,13 +121,22 @@ std::optional<FolderBookmark> FolderBookmark::Parse(const std::string& text) {
   if (!json.is_object() || !json["path"].is_string() || !json["device"].is_number_unsigned() ||
       !json["inode"].is_number_unsigned())
     return std::nullopt;
-  return FolderBookmark{json["path"].get<std::string>(), json["device"].get<unsigned long long>(),
-                        json["inode"].get<unsigned long long>()};
+  FolderBookmark bookmark{json["path"].get<std::string>(), json["device"].get<unsigned long long>(),
+                          json["inode"].get<unsigned long long>()};
+  // Recorded births are optional: bookmarks made before them have none.
+  auto birth = json.find("birth");
+  auto birth_ns = json.find("birth_ns");
+  if (birth != json.end() && birth->is_number_integer() && birth_ns != json.end() &&
+      birth_ns->is_number_unsigned() && birth_ns->get<unsigned long long>() < 1000000000ull) {
+    bookmark.birth_seconds = birth->get<long long>();
+    bookmark.birth_nanoseconds = birth_ns->get<unsigned>();
+  }
+  return bookmark;
 }
 
 ResolvedBookmark ResolveBookmark(const FolderBookmark& bookmark, const std::string& home) {
-  struct stat info;
-  if (stat(bookmark.path.c_str(), &info) == 0 && SameFolder(info, bookmark))
+  std::optional<FolderIdentity> at_path = IdentifyFolder(bookmark.path, true);
+  if (at_path && SameFolder(*at_path, bookmark))
     return {BookmarkResolution::Resolved, bookmark.path};
 
   size_t budget = kMaxFoldersVisited;

@@ -15,6 +15,11 @@ struct FolderBookmark {
   std::string path;
   unsigned long long device = 0;
   unsigned long long inode = 0;
+  // When the folder was made, where the file system records it (0 when it
+  // does not). A deleted folder's inode number is soon given to a new file;
+  // the birth time tells the newcomer apart.
+  long long birth_seconds = 0;
+  unsigned birth_nanoseconds = 0;
 
   // nullopt when the folder cannot be read.
   static std::optional<FolderBookmark> For(const std::string& path);

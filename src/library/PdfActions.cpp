@@ -24,10 +24,17 @@ bool PdfActions::handlePdfAction(const std::optional<std::string>& action,
   if (!action)
     return false;
 
-  std::optional<std::string> id = StringMember(body, "id");
-  if (id && !IsUsablePaperId(*id))
-    id.reset();
+  // An id holding NUL names no file: it counts as missing.
+  std::optional<std::string> id = NameMember(body, "id");
   const std::string& name = *action;
+  bool takes_id = name == "openPdf" || name == "preparePdf" || name == "revealPdf" ||
+                  name == "dragPdf" || name == "uploadFile" || name == "markSynced";
+  if (takes_id && id && !store_.paperIdFits(*id)) {
+    // Its PDF, sidecar or temporary file could not be made: say so rather
+    // than fail somewhere on the way.
+    host_.sendEvent({{"type", "error"}, {"id", *id}, {"message", "Paper id too long"}});
+    return true;
+  }
 
   if (name == "openPdf" || name == "preparePdf" || name == "revealPdf") {
     if (id)

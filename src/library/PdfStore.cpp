@@ -5,6 +5,10 @@
 #include "library/LibraryFolder.h"
 #include "library/PdfFiles.h"
 
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <dirent.h>
 #include <fcntl.h>
 #include <glib/gstdio.h>
 #include <sys/stat.h>
@@ -22,12 +26,20 @@ std::string SanitisedAccount(const std::string& name) {
         lower == '_' || lower == '-')
       kept += lower;
   }
-  return kept.empty() ? "default" : kept;
+  // Nothing left, or only dots ("." and ".." name the folder itself or the
+  // one above): the account folder must be a child of the library folder.
+  if (kept.find_first_not_of('.') == std::string::npos)
+    return "default";
+  return kept;
 }
 
-bool IsUsablePaperId(const std::string& paper_id) {
-  return !paper_id.empty() && paper_id.find('\0') == std::string::npos;
+namespace {
+// One name that stays inside the folder it is joined to.
+bool IsChildName(const std::string& name) {
+  return !name.empty() && name.find('/') == std::string::npos &&
+         name.find('\0') == std::string::npos && name.find_first_not_of('.') != std::string::npos;
 }
+} // namespace
 
 PdfStore::PdfStore(Scheduler& scheduler)
     : scheduler_(scheduler),
@@ -40,6 +52,7 @@ PdfStore::~PdfStore() {
 
 void PdfStore::setAccount(const std::string& name) {
   std::string account = SanitisedAccount(name);
+  g_assert(IsChildName(account));
   if (account_ && *account_ == account)
     return;
   account_ = account;
@@ -50,6 +63,9 @@ void PdfStore::setAccount(const std::string& name) {
 }
 
 std::string PdfStore::folder() const {
+  // Every path of the library is derived from here: it must stay below the
+  // library folder, one level down.
+  g_assert(!account_ || IsChildName(*account_));
   return JoinPath(LibraryFolder(), account_.value_or(""));
 }
 
@@ -67,6 +83,15 @@ std::string PdfStore::sidecarFor(const std::string& pdf_path) {
   return dir + "." + FileName(pdf_path) + ".synced";
 }
 
+std::optional<nlohmann::json> ParseSidecar(std::string_view text) {
+  if (text.size() > kMaxSidecarBytes)
+    return std::nullopt;
+  nlohmann::json json = nlohmann::json::parse(text, nullptr, false);
+  if (!json.is_object())
+    return std::nullopt;
+  return json;
+}
+
 namespace {
 // A sidecar read in one go: its parsed contents and its own time, from one
 // open file, so that a scan of thousands of PDFs stays close to the cost of
@@ -77,22 +102,26 @@ struct SidecarRecord {
   std::optional<nlohmann::json> json;
 };
 
+// A sidecar is a regular file of at most kMaxSidecarBytes; anything else
+// under its name is no sidecar.
+bool IsSidecarFile(const struct stat& info) {
+  return S_ISREG(info.st_mode) && info.st_size <= off_t(kMaxSidecarBytes);
+}
+
 SidecarRecord ReadSidecar(const std::string& sidecar) {
   SidecarRecord record;
-  int fd = open(sidecar.c_str(), O_RDONLY | O_CLOEXEC);
+  struct stat info;
+  int fd = OpenLibraryFile(sidecar, info);
   if (fd < 0)
     return record;
-  struct stat info;
-  if (fstat(fd, &info) == 0) {
+  if (IsSidecarFile(info)) {
     record.exists = true;
-    record.mtime = double(info.st_mtim.tv_sec) + double(info.st_mtim.tv_nsec) / 1e9;
+    record.mtime = ModificationTime(info);
     std::string text(size_t(info.st_size), '\0');
     ssize_t length = info.st_size > 0 ? pread(fd, text.data(), text.size(), 0) : 0;
     if (length >= 0) {
       text.resize(size_t(length));
-      nlohmann::json json = nlohmann::json::parse(text, nullptr, false);
-      if (json.is_object())
-        record.json = std::move(json);
+      record.json = ParseSidecar(text);
     }
   }
   close(fd);
@@ -110,34 +139,48 @@ std::optional<nlohmann::json> PdfStore::sidecarAt(const std::string& pdf_path) {
   return ReadSidecar(sidecarFor(pdf_path)).json;
 }
 
+std::optional<std::string> PdfStore::sidecarString(const nlohmann::json& sidecar, const char* key) {
+  if (!sidecar.is_object())
+    return std::nullopt;
+  auto found = sidecar.find(key);
+  if (found == sidecar.end() || !found->is_string())
+    return std::nullopt;
+  return found->get<std::string>();
+}
+
 namespace {
 std::optional<std::string> SidecarString(const std::optional<nlohmann::json>& sidecar,
                                          const char* key) {
-  if (!sidecar)
-    return std::nullopt;
-  auto found = sidecar->find(key);
-  if (found == sidecar->end() || !found->is_string())
-    return std::nullopt;
-  return found->get<std::string>();
+  return sidecar ? PdfStore::sidecarString(*sidecar, key) : std::nullopt;
 }
 } // namespace
 
 void PdfStore::markSynced(const std::string& pdf_path, const std::string& paper_id,
                           const std::optional<std::string>& etag, double mtime) {
-  std::string sidecar = sidecarFor(pdf_path);
   nlohmann::json record = {{"id", paper_id}, {"etag", etag.value_or("")}};
-  WriteFileAtomically(sidecar,
-                      record.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
-  SetMTime(sidecar, mtime);
+  std::string text = record.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+  // A sidecar too large to be read back would hide the PDF from edit
+  // detection for good: such a write fails like any other, changing nothing.
+  if (text.size() > kMaxSidecarBytes)
+    return;
+  WriteFileAtomically(sidecarFor(pdf_path), text, mtime);
 }
 
 bool PdfStore::hasUnsyncedEdits(const std::string& pdf_path) {
   std::string sidecar = sidecarFor(pdf_path);
   struct stat info;
-  if (stat(sidecar.c_str(), &info) != 0)
+  if (lstat(sidecar.c_str(), &info) != 0 || !IsSidecarFile(info))
     return false;
-  return EditedSince(pdf_path, true,
-                     double(info.st_mtim.tv_sec) + double(info.st_mtim.tv_nsec) / 1e9);
+  return EditedSince(pdf_path, true, ModificationTime(info));
+}
+
+bool PdfStore::paperIdFits(const std::string& paper_id) const {
+  std::string pdf = pathFor(paper_id);
+  std::string pdf_name = FileName(pdf);
+  size_t longest = std::max(FileName(sidecarFor(pdf)).size() + strlen(kAtomicWriteSuffix),
+                            1 + pdf_name.size() + strlen(kDownloadTemporarySuffix));
+  long limit = pathconf(folder().c_str(), _PC_NAME_MAX);
+  return longest <= size_t(limit > 0 ? limit : NAME_MAX);
 }
 
 // Watching ------------------------------------------------------------------
@@ -156,6 +199,12 @@ void PdfStore::startWatching() {
 
 void PdfStore::storeEvents(const std::vector<FolderEvent>& batch) {
   for (const FolderEvent& event : batch) {
+    if (event.events_lost) {
+      // Which files changed is not known any more: look at all of them.
+      SparLog("pdfs: watch overflowed — rescanning");
+      rescan();
+      continue;
+    }
     if (event.root_changed) {
       SparLog("pdfs: folder moved — now %@", folder());
       startWatching();
@@ -200,10 +249,15 @@ void PdfStore::reportChange(const std::string& id, const std::string& path) {
 
 void PdfStore::rescan() {
   std::string path = folder();
-  GDir* dir = g_dir_open(path.c_str(), 0, nullptr);
+  DIR* dir = opendir(path.c_str());
   if (!dir)
     return;
-  while (const char* name = g_dir_read_name(dir)) {
+  while (struct dirent* entry = readdir(dir)) {
+    // A link, a FIFO or a folder is no library file; most file systems tell
+    // so in the entry itself, at no cost.
+    if (entry->d_type != DT_REG && entry->d_type != DT_UNKNOWN)
+      continue;
+    const char* name = entry->d_name;
     if (LowerExtension(name) != "pdf")
       continue;
     std::string pdf = JoinPath(path, name);
@@ -216,7 +270,7 @@ void PdfStore::rescan() {
       reportChange(*id, pdf);
     }
   }
-  g_dir_close(dir);
+  closedir(dir);
 }
 
 } // namespace orvane

@@ -15,6 +15,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace orvane {
@@ -23,6 +24,9 @@ inline constexpr double kSettleDelay = 2.0;
 inline constexpr double kDownloadCoolDown = 2.5;
 inline constexpr double kEditTolerance = 0.5;
 inline constexpr unsigned kUploadTimeout = 300;
+// A download is written beside its PDF under "." + the PDF's name + this
+// suffix, and renamed over the PDF when whole.
+inline constexpr char kDownloadTemporarySuffix[] = ".download-XXXXXX";
 
 class PdfStore {
 public:
@@ -50,9 +54,15 @@ public:
   std::string pathFor(const std::string& paper_id) const;
   static std::string sidecarFor(const std::string& pdf_path);
   static std::optional<nlohmann::json> sidecarAt(const std::string& pdf_path);
+  // A member of a sidecar when it is a string; absent otherwise.
+  static std::optional<std::string> sidecarString(const nlohmann::json& sidecar, const char* key);
   static void markSynced(const std::string& pdf_path, const std::string& paper_id,
                          const std::optional<std::string>& etag, double mtime);
   static bool hasUnsyncedEdits(const std::string& pdf_path);
+  // Whether every file the library makes for the paper (its PDF, its
+  // sidecar, and their temporary files while they are written) has a name
+  // the account folder's file system can hold.
+  bool paperIdFits(const std::string& paper_id) const;
 
   // Watching.
   void setOnChange(ChangeCallback callback) { on_change_ = std::move(callback); }
@@ -95,10 +105,13 @@ private:
   std::set<std::string> temporaries_; // the temporary files of downloads under way
 };
 
-// Lower-cased, reduced to "a-z0-9._-", "default" when nothing is left.
-std::string SanitisedAccount(const std::string& name);
+// The most a sidecar may hold; anything longer is no sidecar.
+inline constexpr size_t kMaxSidecarBytes = 64 * 1024;
+// A sidecar's contents: a JSON object, or nothing.
+std::optional<nlohmann::json> ParseSidecar(std::string_view text);
 
-// A usable paper id: not empty and without NUL characters.
-bool IsUsablePaperId(const std::string& paper_id);
+// Lower-cased, reduced to "a-z0-9._-", "default" when nothing but dots is
+// left, so that the account folder is always a child of the library folder.
+std::string SanitisedAccount(const std::string& name);
 
 } // namespace orvane

@@ -60,10 +60,11 @@ bool ServerIsUp(const std::string& site_address) {
 }
 
 std::string ServerStartCommand(const std::string& project_folder) {
-  // The folder goes between single quotes as it stands; a quote in its name
-  // breaks the command, a limitation accepted for a development tool.
-  return "cd '" + project_folder +
-         "' && nohup .venv/bin/uvicorn main:app --port 8000 > /tmp/shelfkeep.log 2>&1 &";
+  // Quoted for the shell, so that any folder name is one argument: a quote
+  // or a ";" in the name can neither break the command nor add one.
+  GCharPtr quoted(g_shell_quote(project_folder.c_str()));
+  return "cd " + quoted.str() +
+         " && nohup .venv/bin/uvicorn main:app --port 8000 > /tmp/shelfkeep.log 2>&1 &";
 }
 
 DevServerActions RealDevServerActions() {

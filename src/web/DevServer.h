@@ -19,7 +19,8 @@ inline constexpr double kStartAttemptDelay = 0.25;
 // One probe: GET <site>/api/papers answered with exactly 200 within 1.5 s.
 bool ServerIsUp(const std::string& site_address);
 
-// "cd '<folder>' && nohup .venv/bin/uvicorn main:app --port 8000 > /tmp/shelfkeep.log 2>&1 &"
+// "cd <folder> && nohup .venv/bin/uvicorn main:app --port 8000 > /tmp/shelfkeep.log 2>&1 &"
+// with the folder quoted for the shell (g_shell_quote), whatever its name.
 std::string ServerStartCommand(const std::string& project_folder);
 
 bool IsLocalSite(const std::string& site_address);

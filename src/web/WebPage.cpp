@@ -1,17 +1,49 @@
 #include "web/WebPage.h"
 
+#include "base/SiteAddress.h"
+
+#include <nlohmann/json.hpp>
+
 namespace orvane {
+
+std::string ScriptForDocumentOf(const std::string& script, const std::string& committed_address) {
+  std::optional<std::string> origin = LocationOrigin(committed_address);
+  if (!origin)
+    return script;
+  // location and its origin cannot be redefined by a page's scripts.
+  return "if (location.origin === " + nlohmann::json(*origin).dump() + ") {\n" + script + "\n}";
+}
 
 WebPage::WebPage(WebKitWebView* view) : view_(view) {
   g_object_ref_sink(view_);
+  // Connected before anyone else's handler, so that the address is current
+  // for whoever reacts to the same commit.
+  load_changed_handler_ =
+      g_signal_connect(view_, "load-changed",
+                       G_CALLBACK(+[](WebKitWebView* v, WebKitLoadEvent event, gpointer data) {
+                         if (event != WEBKIT_LOAD_COMMITTED)
+                           return;
+                         const gchar* uri = webkit_web_view_get_uri(v);
+                         static_cast<WebPage*>(data)->committed_address_ = uri ? uri : "";
+                       }),
+                       this);
+  terminated_handler_ = g_signal_connect(
+      view_, "web-process-terminated",
+      G_CALLBACK(+[](WebKitWebView*, WebKitWebProcessTerminationReason, gpointer data) {
+        static_cast<WebPage*>(data)->committed_address_.clear();
+      }),
+      this);
 }
 
 WebPage::~WebPage() {
+  g_signal_handler_disconnect(view_, load_changed_handler_);
+  g_signal_handler_disconnect(view_, terminated_handler_);
   g_object_unref(view_);
 }
 
 void WebPage::evaluateScript(const std::string& script) {
-  webkit_web_view_evaluate_javascript(view_, script.c_str(), gssize(script.size()), nullptr,
+  std::string guarded = ScriptForDocumentOf(script, committed_address_);
+  webkit_web_view_evaluate_javascript(view_, guarded.c_str(), gssize(guarded.size()), nullptr,
                                       nullptr, nullptr, nullptr, nullptr);
 }
 

@@ -7,16 +7,27 @@
 
 namespace orvane {
 
+// The script, made to run only in a document of the committed address's
+// origin (for an http or https address; any other script is left as it is).
+// WebKit reports a commit a moment after the page has it, so a script sent
+// in between would run in the next document, which may be another site's.
+std::string ScriptForDocumentOf(const std::string& script, const std::string& committed_address);
+
 class WebPage final : public Page {
 public:
-  // Holds its own reference to the view (a floating one is sunk).
+  // Holds its own reference to the view (a floating one is sunk) and
+  // follows its loads from now on.
   explicit WebPage(WebKitWebView* view);
   ~WebPage() override;
   WebPage(const WebPage&) = delete;
   WebPage& operator=(const WebPage&) = delete;
 
+  // Only in a document of the committed document's origin.
   void evaluateScript(const std::string& script) override;
   std::string currentAddress() const override;
+  // Recorded when a load commits (WEBKIT_LOAD_COMMITTED); "" before the
+  // first commit and after the page's web process has gone.
+  std::string committedAddress() const override { return committed_address_; }
 
   void load(const std::string& address);
   // Replaces the page with an empty document, stopping its scripts.
@@ -28,6 +39,9 @@ public:
 
 private:
   WebKitWebView* view_;
+  std::string committed_address_;
+  gulong load_changed_handler_ = 0;
+  gulong terminated_handler_ = 0;
 };
 
 } // namespace orvane

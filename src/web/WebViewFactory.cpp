@@ -20,7 +20,74 @@ std::string CapabilitiesScript(const std::string& claude_path) {
          literal + ", version: '" + kVersion + "', build: '" + kBuildIdentifier + "'};";
 }
 
+PanelMessage ReadPanelMessage(std::string_view envelope_json) {
+  PanelMessage message;
+  nlohmann::json envelope = nlohmann::json::parse(envelope_json, nullptr, false);
+  if (!envelope.is_object())
+    return message;
+  message.sender.document_address = StringMember(envelope, "href").value_or("");
+  auto top = envelope.find("top");
+  message.sender.main_frame = top != envelope.end() && top->is_boolean() && top->get<bool>();
+  if (std::optional<std::string> body = StringMember(envelope, "body"))
+    message.body = ParseMessageBody(*body);
+  return message;
+}
+
 namespace {
+
+constexpr char kBridgeEvent[] = "orvane-bridge-message";
+
+// In the page's world, every frame: the channel the site's pages call.
+std::string PageWorldChannelScript() {
+  return std::string(R"JS((function () {
+  'use strict';
+  const stringify = JSON.stringify;
+  const BridgeEvent = CustomEvent;
+  const dispatch = EventTarget.prototype.dispatchEvent;
+  const target = window;
+  const panel = Object.freeze({
+    postMessage(body) {
+      const text = stringify(body);
+      dispatch.call(target, new BridgeEvent(')JS") +
+         kBridgeEvent + R"JS(', {detail: text === undefined ? 'null' : text}));
+    },
+  });
+  try {
+    Object.defineProperty(window, 'webkit', {
+      value: Object.freeze({messageHandlers: Object.freeze({panel})}),
+      configurable: false, enumerable: false, writable: false,
+    });
+  } catch (error) {}
+})();)JS";
+}
+
+// In the bridge's isolated world, every frame: hands each message to the
+// program with where it came from. Registered before any page script runs,
+// so it is the first to hear the event.
+std::string IsolatedWorldRelayScript() {
+  return std::string(R"JS((function () {
+  'use strict';
+  const handler = window.webkit.messageHandlers.panel;
+  window.addEventListener(')JS") +
+         kBridgeEvent + R"JS(', (event) => {
+    event.stopImmediatePropagation();
+    if (typeof event.detail !== 'string') return;
+    handler.postMessage({href: String(location.href), top: window === window.top, body: event.detail});
+  }, true);
+})();)JS";
+}
+
+void AddScript(WebKitUserContentManager* content, const std::string& source,
+               WebKitUserContentInjectedFrames frames, const char* world) {
+  WebKitUserScript* script =
+      world ? webkit_user_script_new_for_world(source.c_str(), frames,
+                                               WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START, world,
+                                               nullptr, nullptr)
+            : webkit_user_script_new(source.c_str(), frames,
+                                     WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START, nullptr, nullptr);
+  webkit_user_content_manager_add_script(content, script);
+  webkit_user_script_unref(script);
+}
 
 WebKitWebContext* MakeSharedContext() {
   std::string data = WebsiteDataFolder();
@@ -57,19 +124,23 @@ std::shared_ptr<WebPage> WebViewFactory::makeWebView() {
     context_ = MakeSharedContext();
 
   auto content = GObjectPtr<WebKitUserContentManager>::adopt(webkit_user_content_manager_new());
-  std::string caps = CapabilitiesScript(claude_path_ ? claude_path_() : "");
-  WebKitUserScript* script =
-      webkit_user_script_new(caps.c_str(), WEBKIT_USER_CONTENT_INJECT_TOP_FRAME,
-                             WEBKIT_USER_SCRIPT_INJECT_AT_DOCUMENT_START, nullptr, nullptr);
-  webkit_user_content_manager_add_script(content.get(), script);
-  webkit_user_script_unref(script);
+  AddScript(content.get(), IsolatedWorldRelayScript(), WEBKIT_USER_CONTENT_INJECT_ALL_FRAMES,
+            kBridgeWorld);
+  AddScript(content.get(), PageWorldChannelScript(), WEBKIT_USER_CONTENT_INJECT_ALL_FRAMES,
+            nullptr);
+  AddScript(content.get(), CapabilitiesScript(claude_path_ ? claude_path_() : ""),
+            WEBKIT_USER_CONTENT_INJECT_TOP_FRAME, nullptr);
 
   auto* view = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", context_,
                                             "user-content-manager", content.get(), nullptr));
+  // First, so that its record of the committed address is current for the
+  // handlers below.
+  auto page = std::make_shared<WebPage>(view);
   WebKitSettings* settings = webkit_web_view_get_settings(view);
   webkit_settings_set_javascript_can_open_windows_automatically(settings, TRUE);
 
   // Messages: the content manager is this view's own, so the view is known.
+  // The handler lives only in the bridge's world, so only its relay can post.
   g_object_set_data(G_OBJECT(content.get()), "orvane-view", view);
   g_signal_connect(content.get(), "script-message-received::panel",
                    G_CALLBACK(+[](WebKitUserContentManager* manager, WebKitJavascriptResult* result,
@@ -79,14 +150,13 @@ std::shared_ptr<WebPage> WebViewFactory::makeWebView() {
                          g_object_get_data(G_OBJECT(manager), "orvane-view"));
                      JSCValue* value = webkit_javascript_result_get_js_value(result);
                      GCharPtr json(value ? jsc_value_to_json(value, 0) : nullptr);
-                     nlohmann::json body = json ? nlohmann::json::parse(json.get(), nullptr, false)
-                                                : nlohmann::json();
-                     if (body.is_discarded())
-                       body = nlohmann::json();
-                     self->delegate_.didReceiveScriptMessage("panel", body, from);
+                     PanelMessage message = ReadPanelMessage(json ? json.get() : "");
+                     self->delegate_.didReceiveScriptMessage(kMessageChannel, message.body, from,
+                                                             message.sender);
                    }),
                    this);
-  webkit_user_content_manager_register_script_message_handler(content.get(), "panel");
+  webkit_user_content_manager_register_script_message_handler_in_world(
+      content.get(), kMessageChannel, kBridgeWorld);
 
   g_signal_connect(view, "decide-policy",
                    G_CALLBACK(+[](WebKitWebView* v, WebKitPolicyDecision* decision,
@@ -114,11 +184,14 @@ std::shared_ptr<WebPage> WebViewFactory::makeWebView() {
                    this);
   g_signal_connect(view, "load-changed",
                    G_CALLBACK(+[](WebKitWebView* v, WebKitLoadEvent event, gpointer data) {
-                     if (event == WEBKIT_LOAD_FINISHED)
-                       static_cast<WebViewFactory*>(data)->delegate_.didFinishNavigation(v);
+                     auto& delegate = static_cast<WebViewFactory*>(data)->delegate_;
+                     if (event == WEBKIT_LOAD_COMMITTED)
+                       delegate.didCommitNavigation(v);
+                     else if (event == WEBKIT_LOAD_FINISHED)
+                       delegate.didFinishNavigation(v);
                    }),
                    this);
-  return std::make_shared<WebPage>(view);
+  return page;
 }
 
 } // namespace orvane

@@ -112,6 +112,18 @@ def test_hello_makes_the_account_folder_and_logs_it_once(home, site, launch):
     assert sorted(p.name for p in home.library_dir.iterdir()) == ["default", "jane.doelabx"]
 
 
+def test_account_made_only_of_dots_is_the_default_folder(home, site, launch):
+    # ".." would otherwise name the folder above the library.
+    orvane, page = signed_in(home, site, launch, account="..")
+    default = home.library_dir / "default"
+    assert default.is_dir()
+    assert [m for m in home.log_messages() if m.startswith("pdfs: folder")] == [
+        f"pdfs: folder {default}"]
+    assert sorted(p.name for p in home.library_dir.iterdir()) == ["default"]
+    status = of_type(site.events(), "claudeStatus")
+    assert [s["sparRoot"] for s in status] == [str(default / ".spar")]
+
+
 # --------------------------------------------------------------------------
 # downloads, the viewer and sidecars
 
@@ -250,6 +262,23 @@ def test_open_pdf_that_the_server_refuses_reports_the_error(home, site, launch):
     assert sorted(os.listdir(folder)) == [".spar"], "nothing is kept of a failed download"
     assert of_type(site.events(), "pdfOpened") == []
     assert holds_for(lambda: home.viewer_calls() == [], 1.0), home.viewer_calls()
+
+
+def test_paper_id_too_long_for_a_file_name_is_refused_with_an_error(home, site, launch):
+    paper = "p" * 300
+    site.reply("/storage/long.pdf", SAMPLE)
+    orvane, page = signed_in(home, site, launch)
+
+    url = site.url + "/storage/long.pdf"
+    site.run_in_page([
+        {"post": {"action": "openPdf", "id": paper, "url": url, "etag": "v1"}},
+        {"post": {"action": "previewSplit", "id": paper, "url": url, "etag": "v1"}},
+    ], page=page.page)
+    errors = wait_for_events_of(site, "error", 2)
+    assert errors == [{"type": "error", "id": paper, "message": "Paper id too long"}] * 2
+    assert holds_for(lambda: site.requests("/storage/long.pdf") == [], 1.0), site.describe()
+    assert sorted(os.listdir(home.account_dir("alice"))) == [".spar"]
+    assert orvane.running()
 
 
 def test_drag_of_a_paper_that_is_not_on_disk_downloads_nothing(home, site, launch):

@@ -2,6 +2,7 @@
 // Claude Code executable (agent_fixtures/), real files in a working folder,
 // and a real loopback HTTP server for the files a turn fetches.
 #include "agent/AgentTurns.h"
+#include "agent/LineSplitter.h"
 
 #include "base/Text.h"
 #include "support/LogCapture.h"
@@ -18,8 +19,10 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <cstdio>
 #include <map>
 #include <mutex>
+#include <sstream>
 #include <thread>
 
 namespace orvane {
@@ -42,14 +45,25 @@ public:
       : server_([this](const HttpRequest& request, HttpReply& reply) {
           std::lock_guard<std::mutex> lock(mutex_);
           auto found = files_.find(request.path);
-          reply.status = found == files_.end() ? 404 : found->second.first;
-          reply.body = found == files_.end() ? "no such file" : found->second.second;
+          if (found != files_.end()) {
+            reply = found->second;
+            return;
+          }
+          reply.status = 404;
+          reply.body = "no such file";
           reply.content_type = "text/plain";
         }) {}
 
   void serve(const std::string& path, int status, const std::string& body) {
+    HttpReply reply;
+    reply.status = status;
+    reply.body = body;
+    reply.content_type = "text/plain";
+    serve(path, reply);
+  }
+  void serve(const std::string& path, const HttpReply& reply) {
     std::lock_guard<std::mutex> lock(mutex_);
-    files_[path] = {status, body};
+    files_[path] = reply;
   }
   std::string url(const std::string& path) const { return server_.url(path); }
   std::vector<std::string> requests() const {
@@ -61,7 +75,7 @@ public:
 
 private:
   std::mutex mutex_;
-  std::map<std::string, std::pair<int, std::string>> files_;
+  std::map<std::string, HttpReply> files_;
   TestHttpServer server_;
 };
 
@@ -83,24 +97,158 @@ std::string RefusingAddress() {
   return "http://127.0.0.1:" + std::to_string(port) + "/paper.txt";
 }
 
+// A server that sends a body slowly but steadily: the pieces of `pieces`
+// with a pause after each, then hangs up.
+class TricklingServer {
+public:
+  TricklingServer(std::vector<std::string> pieces, double pause_seconds) {
+    listener_ = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    listen(listener_, 4);
+    socklen_t length = sizeof address;
+    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this, pieces = std::move(pieces), pause_seconds] {
+      int client = accept(listener_, nullptr, nullptr);
+      if (client < 0)
+        return;
+      char buffer[4096];
+      std::string head;
+      while (head.find("\r\n\r\n") == std::string::npos) {
+        ssize_t n = read(client, buffer, sizeof buffer);
+        if (n <= 0)
+          break;
+        head.append(buffer, size_t(n));
+      }
+      size_t total = 0;
+      for (const auto& piece : pieces)
+        total += piece.size();
+      std::string reply = "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: " +
+                          std::to_string(total) + "\r\nConnection: close\r\n\r\n";
+      bool sent = write(client, reply.data(), reply.size()) == ssize_t(reply.size());
+      for (const auto& piece : pieces) {
+        sent = sent && write(client, piece.data(), piece.size()) == ssize_t(piece.size());
+        g_usleep(gulong(pause_seconds * 1e6));
+      }
+      close(client);
+    });
+  }
+  ~TricklingServer() {
+    shutdown(listener_, SHUT_RDWR);
+    close(listener_);
+    thread_.join();
+  }
+  std::string url(const std::string& path) const {
+    return "http://127.0.0.1:" + std::to_string(port_) + path;
+  }
+
+private:
+  int listener_ = -1;
+  int port_ = 0;
+  std::thread thread_;
+};
+
+// Whether a process is running; one that has died and awaits its parent
+// counts as gone.
+bool Alive(pid_t pid) {
+  std::string stat = TempDir::Read("/proc/" + std::to_string(pid) + "/stat");
+  size_t name_end = stat.rfind(')');
+  if (name_end == std::string::npos || name_end + 2 >= stat.size())
+    return false;
+  char state = stat[name_end + 2];
+  return state != 'Z' && state != 'X';
+}
+
+// A value of /proc/self/status in KiB ("VmRSS", "VmHWM").
+size_t MemoryKiB(const std::string& key) {
+  std::istringstream status(TempDir::Read("/proc/self/status"));
+  std::string line;
+  while (std::getline(status, line))
+    if (line.rfind(key + ":", 0) == 0)
+      return std::stoul(line.substr(key.size() + 1));
+  return 0;
+}
+
+// Whether the peak resident size tells what the code holds: under
+// AddressSanitizer freed memory stays resident in its quarantine.
+constexpr bool kPeakMemoryTellsWhatIsHeld =
+#if defined(__SANITIZE_ADDRESS__)
+    false;
+#else
+    true;
+#endif
+
+// Starts a new peak (VmHWM) at the present resident size.
+bool ResetPeakMemory() {
+  FILE* file = fopen("/proc/self/clear_refs", "w");
+  if (!file)
+    return false;
+  bool written = fputs("5", file) >= 0;
+  return fclose(file) == 0 && written;
+}
+
 class AgentTurnsTest : public ::testing::Test {
 protected:
   void SetUp() override {
     folder_ = root_.path() + "/library/.spar";
+    recreate();
+  }
+
+  // A fresh runner with the given limits.
+  void recreate(AgentTurnLimits limits = {}) {
     turns_ = std::make_unique<AgentTurns>([this] { return claude_; },
                                           [this] {
                                             g_mkdir_with_parents(folder_.c_str(), 0755);
                                             return folder_;
                                           },
-                                          [this](const Event& event) { events_.push_back(event); },
-                                          root_.path() + "/home");
+                                          [this](const Event& event) {
+                                            if (!keep_ || keep_(event))
+                                              events_.push_back(event);
+                                          },
+                                          root_.path() + "/home", limits);
   }
 
   void TearDown() override {
-    // A test that failed may leave its agent running: end it (it is ours).
-    for (const auto& [turn, process] : turns_->claudeTasks())
+    // A test that failed may leave its agent and what it started running:
+    // end them (they are ours).
+    for (const auto& [turn, process] : turns_->claudeTasks()) {
+      if (const char* id = g_subprocess_get_identifier(process.get()))
+        kill(-pid_t(std::stol(id)), SIGKILL);
       g_subprocess_force_exit(process.get());
+    }
+    for (pid_t pid : started_)
+      kill(pid, SIGKILL);
     turns_.reset();
+  }
+
+  // The process id an agent's line "<prefix><pid>" announced; it is ended
+  // at the end of the test if it still runs.
+  pid_t announcedPid(const std::string& turn, const std::string& prefix) {
+    for (const auto& line : linesOf(turn))
+      if (line.rfind(prefix, 0) == 0) {
+        pid_t pid = pid_t(std::stol(line.substr(prefix.size())));
+        started_.push_back(pid);
+        return pid;
+      }
+    ADD_FAILURE() << "no line starting with " << prefix;
+    return 0;
+  }
+  bool waitForLineStarting(const std::string& turn, const std::string& prefix) {
+    return SpinUntil([&] {
+      for (const auto& line : linesOf(turn))
+        if (line.rfind(prefix, 0) == 0)
+          return true;
+      return false;
+    });
+  }
+  int doneCount(const std::string& turn) const {
+    int count = 0;
+    for (const auto& event : eventsOf(turn))
+      count += event["type"] == "claudeDone";
+    return count;
   }
 
   // Installs a stand-in as the agent's executable, at <root>/bin/claude.
@@ -168,6 +316,9 @@ protected:
   std::string folder_;
   std::optional<std::string> claude_;
   std::vector<Event> events_;
+  // When set, decides which events are kept in events_.
+  std::function<bool(const Event&)> keep_;
+  std::vector<pid_t> started_;
   LogCapture log_;
   std::unique_ptr<AgentTurns> turns_;
 };
@@ -259,7 +410,10 @@ TEST_F(AgentTurnsTest, StopTerminatesTheTurnWithTheSignalNumber) {
   EXPECT_TRUE(turns_->claudeTasks().empty());
 }
 
-TEST_F(AgentTurnsTest, AnAgentThatIgnoresTheStopEndsInItsOwnTime) {
+TEST_F(AgentTurnsTest, AnAgentThatIgnoresTheStopEndsInItsOwnTimeWithinTheGrace) {
+  AgentTurnLimits limits;
+  limits.stop_grace_seconds = 60; // no SIGKILL during this test
+  recreate(limits);
   install("ignore_term.sh");
   run({{"turn", "stubborn"}, {"args", json::array()}});
   ASSERT_TRUE(waitForLine("stubborn", "ready"));
@@ -526,35 +680,34 @@ TEST_F(AgentTurnsTest, UnparsableUrlCountsAsAFailedDownload) {
   EXPECT_TRUE(turns_->claudeTasks().empty());
 }
 
-TEST_F(AgentTurnsTest, SecondTurnUnderARunningIdTakesItsPlace) {
+TEST_F(AgentTurnsTest, SecondTurnUnderARunningIdTakesItsPlaceAndKeepsItsEntry) {
   install("stream_then_wait.sh");
   run({{"turn", "same"}, {"args", {"one"}}});
   ASSERT_TRUE(waitForLine("same", "first of one"));
   GSubprocess* first = turns_->claudeTasks().at("same").get();
   run({{"turn", "same"}, {"args", {"two"}}});
   ASSERT_TRUE(waitForLine("same", "first of two"));
-  EXPECT_NE(turns_->claudeTasks().at("same").get(), first);
+  GSubprocess* second = turns_->claudeTasks().at("same").get();
+  EXPECT_NE(second, first);
 
-  // The first ends first and removes the shared entry: the second can no
-  // longer be stopped.
+  // The first ends; the entry is the second's and stays where it is.
   touch("go-one");
-  ASSERT_TRUE(SpinUntil([&] { return linesOf("same").size() == 3; }));
-  ASSERT_TRUE(SpinUntil([&] { return turns_->claudeTasks().empty(); }));
+  ASSERT_TRUE(SpinUntil([&] { return doneCount("same") == 1; }));
+  ASSERT_EQ(turns_->claudeTasks().count("same"), 1u);
+  EXPECT_EQ(turns_->claudeTasks().at("same").get(), second);
+
+  // So a stop still reaches the second.
   turns_->stopClaude({{"turn", "same"}});
-  touch("go-two");
-  ASSERT_TRUE(SpinUntil([&] {
-    int count = 0;
-    for (const auto& event : eventsOf("same"))
-      count += event["type"] == "claudeDone";
-    return count == 2;
-  }));
+  ASSERT_TRUE(SpinUntil([&] { return doneCount("same") == 2; }, 10));
   SpinFor(0.05);
   std::vector<std::string> kinds;
   for (const auto& event : eventsOf("same"))
-    kinds.push_back(event["type"] == "claudeDone" ? "done" : event["line"].get<std::string>());
-  EXPECT_THAT(kinds, ElementsAre("first of one", "first of two", "last of one", "done",
-                                 "last of two", "done"));
-  EXPECT_THAT(log_.messages(), Not(Contains("claude: turn same stopped")));
+    kinds.push_back(event["type"] == "claudeDone" ? "done " + event["code"].dump()
+                                                  : event["line"].get<std::string>());
+  EXPECT_THAT(kinds,
+              ElementsAre("first of one", "first of two", "last of one", "done 0", "done 15"));
+  EXPECT_THAT(log_.messages(), Contains("claude: turn same stopped"));
+  EXPECT_TRUE(turns_->claudeTasks().empty());
 }
 
 TEST_F(AgentTurnsTest, TurnsRunSideBySide) {
@@ -608,6 +761,271 @@ TEST_F(AgentTurnsTest, WorkingFolderIsCreatedOnDemand) {
   EXPECT_FALSE(g_file_test(folder_.c_str(), G_FILE_TEST_IS_DIR));
   EXPECT_EQ(turns_->sparFolder(), folder_);
   EXPECT_TRUE(g_file_test(folder_.c_str(), G_FILE_TEST_IS_DIR));
+}
+
+TEST_F(AgentTurnsTest, AnOutputLineLongerThan16MiBArrivesInPiecesOfAtMost16MiB) {
+  install("long_line.sh");
+  // The stand-in writes "é€😀abc" over and over without a line feed. The
+  // pieces are checked as they come and not kept, so that the memory
+  // measured is the runner's.
+  const std::string pattern = "é€😀abc";
+  const size_t written = 41943036;
+  size_t received = 0;
+  size_t pieces = 0;
+  size_t largest = 0;
+  bool intact = true;
+  bool valid = true;
+  keep_ = [&](const Event& event) {
+    if (event["type"] != "claudeLine")
+      return true;
+    const std::string& piece = event["line"].get_ref<const std::string&>();
+    ++pieces;
+    largest = std::max(largest, piece.size());
+    valid = valid && IsValidUtf8(piece);
+    for (size_t i = 0; i < piece.size() && intact; ++i)
+      intact = piece[i] == pattern[(received + i) % pattern.size()];
+    received += piece.size();
+    return false;
+  };
+  size_t resident_before = MemoryKiB("VmRSS");
+  ASSERT_TRUE(ResetPeakMemory());
+  run({{"turn", "long"}, {"args", json::array()}});
+  ASSERT_TRUE(waitForDone("long", 60));
+  size_t peak_growth_mib =
+      (MemoryKiB("VmHWM") - std::min(resident_before, MemoryKiB("VmHWM"))) >> 10;
+  EXPECT_EQ(doneOf("long")["code"], 0);
+  // Nothing lost, nothing reordered, every cut between two characters.
+  EXPECT_EQ(received, written);
+  EXPECT_TRUE(intact);
+  EXPECT_TRUE(valid);
+  EXPECT_EQ(pieces, 3u);
+  EXPECT_LE(largest, size_t(16) << 20);
+  // What is held is a piece and the event carrying it (about 32 MiB), not
+  // the whole line and copies of it.
+  if (kPeakMemoryTellsWhatIsHeld) {
+    EXPECT_LT(peak_growth_mib, 48u);
+  }
+}
+
+TEST_F(AgentTurnsTest, StandardErrorKeepsOnlyItsLast1MiB) {
+  install("flood_stderr.sh");
+  size_t resident_before = MemoryKiB("VmRSS");
+  ASSERT_TRUE(ResetPeakMemory());
+  run({{"turn", "flood"}, {"args", json::array()}});
+  ASSERT_TRUE(waitForDone("flood", 60));
+  size_t peak_growth_mib =
+      (MemoryKiB("VmHWM") - std::min(resident_before, MemoryKiB("VmHWM"))) >> 10;
+  EXPECT_THAT(linesOf("flood"), ElementsAre("flooded"));
+  Event finished = doneOf("flood");
+  EXPECT_EQ(finished["code"], 6);
+  std::string kept = finished["stderr"];
+
+  // The end of the stream, rebuilt: the last lines of the flood, then
+  // "the end now"; its last 1 MiB, less the bytes of a character cut in two.
+  std::string stream_end;
+  while (stream_end.size() < (size_t(1) << 20) + 16)
+    stream_end += "é€😀abc\n";
+  stream_end += "the end now\n";
+  std::string expected = stream_end.substr(stream_end.size() - (size_t(1) << 20));
+  size_t cut = 0;
+  while (cut < expected.size() && (static_cast<unsigned char>(expected[cut]) & 0xC0) == 0x80)
+    ++cut;
+  expected.erase(0, cut);
+  EXPECT_EQ(cut, 2u); // the last 1 MiB starts inside a character
+  EXPECT_EQ(kept.size(), expected.size());
+  EXPECT_TRUE(kept == expected);
+  EXPECT_TRUE(IsValidUtf8(kept));
+  if (kPeakMemoryTellsWhatIsHeld) {
+    EXPECT_LT(peak_growth_mib, 16u);
+  }
+}
+
+TEST_F(AgentTurnsTest, TurnFileLargerThanItsCapFailsTheTurn) {
+  AgentTurnLimits limits;
+  limits.turn_file = 1000;
+  recreate(limits);
+  FileServer server;
+  server.serve("/fits.txt", 200, std::string(1000, 'f'));
+  server.serve("/declared.txt", 200, std::string(1001, 'd'));
+  HttpReply chunked;
+  chunked.body = std::string(5000, 'c');
+  chunked.chunked = true; // no length declared: counted as it comes
+  server.serve("/chunked.txt", chunked);
+  install("echo_stdin.sh");
+
+  run({{"turn", "fits"},
+       {"args", json::array()},
+       {"files", {{{"name", "fits.txt"}, {"url", server.url("/fits.txt")}}}},
+       {"prompt_head", "ran\n"}});
+  ASSERT_TRUE(waitForDone("fits"));
+  EXPECT_EQ(doneOf("fits")["code"], 0);
+  EXPECT_EQ(TempDir::Read(folder_ + "/fits.txt"), std::string(1000, 'f'));
+
+  for (const char* path : {"/declared.txt", "/chunked.txt"}) {
+    std::string turn = std::string("over") + path;
+    TempDir::WriteFile(folder_ + "/paper.txt", "the old paper");
+    run({{"turn", turn},
+         {"args", json::array()},
+         {"files", {{{"name", "paper.txt"}, {"url", server.url(path)}}}},
+         {"prompt_head", "ran\n"}});
+    ASSERT_TRUE(waitForDone(turn)) << path;
+    Event finished = doneOf(turn);
+    EXPECT_EQ(finished["code"], 1) << path;
+    EXPECT_EQ(finished["stderr"],
+              "Could not fetch the paper text: the file is larger than 1000 bytes")
+        << path;
+    EXPECT_THAT(linesOf(turn), IsEmpty()) << path;
+    // The file already there is untouched, and nothing is left half written.
+    EXPECT_EQ(TempDir::Read(folder_ + "/paper.txt"), "the old paper") << path;
+    GDir* dir = g_dir_open(folder_.c_str(), 0, nullptr);
+    std::vector<std::string> names;
+    while (const char* name = g_dir_read_name(dir))
+      names.push_back(name);
+    g_dir_close(dir);
+    EXPECT_THAT(names, ::testing::UnorderedElementsAre("fits.txt", "paper.txt")) << path;
+  }
+  EXPECT_TRUE(turns_->claudeTasks().empty());
+}
+
+TEST_F(AgentTurnsTest, TurnFileFetchThatFallsSilentFailsAfterTheIdleTime) {
+  AgentTurnLimits limits;
+  limits.fetch_idle_seconds = 1;
+  recreate(limits);
+  FileServer server;
+  HttpReply stalls;
+  stalls.body = std::string(100000, 's');
+  stalls.stall_after = 1000;
+  server.serve("/stalls.txt", stalls);
+  SilentServer silent;
+  install("echo_stdin.sh");
+  for (const auto& [turn, url] : std::vector<std::pair<std::string, std::string>>{
+           {"mid-body", server.url("/stalls.txt")}, {"no-answer", silent.address() + "/p.txt"}}) {
+    run({{"turn", turn},
+         {"args", json::array()},
+         {"files", {{{"name", "paper.txt"}, {"url", url}}}},
+         {"prompt_head", "ran\n"}});
+    ASSERT_TRUE(waitForDone(turn, 15)) << turn;
+    Event finished = doneOf(turn);
+    EXPECT_EQ(finished["code"], 1) << turn;
+    EXPECT_EQ(finished["stderr"], "Could not fetch the paper text: nothing received for 1 s")
+        << turn;
+    EXPECT_THAT(linesOf(turn), IsEmpty()) << turn;
+    EXPECT_FALSE(g_file_test((folder_ + "/paper.txt").c_str(), G_FILE_TEST_EXISTS)) << turn;
+  }
+}
+
+TEST_F(AgentTurnsTest, TurnFileThatArrivesSlowlyButSteadilyIsFetchedWhole) {
+  AgentTurnLimits limits;
+  limits.fetch_idle_seconds = 1;
+  recreate(limits);
+  // Two seconds in all, but never a second without a byte.
+  std::vector<std::string> pieces;
+  std::string whole;
+  for (int i = 0; i < 8; ++i) {
+    pieces.push_back("piece " + std::to_string(i) + "\n");
+    whole += pieces.back();
+  }
+  TricklingServer server(pieces, 0.25);
+  install("echo_stdin.sh");
+  run({{"turn", "slow"},
+       {"args", json::array()},
+       {"files", {{{"name", "paper.txt"}, {"url", server.url("/paper.txt")}}}},
+       {"text_file", "paper.txt"}});
+  ASSERT_TRUE(waitForDone("slow"));
+  EXPECT_EQ(doneOf("slow")["code"], 0);
+  EXPECT_EQ(TempDir::Read(folder_ + "/paper.txt"), whole);
+  EXPECT_THAT(linesOf("slow"), Contains("piece 7"));
+}
+
+TEST_F(AgentTurnsTest, StopKillsTheTurnsProcessGroupWhenItIgnoresTheTerminateRequest) {
+  AgentTurnLimits limits;
+  limits.stop_grace_seconds = 0.5;
+  recreate(limits);
+  install("group_ignores_term.sh");
+  run({{"turn", "g"}, {"args", json::array()}});
+  ASSERT_TRUE(waitForLine("g", "ready"));
+  ASSERT_TRUE(waitForLineStarting("g", "child "));
+  pid_t child = announcedPid("g", "child ");
+  pid_t agent = pid_t(std::stol(g_subprocess_get_identifier(turns_->claudeTasks().at("g").get())));
+  turns_->stopClaude({{"turn", "g"}});
+  ASSERT_TRUE(waitForDone("g", 10));
+  EXPECT_EQ(doneOf("g")["code"], 9);
+  EXPECT_TRUE(SpinUntil([&] { return !Alive(child) && !Alive(agent); }, 10));
+  EXPECT_THAT(linesOf("g"), Contains("ready"));
+  EXPECT_THAT(log_.messages(), Contains("claude: turn g stopped"));
+  EXPECT_TRUE(turns_->claudeTasks().empty());
+}
+
+TEST_F(AgentTurnsTest, StopReachesWhatTheAgentStarted) {
+  AgentTurnLimits limits;
+  limits.stop_grace_seconds = 0.5;
+  limits.drain_seconds = 60; // the turn can end only by its group's end
+  recreate(limits);
+  install("child_ignores_term.sh");
+  run({{"turn", "c"}, {"args", json::array()}});
+  ASSERT_TRUE(waitForLineStarting("c", "child "));
+  pid_t child = announcedPid("c", "child ");
+  turns_->stopClaude({{"turn", "c"}});
+  ASSERT_TRUE(waitForDone("c", 10));
+  // The agent itself died of the terminate request.
+  EXPECT_EQ(doneOf("c")["code"], 15);
+  EXPECT_FALSE(Alive(child));
+  EXPECT_TRUE(turns_->claudeTasks().empty());
+}
+
+TEST_F(AgentTurnsTest, TurnEndsWhenTheAgentExitsThoughAProcessItLeftHoldsItsOutput) {
+  AgentTurnLimits limits;
+  limits.drain_seconds = 1;
+  limits.stop_grace_seconds = 0.5;
+  recreate(limits);
+  install("leave_background.sh");
+  pid_t grandchild = 0;
+  bool alive_at_done = false;
+  keep_ = [&](const Event& event) {
+    if (event["type"] == "claudeLine" &&
+        event["line"].get<std::string>().rfind("grandchild ", 0) == 0) {
+      grandchild = pid_t(std::stol(event["line"].get<std::string>().substr(11)));
+      started_.push_back(grandchild);
+    }
+    if (event["type"] == "claudeDone")
+      alive_at_done = grandchild > 0 && Alive(grandchild);
+    return true;
+  };
+  run({{"turn", "bg"}, {"args", json::array()}});
+  ASSERT_TRUE(waitForDone("bg", 10));
+  EXPECT_TRUE(alive_at_done);
+  EXPECT_THAT(linesOf("bg"), ElementsAre("grandchild " + std::to_string(grandchild), "exiting"));
+  EXPECT_EQ(doneOf("bg")["code"], 5);
+  EXPECT_TRUE(turns_->claudeTasks().empty());
+  // What the agent left behind ends with the turn's process group.
+  EXPECT_TRUE(SpinUntil([&] { return !Alive(grandchild); }, 10));
+}
+
+TEST_F(AgentTurnsTest, AgentKilledFromOutsideMidTurnEndsOnceWithCode9AndLosesNoLine) {
+  install("count_then_wait.sh");
+  run({{"turn", "victim"}, {"args", json::array()}});
+  ASSERT_TRUE(waitForLine("victim", "ready"));
+  pid_t agent =
+      pid_t(std::stol(g_subprocess_get_identifier(turns_->claudeTasks().at("victim").get())));
+  ASSERT_EQ(kill(agent, SIGKILL), 0);
+  ASSERT_TRUE(waitForDone("victim", 10));
+  std::vector<std::string> expected;
+  for (int i = 1; i <= 500; ++i)
+    expected.push_back("line " + std::to_string(i));
+  expected.push_back("ready");
+  EXPECT_EQ(linesOf("victim"), expected);
+  Event finished = doneOf("victim");
+  EXPECT_EQ(finished["code"], 9);
+  EXPECT_EQ(finished["stderr"], "");
+  EXPECT_TRUE(turns_->claudeTasks().empty());
+  EXPECT_THAT(log_.messages(), Contains("claude: turn victim exited 9"));
+
+  // The program carries on: the next turn runs as usual.
+  install("echo_stdin.sh");
+  run({{"turn", "after"}, {"args", json::array()}, {"prompt_head", "still fine\n"}});
+  ASSERT_TRUE(waitForDone("after"));
+  EXPECT_THAT(linesOf("after"), ElementsAre("still fine"));
+  EXPECT_EQ(doneOf("after")["code"], 0);
 }
 
 } // namespace

@@ -14,6 +14,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <glib/gstdio.h>
 #include <gmock/gmock.h>
@@ -21,6 +22,7 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace orvane {
 namespace {
@@ -641,6 +643,84 @@ TEST_F(LibraryStoreTest, FolderMovedWhileWatchedIsFollowed) {
   EXPECT_TRUE(SpinUntil([&] { return !changes.empty(); }, 10));
   EXPECT_THAT(changes, ElementsAre("after-move"));
   Settings::standard().remove(kLibraryBookmarkKey);
+}
+
+// Links in the account folder are never followed out of it.
+
+TEST_F(LibraryStoreTest, PdfLinkedFromOutsideIsReplacedByADownloadAndItsTargetKept) {
+  std::string served = PdfBytes("from the server");
+  TestHttpServer server([&](const HttpRequest&, HttpReply& r) { r.body = served; });
+  TempDir outside;
+  std::string target = outside.write("mine.pdf", PdfBytes("not the library's"));
+  SetMTime(target, 1234);
+  std::string path = store.pathFor("linked");
+  ASSERT_EQ(symlink(target.c_str(), path.c_str()), 0);
+  Outcome outcome = ensure("linked", server.url("/linked.pdf"), "");
+  ASSERT_EQ(outcome.path, path) << outcome.error.value_or("");
+  EXPECT_EQ(server.requestCount(), 1u);
+  struct stat info;
+  ASSERT_EQ(lstat(path.c_str(), &info), 0);
+  EXPECT_TRUE(S_ISREG(info.st_mode));
+  EXPECT_EQ(TempDir::Read(path), served);
+  EXPECT_EQ(TempDir::Read(target), PdfBytes("not the library's"));
+  EXPECT_DOUBLE_EQ(MTime(target), 1234);
+}
+
+TEST_F(LibraryStoreTest, PdfLinkedFromOutsideIsNeverUploaded) {
+  TestHttpServer server([](const HttpRequest&, HttpReply& r) { r.status = 200; });
+  TempDir outside;
+  std::string target = outside.write("secret.pdf", PdfBytes("private"));
+  std::string path = store.pathFor("exfiltrate");
+  ASSERT_EQ(symlink(target.c_str(), path.c_str()), 0);
+  PdfStore::markSynced(path, "exfiltrate", std::string("v1"), 1000);
+  bool done = false, ok = true;
+  std::optional<std::string> error;
+  store.upload("exfiltrate", server.url("/up"), [&](bool success, auto e, double) {
+    done = true;
+    ok = success;
+    error = e;
+  });
+  ASSERT_TRUE(SpinUntil([&] { return done; }));
+  EXPECT_FALSE(ok);
+  EXPECT_EQ(error, "No local file");
+  EXPECT_EQ(server.requestCount(), 0u);
+}
+
+// Faults.
+
+TEST_F(LibraryStoreTest, LibraryFolderDeletedAndRecreatedWhileWatchedIsFollowed) {
+  std::string library = LibraryFolder();
+  ASSERT_EQ(library, DefaultLibraryFolder());
+  store.startWatching();
+  ASSERT_TRUE(store.isWatching());
+  SpinFor(0.2);
+  // Deleted with everything in it, then made again at once, as a sync tool
+  // or a restore from a backup does.
+  std::filesystem::remove_all(library);
+  ASSERT_EQ(g_mkdir_with_parents((library + "/" + account).c_str(), 0755), 0);
+  std::string expected = "pdfs: folder moved — now " + library + "/" + account;
+  ASSERT_TRUE(SpinUntil([&] {
+    auto m = log.messages();
+    return std::find(m.begin(), m.end(), expected) != m.end();
+  })) << ::testing::PrintToString(log.messages());
+  SpinFor(1.5); // any rest of the deletion's events
+  ASSERT_TRUE(store.isWatching());
+  size_t restarts = 0;
+  for (const std::string& line : log.messages())
+    restarts += line == expected;
+
+  // A PDF edited in the recreated folder is noticed, once.
+  std::string path = localCopy("recreated", "v1");
+  SpinFor(0.2);
+  TempDir::WriteFile(path, PdfBytes("edited in the new folder"));
+  SetMTime(path, MTime(PdfStore::sidecarFor(path)) + 5);
+  ASSERT_TRUE(SpinUntil([&] { return !changes.empty(); }, 10));
+  SpinFor(3.5);
+  EXPECT_THAT(changes, ElementsAre("recreated"));
+  size_t restarts_after = 0;
+  for (const std::string& line : log.messages())
+    restarts_after += line == expected;
+  EXPECT_EQ(restarts_after, restarts) << "the watch kept restarting";
 }
 
 } // namespace

@@ -7,6 +7,7 @@
 #include "library/PdfFiles.h"
 
 #include "support/FakePage.h"
+#include "support/Fifo.h"
 #include "support/LogCapture.h"
 #include "support/MainLoop.h"
 #include "support/TempDir.h"
@@ -14,6 +15,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 namespace orvane {
 namespace {
@@ -250,8 +252,109 @@ TEST_F(PdfActionsTest, AgentActionsAreHandedOnAfterHello) {
 }
 
 TEST_F(PdfActionsTest, PaperIdWithANulCharacterCountsAsMissing) {
+  TestHttpServer server([](const HttpRequest&, HttpReply& r) { r.body = "%PDF-"; });
   signIn();
-  EXPECT_TRUE(act({{"action", "dragPdf"}, {"id", std::string("a\0b", 3)}}));
+  pdfAt("a");
+  for (const char* name :
+       {"openPdf", "preparePdf", "revealPdf", "dragPdf", "uploadFile", "markSynced"}) {
+    EXPECT_TRUE(act({{"action", name},
+                     {"id", std::string("a\0b", 3)},
+                     {"url", server.url("/a")},
+                     {"upload_url", server.url("/up")},
+                     {"mtime", 5}}))
+        << name;
+  }
+  SpinFor(0.1);
+  EXPECT_THAT(events, IsEmpty());
+  EXPECT_THAT(calls, IsEmpty());
+  EXPECT_EQ(server.requestCount(), 0u);
+  EXPECT_FALSE(g_file_test(PdfStore::sidecarFor(store.pathFor("a")).c_str(), G_FILE_TEST_EXISTS));
+}
+
+// The longest file name the library makes for a paper is a download's
+// temporary file: "." + the PDF's name + ".download-XXXXXX".
+size_t LongestFittingId(const std::string& folder) {
+  long limit = pathconf(folder.c_str(), _PC_NAME_MAX);
+  return size_t(limit) - std::string(".").size() - std::string(".pdf").size() -
+         std::string(".download-XXXXXX").size();
+}
+
+TEST_F(PdfActionsTest, PaperIdTooLongForAFileNameIsRefusedByEveryAction) {
+  TestHttpServer server([](const HttpRequest&, HttpReply& r) {
+    r.body = "%PDF-1.7\n" + std::string(300, 'y') + "\n%%EOF\n";
+  });
+  signIn();
+  for (size_t length : {LongestFittingId(store.folder()) + 1, size_t(300), size_t(5000)}) {
+    std::string id(length, 'q');
+    for (const char* name :
+         {"openPdf", "preparePdf", "revealPdf", "dragPdf", "uploadFile", "markSynced"}) {
+      events.clear();
+      EXPECT_TRUE(act({{"action", name},
+                       {"id", id},
+                       {"url", server.url("/q")},
+                       {"etag", "v1"},
+                       {"upload_url", server.url("/up")},
+                       {"mtime", 5}}))
+          << name;
+      ASSERT_TRUE(SpinUntil([&] { return !events.empty(); }, 10)) << name << " " << length;
+      SpinFor(0.05);
+      EXPECT_THAT(events, ElementsAre(json{
+                              {"type", "error"}, {"id", id}, {"message", "Paper id too long"}}))
+          << name << " " << length;
+    }
+  }
+  EXPECT_EQ(server.requestCount(), 0u);
+  EXPECT_THAT(calls, IsEmpty());
+  GDir* dir = g_dir_open(store.folder().c_str(), 0, nullptr);
+  ASSERT_TRUE(dir);
+  EXPECT_EQ(g_dir_read_name(dir), nullptr) << "the account folder is not empty";
+  g_dir_close(dir);
+}
+
+TEST_F(PdfActionsTest, LongestFittingPaperIdDownloadsAndSyncs) {
+  TestHttpServer server([](const HttpRequest&, HttpReply& r) {
+    r.body = "%PDF-1.7\n" + std::string(300, 'y') + "\n%%EOF\n";
+  });
+  signIn();
+  std::string id(LongestFittingId(store.folder()), 'r');
+  act({{"action", "openPdf"}, {"id", id}, {"url", server.url("/r")}, {"etag", "v1"}});
+  ASSERT_TRUE(SpinUntil([&] { return !events.empty(); }));
+  EXPECT_EQ(events[0], (json{{"type", "pdfOpened"}, {"id", id}}));
+  std::string path = store.pathFor(id);
+  EXPECT_TRUE(CompletePdf(path));
+  act({{"action", "markSynced"}, {"id", id}, {"etag", "v2"}, {"mtime", MTime(path)}});
+  auto sidecar = PdfStore::sidecarAt(path);
+  ASSERT_TRUE(sidecar);
+  EXPECT_EQ((*sidecar)["id"], id);
+  EXPECT_EQ((*sidecar)["etag"], "v2");
+  EXPECT_EQ(events.size(), 1u);
+}
+
+TEST_F(PdfActionsTest, FifoNamedLikeAPdfNeverBlocksAnAction) {
+  signIn();
+  std::string path = store.pathFor("piped");
+  ASSERT_TRUE(MakeFifo(path));
+  EXPECT_TRUE(ReturnsDespiteFifos({path}, [&] {
+    act({{"action", "markSynced"}, {"id", "piped"}, {"etag", "v1"}, {"mtime", 1000}});
+    act({{"action", "openPdf"}, {"id", "piped"}});
+    act({{"action", "dragPdf"}, {"id", "piped"}});
+  }));
+  // Not a file of the library: nothing to open and nothing to drag.
+  ASSERT_TRUE(SpinUntil([&] { return events.size() >= 2; }));
+  EXPECT_THAT(events,
+              ElementsAre(json{{"type", "error"}, {"id", "piped"}, {"message", "No PDF to fetch"}},
+                          json{{"type", "pdfNotReady"}, {"id", "piped"}}));
+  EXPECT_THAT(calls, IsEmpty());
+}
+
+TEST_F(PdfActionsTest, NonFiniteMtimeStampsZero) {
+  signIn();
+  std::string path = pdfAt("n");
+  for (const json& mtime : {json("1e400"), json("inf"), json("nan"), json(1e308 * 10)}) {
+    PdfStore::markSynced(path, "n", std::string("v0"), 1000);
+    act({{"action", "markSynced"}, {"id", "n"}, {"etag", "v1"}, {"mtime", mtime}});
+    EXPECT_EQ(MTime(PdfStore::sidecarFor(path)), 0) << mtime;
+  }
   EXPECT_THAT(events, IsEmpty());
 }
 

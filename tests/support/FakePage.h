@@ -12,10 +12,14 @@ namespace orvane {
 class FakePage final : public Page {
 public:
   explicit FakePage(std::string address = "http://127.0.0.1:8000/")
-      : address_(std::move(address)) {}
+      : current_(address), committed_(std::move(address)) {}
   void evaluateScript(const std::string& script) override { scripts.push_back(script); }
-  std::string currentAddress() const override { return address_; }
-  void setAddress(std::string address) { address_ = std::move(address); }
+  std::string currentAddress() const override { return current_; }
+  std::string committedAddress() const override { return committed_; }
+  // A load that has committed: the page now holds that document.
+  void setAddress(std::string address) { current_ = committed_ = std::move(address); }
+  // A load that has started but not committed: only the shown address moves.
+  void startLoad(std::string address) { current_ = std::move(address); }
 
   // The events delivered through window.panelEvent, decoded.
   std::vector<nlohmann::json> events() const {
@@ -39,7 +43,8 @@ public:
   std::vector<std::string> scripts;
 
 private:
-  std::string address_;
+  std::string current_;
+  std::string committed_;
 };
 
 } // namespace orvane

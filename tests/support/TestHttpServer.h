@@ -9,9 +9,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,6 +33,9 @@ struct HttpReply {
   std::string content_type = "application/octet-stream";
   std::map<std::string, std::string> headers;
   bool chunked = false; // send the body in chunked transfer encoding
+  // Declare the whole body's length but send only this many bytes of it,
+  // then keep the connection open and silent.
+  std::optional<size_t> stall_after;
 };
 
 class TestHttpServer {
@@ -127,6 +132,14 @@ private:
       soup_message_headers_replace(soup_server_message_get_response_headers(message), key.c_str(),
                                    header.c_str());
     soup_server_message_set_status(message, reply.status, nullptr);
+    if (reply.stall_after) {
+      SoupMessageHeaders* headers = soup_server_message_get_response_headers(message);
+      soup_message_headers_set_content_length(headers, goffset(reply.body.size()));
+      soup_message_headers_set_content_type(headers, reply.content_type.c_str(), nullptr);
+      soup_message_body_append(soup_server_message_get_response_body(message), SOUP_MEMORY_COPY,
+                               reply.body.data(), std::min(*reply.stall_after, reply.body.size()));
+      return; // the body is never completed
+    }
     if (reply.chunked) {
       SoupMessageHeaders* headers = soup_server_message_get_response_headers(message);
       soup_message_headers_set_encoding(headers, SOUP_ENCODING_CHUNKED);

@@ -184,6 +184,191 @@ TEST(AgentLineSplitterTest, Utf8ValidationIsStrict) {
   EXPECT_FALSE(IsValidUtf8("abcdefgh\xe2\x28\xa1")); // bad continuation after the fast path
 }
 
+// Bytes of a line feed-free run, cut the slow way: a piece ends at the
+// limit, moved back over at most three continuation bytes so that it ends
+// before the first byte of a character.
+std::vector<std::string> ReferencePieces(const std::string& line, size_t limit) {
+  std::vector<std::string> pieces;
+  size_t start = 0;
+  while (line.size() - start > limit) {
+    size_t cut = limit;
+    for (int back = 0; back < 3 && (static_cast<unsigned char>(line[start + cut]) & 0xC0) == 0x80;
+         ++back)
+      --cut;
+    if ((static_cast<unsigned char>(line[start + cut]) & 0xC0) == 0x80)
+      cut = limit;
+    pieces.push_back(line.substr(start, cut));
+    start += cut;
+  }
+  pieces.push_back(line.substr(start));
+  return pieces;
+}
+
+// The rule with a piece limit: every line cut into pieces, and each piece
+// kept when it is non-empty and valid UTF-8.
+std::vector<std::string> ReferenceLines(const std::string& stream, size_t limit) {
+  std::vector<std::string> lines;
+  size_t start = 0;
+  for (;;) {
+    size_t at = stream.find('\n', start);
+    std::string line = stream.substr(start, at == std::string::npos ? at : at - start);
+    for (const auto& piece : ReferencePieces(line, limit))
+      if (!piece.empty() && IsValidUtf8(piece))
+        lines.push_back(piece);
+    if (at == std::string::npos)
+      break;
+    start = at + 1;
+  }
+  return lines;
+}
+
+std::vector<std::string> AllLines(const std::vector<std::string>& chunks, size_t limit) {
+  LineSplitter splitter(limit);
+  std::vector<std::string> lines = Feed(splitter, chunks);
+  for (auto& line : splitter.finish())
+    lines.push_back(line);
+  return lines;
+}
+
+TEST(AgentLineSplitterTest, TheDefaultPieceLimitIs16MiB) {
+  EXPECT_EQ(LineSplitter::kDefaultPieceLimit, size_t(16) << 20);
+  EXPECT_EQ(LineSplitter().pieceLimit(), size_t(16) << 20);
+  EXPECT_EQ(LineSplitter(100).pieceLimit(), 100u);
+  // No piece could hold a four-byte character below four bytes.
+  EXPECT_EQ(LineSplitter(0).pieceLimit(), 4u);
+  EXPECT_EQ(LineSplitter(3).pieceLimit(), 4u);
+}
+
+TEST(AgentLineSplitterTest, LongLineComesOutInPiecesOfAtMostTheLimit) {
+  EXPECT_THAT(AllLines({"abcdefghijklmnopqrst\nnext\n"}, 8),
+              ElementsAre("abcdefgh", "ijklmnop", "qrst", "next"));
+  // A line of exactly the limit is one line.
+  EXPECT_THAT(AllLines({"abcdefgh\n"}, 8), ElementsAre("abcdefgh"));
+  EXPECT_THAT(AllLines({"abcdefghi\n"}, 8), ElementsAre("abcdefgh", "i"));
+  // Twice the limit: two full pieces, nothing empty after them.
+  EXPECT_THAT(AllLines({"abcdefghABCDEFGH\n"}, 8), ElementsAre("abcdefgh", "ABCDEFGH"));
+}
+
+TEST(AgentLineSplitterTest, PiecesGoOutBeforeTheLineFeedArrives) {
+  LineSplitter splitter(8);
+  std::vector<std::string> lines;
+  EXPECT_EQ(splitter.append("abcdefgh", lines), 0u); // could still be a whole line
+  EXPECT_EQ(splitter.append("i", lines), 1u);
+  EXPECT_THAT(lines, ElementsAre("abcdefgh"));
+  EXPECT_EQ(splitter.pending(), 1u);
+  for (int i = 0; i < 100; ++i) {
+    splitter.append("0123456789", lines);
+    EXPECT_LE(splitter.pending(), 8u);
+  }
+  splitter.append("\n", lines);
+  std::string joined;
+  for (const auto& line : lines) {
+    EXPECT_LE(line.size(), 8u);
+    joined += line;
+  }
+  std::string expected = "abcdefghi";
+  for (int i = 0; i < 100; ++i)
+    expected += "0123456789";
+  EXPECT_EQ(joined, expected);
+  EXPECT_EQ(splitter.pending(), 0u);
+}
+
+TEST(AgentLineSplitterTest, PiecesNeverSplitACharacter) {
+  for (std::string character : {"é", "€", "😀"}) {
+    for (size_t lead = 0; lead < 8; ++lead) {
+      std::string line = std::string(lead, 'a') + character + character + "zz";
+      std::vector<std::string> pieces = AllLines({line + "\n"}, 6);
+      std::string joined;
+      for (const auto& piece : pieces) {
+        EXPECT_LE(piece.size(), 6u) << line;
+        EXPECT_TRUE(IsValidUtf8(piece)) << line;
+        joined += piece;
+      }
+      EXPECT_EQ(joined, line);
+    }
+  }
+  // The cut moves back to the start of the character it would split.
+  EXPECT_THAT(AllLines({"aaaaa€bb\n"}, 6), ElementsAre("aaaaa", "€bb"));
+  EXPECT_THAT(AllLines({"aaa😀bb\n"}, 4), ElementsAre("aaa", "😀", "bb"));
+}
+
+TEST(AgentLineSplitterTest, PiecesOfALongLineThatAreNotUtf8AreDroppedAndTheOthersKept) {
+  // The bad byte spoils only the piece it falls in.
+  EXPECT_THAT(AllLines({"abcdefgh\xff"
+                        "bcdefghABCDEFGH\n"},
+                       8),
+              ElementsAre("abcdefgh", "ABCDEFGH"));
+  // A cut moves back over continuation bytes to a byte that may start a
+  // character...
+  EXPECT_THAT(AllLines({"abcdefg\x80\x80\x80\x80\x80xyzxyzxyzxyz\n"}, 8),
+              ElementsAre("abcdef", "zxyzxyzx", "yz"));
+  // ...but over three at most: a longer run is cut at the limit.
+  EXPECT_THAT(AllLines({"abcd\x80\x80\x80\x80\x80xyzxyzxyzxyz\n"}, 8), ElementsAre("yzxyz"));
+}
+
+TEST(AgentLineSplitterTest, FinishCutsTheRestIntoPiecesToo) {
+  {
+    LineSplitter splitter(8);
+    EXPECT_THAT(splitter.finish("abcdefghij\n€€€€"), ElementsAre("abcdefgh", "ij", "€€", "€€"));
+  }
+  {
+    LineSplitter splitter(8);
+    std::vector<std::string> lines;
+    splitter.append("0123456789abc", lines);
+    EXPECT_THAT(lines, ElementsAre("01234567"));
+    EXPECT_THAT(splitter.finish(), ElementsAre("89abc"));
+  }
+}
+
+TEST(AgentLineSplitterTest, RandomChunkingsWithASmallLimitKeepEveryByteOfValidLines) {
+  const std::vector<std::string> pieces = {
+      "word", "\n", "é", "€", "😀", "\r", "ab", "\xff", "\xe2\x82", "long run of plain ascii text"};
+  for (unsigned seed = 1; seed <= 300; ++seed) {
+    std::mt19937 random(seed);
+    size_t limit = std::uniform_int_distribution<size_t>(4, 12)(random);
+    std::string stream;
+    size_t count = std::uniform_int_distribution<size_t>(0, 80)(random);
+    for (size_t i = 0; i < count; ++i)
+      stream += pieces[std::uniform_int_distribution<size_t>(0, pieces.size() - 1)(random)];
+    std::vector<std::string> chunks;
+    for (size_t at = 0; at < stream.size();) {
+      size_t length = std::uniform_int_distribution<size_t>(1, 15)(random);
+      chunks.push_back(stream.substr(at, length));
+      at += length;
+    }
+    std::vector<std::string> lines = AllLines(chunks, limit);
+    EXPECT_EQ(lines, ReferenceLines(stream, limit)) << "seed " << seed;
+    for (const auto& line : lines)
+      EXPECT_LE(line.size(), limit) << "seed " << seed;
+  }
+}
+
+TEST(AgentLineSplitterTest, ALineOverTheDefaultLimitComesOutIn16MiBPieces) {
+  // "é€😀abc" is 12 bytes; 16 MiB falls in the middle of the euro sign.
+  const std::string pattern = "é€😀abc";
+  std::string line;
+  line.reserve(size_t(40) << 20);
+  while (line.size() + pattern.size() <= (size_t(40) << 20))
+    line += pattern;
+  LineSplitter splitter;
+  std::vector<std::string> lines;
+  for (size_t at = 0; at < line.size(); at += 65536)
+    splitter.append(std::string_view(line).substr(at, 65536), lines);
+  EXPECT_LE(splitter.pending(), LineSplitter::kDefaultPieceLimit);
+  for (auto& rest : splitter.finish())
+    lines.push_back(std::move(rest));
+  ASSERT_EQ(lines.size(), 3u);
+  EXPECT_EQ(lines[0].size(), (size_t(16) << 20) - 2);
+  size_t total = 0;
+  for (const auto& piece : lines) {
+    EXPECT_LE(piece.size(), LineSplitter::kDefaultPieceLimit);
+    EXPECT_TRUE(IsValidUtf8(piece));
+    EXPECT_EQ(std::string_view(line).substr(total, piece.size()), piece);
+    total += piece.size();
+  }
+  EXPECT_EQ(total, line.size());
+}
+
 TEST(AgentLineSplitterTest, RandomChunkingsNeverChangeTheLines) {
   const std::vector<std::string> pieces = {"word",
                                            " ",

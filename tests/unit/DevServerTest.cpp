@@ -68,6 +68,14 @@ TEST(DevServerTest, NotFoundCountsAsDownAndAllAttemptsAreMade) {
   EXPECT_EQ(server.requestCount(), 21u);
 }
 
+TEST(DevServerTest, ProjectFolderIsQuotedForTheShell) {
+  const std::string tail = " && nohup .venv/bin/uvicorn main:app --port 8000 > "
+                           "/tmp/shelfkeep.log 2>&1 &";
+  EXPECT_EQ(ServerStartCommand("/srv/site"), "cd '/srv/site'" + tail);
+  EXPECT_EQ(ServerStartCommand("/srv/my site"), "cd '/srv/my site'" + tail);
+  EXPECT_EQ(ServerStartCommand("/srv/it's; touch pwned"), "cd '/srv/it'\\''s; touch pwned'" + tail);
+}
+
 TEST(DevServerTest, WaitingStopsAtTheFirstSuccessfulProbe) {
   int probes = 0;
   Recorder recorder;

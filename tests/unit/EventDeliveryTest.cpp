@@ -72,6 +72,77 @@ TEST(EventDeliveryTest, PrimaryIsAWeakReference) {
   EXPECT_EQ(events.queuedEvents().size(), 1u);
 }
 
+TEST(EventDeliveryTest, PrimaryPageHoldingAnOffSiteDocumentGetsNothing) {
+  LogCapture log;
+  EventDelivery events([] { return std::string("http://127.0.0.1:8000"); });
+  auto page = std::make_shared<FakePage>("http://127.0.0.1:8000/");
+  events.setPrimaryWeb(page);
+  page->setAddress("http://127.0.0.1:9000/elsewhere");
+  events.sendEvent({{"type", "claudeLine"}, {"turn", "t"}, {"line", "secret"}});
+  events.sendEvent({{"type", "pdfChanged"}, {"id", "2401.01234"}});
+  EXPECT_TRUE(page->scripts.empty());
+  EXPECT_EQ(events.queuedEvents().size(), 2u);
+  EXPECT_EQ(events.primaryWeb(), nullptr);
+  EXPECT_THAT(log.messages(),
+              ElementsAre("bridge: the primary page left the site for "
+                          "http://127.0.0.1:9000/elsewhere — events wait for the next hello",
+                          "event claudeLine queued (no page yet)",
+                          "event pdfChanged queued (no page yet)"));
+}
+
+TEST(EventDeliveryTest, EventForAPageWithoutANetworkOriginIsQueued) {
+  EventDelivery events([] { return std::string("http://127.0.0.1:8000"); });
+  for (const char* address : {"blob:http://127.0.0.1:8000/x", "data:text/html,x", "about:blank",
+                              "file:///tmp/x.html", ""}) {
+    auto page = std::make_shared<FakePage>(address);
+    events.sendEvent({{"type", "friendQuote"}, {"text", "q"}}, page);
+    EXPECT_TRUE(page->scripts.empty()) << address;
+  }
+  EXPECT_EQ(events.queuedEvents().size(), 5u);
+}
+
+TEST(EventDeliveryTest, ALoadInFlightDoesNotMoveThePageOffTheSite) {
+  EventDelivery events([] { return std::string("http://127.0.0.1:8000"); });
+  auto page = std::make_shared<FakePage>("http://localhost:8000/");
+  events.setPrimaryWeb(page);
+  page->startLoad("https://evil.example/");
+  events.sendEvent({{"type", "pdfReady"}, {"id", "x"}});
+  EXPECT_THAT(page->eventTypes(), ElementsAre("pdfReady"));
+}
+
+TEST(EventDeliveryTest, PrimaryThatCommitsAnOffSiteDocumentStaysDemoted) {
+  LogCapture log;
+  EventDelivery events([] { return std::string("http://127.0.0.1:8000"); });
+  auto page = std::make_shared<FakePage>("http://127.0.0.1:8000/");
+  events.setPrimaryWeb(page);
+  page->setAddress("https://evil.example/landing");
+  events.pageCommitted(page);
+  EXPECT_EQ(events.primaryWeb(), nullptr);
+  // Coming back to the site is not enough: it has to say hello again.
+  page->setAddress("http://127.0.0.1:8000/");
+  events.pageCommitted(page);
+  EXPECT_EQ(events.primaryWeb(), nullptr);
+  events.sendEvent({{"type", "claudeLine"}, {"line", "x"}});
+  EXPECT_TRUE(page->scripts.empty());
+  EXPECT_EQ(events.queuedEvents().size(), 1u);
+  EXPECT_THAT(log.messages(),
+              ElementsAre("bridge: the primary page left the site for https://evil.example/landing "
+                          "— events wait for the next hello",
+                          "event claudeLine queued (no page yet)"));
+}
+
+TEST(EventDeliveryTest, CommitsOfOtherPagesLeaveThePrimaryAlone) {
+  EventDelivery events([] { return std::string("http://127.0.0.1:8000"); });
+  auto primary = std::make_shared<FakePage>();
+  auto other = std::make_shared<FakePage>("https://evil.example/");
+  events.setPrimaryWeb(primary);
+  events.pageCommitted(other);
+  events.pageCommitted(nullptr);
+  primary->setAddress("http://127.0.0.1:8000/?sparwin=1#spar/x");
+  events.pageCommitted(primary);
+  EXPECT_EQ(events.primaryWeb(), primary);
+}
+
 TEST(EventDeliveryTest, InvalidUtf8IsReplacedRatherThanThrown) {
   std::string script;
   EXPECT_NO_THROW(script = EventDelivery::EventScript({{"type", "claudeLine"}, {"line", "a\xff"}}));

@@ -1,11 +1,15 @@
 #include "library/LibraryFolder.h"
 
 #include "base/Settings.h"
+#include "library/PdfStore.h"
 #include "support/LogCapture.h"
 
+#include <fcntl.h>
 #include <glib/gstdio.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sys/stat.h>
 
 namespace orvane {
 namespace {
@@ -104,6 +108,76 @@ TEST_F(LibraryFolderTest, ReplacedFolderWithTheSameNameIsNotTheBookmarkedOne) {
   ResolvedBookmark resolved = ResolveBookmark(*bookmark, "/nonexistent");
   EXPECT_EQ(resolved.outcome, BookmarkResolution::ResolvedStale);
   EXPECT_EQ(resolved.path, elsewhere);
+}
+
+TEST_F(LibraryFolderTest, BookmarkRecordsTheFoldersBirthAndSurvivesTheSetting) {
+  TempDir area;
+  auto bookmark = FolderBookmark::For(area.path());
+  ASSERT_TRUE(bookmark);
+  struct statx info;
+  ASSERT_EQ(statx(AT_FDCWD, area.path().c_str(), 0, STATX_BTIME, &info), 0);
+  if (info.stx_mask & STATX_BTIME) {
+    EXPECT_EQ(bookmark->birth_seconds, info.stx_btime.tv_sec);
+    EXPECT_EQ(bookmark->birth_nanoseconds, info.stx_btime.tv_nsec);
+  } else {
+    EXPECT_EQ(bookmark->birth_seconds, 0);
+  }
+  auto parsed = FolderBookmark::Parse(bookmark->serialise());
+  ASSERT_TRUE(parsed);
+  EXPECT_EQ(parsed->birth_seconds, bookmark->birth_seconds);
+  EXPECT_EQ(parsed->birth_nanoseconds, bookmark->birth_nanoseconds);
+  // A bookmark stored before births were recorded still resolves.
+  auto older = FolderBookmark::Parse(nlohmann::json{
+      {"path", area.path()},
+      {"device", bookmark->device},
+      {"inode", bookmark->inode}}.dump());
+  ASSERT_TRUE(older);
+  EXPECT_EQ(ResolveBookmark(*older, "/nonexistent").outcome, BookmarkResolution::Resolved);
+}
+
+TEST_F(LibraryFolderTest, NewFolderThatInheritedTheInodeNumberIsNotTheBookmarkedOne) {
+  // The bookmarked folder was deleted and its inode number went to a new
+  // folder, made later: here, the same folder with the bookmark's birth
+  // moved back a little.
+  TempDir area;
+  std::string folder = area.file("Papers");
+  g_mkdir(folder.c_str(), 0755);
+  auto bookmark = FolderBookmark::For(folder);
+  ASSERT_TRUE(bookmark);
+  if (bookmark->birth_seconds == 0)
+    GTEST_SKIP() << "this file system records no birth times";
+  bookmark->birth_seconds -= 100;
+  EXPECT_EQ(ResolveBookmark(*bookmark, area.path()).outcome, BookmarkResolution::Unresolvable);
+}
+
+TEST_F(LibraryFolderTest, AccountMadeOnlyOfDotsIsTheDefault) {
+  for (const char* name : {".", "..", "...", "./..", "%.%", "../../etc"})
+    EXPECT_NE(SanitisedAccount(name).find_first_not_of('.'), std::string::npos) << name;
+  EXPECT_EQ(SanitisedAccount("."), "default");
+  EXPECT_EQ(SanitisedAccount(".."), "default");
+  EXPECT_EQ(SanitisedAccount("..."), "default");
+  EXPECT_EQ(SanitisedAccount("./.."), "default");
+  EXPECT_EQ(SanitisedAccount("../../etc"), "....etc");
+  EXPECT_EQ(SanitisedAccount(".a."), ".a.");
+}
+
+TEST_F(LibraryFolderTest, AccountFolderIsAlwaysAChildOfTheLibraryFolder) {
+  std::string library = LibraryFolder();
+  for (const char* name : {"..", ".", "/..", "..\\..", "", "jane"}) {
+    VirtualScheduler scheduler;
+    PdfStore store(scheduler);
+    store.setAccount(name);
+    std::string folder = store.folder();
+    EXPECT_EQ(folder.substr(0, library.size() + 1), library + "/") << name;
+    std::string rest = folder.substr(library.size() + 1);
+    EXPECT_EQ(rest.find('/'), std::string::npos) << name;
+    EXPECT_NE(rest.find_first_not_of('.'), std::string::npos) << name;
+    EXPECT_TRUE(g_file_test(folder.c_str(), G_FILE_TEST_IS_DIR)) << name;
+  }
+  VirtualScheduler scheduler;
+  PdfStore store(scheduler);
+  store.setAccount("..");
+  EXPECT_EQ(store.folder(), library + "/default");
 }
 
 } // namespace

@@ -78,15 +78,24 @@ public:
 
 class MessageDispatcherTest : public ::testing::Test {
 protected:
-  MessageDispatcherTest() : dispatcher(host, events, [this] { return site; }) {
+  MessageDispatcherTest()
+      : dispatcher(
+            host, events, [this] { return site; }, [this] { return clock.now(); }) {
     host.dispatcher = &dispatcher;
     host.events = &events;
   }
+  // A message from the main frame of the page's committed document.
   void post(const json& body, const PageRef& from) {
-    dispatcher.didReceiveScriptMessage("panel", body, from);
+    std::string document = from ? from->committedAddress() : "";
+    dispatcher.didReceiveScriptMessage("panel", body, from, {document, true});
+  }
+  // A message from a frame inside the page.
+  void postFromFrame(const json& body, const PageRef& from, const std::string& document) {
+    dispatcher.didReceiveScriptMessage("panel", body, from, {document, false});
   }
 
   LogCapture log;
+  VirtualScheduler clock;
   std::string site = "http://127.0.0.1:8000";
   RecordingHost host;
   EventDelivery events;
@@ -95,7 +104,8 @@ protected:
 };
 
 TEST_F(MessageDispatcherTest, MessageOnAnotherChannelDoesNothing) {
-  dispatcher.didReceiveScriptMessage("other", {{"action", "hello"}}, library);
+  dispatcher.didReceiveScriptMessage("other", {{"action", "hello"}}, library,
+                                     {library->committedAddress(), true});
   EXPECT_THAT(log.messages(), IsEmpty());
   EXPECT_THAT(host.calls, IsEmpty());
   EXPECT_EQ(events.primaryWeb(), nullptr);
@@ -142,7 +152,7 @@ TEST_F(MessageDispatcherTest, CloseFromTheLibraryPageLeavesWindowsAlone) {
 TEST_F(MessageDispatcherTest, CloseSparAndDragFileAreDispatched) {
   post({{"action", "closeSpar"}}, library);
   post({{"action", "dragFile"}, {"path", "/tmp/a.pdf"}}, library);
-  post({{"action", "dragFile"}, {"path", "/tmp/b.pdf"}}, nullptr);
+  post({{"action", "dragFile"}, {"path", "/tmp/b.pdf"}}, host.panel);
   post({{"action", "dragFile"}, {"path", ""}}, library);
   EXPECT_THAT(host.calls,
               ElementsAre("closeSpar", "drag /tmp/a.pdf from page", "drag /tmp/b.pdf from panel"));
@@ -154,6 +164,21 @@ TEST_F(MessageDispatcherTest, UnknownActionWritesOnlyTheMessageLine) {
   post({{"action", "frobnicate"}}, library);
   EXPECT_EQ(log.messages().size(), before + 1);
   EXPECT_EQ(log.messages().back(), "message: frobnicate");
+}
+
+TEST_F(MessageDispatcherTest, PathsAndIdsHoldingANulCountAsMissing) {
+  post({{"action", "hello"}, {"account", "a"}}, library);
+  host.calls.clear();
+  const std::string nul_path("/tmp/a.pdf\0/etc/passwd", 22);
+  const std::string nul_id("2401.01234\0x", 12);
+  post({{"action", "dragFile"}, {"path", nul_path}}, library);
+  post({{"action", "previewSplit"}, {"path", nul_path}}, library);
+  post({{"action", "previewSplit"}, {"id", nul_id}, {"url", "http://s/p"}}, library);
+  post({{"action", "spar"}, {"id", nul_id}}, library);
+  EXPECT_THAT(host.calls, IsEmpty());
+  // A path that counts as missing leaves the id to decide.
+  post({{"action", "previewSplit"}, {"path", nul_path}, {"id", "2401.01234"}}, library);
+  EXPECT_THAT(host.calls, ElementsAre("ensureLocal 2401.01234 - -"));
 }
 
 TEST_F(MessageDispatcherTest, PreviewSplitWithPathOpensThatFile) {
@@ -232,6 +257,22 @@ TEST_F(MessageDispatcherTest, SecondHelloMovesLaterEventsToTheNewPage) {
   EXPECT_THAT(sparring->eventTypes(), ElementsAre("claudeStatus", "claudeLine"));
 }
 
+TEST_F(MessageDispatcherTest, PrimaryThatLeavesTheSiteWaitsForTheNextHello) {
+  post({{"action", "hello"}, {"account", "a"}}, library);
+  library->setAddress("http://127.0.0.1:8001/foreign");
+  events.pageCommitted(library);
+  events.sendEvent({{"type", "claudeLine"}, {"turn", "t"}, {"line", "/home/a/paper.pdf"}});
+  events.sendEvent({{"type", "pdfChanged"}, {"id", "2401.01234"}});
+  EXPECT_THAT(library->eventTypes(), ElementsAre("claudeStatus"));
+  // The foreign document cannot say hello; a site page can, and gets them.
+  post({{"action", "hello"}, {"account", "a"}}, library);
+  EXPECT_THAT(library->eventTypes(), ElementsAre("claudeStatus"));
+  auto sparring = std::make_shared<FakePage>("http://localhost:8000/?sparwin=1#spar/x");
+  post({{"action", "hello"}, {"account", "a"}}, sparring);
+  EXPECT_THAT(sparring->eventTypes(), ElementsAre("claudeLine", "pdfChanged", "claudeStatus"));
+  EXPECT_THAT(events.queuedEvents(), IsEmpty());
+}
+
 TEST_F(MessageDispatcherTest, MessageFromAnOffSitePageIsRefused) {
   auto elsewhere = std::make_shared<FakePage>("https://evil.example/page?x=1");
   post({{"action", "hello"}, {"account", "a"}}, elsewhere);
@@ -241,13 +282,128 @@ TEST_F(MessageDispatcherTest, MessageFromAnOffSitePageIsRefused) {
   EXPECT_THAT(host.calls, IsEmpty());
 }
 
-TEST_F(MessageDispatcherTest, LocalhostPagesCountAsOnTheSiteEvenForARemoteSite) {
-  site = "https://papers.example";
-  auto local = std::make_shared<FakePage>("http://localhost:5173/");
+TEST_F(MessageDispatcherTest, PageOnAnotherPortOfTheSiteHostIsRefused) {
+  auto elsewhere = std::make_shared<FakePage>("http://127.0.0.1:8001/");
+  post({{"action", "hello"}, {"account", "a"}}, elsewhere);
+  EXPECT_THAT(log.messages(),
+              ElementsAre("message from off-site page http://127.0.0.1:8001/ — ignored"));
+  EXPECT_EQ(events.primaryWeb(), nullptr);
+  EXPECT_THAT(host.calls, IsEmpty());
+}
+
+TEST_F(MessageDispatcherTest, DocumentsWithoutANetworkOriginAreRefused) {
+  std::vector<PageRef> pages;
+  for (const char* address : {"blob:http://127.0.0.1:8000/6c1b2f0e", "data:text/html,<p>x",
+                              "about:blank", "about:srcdoc", "file:///home/a/page.html", ""}) {
+    pages.push_back(std::make_shared<FakePage>(address));
+    post({{"action", "closeSpar"}}, pages.back());
+  }
+  EXPECT_THAT(host.calls, IsEmpty());
+  EXPECT_EQ(log.messages().size(), 6u);
+  for (const std::string& line : log.messages())
+    EXPECT_THAT(line, ::testing::StartsWith("message from off-site page ")) << line;
+}
+
+TEST_F(MessageDispatcherTest, LocalhostAndTheLoopbackAddressAreOneHost) {
+  auto local = std::make_shared<FakePage>("http://localhost:8000/library");
   post({{"action", "closeSpar"}}, local);
-  auto remote = std::make_shared<FakePage>("https://papers.example/library");
-  post({{"action", "closeSpar"}}, remote);
+  site = "http://localhost:8000/";
+  post({{"action", "closeSpar"}}, library);
   EXPECT_THAT(host.calls, ElementsAre("closeSpar", "closeSpar"));
+}
+
+TEST_F(MessageDispatcherTest, LocalhostPagesOfAnotherOriginAreRefusedForARemoteSite) {
+  site = "https://papers.example";
+  post({{"action", "closeSpar"}}, std::make_shared<FakePage>("http://localhost:5173/"));
+  post({{"action", "closeSpar"}}, std::make_shared<FakePage>("http://papers.example/"));
+  post({{"action", "closeSpar"}}, std::make_shared<FakePage>("https://papers.example:444/"));
+  EXPECT_THAT(host.calls, IsEmpty());
+  post({{"action", "closeSpar"}}, std::make_shared<FakePage>("https://papers.example:443/x"));
+  post({{"action", "closeSpar"}}, std::make_shared<FakePage>("https://PAPERS.example/library"));
+  EXPECT_THAT(host.calls, ElementsAre("closeSpar", "closeSpar"));
+}
+
+TEST_F(MessageDispatcherTest, RefusedAddressIsCutAndItsControlCharactersEscaped) {
+  std::string address = "https://evil.example/a\nb\x1b[31m\t" + std::string(300, 'z');
+  post({{"action", "hello"}}, std::make_shared<FakePage>(address));
+  ASSERT_EQ(log.messages().size(), 1u);
+  std::string shown = "https://evil.example/a\\nb\\x1b[31m\\t" + std::string(170, 'z');
+  EXPECT_EQ(log.messages()[0], "message from off-site page " + shown + " — ignored");
+}
+
+TEST_F(MessageDispatcherTest, RefusalsOfOnePageAreLoggedAtMostOnceASecond) {
+  auto elsewhere = std::make_shared<FakePage>("https://evil.example/");
+  const std::string refusal = "message from off-site page https://evil.example/ — ignored";
+  for (int i = 0; i < 5; ++i) {
+    post({{"action", "runClaude"}}, elsewhere);
+    clock.advance(0.1);
+  }
+  EXPECT_THAT(log.messages(), ElementsAre(refusal));
+  clock.advance(0.6);
+  post({{"action", "runClaude"}}, elsewhere);
+  EXPECT_THAT(log.messages(),
+              ElementsAre(refusal,
+                          "bridge: 4 more messages from off-site pages ignored since the last line",
+                          refusal));
+  // A second later, with nothing held back, only the line itself.
+  clock.advance(1.0);
+  post({{"action", "runClaude"}}, elsewhere);
+  EXPECT_EQ(log.messages().size(), 4u);
+  EXPECT_EQ(log.messages().back(), refusal);
+  EXPECT_THAT(host.calls, IsEmpty());
+}
+
+TEST_F(MessageDispatcherTest, EachPageHasItsOwnRefusalLine) {
+  auto first = std::make_shared<FakePage>("https://one.example/");
+  auto second = std::make_shared<FakePage>("https://two.example/");
+  post({{"action", "hello"}}, first);
+  post({{"action", "hello"}}, second);
+  post({{"action", "hello"}}, first);
+  EXPECT_THAT(log.messages(),
+              ElementsAre("message from off-site page https://one.example/ — ignored",
+                          "message from off-site page https://two.example/ — ignored"));
+}
+
+TEST_F(MessageDispatcherTest, MessageFromAFrameInsideASitePageIsRefused) {
+  // Another origin, and even the site's own origin: a frame is not the page.
+  postFromFrame({{"action", "hello"}, {"account", "mallory"}}, library, "http://127.0.0.1:8001/ad");
+  clock.advance(1.5);
+  postFromFrame({{"action", "runClaude"}, {"turn", "t"}}, library, "http://127.0.0.1:8000/embed");
+  EXPECT_THAT(log.messages(),
+              ElementsAre("message from off-site page http://127.0.0.1:8001/ad — ignored",
+                          "message from off-site page http://127.0.0.1:8000/embed — ignored"));
+  EXPECT_EQ(events.primaryWeb(), nullptr);
+  EXPECT_FALSE(host.store.account().has_value());
+  EXPECT_THAT(host.calls, IsEmpty());
+}
+
+TEST_F(MessageDispatcherTest, ALoadInFlightDoesNotPutAPageOnTheSite) {
+  // The page has started to load the site but still holds another document.
+  auto page = std::make_shared<FakePage>("https://evil.example/");
+  page->startLoad("http://127.0.0.1:8000/");
+  post({{"action", "closeSpar"}}, page);
+  EXPECT_THAT(log.messages(),
+              ElementsAre("message from off-site page https://evil.example/ — ignored"));
+  // And the other way round: leaving the site is not yet off it.
+  library->startLoad("https://evil.example/");
+  post({{"action", "closeSpar"}}, library);
+  EXPECT_THAT(host.calls, ElementsAre("closeSpar"));
+}
+
+TEST_F(MessageDispatcherTest, MessageOfThePreviousDocumentArrivingAfterACommitIsRefused) {
+  // Posted by an off-site document, received once the site had committed.
+  dispatcher.didReceiveScriptMessage("panel", {{"action", "hello"}}, library,
+                                     {"https://evil.example/", true});
+  EXPECT_THAT(log.messages(),
+              ElementsAre("message from off-site page https://evil.example/ — ignored"));
+  EXPECT_EQ(events.primaryWeb(), nullptr);
+}
+
+TEST_F(MessageDispatcherTest, MessageWithoutAPageIsRefused) {
+  dispatcher.didReceiveScriptMessage("panel", {{"action", "dragFile"}, {"path", "/tmp/a.pdf"}},
+                                     nullptr, {"http://127.0.0.1:8000/", true});
+  EXPECT_THAT(log.messages(), ElementsAre("message from off-site page  — ignored"));
+  EXPECT_THAT(host.calls, IsEmpty());
 }
 
 } // namespace

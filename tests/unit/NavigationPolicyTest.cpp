@@ -50,6 +50,50 @@ TEST(NavigationPolicyTest, UnparsableSiteAddressLeavesOnlyLocalAndHostless) {
   EXPECT_FALSE(IsOnSite("https://papers.example/", broken));
 }
 
+TEST(NavigationPolicyTest, ClickedLinkOffTheSiteLeavesOnlyForWebAndMailAddresses) {
+  EXPECT_EQ(DecideNavigation("http://arxiv.example/abs/1", true, kSite),
+            NavigationDecision::OpenInBrowser);
+  EXPECT_EQ(DecideNavigation("HTTPS://arxiv.example/", true, kSite),
+            NavigationDecision::OpenInBrowser);
+  for (const char* target :
+       {"ftp://files.example/a.txt", "smb://server.example/share", "ssh://host.example/",
+        "sftp://host.example/x", "orvane-helper://run.example/x", "vnc://desk.example/",
+        "ms-settings://x.example/"}) {
+    EXPECT_EQ(DecideNavigation(target, true, kSite), NavigationDecision::Drop) << target;
+  }
+}
+
+TEST(NavigationPolicyTest, AddressesWithoutHostStayUnderTheHostRule) {
+  // Host-less addresses are on the site, so they never leave the program.
+  for (const char* target : {"file:///etc/passwd", "javascript:alert(1)", "data:text/html,x",
+                             "mailto:someone@example.org", "about:blank"}) {
+    EXPECT_EQ(DecideNavigation(target, true, kSite), NavigationDecision::Allow) << target;
+  }
+}
+
+TEST(NavigationPolicyTest, PopUpLeavesOnlyWhenAskedForAndForWebAndMailAddresses) {
+  EXPECT_EQ(DecidePopUp("https://papers.example/a", true), PopUpDecision::OpenInBrowser);
+  EXPECT_EQ(DecidePopUp("http://elsewhere.example/", true), PopUpDecision::OpenInBrowser);
+  EXPECT_EQ(DecidePopUp("mailto:someone@example.org", true), PopUpDecision::OpenInBrowser);
+  EXPECT_EQ(DecidePopUp("https://papers.example/a", false), PopUpDecision::DropNoGesture);
+  EXPECT_EQ(DecidePopUp("file:///etc/passwd", false), PopUpDecision::DropNoGesture);
+  for (const char* target :
+       {"file:///home/a/.ssh/id_rsa", "javascript:alert(1)", "data:text/html,x",
+        "blob:https://papers.example/x", "ftp://files.example/", "about:blank",
+        "x-scheme-handler://x", "apt:sl", "", "no scheme at all", "://", "ht tp://x"}) {
+    EXPECT_EQ(DecidePopUp(target, true), PopUpDecision::DropScheme) << target;
+  }
+}
+
+TEST(NavigationPolicyTest, SchemeFilterReadsOnlyTheScheme) {
+  EXPECT_TRUE(MayLeaveTheProgram("mailto:a@example.org?subject=x"));
+  EXPECT_TRUE(MayLeaveTheProgram("Http://x.example/"));
+  EXPECT_FALSE(MayLeaveTheProgram("httpx://x.example/"));
+  EXPECT_FALSE(MayLeaveTheProgram(" http://x.example/"));
+  EXPECT_FALSE(MayLeaveTheProgram(std::string("http\0://x", 9)));
+  EXPECT_FALSE(MayLeaveTheProgram("https" + std::string(10000, 's') + "://x"));
+}
+
 TEST(CapabilitiesScriptTest, ExactTextWithoutAnAgent) {
   EXPECT_EQ(CapabilitiesScript(""),
             std::string("window.panelCaps = {localPdfs: true, hotkey: true, dockDrop: true, "

@@ -1,9 +1,12 @@
 #include "library/PdfFiles.h"
 #include "library/PdfStore.h"
 
+#include "support/Fifo.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 namespace orvane {
 namespace {
@@ -112,6 +115,138 @@ TEST(PdfFilesTest, ExtensionsAreLowerCasedAndHiddenNamesHaveNone) {
   EXPECT_EQ(LowerExtension("/a/notes.txt"), "txt");
   EXPECT_EQ(LowerExtension("/a/.hidden"), "");
   EXPECT_EQ(LowerExtension("/a/.x.pdf.download-AB12CD"), "download-ab12cd");
+}
+
+// Files in the account folder that are not plain files.
+
+constexpr char kSidecarText[] = R"({"id":"2401.01234","etag":"e"})";
+
+TEST_F(SidecarTest, FifoNamedLikeASidecarIsNoSidecarAndNeverBlocks) {
+  std::string path = pdf(2000);
+  ASSERT_TRUE(MakeFifo(PdfStore::sidecarFor(path)));
+  std::optional<nlohmann::json> sidecar = nlohmann::json("untouched");
+  bool edited = true;
+  EXPECT_TRUE(ReturnsDespiteFifos({PdfStore::sidecarFor(path)}, [&] {
+    sidecar = PdfStore::sidecarAt(path);
+    edited = PdfStore::hasUnsyncedEdits(path);
+  }));
+  EXPECT_EQ(sidecar, std::nullopt);
+  EXPECT_FALSE(edited);
+}
+
+TEST_F(SidecarTest, FifoNamedLikeAPdfIsNoFileAndNeverBlocks) {
+  std::string path = dir.file("piped.pdf");
+  ASSERT_TRUE(MakeFifo(path));
+  PdfStore::markSynced(path, "piped", std::string("e"), 1000);
+  bool complete = true, edited = true, exists = true;
+  EXPECT_TRUE(ReturnsDespiteFifos({path}, [&] {
+    complete = CompletePdf(path);
+    edited = PdfStore::hasUnsyncedEdits(path);
+    exists = FileExists(path);
+  }));
+  EXPECT_FALSE(complete);
+  EXPECT_FALSE(edited);
+  EXPECT_FALSE(exists);
+  EXPECT_EQ(MTime(path), 0);
+}
+
+TEST_F(SidecarTest, SocketOrFolderNamedLikeAPdfIsNoFile) {
+  std::string socket_path = dir.file("s.pdf");
+  int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  ASSERT_LT(socket_path.size(), sizeof address.sun_path);
+  socket_path.copy(address.sun_path, socket_path.size());
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  std::string folder = dir.file("f.pdf");
+  g_mkdir(folder.c_str(), 0755);
+  for (const std::string& path : {socket_path, folder}) {
+    EXPECT_FALSE(FileExists(path)) << path;
+    EXPECT_FALSE(CompletePdf(path)) << path;
+    EXPECT_EQ(FileSize(path), 0) << path;
+  }
+  close(listener);
+}
+
+TEST_F(SidecarTest, SidecarLargerThan64KiBIsNoSidecar) {
+  std::string path = pdf(2000);
+  std::string text = kSidecarText;
+  dir.write(".2401.01234.pdf.synced", text + std::string(65536 - text.size(), ' '));
+  SetMTime(PdfStore::sidecarFor(path), 1000);
+  ASSERT_TRUE(PdfStore::sidecarAt(path));
+  EXPECT_TRUE(PdfStore::hasUnsyncedEdits(path));
+  dir.write(".2401.01234.pdf.synced", text + std::string(65537 - text.size(), ' '));
+  SetMTime(PdfStore::sidecarFor(path), 1000);
+  EXPECT_EQ(PdfStore::sidecarAt(path), std::nullopt);
+  EXPECT_FALSE(PdfStore::hasUnsyncedEdits(path));
+}
+
+TEST_F(SidecarTest, SidecarThatLinksOutOfTheFolderIsNoSidecar) {
+  TempDir outside;
+  std::string target = outside.write("elsewhere.synced", kSidecarText);
+  SetMTime(target, 1000);
+  std::string path = pdf(2000);
+  ASSERT_EQ(symlink(target.c_str(), PdfStore::sidecarFor(path).c_str()), 0);
+  EXPECT_EQ(PdfStore::sidecarAt(path), std::nullopt);
+  EXPECT_FALSE(PdfStore::hasUnsyncedEdits(path));
+}
+
+TEST_F(SidecarTest, PdfThatLinksOutOfTheFolderIsNoLibraryFile) {
+  TempDir outside;
+  std::string target =
+      outside.write("elsewhere.pdf", "%PDF-1.7\n" + std::string(40, 'x') + "\n%%EOF\n");
+  SetMTime(target, 2000);
+  std::string path = dir.file("linked.pdf");
+  ASSERT_EQ(symlink(target.c_str(), path.c_str()), 0);
+  dir.write(".linked.pdf.synced", R"({"id":"linked","etag":""})");
+  SetMTime(PdfStore::sidecarFor(path), 1000);
+  EXPECT_FALSE(FileExists(path));
+  EXPECT_EQ(MTime(path), 0);
+  EXPECT_EQ(FileSize(path), 0);
+  EXPECT_FALSE(CompletePdf(path));
+  EXPECT_FALSE(PdfStore::hasUnsyncedEdits(path));
+}
+
+TEST_F(SidecarTest, MarkSyncedNeverWritesThroughALink) {
+  TempDir outside;
+  // A paper id long enough that the sidecar's name fits the folder but a
+  // temporary name beside it would not: the write fails, and the stamp must
+  // not land on whatever the sidecar's name points at.
+  for (size_t length : {size_t(10), size_t(240)}) {
+    std::string target = outside.write("target" + std::to_string(length), "keep me");
+    SetMTime(target, 1234);
+    std::string id(length, 'p');
+    std::string path = dir.file(id + ".pdf");
+    ASSERT_EQ(symlink(target.c_str(), PdfStore::sidecarFor(path).c_str()), 0) << length;
+    PdfStore::markSynced(path, id, std::string("e"), 5000);
+    EXPECT_EQ(TempDir::Read(target), "keep me") << length;
+    EXPECT_DOUBLE_EQ(MTime(target), 1234) << length;
+  }
+}
+
+TEST_F(SidecarTest, EtagTooLargeForASidecarLeavesTheOldOneAsItWas) {
+  std::string path = pdf(1000);
+  PdfStore::markSynced(path, "2401.01234", std::string("v1"), 1000);
+  PdfStore::markSynced(path, "2401.01234", std::string(kMaxSidecarBytes, 'e'), 2000);
+  auto sidecar = PdfStore::sidecarAt(path);
+  ASSERT_TRUE(sidecar);
+  EXPECT_EQ((*sidecar)["etag"], "v1");
+  EXPECT_DOUBLE_EQ(MTime(PdfStore::sidecarFor(path)), 1000);
+  // Just small enough: written and read back whole.
+  std::string record = nlohmann::json{{"id", "2401.01234"}, {"etag", ""}}.dump();
+  std::string largest(kMaxSidecarBytes - record.size(), 'e');
+  PdfStore::markSynced(path, "2401.01234", largest, 2000);
+  EXPECT_EQ(PdfStore::sidecarString(*PdfStore::sidecarAt(path), "etag"), largest);
+}
+
+TEST_F(SidecarTest, MarkSyncedStampsTimesNoFileCanHoldWithoutHarm) {
+  std::string path = pdf(1000);
+  for (double mtime : {1e300, -1e300, 9.3e18, std::nan(""), 1e-300}) {
+    PdfStore::markSynced(path, "2401.01234", std::string("e"), mtime);
+    auto sidecar = PdfStore::sidecarAt(path);
+    ASSERT_TRUE(sidecar) << mtime;
+    EXPECT_EQ((*sidecar)["etag"], "e");
+  }
 }
 
 } // namespace

@@ -3,6 +3,7 @@
 #include "library/PdfFiles.h"
 #include "library/PdfStore.h"
 
+#include "support/Fifo.h"
 #include "support/LogCapture.h"
 
 #include <gmock/gmock.h>
@@ -11,6 +12,7 @@
 namespace orvane {
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -126,6 +128,52 @@ TEST_F(PdfStoreWatchTest, RootChangeIsLoggedAndWatchingRestarts) {
   store.storeEvents({{store.folder(), true}});
   EXPECT_EQ(log.messages().back(), "pdfs: folder moved — now " + store.folder());
   EXPECT_TRUE(store.isWatching());
+}
+
+TEST_F(PdfStoreWatchTest, RescanSkipsFifosAndLinksAndStillReportsRealEdits) {
+  editedPdf("real");
+  // A FIFO named like an edited PDF, and one named like the sidecar of one.
+  std::string piped = store.pathFor("piped");
+  ASSERT_TRUE(MakeFifo(piped));
+  PdfStore::markSynced(piped, "piped", std::string("e"), 1000);
+  std::string quiet = editedPdf("quiet");
+  std::string quiet_sidecar = PdfStore::sidecarFor(quiet);
+  g_unlink(quiet_sidecar.c_str());
+  ASSERT_TRUE(MakeFifo(quiet_sidecar));
+  // An edited PDF that lives outside the folder, linked in under a paper's name.
+  TempDir outside;
+  std::string target =
+      outside.write("outside.pdf", "%PDF-1.7\n" + std::string(100, 'x') + "\n%%EOF\n");
+  SetMTime(target, 2000);
+  std::string linked = store.pathFor("linked");
+  ASSERT_EQ(symlink(target.c_str(), linked.c_str()), 0);
+  PdfStore::markSynced(linked, "linked", std::string("e"), 1000);
+
+  EXPECT_TRUE(ReturnsDespiteFifos({piped, quiet_sidecar}, [&] { store.rescan(); }));
+  ASSERT_EQ(changes.size(), 1u);
+  EXPECT_EQ(changes[0].id, "real");
+}
+
+TEST_F(PdfStoreWatchTest, TouchedPdfWhoseSidecarIsAFifoNeverBlocks) {
+  std::string path = editedPdf("touched");
+  std::string sidecar = PdfStore::sidecarFor(path);
+  g_unlink(sidecar.c_str());
+  ASSERT_TRUE(MakeFifo(sidecar));
+  EXPECT_TRUE(ReturnsDespiteFifos({sidecar}, [&] {
+    store.fileTouched(path);
+    scheduler.runAll();
+  }));
+  EXPECT_THAT(changes, IsEmpty());
+}
+
+TEST_F(PdfStoreWatchTest, LostEventsBringARescan) {
+  // Edited while the watch's queue overflowed: no event names it.
+  editedPdf("2401.77777");
+  store.storeEvents({{"", false, true}});
+  ASSERT_EQ(changes.size(), 1u);
+  EXPECT_EQ(changes[0].id, "2401.77777");
+  EXPECT_THAT(log.messages(), Contains("pdfs: watch overflowed — rescanning"));
+  EXPECT_EQ(log.messages().back(), "pdfs: 2401.77777.pdf has unsynced edits from earlier");
 }
 
 } // namespace

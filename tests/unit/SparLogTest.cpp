@@ -63,15 +63,31 @@ TEST(SparLogTest, DeletedFileIsCreatedAgainByTheNextLine) {
   EXPECT_THAT(log.messages(), ElementsAre("second"));
 }
 
-TEST(SparLogTest, LoggerCreatesItsOwnFolderButNothingAbove) {
+TEST(SparLogTest, LoggerCreatesAMissingStateFolder) {
+  // A fresh account: the home folder exists, nothing under it does yet.
   TempDir dir;
-  SetLogFilePathForTesting(dir.file("state/orvane/Orvane.log"));
-  SparLog("lost");
-  EXPECT_FALSE(g_file_test(dir.file("state").c_str(), G_FILE_TEST_EXISTS));
-  g_mkdir(dir.file("state").c_str(), 0755);
+  g_mkdir(dir.file("home").c_str(), 0755);
+  SetLogFilePathForTesting(dir.file("home/.local/state/orvane/Orvane.log"));
   SparLog("kept");
   SetLogFilePathForTesting("");
-  EXPECT_EQ(TempDir::Read(dir.file("state/orvane/Orvane.log")).substr(10), "kept\n");
+  std::string text = TempDir::Read(dir.file("home/.local/state/orvane/Orvane.log"));
+  EXPECT_EQ(text.size() > 10 ? text.substr(10) : text, "kept\n");
+  for (const char* folder : {"home/.local/state", "home/.local/state/orvane"}) {
+    GStatBuf info;
+    ASSERT_EQ(g_stat(dir.file(folder).c_str(), &info), 0) << folder;
+    EXPECT_EQ(info.st_mode & 0777, 0700u) << folder;
+  }
+}
+
+TEST(SparLogTest, LineIsLostOnlyWhenTheFolderCannotBeMade) {
+  TempDir dir;
+  // A file where the state folder should be.
+  dir.write("home/.local", "not a folder");
+  SetLogFilePathForTesting(dir.file("home/.local/state/orvane/Orvane.log"));
+  SparLog("lost");
+  SetLogFilePathForTesting("");
+  EXPECT_EQ(TempDir::Read(dir.file("home/.local")), "not a folder");
+  EXPECT_FALSE(g_file_test(dir.file("home/.local/state").c_str(), G_FILE_TEST_EXISTS));
 }
 
 TEST(SparLogTest, LinesFromManyThreadsStayWhole) {

@@ -23,31 +23,32 @@ namespace orvane {
 namespace {
 constexpr char kNotCompletePdf[] = "the download is not a complete PDF";
 
-// Downloads go to ".<name>.pdf.download-XXXXXX" beside the PDF: hidden, and
-// with an extension that is not "pdf", so the folder watch ignores them.
-constexpr std::string_view kTemporaryMark = ".download-";
-constexpr size_t kTemporaryUnique = 6; // the letters and digits mkstemp picks
-
+// Downloads go to "." + the PDF's name + kDownloadTemporarySuffix beside the
+// PDF: hidden, and with an extension that is not "pdf", so the folder watch
+// ignores them.
 std::string TemporaryBeside(const std::string& path) {
   size_t slash = path.rfind('/');
   std::string folder = path.substr(0, slash + 1);
-  std::string pattern = folder + "." + FileName(path) + std::string(kTemporaryMark) + "XXXXXX";
+  std::string pattern = folder + "." + FileName(path) + kDownloadTemporarySuffix;
   int fd = g_mkstemp_full(pattern.data(), O_WRONLY | O_CLOEXEC, 0644);
   if (fd >= 0)
     close(fd);
   return fd >= 0 ? pattern : std::string();
 }
 
+// Whether a name is one TemporaryBeside makes: ".<name>.pdf.download-"
+// followed by the letters and digits that mkstemp put for the X's.
 bool IsDownloadTemporary(std::string_view name) {
-  if (name.size() <= kTemporaryUnique || name[0] != '.')
+  constexpr std::string_view suffix = kDownloadTemporarySuffix;
+  const size_t unique = suffix.size() - suffix.find_last_not_of('X') - 1;
+  const std::string tail = ".pdf" + std::string(suffix.substr(0, suffix.size() - unique));
+  if (name.size() <= 1 + tail.size() + unique || name[0] != '.')
     return false;
-  std::string_view unique = name.substr(name.size() - kTemporaryUnique);
-  for (char c : unique)
+  for (char c : name.substr(name.size() - unique))
     if (!g_ascii_isalnum(c))
       return false;
-  std::string_view rest = name.substr(0, name.size() - kTemporaryUnique);
-  std::string tail = ".pdf" + std::string(kTemporaryMark);
-  return rest.size() > tail.size() && rest.substr(rest.size() - tail.size()) == tail;
+  std::string_view rest = name.substr(0, name.size() - unique);
+  return rest.substr(rest.size() - tail.size()) == tail;
 }
 } // namespace
 

@@ -374,7 +374,7 @@ bool AppDelegate::decidePolicy(WebKitWebView* view, WebKitPolicyDecision* decisi
     seams_.workspace->openInBrowser(target);
     break;
   case NavigationDecision::Drop:
-    logDroppedAddress(view,
+    logDroppedAddress(view, webkit_navigation_action_is_user_gesture(action),
                       "web: link to %@ not opened (only http, https and mailto leave the "
                       "program)",
                       target);
@@ -384,12 +384,12 @@ bool AppDelegate::decidePolicy(WebKitWebView* view, WebKitPolicyDecision* decisi
   return true;
 }
 
-void AppDelegate::logDroppedAddress(WebKitWebView* view, std::string_view format,
+void AppDelegate::logDroppedAddress(WebKitWebView* view, bool user_gesture, std::string_view format,
                                     const std::string& address) {
-  // A page can open windows in a loop; its lines are throttled like its
-  // refused messages.
+  // What the user did is always logged; a script can open windows or click
+  // links in a loop, so its lines are throttled like refused messages.
   long held_back = 0;
-  if (!dropped_addresses_.admit(view, held_back))
+  if (!user_gesture && !dropped_addresses_.admit(view, held_back))
     return;
   if (held_back > 0)
     SparLog("web: %ld more addresses not opened since the last line", held_back);
@@ -408,10 +408,10 @@ GtkWidget* AppDelegate::createWebView(WebKitWebView* view, WebKitNavigationActio
     seams_.workspace->openInBrowser(uri);
     break;
   case PopUpDecision::DropNoGesture:
-    logDroppedAddress(view, "web: pop-up to %@ not opened (no user gesture)", uri);
+    logDroppedAddress(view, false, "web: pop-up to %@ not opened (no user gesture)", uri);
     break;
   case PopUpDecision::DropScheme:
-    logDroppedAddress(view,
+    logDroppedAddress(view, webkit_navigation_action_is_user_gesture(action),
                       "web: pop-up to %@ not opened (only http, https and mailto leave the "
                       "program)",
                       uri);

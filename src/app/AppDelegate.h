@@ -118,7 +118,8 @@ public:
 private:
   PageRef pageFor(WebKitWebView* view) const;
   void subscribeToNotifications();
-  void logDroppedAddress(WebKitWebView* view, std::string_view format, const std::string& address);
+  void logDroppedAddress(WebKitWebView* view, bool user_gesture, std::string_view format,
+                         const std::string& address);
 
   GtkApplication* application_;
   DesktopSeams seams_;

@@ -205,3 +205,17 @@ def test_pop_up_without_a_user_gesture_opens_nothing(home, site, launch):
     home.wait_for_log(f"web: pop-up to {unasked} not opened (no user gesture)")
     assert site.requests("/landed.html") == []
     assert len(orvane.windows()) == 1
+
+
+def test_pop_ups_opened_in_a_loop_are_logged_at_most_once_a_second(home, site, launch):
+    home.write_settings(AppURL=site.url)
+    unasked = site.url + "/landed.html?via=loop"
+    site.set_scenario([{"windowOpen": unasked}] * 50 + [{"mark": "opened"}])
+    orvane = launch()
+    site.wait_for_record("mark", lambda r: r.data == "opened")
+    line = f"web: pop-up to {unasked} not opened (no user gesture)"
+    home.wait_for_log(line)
+    assert holds_for(lambda: home.browser_calls() == [], 1.5), home.browser_calls()
+    # Fifty attempts within moments: one line, and the program still answers.
+    assert home.log_messages().count(line) <= 2, home.log_messages()
+    assert len(orvane.windows()) == 1

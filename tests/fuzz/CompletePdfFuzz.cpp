@@ -1,6 +1,7 @@
 // Whatever bytes a file holds, CompletePdf answers without crashing, and its
 // answer is the plain reading of the rule: longer than 31 bytes, beginning
 // "%PDF-", and "%%EOF" somewhere in the last 2048 bytes.
+#include "FuzzFiles.h"
 #include "library/PdfFiles.h"
 
 #include "support/TempDir.h"
@@ -22,11 +23,8 @@ bool Reference(std::string_view bytes) {
 
 } // namespace
 
-// Every run writes files: under libFuzzer they go to memory when the
-// machine has a tmpfs there and the caller chose no folder of their own.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  if (!g_getenv("TMPDIR") && g_file_test("/dev/shm", G_FILE_TEST_IS_DIR))
-    g_setenv("TMPDIR", "/dev/shm", FALSE);
+  orvane::PreferMemoryForTemporaryFiles();
   return 0;
 }
 

@@ -3,6 +3,7 @@
 // library reads them, are strings or absent. Read from the disk it gives the
 // same as read from memory, and nothing at all above 64 KiB. What the reader
 // accepts, the writer writes back unchanged.
+#include "FuzzFiles.h"
 #include "library/PdfFiles.h"
 #include "library/PdfStore.h"
 
@@ -32,11 +33,8 @@ void CheckMember(const nlohmann::json& sidecar, const char* key) {
 
 } // namespace
 
-// Every run writes files: under libFuzzer they go to memory when the
-// machine has a tmpfs there and the caller chose no folder of their own.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  if (!g_getenv("TMPDIR") && g_file_test("/dev/shm", G_FILE_TEST_IS_DIR))
-    g_setenv("TMPDIR", "/dev/shm", FALSE);
+  orvane::PreferMemoryForTemporaryFiles();
   return 0;
 }
 

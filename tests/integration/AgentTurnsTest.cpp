@@ -14,6 +14,7 @@
 
 #include "AgentFixtures.h"
 #include "support/MainLoop.h"
+#include "support/RawServer.h"
 #include "support/TestHttpServer.h"
 #include <libsoup/soup.h>
 #include <signal.h>
@@ -96,60 +97,6 @@ std::string RefusingAddress() {
   g_object_unref(socket);
   return "http://127.0.0.1:" + std::to_string(port) + "/paper.txt";
 }
-
-// A server that sends a body slowly but steadily: the pieces of `pieces`
-// with a pause after each, then hangs up.
-class TricklingServer {
-public:
-  TricklingServer(std::vector<std::string> pieces, double pause_seconds) {
-    listener_ = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-    listen(listener_, 4);
-    socklen_t length = sizeof address;
-    getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-    port_ = ntohs(address.sin_port);
-    thread_ = std::thread([this, pieces = std::move(pieces), pause_seconds] {
-      int client = accept(listener_, nullptr, nullptr);
-      if (client < 0)
-        return;
-      char buffer[4096];
-      std::string head;
-      while (head.find("\r\n\r\n") == std::string::npos) {
-        ssize_t n = read(client, buffer, sizeof buffer);
-        if (n <= 0)
-          break;
-        head.append(buffer, size_t(n));
-      }
-      size_t total = 0;
-      for (const auto& piece : pieces)
-        total += piece.size();
-      std::string reply = "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: " +
-                          std::to_string(total) + "\r\nConnection: close\r\n\r\n";
-      bool sent = write(client, reply.data(), reply.size()) == ssize_t(reply.size());
-      for (const auto& piece : pieces) {
-        sent = sent && write(client, piece.data(), piece.size()) == ssize_t(piece.size());
-        g_usleep(gulong(pause_seconds * 1e6));
-      }
-      close(client);
-    });
-  }
-  ~TricklingServer() {
-    shutdown(listener_, SHUT_RDWR);
-    close(listener_);
-    thread_.join();
-  }
-  std::string url(const std::string& path) const {
-    return "http://127.0.0.1:" + std::to_string(port_) + path;
-  }
-
-private:
-  int listener_ = -1;
-  int port_ = 0;
-  std::thread thread_;
-};
 
 // Whether a process is running; one that has died and awaits its parent
 // counts as gone.
@@ -925,7 +872,19 @@ TEST_F(AgentTurnsTest, TurnFileThatArrivesSlowlyButSteadilyIsFetchedWhole) {
     pieces.push_back("piece " + std::to_string(i) + "\n");
     whole += pieces.back();
   }
-  TricklingServer server(pieces, 0.25);
+  // A server that sends the body slowly but steadily: a pause after each
+  // piece, then it hangs up.
+  RawServer server([&](RawServer& raw, int client, const std::string&) {
+    std::string head = "HTTP/1.1 200 OK\r\nContent-Type: text/plain\r\nContent-Length: " +
+                       std::to_string(whole.size()) + "\r\nConnection: close\r\n\r\n";
+    if (!RawServer::Send(client, head))
+      return;
+    for (const auto& piece : pieces) {
+      if (!RawServer::Send(client, piece))
+        return;
+      raw.waitFor([] { return false; }, 0.25);
+    }
+  });
   install("echo_stdin.sh");
   run({{"turn", "slow"},
        {"args", json::array()},

@@ -240,16 +240,8 @@ void HttpResponseParser::headEnded() {
     return;
   }
   uint64_t value = 0;
-  switch (ParseLength(length->second, 10, value)) {
-  case Length::Invalid:
-    fail(kBadLength);
+  if (!readLength(length->second, 10, kBadLength, value))
     return;
-  case Length::TooLong:
-    fail(kLongBody);
-    return;
-  case Length::Valid:
-    break;
-  }
   response_.declared_length = int64_t(value);
   remaining_ = value;
   if (remaining_ == 0)
@@ -258,21 +250,28 @@ void HttpResponseParser::headEnded() {
     step_ = Step::LengthBody;
 }
 
+bool HttpResponseParser::readLength(std::string_view text, int base, const char* invalid,
+                                    uint64_t& value) {
+  switch (ParseLength(text, base, value)) {
+  case Length::Invalid:
+    fail(invalid);
+    return false;
+  case Length::TooLong:
+    fail(kLongBody);
+    return false;
+  case Length::Valid:
+    break;
+  }
+  return true;
+}
+
 void HttpResponseParser::chunkSizeLine() {
   // The size in hex, perhaps followed by extensions after a semicolon.
   std::string_view line = line_;
   line = Trimmed(line.substr(0, line.find(';')));
   uint64_t size = 0;
-  switch (ParseLength(line, 16, size)) {
-  case Length::Invalid:
-    fail(kBadChunk);
+  if (!readLength(line, 16, kBadChunk, size))
     return;
-  case Length::TooLong:
-    fail(kLongBody);
-    return;
-  case Length::Valid:
-    break;
-  }
   if (size == 0) {
     header_lines_ = 0;
     step_ = Step::Trailer;

@@ -68,6 +68,9 @@ private:
   void headerLine(bool trailer);
   void headEnded();
   void chunkSizeLine();
+  // A body or chunk length in `base`; on a bad one the answer fails (with
+  // `invalid`, or as too long) and false comes back.
+  bool readLength(std::string_view text, int base, const char* invalid, uint64_t& value);
   size_t takeBody(std::string_view bytes, uint64_t limit);
 
   State state_ = State::NeedMore;

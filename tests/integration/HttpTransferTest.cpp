@@ -158,6 +158,15 @@ TransferResult UploadAnsweredWith(const std::string& answer) {
   return Upload(request);
 }
 
+// Each answer ends its upload with an error text and no status.
+void ExpectEachAnswerFailsCleanly(const std::vector<std::string>& answers) {
+  for (const std::string& answer : answers) {
+    TransferResult result = UploadAnsweredWith(answer);
+    EXPECT_TRUE(result.error && !result.error->empty()) << answer;
+    EXPECT_EQ(result.status, 0) << answer;
+  }
+}
+
 TEST(HttpTransferTest, UploadAnswerWithAnImpossibleLengthFailsCleanly) {
   const std::vector<std::string> answers = {
       "HTTP/1.1 200 OK\r\nContent-Length: -1\r\n\r\nbody",
@@ -172,11 +181,7 @@ TEST(HttpTransferTest, UploadAnswerWithAnImpossibleLengthFailsCleanly) {
       "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\nbody\r\n0\r\n\r\n",
       "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n4\r\nbodyXX0\r\n\r\n",
   };
-  for (const std::string& answer : answers) {
-    TransferResult result = UploadAnsweredWith(answer);
-    EXPECT_TRUE(result.error && !result.error->empty()) << answer;
-    EXPECT_EQ(result.status, 0) << answer;
-  }
+  ExpectEachAnswerFailsCleanly(answers);
 }
 
 TEST(HttpTransferTest, UploadAnswerWithABadStatusLineFailsCleanly) {
@@ -189,11 +194,7 @@ TEST(HttpTransferTest, UploadAnswerWithABadStatusLineFailsCleanly) {
       "ICY 200 OK\r\n\r\n",
       "",
   };
-  for (const std::string& answer : answers) {
-    TransferResult result = UploadAnsweredWith(answer);
-    EXPECT_TRUE(result.error && !result.error->empty()) << answer;
-    EXPECT_EQ(result.status, 0) << answer;
-  }
+  ExpectEachAnswerFailsCleanly(answers);
 }
 
 TEST(HttpTransferTest, UploadAcceptsOneInterimAnswerBeforeTheRealOne) {

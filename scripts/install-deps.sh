@@ -8,6 +8,7 @@ packages=(
   build-essential cmake ninja-build pkg-config git clang-format
   libgtk-3-dev libwebkit2gtk-4.1-dev libsoup-3.0-dev libx11-dev
   nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev
+  libkeybinder-3.0-dev libxtst-dev libxres-dev libxfixes-dev libpoppler-glib-dev
   # fuzzing (make fuzz): clang with libFuzzer
   clang libclang-rt-14-dev
   # the program
@@ -17,6 +18,7 @@ packages=(
   poppler-utils
   # tests
   python3-pytest python3-gi gir1.2-webkit2-4.1 fonts-dejavu-extra xvfb xauth openbox xdotool x11-utils x11-xserver-utils
+  xterm xclip zathura zathura-pdf-poppler
   imagemagick fonts-dejavu-core at-spi2-core
 )
 

@@ -1,0 +1,59 @@
+// The selections seam: the PRIMARY selection, the CLIPBOARD with every
+// target it offers, and a synthetic copy keystroke to the front window.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace orvane {
+
+// One target of a selection and the bytes its owner gave for it.
+struct SelectionTarget {
+  std::string target; // the target atom's name ("UTF8_STRING", "image/png")
+  std::string bytes;
+  bool operator==(const SelectionTarget&) const = default;
+};
+using ClipboardContents = std::vector<SelectionTarget>;
+
+// The keystroke that copies in the front window.
+enum class CopyChord { kControlC, kControlShiftC };
+
+class Selections {
+public:
+  virtual ~Selections() = default;
+
+  // The process that owns PRIMARY (XRes), or nothing when nobody owns it or
+  // the owner's process cannot be told.
+  virtual std::optional<int> primaryOwnerPid() = 0;
+  // PRIMARY as UTF-8 text: "" when its owner answers with empty text,
+  // nothing when it has no owner or gives no text.
+  virtual std::optional<std::string> primaryText() = 0;
+
+  // A number that changes whenever the CLIPBOARD changes hands (owner or
+  // ownership timestamp).
+  virtual uint64_t clipboardChangeCount() = 0;
+  // Every target the CLIPBOARD owner offers, with its bytes; targets whose
+  // data cannot be read are left out. Empty when nobody owns it.
+  virtual ClipboardContents saveClipboard() = 0;
+  // The CLIPBOARD as UTF-8 text, nothing when it holds none.
+  virtual std::optional<std::string> clipboardText() = 0;
+  // Takes the CLIPBOARD and offers exactly the saved targets, byte for byte.
+  virtual void restoreClipboard(const ClipboardContents& contents) = 0;
+
+  // Waits (bounded) until no key is held down, so the hotkey's modifiers do
+  // not mix into the chord, then sends the chord to the focused window.
+  // False when the chord could not be sent.
+  virtual bool sendCopyChord(CopyChord chord) = 0;
+  // Blocks the calling thread; the copy wait polls through it.
+  virtual void pause(std::chrono::milliseconds duration) = 0;
+
+  // For a process about to exit that owns the restored CLIPBOARD: hands it to
+  // the clipboard manager, or, without one, keeps it served in the
+  // background until another client takes it or ten minutes pass.
+  virtual void keepClipboardAfterExit() = 0;
+};
+
+} // namespace orvane

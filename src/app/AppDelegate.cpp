@@ -6,21 +6,31 @@
 #include "base/Settings.h"
 #include "base/SparLog.h"
 #include "base/Text.h"
+#include "capture/DesktopCapture.h"
 #include "capture/HandoffFolder.h"
+#include "capture/HotkeyTable.h"
 #include "capture/ScreenContainingPoint.h"
+#include "capture/Talk.h"
+#include "desktop/x11/DBusActivation.h"
 #include "desktop/x11/DBusMessageBus.h"
+#include "desktop/x11/DBusNotifications.h"
 #include "desktop/x11/GLibScheduler.h"
 #include "desktop/x11/GioWorkspace.h"
+#include "desktop/x11/KeybinderHotkeys.h"
 #include "desktop/x11/WindowFrames.h"
 #include "desktop/x11/X11Accessibility.h"
+#include "desktop/x11/X11FrontWindows.h"
 #include "desktop/x11/X11Screens.h"
+#include "desktop/x11/X11Selections.h"
 #include "library/LibraryFolder.h"
 #include "library/PdfFiles.h"
 #include "web/DevServer.h"
 #include "web/NavigationPolicy.h"
 #include "web/NvidiaRenderer.h"
 
+#include <algorithm>
 #include <glib/gstdio.h>
+#include <unistd.h>
 
 namespace orvane {
 
@@ -45,6 +55,65 @@ void ShowMessageDialog(GtkWindow* parent, const std::string& message, const std:
   g_signal_connect(dialog, "response", G_CALLBACK(gtk_widget_destroy), nullptr);
   gtk_widget_show(dialog);
 }
+
+// The application's own object path on the session bus, from its id.
+std::string ApplicationObjectPath() {
+  std::string path = std::string("/") + kApplicationId;
+  std::replace(path.begin(), path.end(), '.', '/');
+  return path;
+}
+
+// The quick panel as the ⌥B summon drives it.
+class PanelSummonTarget final : public SummonPanel {
+public:
+  PanelSummonTarget(GtkApplication* application, PanelWindow& window, QuickPanel& panel,
+                    const Screens& screens)
+      : application_(application), window_(window), panel_(panel), screens_(screens) {}
+
+  bool isKeyInActiveApplication() const override {
+    return window_.isVisible() && window_.isKeyWindow();
+  }
+  void hide() override { window_.orderOut(); }
+  std::optional<Screen> keyWindowScreen() const override {
+    std::optional<Screen> screen;
+    GtkWindow* active = gtk_application_get_active_window(application_);
+    std::vector<Screen> screens = screens_.screens();
+    if (active)
+      screen = ScreenOfFrame(screens, WindowFrame(active));
+    if (!screen && !screens.empty())
+      screen = screens.front();
+    return screen;
+  }
+  void show(const std::optional<std::string>& selection, const std::optional<Screen>& screen,
+            uint32_t timestamp) override {
+    panel_.showPanelWithSelection(selection, screen, timestamp);
+  }
+
+private:
+  GtkApplication* application_;
+  PanelWindow& window_;
+  QuickPanel& panel_;
+  const Screens& screens_;
+};
+
+// The sparring window as quotes reach it.
+class SparringChat final : public QuoteChat {
+public:
+  explicit SparringChat(SparringWindow& spar) : spar_(spar) {}
+  bool exists() const override { return spar_.sparWeb() != nullptr; }
+  bool isVisible() const override { return spar_.isVisible(); }
+  void bringBack() override {
+    if (GtkWindow* window = spar_.gtkWindow())
+      gtk_widget_show(GTK_WIDGET(window));
+  }
+  void evaluateScript(const std::string& script) override {
+    if (spar_.sparWeb())
+      spar_.sparWeb()->evaluateScript(script);
+  }
+
+private:
+  SparringWindow& spar_;
+};
 } // namespace
 
 DesktopSeams RealDesktopSeams() {
@@ -54,6 +123,22 @@ DesktopSeams RealDesktopSeams() {
   seams.workspace = std::make_unique<GioWorkspace>();
   seams.scheduler = std::make_unique<GLibScheduler>();
   seams.accessibility = std::make_unique<X11Accessibility>();
+  seams.hotkeys = std::make_unique<KeybinderHotkeys>();
+  seams.front_windows = std::make_unique<X11FrontWindows>();
+  seams.selections = std::make_unique<X11Selections>();
+  seams.notifications = std::make_unique<DBusNotifications>();
+  seams.activation = std::make_unique<DBusActivation>(kApplicationId, ApplicationObjectPath());
+  // The seams live on the heap, so these references outlive the move of
+  // the struct into the delegate.
+  seams.make_capture = [front_windows = seams.front_windows.get(),
+                        selections = seams.selections.get(), screens = seams.screens.get(),
+                        accessibility = seams.accessibility.get(),
+                        notifications = seams.notifications.get()](
+                           DesktopSeams::LibraryFolderQuery library_folder) {
+    return MakeDesktopCapture(DesktopCaptureSeams{
+        *front_windows, *selections, *screens, *accessibility, *notifications,
+        [](int pid) { return pid == int(getpid()); }, std::move(library_folder)});
+  };
   return seams;
 }
 
@@ -86,6 +171,14 @@ void AppDelegate::applicationDidFinishLaunching() {
 
   // 4. The main menu.
   InstallMainMenu(application_, *this);
+
+  // 5. The four global hotkeys; a chord another program holds is logged
+  // as FAILED and the launch goes on.
+  registerHotkeys();
+
+  // 6. The Services entry: an application action, reachable from outside
+  // with `gapplication action com.tarnwick.orvane send-quote-to-friend`.
+  addServicesAction();
 
   // 7. The library store; it watches its folder once a page names the account.
   store_ = std::make_unique<PdfStore>(*seams_.scheduler);
@@ -127,6 +220,18 @@ void AppDelegate::applicationDidFinishLaunching() {
       application_, factory_, events_, *lib_window_, *window_, web_, *seams_.screens,
       [this] { showLibraryWindow(); }, [this] { quick_panel_->showPanel(); }});
 
+  // What the hotkeys and quotes work through.
+  capture_ = seams_.make_capture([this] { return libraryFolderWithAccount(); });
+  summon_panel_ =
+      std::make_unique<PanelSummonTarget>(application_, *window_, *quick_panel_, *seams_.screens);
+  summon_ = std::make_unique<Summon>(*capture_, *seams_.screens, *seams_.scheduler,
+                                     *seams_.activation, *summon_panel_);
+  quote_chat_ = std::make_unique<SparringChat>(*spar_);
+  quotes_ = std::make_unique<Quotes>(QuotesContext{
+      *capture_, *seams_.screens, *seams_.bus, events_, *quote_chat_, [this] { return lib_web_; },
+      [this] { return libraryFolderWithAccount(); }, [this] { showLibraryWindow(); }, NoTiling,
+      [] { return HandoffFile("quote.txt"); }});
+
   // 12. The first window: the panel when a capture hand-off waits.
   if (g_file_test(HandoffFile("selection.txt").c_str(), G_FILE_TEST_EXISTS))
     quick_panel_->showPanel();
@@ -142,9 +247,39 @@ void AppDelegate::subscribeToNotifications() {
   bus.subscribe(kPlaceNotification, [this](const std::string& o) { placeRequested(o); });
 }
 
+void AppDelegate::registerHotkeys() {
+  // One handler for the four chords; the launch is over before any key
+  // press can reach it, so what the actions use exists by then.
+  RegisterHotkeys(*seams_.hotkeys, [this](int id, uint32_t timestamp) {
+    if (!summon_ || !quotes_)
+      return;
+    DispatchHotkey(id, timestamp,
+                   HotkeyActions{[this](uint32_t t) { summon_->hotkeySummon(t); },
+                                 [this](uint32_t) { hotkeyQuote(); },
+                                 [this](uint32_t) { hotkeyFriendQuote(); },
+                                 [this](uint32_t) { hotkeyTalk(); }});
+  });
+}
+
+void AppDelegate::addServicesAction() {
+  GSimpleAction* action = g_simple_action_new("send-quote-to-friend", nullptr);
+  g_signal_connect(action, "activate", G_CALLBACK(+[](GSimpleAction*, GVariant*, gpointer data) {
+                     static_cast<AppDelegate*>(data)->sendQuoteToFriend();
+                   }),
+                   this);
+  g_action_map_add_action(G_ACTION_MAP(application_), G_ACTION(action));
+  g_object_unref(action);
+}
+
+std::optional<std::string> AppDelegate::libraryFolderWithAccount() const {
+  if (!storeHasAccount())
+    return std::nullopt;
+  return store_->folder();
+}
+
 void AppDelegate::applicationShouldHandleReopen() {
-  if (quick_panel_->hasPendingSummon())
-    quick_panel_->takePendingSummon();
+  if (summon_ && summon_->hasPendingSummon())
+    summon_->takePendingSummon();
   else if (g_file_test(HandoffFile("selection.txt").c_str(), G_FILE_TEST_EXISTS))
     quick_panel_->showPanel();
   else
@@ -156,12 +291,14 @@ void AppDelegate::openFiles(const std::vector<std::string>& paths) {
   showLibraryWindow();
 }
 
-// Not built yet: quotes and window placement arrive with their subsystems;
-// until then these notifications change nothing.
-void AppDelegate::quoteArrived(const std::string&) {}
+void AppDelegate::quoteArrived(const std::string&) {
+  quotes_->quoteArrived();
+}
 void AppDelegate::sparRequested(const std::string& object) {
   spar_->sparRequested(object);
 }
+// Not built yet: window placement arrives with its subsystem; until then
+// these notifications change nothing.
 void AppDelegate::tileRequested(const std::string&) {}
 void AppDelegate::placeRequested(const std::string&) {}
 
@@ -218,38 +355,31 @@ void AppDelegate::showLibraryWindow() {
 }
 
 void AppDelegate::hotkeySummon() {
-  if (window_->isVisible() && window_->isKeyWindow()) {
-    window_->orderOut();
-    return;
-  }
-  // Orvane itself is in front (the menu was used): show the panel at once,
-  // without a selection, on the screen of the window that has the keyboard.
-  std::optional<Screen> screen;
-  GtkWindow* active = gtk_application_get_active_window(application_);
-  std::vector<Screen> screens = seams_.screens->screens();
-  if (active)
-    screen = ScreenOfFrame(screens, WindowFrame(active));
-  if (!screen && !screens.empty())
-    screen = screens.front();
-  quick_panel_->showPanelWithSelection(std::nullopt, screen);
+  // From the menu: the time of the event that chose the item.
+  summon_->hotkeySummon(gtk_get_current_event_time());
+}
+
+void AppDelegate::hotkeyQuote() {
+  quotes_->hotkeyQuote();
+}
+
+void AppDelegate::hotkeyFriendQuote() {
+  quotes_->hotkeyFriendQuote();
+}
+
+void AppDelegate::sendQuoteToFriend() {
+  // The CLIPBOARD is read asynchronously: its owner may be another client.
+  gtk_clipboard_request_text(gtk_clipboard_get(GDK_SELECTION_CLIPBOARD),
+                             +[](GtkClipboard*, const gchar* text, gpointer data) {
+                               auto* self = static_cast<AppDelegate*>(data);
+                               self->quotes_->sendQuoteToFriend(
+                                   text ? std::optional<std::string>(text) : std::nullopt);
+                             },
+                             this);
 }
 
 void AppDelegate::hotkeyTalk() {
-  std::string launcher = ProjectDirectory() + "/" + "voice/Talk.command";
-  if (!g_file_test(launcher.c_str(), G_FILE_TEST_IS_REGULAR) ||
-      !g_file_test(launcher.c_str(), G_FILE_TEST_IS_EXECUTABLE)) {
-    SparLog("talk: nothing runnable at %@, is the venv built?", launcher);
-    gdk_display_beep(gdk_display_get_default());
-    return;
-  }
-  const gchar* argv[] = {"x-terminal-emulator", "-e", launcher.c_str(), nullptr};
-  GErrorPtr error;
-  if (!g_spawn_async(nullptr, const_cast<gchar**>(argv), nullptr, G_SPAWN_SEARCH_PATH, nullptr,
-                     nullptr, nullptr, error.out())) {
-    SparLog("talk: %@", error.message());
-    return;
-  }
-  SparLog("talk: opened %@", launcher);
+  OpenTalkLauncher(ProjectDirectory(), [] { gdk_display_beep(gdk_display_get_default()); });
 }
 
 void AppDelegate::hideApplication() {

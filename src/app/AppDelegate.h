@@ -13,12 +13,20 @@
 #include "bridge/BridgeHost.h"
 #include "bridge/EventDelivery.h"
 #include "bridge/MessageDispatcher.h"
+#include "capture/Capture.h"
 #include "capture/PanelWindow.h"
 #include "capture/QuickPanel.h"
+#include "capture/Quotes.h"
+#include "capture/Summon.h"
 #include "desktop/Accessibility.h"
+#include "desktop/Activation.h"
+#include "desktop/FrontWindows.h"
+#include "desktop/Hotkeys.h"
 #include "desktop/MessageBus.h"
+#include "desktop/Notifications.h"
 #include "desktop/Scheduler.h"
 #include "desktop/Screens.h"
+#include "desktop/Selections.h"
 #include "desktop/Workspace.h"
 #include "library/DockDrops.h"
 #include "library/FileDrag.h"
@@ -43,6 +51,15 @@ struct DesktopSeams {
   std::unique_ptr<Workspace> workspace;
   std::unique_ptr<Scheduler> scheduler;
   std::unique_ptr<Accessibility> accessibility;
+  std::unique_ptr<Hotkeys> hotkeys;
+  std::unique_ptr<FrontWindows> front_windows;
+  std::unique_ptr<Selections> selections;
+  std::unique_ptr<Notifications> notifications;
+  std::unique_ptr<Activation> activation;
+  // Builds the capture over these seams once the store, which it asks for
+  // the library folder, exists.
+  using LibraryFolderQuery = std::function<std::optional<std::string>()>;
+  std::function<std::unique_ptr<Capture>(LibraryFolderQuery library_folder)> make_capture;
 };
 DesktopSeams RealDesktopSeams();
 
@@ -74,6 +91,10 @@ public:
   void showLibraryWindow() override;
   void hotkeySummon() override;
   void hotkeyTalk() override;
+  // The other two hotkeys (⌥C, ⌥Q) and the "send-quote-to-friend" action.
+  void hotkeyQuote();
+  void hotkeyFriendQuote();
+  void sendQuoteToFriend();
   void hideApplication() override;
   void showAbout() override;
 
@@ -118,6 +139,9 @@ public:
 private:
   PageRef pageFor(WebKitWebView* view) const;
   void subscribeToNotifications();
+  void registerHotkeys();
+  void addServicesAction();
+  std::optional<std::string> libraryFolderWithAccount() const;
   void logDroppedAddress(WebKitWebView* view, bool user_gesture, std::string_view format,
                          const std::string& address);
 
@@ -144,6 +168,11 @@ private:
   std::unique_ptr<PanelWindow> window_;
   std::unique_ptr<QuickPanel> quick_panel_;
   std::unique_ptr<SparringWindow> spar_;
+  std::unique_ptr<Capture> capture_;
+  std::unique_ptr<SummonPanel> summon_panel_;
+  std::unique_ptr<Summon> summon_;
+  std::unique_ptr<QuoteChat> quote_chat_;
+  std::unique_ptr<Quotes> quotes_;
   LogThrottle dropped_addresses_;
 };
 

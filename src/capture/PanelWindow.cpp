@@ -48,13 +48,16 @@ void PanelWindow::orderOut() {
   gtk_widget_hide(GTK_WIDGET(window_));
 }
 
-void PanelWindow::makeKeyAndOrderFront() {
+void PanelWindow::makeKeyAndOrderFront(uint32_t timestamp) {
   gtk_widget_show(GTK_WIDGET(window_));
   // Sticky and keep-above must be asked for again after a hide on some
   // window managers.
   gtk_window_stick(window_);
   gtk_window_set_keep_above(window_, TRUE);
-  gtk_window_present(window_);
+  if (timestamp != 0)
+    gtk_window_present_with_time(window_, timestamp);
+  else
+    gtk_window_present(window_);
 }
 
 bool PanelWindow::isVisible() const {

@@ -5,6 +5,7 @@
 
 #include "desktop/Geometry.h"
 
+#include <cstdint>
 #include <gtk/gtk.h>
 
 namespace orvane {
@@ -21,7 +22,10 @@ public:
 
   GtkWindow* gtkWindow() const { return window_; }
   void orderOut();
-  void makeKeyAndOrderFront();
+  // Shows the panel and gives it the keyboard. The time is that of the user
+  // action that asked for it (a key press), so the window manager's
+  // focus-stealing prevention lets the panel take the focus; 0 means now.
+  void makeKeyAndOrderFront(uint32_t timestamp = 0);
   bool isVisible() const;
   bool isKeyWindow() const;
   bool keepsAbove() const { return true; }

@@ -46,7 +46,7 @@ std::optional<Screen> QuickPanel::takePressScreen() {
 }
 
 void QuickPanel::showPanelWithSelection(const std::optional<std::string>& selection,
-                                        const std::optional<Screen>& screen) {
+                                        const std::optional<Screen>& screen, uint32_t timestamp) {
   ensure_server_();
   std::string text = selection.value_or("");
   std::string address = PanelAddress(SiteAddress(), text);
@@ -60,7 +60,7 @@ void QuickPanel::showPanelWithSelection(const std::optional<std::string>& select
   if (library_.isVisible() && !IsOnActiveWorkspace(library_.gtkWindow()))
     library_.orderOut();
 
-  window_.makeKeyAndOrderFront();
+  window_.makeKeyAndOrderFront(timestamp);
   // The panel is placed once the window manager has framed it, when its
   // frame is known.
   WhenOnScreen(window_.gtkWindow(), [this, screen] {
@@ -92,22 +92,6 @@ void QuickPanel::centrePanelOnScreen(const std::optional<Screen>& screen) {
   Rect asked = CentredPanelFrame(screen->visibleFrame, window_.frame().size());
   window_.setFrame(asked);
   SparLog("panel placed: asked %@ got %@", RectText(asked), RectText(window_.frame()));
-}
-
-void QuickPanel::setPendingSummon(std::optional<std::string> selection,
-                                  std::optional<Screen> screen) {
-  pending_selection_ = std::move(selection);
-  pending_screen_ = std::move(screen);
-  pending_summon_ = true;
-}
-
-void QuickPanel::takePendingSummon() {
-  if (!pending_summon_)
-    return;
-  pending_summon_ = false;
-  std::optional<std::string> selection = std::exchange(pending_selection_, std::nullopt);
-  std::optional<Screen> screen = std::exchange(pending_screen_, std::nullopt);
-  showPanelWithSelection(selection, screen);
 }
 
 } // namespace orvane

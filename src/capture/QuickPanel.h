@@ -26,15 +26,11 @@ public:
   void showPanel();
   std::optional<std::string> takeHandoffFile(const std::string& path);
   std::optional<Screen> takePressScreen();
+  // The timestamp is the X server time of the key press that summoned the
+  // panel (0: now); presenting with it lets the panel take the keyboard.
   void showPanelWithSelection(const std::optional<std::string>& selection,
-                              const std::optional<Screen>& screen);
+                              const std::optional<Screen>& screen, uint32_t timestamp = 0);
   void centrePanelOnScreen(const std::optional<Screen>& screen);
-
-  // The hand-over of a hotkey summon: whichever of the reopen event, a
-  // delayed call and a refused activation comes first shows the panel.
-  void setPendingSummon(std::optional<std::string> selection, std::optional<Screen> screen);
-  bool hasPendingSummon() const { return pending_summon_; }
-  void takePendingSummon();
 
 private:
   void logShown();
@@ -44,10 +40,6 @@ private:
   LibraryWindow& library_;
   const Screens& screens_;
   std::function<void()> ensure_server_;
-
-  std::optional<std::string> pending_selection_;
-  std::optional<Screen> pending_screen_;
-  bool pending_summon_ = false;
 };
 
 } // namespace orvane

@@ -1,0 +1,43 @@
+#include "capture/HotkeyTable.h"
+
+#include "base/SparLog.h"
+
+namespace orvane {
+
+void DispatchHotkey(int id, uint32_t timestamp, const HotkeyActions& actions) {
+  // The ids are 1-based on purpose: id - 1 taken as unsigned is below 4 only
+  // for the four rows, so 0 and anything negative fall out with the rest.
+  switch (static_cast<unsigned>(id - 1)) {
+  case 0:
+    if (actions.summon)
+      actions.summon(timestamp);
+    break;
+  case 1:
+    if (actions.quote)
+      actions.quote(timestamp);
+    break;
+  case 2:
+    if (actions.friendQuote)
+      actions.friendQuote(timestamp);
+    break;
+  case 3:
+    if (actions.talk)
+      actions.talk(timestamp);
+    break;
+  default:
+    break;
+  }
+}
+
+void RegisterHotkeys(Hotkeys& hotkeys, std::function<void(int id, uint32_t timestamp)> handler) {
+  std::array<const char*, kHotkeyTable.size()> status{};
+  for (size_t row = 0; row < kHotkeyTable.size(); ++row) {
+    int id = kHotkeyTable[row].id;
+    bool grabbed = hotkeys.bind(kHotkeyTable[row].accelerator,
+                                [handler, id](uint32_t timestamp) { handler(id, timestamp); });
+    status[row] = grabbed ? "registered" : "FAILED";
+  }
+  SparLog("hotkeys: ⌥B %@, ⌥C %@, ⌥Q %@, ⌥V %@", status[0], status[1], status[2], status[3]);
+}
+
+} // namespace orvane

@@ -1,0 +1,65 @@
+#include "capture/Summon.h"
+
+#include "base/SparLog.h"
+#include "base/Text.h"
+#include "capture/ScreenContainingPoint.h"
+
+#include <utility>
+
+namespace orvane {
+
+Summon::Summon(Capture& capture, const Screens& screens, Scheduler& scheduler,
+               Activation& activation, SummonPanel& panel, double fallback_delay)
+    : capture_(capture), screens_(screens), scheduler_(scheduler), activation_(activation),
+      panel_(panel), fallback_delay_(fallback_delay) {}
+
+void Summon::hotkeySummon(uint32_t timestamp) {
+  // Pressed again while the panel has the keyboard: the key hides it.
+  if (panel_.isKeyInActiveApplication()) {
+    panel_.hide();
+    return;
+  }
+  std::optional<FrontApplication> front = capture_.frontApplication();
+  if (front && front->is_this_program) {
+    // Orvane itself is in front: nothing to capture, nothing to activate.
+    panel_.show(std::nullopt, panel_.keyWindowScreen(), timestamp);
+    return;
+  }
+  // While the other application is still in front: where the user looks,
+  // and what they selected there.
+  Point point = capture_.attentionPoint();
+  std::optional<Screen> screen = ScreenContainingPoint(screens_.screens(), point);
+  std::optional<std::string> text = capture_.captureSelection();
+  if (text)
+    SparLog("hotkey: %lu chars from %@", Utf16Length(*text),
+            front ? front->identifier : std::string("?"));
+  setPendingSummon(std::move(text), screen, timestamp);
+
+  activation_.requestActivation(timestamp, [this](std::optional<std::string> error) {
+    if (!error)
+      return; // the "activate" that follows takes the summon
+    SparLog("hotkey: LaunchServices refused (%@) — showing directly", *error);
+    takePendingSummon();
+  });
+  scheduler_.after(fallback_delay_, [this] { takePendingSummon(); });
+}
+
+void Summon::setPendingSummon(std::optional<std::string> selection, std::optional<Screen> screen,
+                              uint32_t timestamp) {
+  pending_selection_ = std::move(selection);
+  pending_screen_ = std::move(screen);
+  pending_timestamp_ = timestamp;
+  pending_summon_ = true;
+}
+
+void Summon::takePendingSummon() {
+  if (!pending_summon_)
+    return;
+  // Cleared before showing, so the panel is shown once per summon.
+  pending_summon_ = false;
+  std::optional<std::string> selection = std::exchange(pending_selection_, std::nullopt);
+  std::optional<Screen> screen = std::exchange(pending_screen_, std::nullopt);
+  panel_.show(selection, screen, std::exchange(pending_timestamp_, 0));
+}
+
+} // namespace orvane

@@ -1,0 +1,64 @@
+// The ⌥B summon of the quick panel: the toggle, the capture while the other
+// application is still in front, and the pending summon that the first of
+// three paths shows (the activation's "activate", a refused activation, a
+// fallback timer).
+#pragma once
+
+#include "capture/Capture.h"
+#include "desktop/Activation.h"
+#include "desktop/Scheduler.h"
+#include "desktop/Screens.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace orvane {
+
+inline constexpr double kSummonFallbackDelay = 0.7;
+
+// The quick panel as the summon drives it.
+class SummonPanel {
+public:
+  virtual ~SummonPanel() = default;
+  // The panel is visible and has the keyboard (so the program is active).
+  virtual bool isKeyInActiveApplication() const = 0;
+  virtual void hide() = 0;
+  // The screen of the program's window that has the keyboard, else the
+  // primary screen; nothing without screens.
+  virtual std::optional<Screen> keyWindowScreen() const = 0;
+  // Loads the panel's page for the selection and presents it on the screen
+  // with the time of the key press that asked for it.
+  virtual void show(const std::optional<std::string>& selection,
+                    const std::optional<Screen>& screen, uint32_t timestamp) = 0;
+};
+
+class Summon {
+public:
+  Summon(Capture& capture, const Screens& screens, Scheduler& scheduler, Activation& activation,
+         SummonPanel& panel, double fallback_delay = kSummonFallbackDelay);
+
+  // ⌥B (or the menu item) with the X server time of the key press.
+  void hotkeySummon(uint32_t timestamp);
+
+  void setPendingSummon(std::optional<std::string> selection, std::optional<Screen> screen,
+                        uint32_t timestamp);
+  bool hasPendingSummon() const { return pending_summon_; }
+  // Shows the pending summon once; nothing when none is pending.
+  void takePendingSummon();
+
+private:
+  Capture& capture_;
+  const Screens& screens_;
+  Scheduler& scheduler_;
+  Activation& activation_;
+  SummonPanel& panel_;
+  double fallback_delay_;
+
+  std::optional<std::string> pending_selection_;
+  std::optional<Screen> pending_screen_;
+  uint32_t pending_timestamp_ = 0;
+  bool pending_summon_ = false;
+};
+
+} // namespace orvane

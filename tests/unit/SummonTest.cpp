@@ -1,0 +1,205 @@
+#include "capture/Summon.h"
+
+#include "support/FakeCapture.h"
+#include "support/FakeScreens.h"
+#include "support/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+namespace orvane {
+namespace {
+
+// An activation whose answer the test gives.
+class FakeActivation final : public Activation {
+public:
+  void requestActivation(uint32_t timestamp, Completion completion) override {
+    timestamps.push_back(timestamp);
+    pending.push_back(std::move(completion));
+  }
+  void answer(std::optional<std::string> error) {
+    auto completion = std::move(pending.front());
+    pending.erase(pending.begin());
+    completion(std::move(error));
+  }
+  std::vector<uint32_t> timestamps;
+  std::vector<Completion> pending;
+};
+
+struct Shown {
+  std::optional<std::string> selection;
+  std::optional<Screen> screen;
+  uint32_t timestamp;
+};
+
+class FakePanel final : public SummonPanel {
+public:
+  bool isKeyInActiveApplication() const override { return visible && key; }
+  void hide() override {
+    visible = false;
+    key = false;
+    ++hides;
+  }
+  std::optional<Screen> keyWindowScreen() const override { return key_screen; }
+  void show(const std::optional<std::string>& selection, const std::optional<Screen>& screen,
+            uint32_t timestamp) override {
+    shown.push_back({selection, screen, timestamp});
+    visible = true;
+    key = true;
+  }
+  bool visible = false;
+  bool key = false;
+  int hides = 0;
+  std::optional<Screen> key_screen;
+  std::vector<Shown> shown;
+};
+
+class SummonTest : public ::testing::Test {
+protected:
+  SummonTest() { capture.otherApplication(4242, "Gedit"); }
+  LogCapture log;
+  FakeCapture capture;
+  FakeScreens screens;
+  VirtualScheduler scheduler;
+  FakeActivation activation;
+  FakePanel panel;
+  Summon summon{capture, screens, scheduler, activation, panel};
+};
+
+TEST_F(SummonTest, CapturesWhileTheOtherApplicationIsInFrontThenAsksForActivation) {
+  capture.selection = "a passage";
+  capture.point = {2000, 500}; // on the second screen
+  summon.hotkeySummon(123456);
+  EXPECT_EQ(capture.selection_calls, 1);
+  EXPECT_TRUE(panel.shown.empty()); // waits for the activation
+  EXPECT_TRUE(summon.hasPendingSummon());
+  EXPECT_EQ(activation.timestamps, std::vector<uint32_t>{123456});
+  EXPECT_EQ(log.messages(), std::vector<std::string>{"hotkey: 9 chars from Gedit"});
+
+  // The "activate" that the request brings takes the summon.
+  activation.answer(std::nullopt);
+  EXPECT_TRUE(panel.shown.empty());
+  summon.takePendingSummon();
+  ASSERT_EQ(panel.shown.size(), 1u);
+  EXPECT_EQ(panel.shown[0].selection, "a passage");
+  ASSERT_TRUE(panel.shown[0].screen);
+  EXPECT_EQ(panel.shown[0].screen->index, 1);
+  EXPECT_EQ(panel.shown[0].timestamp, 123456u);
+
+  // The fallback finds nothing pending.
+  scheduler.advance(1.0);
+  EXPECT_EQ(panel.shown.size(), 1u);
+}
+
+TEST_F(SummonTest, ChordLengthCountsUtf16Units) {
+  capture.selection = "naïve 😀";
+  capture.front.reset(); // no front window known
+  summon.hotkeySummon(1);
+  EXPECT_EQ(log.messages(), std::vector<std::string>{"hotkey: 8 chars from ?"});
+}
+
+TEST_F(SummonTest, NoSelectionWritesNoHotkeyLineAndShowsAnEmptyPanel) {
+  summon.hotkeySummon(5);
+  EXPECT_TRUE(log.messages().empty());
+  scheduler.advance(0.7);
+  ASSERT_EQ(panel.shown.size(), 1u);
+  EXPECT_EQ(panel.shown[0].selection, std::nullopt);
+}
+
+TEST_F(SummonTest, FallbackShowsAfterSevenTenthsWhenNoActivateArrives) {
+  capture.selection = "x";
+  summon.hotkeySummon(77);
+  scheduler.advance(0.69);
+  EXPECT_TRUE(panel.shown.empty());
+  scheduler.advance(0.01);
+  ASSERT_EQ(panel.shown.size(), 1u);
+  EXPECT_EQ(panel.shown[0].timestamp, 77u);
+  // A late activation answer and a late reopen find nothing pending.
+  activation.answer(std::nullopt);
+  summon.takePendingSummon();
+  EXPECT_EQ(panel.shown.size(), 1u);
+}
+
+TEST_F(SummonTest, RefusedActivationShowsDirectlyWithItsLine) {
+  capture.selection = "y";
+  summon.hotkeySummon(9);
+  activation.answer(std::string("The name com.tarnwick.orvane was not provided"));
+  ASSERT_EQ(panel.shown.size(), 1u);
+  EXPECT_EQ(panel.shown[0].selection, "y");
+  EXPECT_EQ(log.messages().back(), "hotkey: LaunchServices refused (The name com.tarnwick.orvane "
+                                   "was not provided) — showing directly");
+  scheduler.runAll();
+  summon.takePendingSummon();
+  EXPECT_EQ(panel.shown.size(), 1u);
+}
+
+TEST_F(SummonTest, KeyPanelInTheActiveProgramIsHiddenWithoutACapture) {
+  panel.visible = panel.key = true;
+  summon.hotkeySummon(3);
+  EXPECT_EQ(panel.hides, 1);
+  EXPECT_FALSE(panel.visible);
+  EXPECT_EQ(capture.selection_calls, 0);
+  EXPECT_TRUE(activation.timestamps.empty());
+  EXPECT_EQ(scheduler.pending(), 0u);
+  EXPECT_FALSE(summon.hasPendingSummon());
+}
+
+TEST_F(SummonTest, VisiblePanelWhileAnotherApplicationIsActiveShowsAgainWithAFreshCapture) {
+  capture.selection = "first";
+  summon.hotkeySummon(1);
+  scheduler.advance(0.7);
+  ASSERT_EQ(panel.shown.size(), 1u);
+  // The user goes back to the other application; the panel stays visible.
+  panel.key = false;
+  capture.selection = "second";
+  summon.hotkeySummon(2);
+  EXPECT_EQ(panel.hides, 0);
+  EXPECT_EQ(capture.selection_calls, 2);
+  scheduler.advance(0.7);
+  ASSERT_EQ(panel.shown.size(), 2u);
+  EXPECT_EQ(panel.shown[1].selection, "second");
+  EXPECT_EQ(panel.shown[1].timestamp, 2u);
+}
+
+TEST_F(SummonTest, ThisProgramInFrontShowsAtOnceOnTheKeyWindowsScreen) {
+  capture.thisProgram();
+  capture.selection = "never read";
+  panel.key_screen = screens.list[1];
+  summon.hotkeySummon(44);
+  ASSERT_EQ(panel.shown.size(), 1u);
+  EXPECT_EQ(panel.shown[0].selection, std::nullopt);
+  EXPECT_EQ(panel.shown[0].screen, screens.list[1]);
+  EXPECT_EQ(panel.shown[0].timestamp, 44u);
+  EXPECT_EQ(capture.selection_calls, 0);
+  EXPECT_TRUE(activation.timestamps.empty());
+  EXPECT_FALSE(summon.hasPendingSummon());
+}
+
+TEST_F(SummonTest, EachOfTheThreePathsShowsTheSummonOnceWhicheverComesFirst) {
+  // The activate first, then a refusal answer (impossible in practice, but
+  // the summon must not show twice), then the timer.
+  capture.selection = "once";
+  summon.hotkeySummon(1);
+  summon.takePendingSummon();
+  activation.answer(std::string("late error"));
+  scheduler.runAll();
+  EXPECT_EQ(panel.shown.size(), 1u);
+}
+
+TEST_F(SummonTest, NoScreensLeaveTheScreenUnknown) {
+  screens.list.clear();
+  capture.selection = "z";
+  summon.hotkeySummon(1);
+  scheduler.advance(0.7);
+  ASSERT_EQ(panel.shown.size(), 1u);
+  EXPECT_EQ(panel.shown[0].screen, std::nullopt);
+}
+
+TEST_F(SummonTest, TheFallbackDelayIsAParameter) {
+  Summon quick(capture, screens, scheduler, activation, panel, 0.05);
+  quick.hotkeySummon(1);
+  scheduler.advance(0.05);
+  EXPECT_EQ(panel.shown.size(), 1u);
+}
+
+} // namespace
+} // namespace orvane

@@ -130,15 +130,14 @@ DesktopSeams RealDesktopSeams() {
   seams.activation = std::make_unique<DBusActivation>(kApplicationId, ApplicationObjectPath());
   // The seams live on the heap, so these references outlive the move of
   // the struct into the delegate.
-  seams.make_capture = [front_windows = seams.front_windows.get(),
-                        selections = seams.selections.get(), screens = seams.screens.get(),
-                        accessibility = seams.accessibility.get(),
-                        notifications = seams.notifications.get()](
-                           DesktopSeams::LibraryFolderQuery library_folder) {
-    return MakeDesktopCapture(DesktopCaptureSeams{
-        *front_windows, *selections, *screens, *accessibility, *notifications,
-        [](int pid) { return pid == int(getpid()); }, std::move(library_folder)});
-  };
+  seams.make_capture =
+      [front_windows = seams.front_windows.get(), selections = seams.selections.get(),
+       screens = seams.screens.get(), accessibility = seams.accessibility.get(),
+       notifications = seams.notifications.get()](DesktopSeams::LibraryFolderQuery library_folder) {
+        return MakeDesktopCapture(DesktopCaptureSeams{
+            *front_windows, *selections, *screens, *accessibility, *notifications,
+            [](int pid) { return pid == int(getpid()); }, std::move(library_folder)});
+      };
   return seams;
 }
 
@@ -369,13 +368,13 @@ void AppDelegate::hotkeyFriendQuote() {
 
 void AppDelegate::sendQuoteToFriend() {
   // The CLIPBOARD is read asynchronously: its owner may be another client.
-  gtk_clipboard_request_text(gtk_clipboard_get(GDK_SELECTION_CLIPBOARD),
-                             +[](GtkClipboard*, const gchar* text, gpointer data) {
-                               auto* self = static_cast<AppDelegate*>(data);
-                               self->quotes_->sendQuoteToFriend(
-                                   text ? std::optional<std::string>(text) : std::nullopt);
-                             },
-                             this);
+  gtk_clipboard_request_text(
+      gtk_clipboard_get(GDK_SELECTION_CLIPBOARD),
+      +[](GtkClipboard*, const gchar* text, gpointer data) {
+        auto* self = static_cast<AppDelegate*>(data);
+        self->quotes_->sendQuoteToFriend(text ? std::optional<std::string>(text) : std::nullopt);
+      },
+      this);
 }
 
 void AppDelegate::hotkeyTalk() {

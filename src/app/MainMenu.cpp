@@ -68,6 +68,9 @@ const ActionEntry kActions[] = {
     {"choose-library-folder", [](GtkApplication*, MenuCommands& c) { c.chooseLibraryFolder(); },
      nullptr},
     {"show-library", [](GtkApplication*, MenuCommands& c) { c.showLibraryWindow(); }, "<Control>l"},
+    // While the global hotkeys hold their grabs, the X server hands Alt+B
+    // and Alt+V to the grab, never to a window, so these accelerators only
+    // act when another program holds the chord and never double a hotkey.
     {"quick-panel", [](GtkApplication*, MenuCommands& c) { c.hotkeySummon(); }, "<Alt>b"},
     {"talk", [](GtkApplication*, MenuCommands& c) { c.hotkeyTalk(); }, "<Alt>v"},
     {"minimize",
@@ -171,6 +174,5 @@ void InstallMainMenu(GtkApplication* application, MenuCommands& commands) {
 
   gtk_application_set_menubar(application, G_MENU_MODEL(bar.get()));
 }
-
 
 } // namespace orvane

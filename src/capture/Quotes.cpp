@@ -69,7 +69,8 @@ std::optional<std::string> TakeQuoteFile(const std::string& path, size_t max_byt
     // Bounded even when the file grows while it is read.
     while (bytes.size() <= max_bytes && (got = read(fd, buffer, sizeof buffer)) > 0)
       bytes.append(buffer, size_t(got));
-    if (got == 0 && bytes.size() <= max_bytes && g_utf8_validate(bytes.data(), bytes.size(), nullptr))
+    if (got == 0 && bytes.size() <= max_bytes &&
+        g_utf8_validate(bytes.data(), bytes.size(), nullptr))
       text = std::move(bytes);
   }
   if (fd >= 0)
@@ -146,8 +147,9 @@ void Quotes::friendQuoteWithText(const std::optional<std::string>& text) {
     long page = context_.capture.pageOfQuote(*doc, *text);
     SparLog("friend-quote: %lu chars from %@ (page %ld)", Utf16Length(*text), id, page);
     context_.show_library();
-    context_.events.sendEvent({{"type", "friendQuote"}, {"id", id}, {"text", *text}, {"page", page}},
-                              context_.library_page());
+    context_.events.sendEvent(
+        {{"type", "friendQuote"}, {"id", id}, {"text", *text}, {"page", page}},
+        context_.library_page());
     return;
   }
   SparLog("friend-quote: focused document %@ is not a library PDF",
@@ -179,9 +181,9 @@ void Quotes::askDesktopWith(const std::optional<std::string>& text, const std::s
   std::string quote = text.value_or("");
   // Nothing to search for without a quote.
   int page = quote.empty() ? 0 : context_.capture.pageOfQuote(doc, quote);
-  nlohmann::json ask = {{"path", doc},   {"title", LastPathComponent(doc)},
-                        {"quote", quote}, {"page", page},
-                        {"x", point.x},  {"y", point.y},
+  nlohmann::json ask = {{"path", doc},       {"title", LastPathComponent(doc)},
+                        {"quote", quote},    {"page", page},
+                        {"x", point.x},      {"y", point.y},
                         {"splitX", split_x}, {"splitW", split_w}};
   std::string object;
   try {

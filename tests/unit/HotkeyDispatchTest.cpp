@@ -6,8 +6,8 @@
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
-#include <gtest/gtest.h>
 #include <glib/gstdio.h>
+#include <gtest/gtest.h>
 
 #include <limits>
 #include <map>
@@ -57,8 +57,8 @@ TEST(HotkeyDispatchTest, IdsOneToFourReachTheirActionsInTableOrder) {
 
 TEST(HotkeyDispatchTest, IdsOutsideOneToFourAreIgnored) {
   Calls calls;
-  for (int id : {0, 5, -1, 6, 1000, std::numeric_limits<int>::min(),
-                 std::numeric_limits<int>::max()})
+  for (int id :
+       {0, 5, -1, 6, 1000, std::numeric_limits<int>::min(), std::numeric_limits<int>::max()})
     DispatchHotkey(id, 7, calls.actions());
   EXPECT_TRUE(calls.made.empty());
 }
@@ -69,8 +69,9 @@ TEST(HotkeyRegistrationTest, FourChordsInOrderAndOneLogLine) {
   std::vector<std::pair<int, uint32_t>> fired;
   RegisterHotkeys(hotkeys, [&](int id, uint32_t t) { fired.emplace_back(id, t); });
   EXPECT_EQ(hotkeys.order, (std::vector<std::string>{"<Alt>b", "<Alt>c", "<Alt>q", "<Alt>v"}));
-  EXPECT_EQ(log.messages(), (std::vector<std::string>{
-                                "hotkeys: ⌥B registered, ⌥C registered, ⌥Q registered, ⌥V registered"}));
+  EXPECT_EQ(log.messages(),
+            (std::vector<std::string>{
+                "hotkeys: ⌥B registered, ⌥C registered, ⌥Q registered, ⌥V registered"}));
   hotkeys.press("<Alt>q", 55);
   hotkeys.press("<Alt>b", 56);
   hotkeys.press("<Alt>v", 57);
@@ -118,12 +119,13 @@ protected:
 TEST_F(TalkTest, AnEmptyProjectDirUsesTheBuiltInFolder) {
   Settings::standard().setString("ProjectDir", "");
   EXPECT_EQ(ProjectDirectory(), std::string(kBundledSiteFolder));
-  OpenTalkLauncher(ProjectDirectory(), [this] { ++beeps; }, recordingTerminal());
+  OpenTalkLauncher(
+      ProjectDirectory(), [this] { ++beeps; }, recordingTerminal());
   std::string expected = std::string(kBundledSiteFolder) + "/voice/Talk.command";
   ASSERT_FALSE(log.messages().empty());
   // Not "/voice/Talk.command" under an empty folder.
-  EXPECT_TRUE(log.messages().back() == "talk: nothing runnable at " + expected +
-                                           ", is the venv built?" ||
+  EXPECT_TRUE(log.messages().back() ==
+                  "talk: nothing runnable at " + expected + ", is the venv built?" ||
               log.messages().back() == "talk: opened " + expected)
       << log.messages().back();
 }
@@ -132,7 +134,8 @@ TEST_F(TalkTest, ALauncherWithoutTheExecuteBitBeepsAndIsNotOpened) {
   std::string launcher = dir.write("project/voice/Talk.command", "#!/bin/sh\necho hi\n");
   g_chmod(launcher.c_str(), 0644);
   std::string terminal = recordingTerminal();
-  OpenTalkLauncher(dir.file("project"), [this] { ++beeps; }, terminal);
+  OpenTalkLauncher(
+      dir.file("project"), [this] { ++beeps; }, terminal);
   EXPECT_EQ(beeps, 1);
   EXPECT_EQ(log.messages(), (std::vector<std::string>{"talk: nothing runnable at " + launcher +
                                                       ", is the venv built?"}));
@@ -140,9 +143,11 @@ TEST_F(TalkTest, ALauncherWithoutTheExecuteBitBeepsAndIsNotOpened) {
 }
 
 TEST_F(TalkTest, AMissingLauncherOrAFolderInItsPlaceBeeps) {
-  OpenTalkLauncher(dir.file("nowhere"), [this] { ++beeps; }, recordingTerminal());
+  OpenTalkLauncher(
+      dir.file("nowhere"), [this] { ++beeps; }, recordingTerminal());
   g_mkdir_with_parents(dir.file("p/voice/Talk.command").c_str(), 0755);
-  OpenTalkLauncher(dir.file("p"), [this] { ++beeps; }, recordingTerminal());
+  OpenTalkLauncher(
+      dir.file("p"), [this] { ++beeps; }, recordingTerminal());
   EXPECT_EQ(beeps, 2);
   EXPECT_EQ(log.messages().size(), 2u);
 }
@@ -150,7 +155,8 @@ TEST_F(TalkTest, AMissingLauncherOrAFolderInItsPlaceBeeps) {
 TEST_F(TalkTest, AnExecutableLauncherOpensInTheTerminal) {
   std::string launcher = dir.write("project/voice/Talk.command", "#!/bin/sh\n");
   g_chmod(launcher.c_str(), 0755);
-  OpenTalkLauncher(dir.file("project"), [this] { ++beeps; }, recordingTerminal());
+  OpenTalkLauncher(
+      dir.file("project"), [this] { ++beeps; }, recordingTerminal());
   EXPECT_EQ(beeps, 0);
   EXPECT_EQ(log.messages(), (std::vector<std::string>{"talk: opened " + launcher}));
   // The terminal runs in the background; its record appears once it ran.
@@ -165,7 +171,8 @@ TEST_F(TalkTest, AnExecutableLauncherOpensInTheTerminal) {
 TEST_F(TalkTest, ATerminalThatCannotStartIsLogged) {
   std::string launcher = dir.write("project/voice/Talk.command", "#!/bin/sh\n");
   g_chmod(launcher.c_str(), 0755);
-  OpenTalkLauncher(dir.file("project"), [this] { ++beeps; }, dir.file("no-such-terminal"));
+  OpenTalkLauncher(
+      dir.file("project"), [this] { ++beeps; }, dir.file("no-such-terminal"));
   ASSERT_EQ(log.messages().size(), 1u);
   EXPECT_EQ(log.messages()[0].rfind("talk: ", 0), 0u);
   EXPECT_EQ(log.messages()[0].find("talk: opened"), std::string::npos);

@@ -6,8 +6,10 @@
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace orvane {
 namespace {
@@ -164,14 +166,14 @@ TEST_F(QuotesTest, AskObjectHasTheEightKeysWithTheirTypes) {
   EXPECT_TRUE(ask["splitW"].is_number());
   EXPECT_DOUBLE_EQ(ask["splitX"].get<double>(), 0);
   EXPECT_DOUBLE_EQ(ask["splitW"].get<double>(), 0);
-  EXPECT_EQ(capture.page_queries,
-            (std::vector<std::pair<std::string, std::string>>{{"/home/u/Downloads/paper.pdf",
-                                                               "needle"}}));
+  EXPECT_EQ(capture.page_queries, (std::vector<std::pair<std::string, std::string>>{
+                                      {"/home/u/Downloads/paper.pdf", "needle"}}));
   // The point chose the second screen for the tiling request.
   ASSERT_TRUE(std::get<2>(tiles.at(0)));
   EXPECT_EQ(std::get<2>(tiles.at(0))->index, 1);
-  EXPECT_EQ(log.messages(), std::vector<std::string>{
-                                "ask: paper.pdf, 6 chars quoted, to the desktop (split 0.000+0.000)"});
+  EXPECT_EQ(log.messages(),
+            std::vector<std::string>{
+                "ask: paper.pdf, 6 chars quoted, to the desktop (split 0.000+0.000)"});
 }
 
 TEST_F(QuotesTest, NothingSelectedInAPdfViewerStillAsksWithAnEmptyQuoteAndPageZero) {
@@ -183,8 +185,9 @@ TEST_F(QuotesTest, NothingSelectedInAPdfViewerStillAsksWithAnEmptyQuoteAndPageZe
   EXPECT_EQ(ask["quote"], "");
   EXPECT_EQ(ask["page"], 0);
   EXPECT_TRUE(capture.page_queries.empty());
-  EXPECT_EQ(log.messages(), std::vector<std::string>{
-                                "ask: paper.pdf, 0 chars quoted, to the desktop (split 0.000+0.000)"});
+  EXPECT_EQ(log.messages(),
+            std::vector<std::string>{
+                "ask: paper.pdf, 0 chars quoted, to the desktop (split 0.000+0.000)"});
 }
 
 TEST_F(QuotesTest, ATiledPaperGivesTheFreeAreaAsFractionsOfTheScreen) {
@@ -196,7 +199,8 @@ TEST_F(QuotesTest, ATiledPaperGivesTheFreeAreaAsFractionsOfTheScreen) {
   auto ask = nlohmann::json::parse(bus.posts.at(0).second);
   EXPECT_DOUBLE_EQ(ask["splitX"].get<double>(), 0.5);
   EXPECT_DOUBLE_EQ(ask["splitW"].get<double>(), 0.5);
-  EXPECT_EQ(log.messages().back(), "ask: a.pdf, 1 chars quoted, to the desktop (split 0.500+0.500)");
+  EXPECT_EQ(log.messages().back(),
+            "ask: a.pdf, 1 chars quoted, to the desktop (split 0.500+0.500)");
 }
 
 TEST_F(QuotesTest, TilingWithoutScreensGivesNoSplit) {
@@ -222,10 +226,10 @@ TEST_F(QuotesTest, AFrontWindowWithoutAPdfAsksNothing) {
   capture.document = "/home/u/.pdf";
   quotes.askDesktopWith(std::string("q"), 1, {0, 0});
   EXPECT_TRUE(bus.posts.empty());
-  EXPECT_EQ(log.messages(), (std::vector<std::string>{
-                                "ask: the front window is not a pdf (/home/u/notes.txt)",
-                                "ask: the front window is not a pdf (no document)",
-                                "ask: the front window is not a pdf (/home/u/.pdf)"}));
+  EXPECT_EQ(log.messages(),
+            (std::vector<std::string>{"ask: the front window is not a pdf (/home/u/notes.txt)",
+                                      "ask: the front window is not a pdf (no document)",
+                                      "ask: the front window is not a pdf (/home/u/.pdf)"}));
 }
 
 TEST_F(QuotesTest, AQuoteThatIsNotUtf8PostsNothingAndLogsNothing) {
@@ -265,8 +269,8 @@ TEST_F(QuotesTest, ArrivingQuoteWithoutAChatOrWithoutTextIsLogged) {
   dir.write("quote.txt", "");
   quotes.quoteArrived(); // empty file
   EXPECT_TRUE(chat.scripts.empty());
-  EXPECT_EQ(log.messages(), (std::vector<std::string>{
-                                "quote: no chat open", "quote: no chat open", "quote: no chat open"}));
+  EXPECT_EQ(log.messages(), (std::vector<std::string>{"quote: no chat open", "quote: no chat open",
+                                                      "quote: no chat open"}));
   EXPECT_FALSE(g_file_test(dir.file("quote.txt").c_str(), G_FILE_TEST_EXISTS));
 }
 
@@ -328,10 +332,9 @@ TEST_F(QuotesTest, FriendQuoteFromALibraryPdfGoesToTheLibraryPage) {
   quotes.hotkeyFriendQuote();
   EXPECT_EQ(library_shown, 1);
   ASSERT_EQ(libraryEvents().size(), 1u);
-  EXPECT_EQ(libraryEvents()[0], (nlohmann::json{{"type", "friendQuote"},
-                                                {"id", "cs/0101123"},
-                                                {"text", "a line"},
-                                                {"page", 12}}));
+  EXPECT_EQ(libraryEvents()[0],
+            (nlohmann::json{
+                {"type", "friendQuote"}, {"id", "cs/0101123"}, {"text", "a line"}, {"page", 12}}));
   EXPECT_TRUE(primary->events().empty());
   EXPECT_EQ(log.messages(),
             std::vector<std::string>{"friend-quote: 6 chars from cs/0101123 (page 12)"});
@@ -354,15 +357,15 @@ TEST_F(QuotesTest, ASiblingFolderWhoseNameBeginsLikeTheLibraryIsNotTheLibrary) {
   quotes.hotkeyFriendQuote();
   EXPECT_TRUE(libraryEvents().empty());
   ASSERT_EQ(primary->events().size(), 1u);
-  EXPECT_EQ(primary->events()[0],
-            (nlohmann::json{{"type", "error"},
-                            {"id", ""},
-                            {"message", "Quotes are sent from a library PDF, the front window "
-                                        "isn't one. Open the paper's PDF from the library first."}}));
+  EXPECT_EQ(
+      primary->events()[0],
+      (nlohmann::json{{"type", "error"},
+                      {"id", ""},
+                      {"message", "Quotes are sent from a library PDF, the front window "
+                                  "isn't one. Open the paper's PDF from the library first."}}));
   EXPECT_EQ(library_shown, 1);
   EXPECT_EQ(log.messages(), std::vector<std::string>{"friend-quote: focused document " +
-                                                     *capture.document +
-                                                     " is not a library PDF"});
+                                                     *capture.document + " is not a library PDF"});
 }
 
 TEST_F(QuotesTest, WithoutAnAccountEveryFriendQuoteIsRefused) {
@@ -398,9 +401,9 @@ TEST_F(QuotesTest, ServicesEntryQuotesTheClipboardText) {
   capture.document = *folder + "/math_0211159v1.pdf";
   capture.page = 2;
   quotes.sendQuoteToFriend(std::string("clipped ✂"));
-  EXPECT_EQ(log.messages(), (std::vector<std::string>{
-                                "friend-quote: 9 chars via the Services menu",
-                                "friend-quote: 9 chars from math/0211159v1 (page 2)"}));
+  EXPECT_EQ(log.messages(),
+            (std::vector<std::string>{"friend-quote: 9 chars via the Services menu",
+                                      "friend-quote: 9 chars from math/0211159v1 (page 2)"}));
   ASSERT_EQ(libraryEvents().size(), 1u);
   EXPECT_EQ(libraryEvents()[0]["text"], "clipped ✂");
 }

@@ -3,6 +3,7 @@
 #include "base/GObjectPtr.h"
 
 #include <gio/gio.h>
+#include <memory>
 
 namespace orvane {
 

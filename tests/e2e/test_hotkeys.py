@@ -1,0 +1,170 @@
+"""The global hotkeys: the launch's hotkeys line, a second instance that
+cannot grab the chords, ⌥B from the keyboard (with Caps Lock on too), and the
+"send-quote-to-friend" action reached from outside with `gapplication`."""
+
+from __future__ import annotations
+
+import contextlib
+import subprocess
+
+import pytest
+
+from harness import (APP_ID, Home, Orvane, _read_line_from_fd, clean_base_env, holds_for,
+                     stop_process_group, wait_until)
+
+ALL_REGISTERED = "hotkeys: ⌥B registered, ⌥C registered, ⌥Q registered, ⌥V registered"
+ALL_FAILED = "hotkeys: ⌥B FAILED, ⌥C FAILED, ⌥Q FAILED, ⌥V FAILED"
+
+
+def _launch_and_wait(home, site, launch) -> Orvane:
+    home.write_settings(AppURL=site.url)
+    orvane = launch()
+    orvane.wait_for_window("library")
+    home.wait_for_log(lambda m: m.startswith("hotkeys:"))
+    return orvane
+
+
+def _press(desktop, chord: str) -> None:
+    # No --clearmodifiers: the lock state must travel with the press.
+    desktop.run_tool("xdotool", "key", chord, check=True)
+
+
+def _lock_state(desktop, name: str) -> str:
+    out = desktop.run_tool("xset", "q").stdout
+    after = out.split(f"{name}:", 1)[1].split()
+    return after[0]
+
+
+@contextlib.contextmanager
+def _lock_on(desktop, key: str, name: str):
+    """Turns a lock key on for the block and off again afterwards (the
+    display is shared by the whole session)."""
+    if _lock_state(desktop, name) != "on":
+        _press(desktop, key)
+    wait_until(lambda: _lock_state(desktop, name) == "on", 10, what=f"{name} on")
+    try:
+        yield
+    finally:
+        if _lock_state(desktop, name) == "on":
+            _press(desktop, key)
+        wait_until(lambda: _lock_state(desktop, name) == "off", 10, what=f"{name} off")
+
+
+def test_hotkeys_line_is_written_right_after_the_accessibility_line(home, site, launch):
+    _launch_and_wait(home, site, launch)
+    messages = home.log_messages()
+    assert messages[0].startswith("=== Orvane "), messages
+    assert messages[1].startswith("accessibility trusted: "), messages
+    assert messages[2] == ALL_REGISTERED, messages
+    assert sum(m.startswith("hotkeys:") for m in messages) == 1
+
+
+def test_a_second_instance_on_another_bus_fails_all_four_and_still_starts(
+        home, site, desktop, launch, tmp_path):
+    _launch_and_wait(home, site, launch)
+    assert home.log_messages()[2] == ALL_REGISTERED
+
+    # Its own session bus and home: it does not hand over to the first.
+    bus = subprocess.Popen(
+        ["dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"],
+        stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, stdin=subprocess.DEVNULL,
+        env=clean_base_env(), start_new_session=True)
+    second = None
+    try:
+        address = _read_line_from_fd(bus.stdout.fileno(), 20)
+        other = Home(tmp_path / "second-home", desktop)
+        other.extra_env["DBUS_SESSION_BUS_ADDRESS"] = address
+        other.write_settings(AppURL=site.url, ProjectDir=str(tmp_path / "no-project"))
+        second = Orvane(other, desktop).start(wait_for_free_name=False)
+        other.wait_for_log(lambda m: m.startswith("hotkeys:"))
+        messages = other.log_messages()
+        assert messages[2] == ALL_FAILED, messages
+        # The launch went on: its library window appears.
+        second.wait_for_window("library")
+        assert second.running()
+        # The first still holds the chords: ⌥B reaches it, not the second.
+        _press(desktop, "alt+b")
+        home.wait_for_log(lambda m: m.startswith("panel shown:"))
+        assert holds_for(lambda: not any(m.startswith("panel shown:")
+                                         for m in other.log_messages()), 1.0)
+    finally:
+        if second is not None:
+            second.stop()
+        stop_process_group(bus)
+
+
+def test_alt_b_shows_the_panel_with_the_keyboard_and_again_hides_it(home, site, desktop, launch):
+    orvane = _launch_and_wait(home, site, launch)
+    _press(desktop, "alt+b")
+    panel = orvane.wait_for_window("quick-panel")
+    home.wait_for_log(lambda m: m.startswith("panel shown:"))
+    # Presented with the key press's time, so openbox gives it the focus.
+    wait_until(lambda: desktop.focused_window() == panel, 10,
+               what="the quick panel to have the keyboard focus")
+    # No selection is captured yet, so no "hotkey:" line and no "add=".
+    assert not [m for m in home.log_messages() if m.startswith("hotkey: ")]
+    # Above other windows and on every workspace.
+    state = desktop.window_property(panel, "_NET_WM_STATE") or ""
+    assert "_NET_WM_STATE_ABOVE" in state, state
+    assert desktop.window_property(panel, "_NET_WM_DESKTOP") == "4294967295"
+
+    # Pressed again while the panel has the keyboard: hidden, once; the
+    # menu's Alt+B does not fire as well and show it again.
+    shown = sum(m.startswith("panel shown:") for m in home.log_messages())
+    _press(desktop, "alt+b")
+    orvane.wait_window_hidden(panel)
+    assert holds_for(lambda: not orvane.windows("quick-panel"), 1.5)
+    assert sum(m.startswith("panel shown:") for m in home.log_messages()) == shown
+
+
+@pytest.mark.parametrize("lock_key, lock_name", [("Caps_Lock", "Caps Lock"),
+                                                 ("Num_Lock", "Num Lock")])
+def test_alt_b_fires_with_a_lock_key_on(home, site, desktop, launch, lock_key, lock_name):
+    orvane = _launch_and_wait(home, site, launch)
+    with _lock_on(desktop, lock_key, lock_name):
+        _press(desktop, "alt+b")
+        orvane.wait_for_window("quick-panel")
+        home.wait_for_log(lambda m: m.startswith("panel shown:"))
+
+
+def test_send_quote_to_friend_action_quotes_the_clipboard(home, site, desktop, launch):
+    _launch_and_wait(home, site, launch)
+    text = "a “quoted” line"
+    # xclip owns the CLIPBOARD until another client takes it.
+    owner = subprocess.Popen(["xclip", "-selection", "clipboard", "-i"], stdin=subprocess.PIPE,
+                             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                             env=desktop.tool_env(), start_new_session=True)
+    try:
+        owner.stdin.write(text.encode())
+        owner.stdin.close()
+        wait_until(lambda: desktop.run_tool("xclip", "-selection", "clipboard", "-o").stdout == text,
+                   10, what="the clipboard to hold the text")
+        result = desktop.run_tool("gapplication", "action", APP_ID, "send-quote-to-friend")
+        assert result.returncode == 0, result.stderr
+        home.wait_for_log(f"friend-quote: {len(text)} chars via the Services menu")
+        # The placeholder capture knows no focused document yet.
+        home.wait_for_log("friend-quote: focused document (none) is not a library PDF")
+    finally:
+        stop_process_group(owner)
+
+
+def test_send_quote_to_friend_with_an_empty_clipboard(home, site, desktop, launch):
+    _launch_and_wait(home, site, launch)
+    result = desktop.run_tool("gapplication", "action", APP_ID, "send-quote-to-friend")
+    assert result.returncode == 0, result.stderr
+    home.wait_for_log("friend-quote: 0 chars via the Services menu")
+    home.wait_for_log("friend-quote: focused document (none) is not a library PDF")
+
+
+def test_hostile_action_parameters_are_refused_and_the_program_stays_up(home, site, desktop,
+                                                                          launch):
+    orvane = _launch_and_wait(home, site, launch)
+    # The action takes no parameter; a call with one is refused by GIO.
+    desktop.run_tool("gapplication", "action", APP_ID, "send-quote-to-friend", "'x' * 3")
+    desktop.run_tool("gapplication", "action", APP_ID, "send-quote-to-friend", "[1, 2]")
+    desktop.run_tool("gapplication", "action", APP_ID, "no-such-action")
+    assert holds_for(orvane.running, 1.0)
+    assert not [m for m in home.log_messages() if "via the Services menu" in m]
+    result = desktop.run_tool("gapplication", "action", APP_ID, "send-quote-to-friend")
+    assert result.returncode == 0, result.stderr
+    home.wait_for_log(lambda m: "via the Services menu" in m)

@@ -1,5 +1,6 @@
 #include "capture/PanelWindow.h"
 
+#include "desktop/x11/InputFocus.h"
 #include "desktop/x11/WindowFrames.h"
 
 namespace orvane {
@@ -64,7 +65,9 @@ bool PanelWindow::isVisible() const {
   return gtk_widget_get_visible(GTK_WIDGET(window_));
 }
 bool PanelWindow::isKeyWindow() const {
-  return gtk_window_is_active(window_);
+  // Asked of the X server too: while a hotkey's grab is active GTK reports
+  // every window as inactive.
+  return gtk_window_is_active(window_) || HasInputFocus(window_);
 }
 Rect PanelWindow::frame() const {
   return WindowFrame(window_);

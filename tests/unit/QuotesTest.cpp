@@ -381,14 +381,6 @@ TEST_F(QuotesTest, WithoutAnAccountEveryFriendQuoteIsRefused) {
   EXPECT_EQ(library_shown, 2);
 }
 
-TEST_F(QuotesTest, APdfNamedOnlyByItsExtensionHasNoPaperId) {
-  capture.document = *folder + "/.pdf";
-  capture.selection = "text";
-  quotes.hotkeyFriendQuote();
-  EXPECT_TRUE(libraryEvents().empty());
-  EXPECT_EQ(primary->eventTypes(), std::vector<std::string>{"error"});
-}
-
 TEST_F(QuotesTest, FriendQuoteFromThisProgramDoesNothing) {
   capture.thisProgram();
   capture.document = *folder + "/a.pdf";

@@ -17,6 +17,11 @@ KeybinderHotkeys::KeybinderHotkeys() {
   // keybinder keeps one filter on the root window for the whole process.
   static const bool initialised = [] {
     keybinder_init();
+    // Raw matching (key code and modifiers with the lock keys masked out).
+    // The "cooked" default translates the key with the event's state first,
+    // so with Caps Lock on the key reads as "B" and matches no binding of
+    // "<Alt>b".
+    keybinder_set_use_cooked_accelerators(FALSE);
     return true;
   }();
   (void)initialised;

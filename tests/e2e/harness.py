@@ -2028,7 +2028,9 @@ class TextWindow(_Client):
         self.no_primary = no_primary
         self.window = 0
 
-    def start(self) -> "TextWindow":
+    def start(self, activate: bool = True) -> "TextWindow":
+        """Show the window; with `activate` (a desktop with a window manager)
+        also bring it to the front and wait for its keyboard focus."""
         argv = [PYTHON, str(TEXT_WINDOW), str(self.state), self.text]
         if self.select:
             argv += ["--select", str(self.select[0]), str(self.select[1])]
@@ -2041,7 +2043,8 @@ class TextWindow(_Client):
             return json.loads((self.state / "ready.json").read_text(encoding="utf-8"))
         info = wait_until(ready, what="the text window to show its selection")
         self.window = info["window"]
-        self.desktop.activate_and_focus(self.window)
+        if activate:
+            self.desktop.activate_and_focus(self.window)
         return self
 
     @property

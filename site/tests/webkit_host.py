@@ -280,13 +280,37 @@ def quick_panel(base, shots):
     assert host.wait_message("close") == {"action": "close"}
     host.close()
 
-    plain = Host(size=(560, 680))
-    plain.load(base + "/")
-    plain.wait_message("hello")
-    # Without "add=" the page is the plain library: no note card.
-    plain.wait_js("document.querySelectorAll('li.paper').length >= 8")
-    assert plain.js("document.getElementById('add-card').hidden")
-    plain.close()
+    # A hostile passage (markup, a script, 30,000 more characters) is shown
+    # as text and runs nothing; the site keeps notes of at most 20,000
+    # characters, and the page says why it could not keep this one.
+    script_like = '<img src=x onerror="window.__pwned=1"><script>window.__pwned=2</script>&amp; \u00e9 "q"'
+    huge = script_like + "x" * 30000
+    chosen = 'li.paper[data-id="2401.01234"] .actions button.primary'
+    host = Host(size=(560, 680))
+    host.load(base + "/?add=" + urllib.request.quote(huge, safe=""))
+    host.wait_message("hello")
+    host.wait_js("document.querySelector('#add-card blockquote')")
+    assert host.js("document.querySelector('#add-card blockquote').textContent") == huge
+    assert host.js("document.querySelectorAll('#add-card img, #add-card script').length") == 0
+    host.wait_js(f"document.querySelector({json.dumps(chosen)})")
+    host.click(chosen)
+    host.wait_js("document.getElementById('notices').innerText.includes('could not be saved')")
+    assert papers(base)["2401.01234"]["notes"] == []
+    host.close()
+
+    # Within the limit, any paper of the list can take it with "Add here".
+    host = Host(size=(560, 680))
+    host.load(base + "/?add=" + urllib.request.quote(script_like, safe=""))
+    host.wait_message("hello")
+    host.wait_js(f"document.querySelector({json.dumps(chosen)})")
+    assert host.text(chosen) == "Add here"
+    assert host.js("document.querySelector('#add-card blockquote').textContent") == script_like
+    host.click(chosen)
+    host.wait_js("document.querySelector('#add-card').innerText.includes('Note added')")
+    assert host.js("typeof window.__pwned") == "undefined"
+    notes = papers(base)["2401.01234"]["notes"]
+    assert [(n["text"], n["source"]) for n in notes] == [(script_like, "panel")], notes
+    host.close()
 
 
 def sparring(base, shots):
@@ -350,6 +374,16 @@ def sparring(base, shots):
     # Quotes land in the message box, as Orvane hands them over.
     host.js("window.sparQuote && window.sparQuote(%s[0])" % json.dumps(["a marked node at level zero"]))
     assert host.js("document.getElementById('message').value").startswith("> a marked node at level zero")
+    # Each line of a quote becomes a "> " line after what the user had typed;
+    # markup in it stays text in the message box.
+    host.js("document.getElementById('message').value = 'My question'")
+    host.js("document.getElementById('message').setSelectionRange(11, 11)")
+    hostile = "first <script>window.__pwned=3</script>\nsecond line"
+    host.js("window.sparQuote && window.sparQuote(%s[0])" % json.dumps([hostile]))
+    assert host.js("document.getElementById('message').value") == \
+        "My question\n\n> first <script>window.__pwned=3</script>\n> second line\n\n"
+    assert host.js("typeof window.__pwned") == "undefined"
+    assert host.js("document.activeElement.id") == "message"
 
     host.click("#split")
     split = host.wait_message("previewSplit")

@@ -13,6 +13,13 @@
 - `agent`     a StandInAgent for the test's home (installed by the test)
 - `reference_site`  the bundled library site (site/) on a free loopback
               port, with a data folder of the test's own
+- `clients`   other applications for the capture tests (a GTK text window,
+              a CLIPBOARD owner, an xterm with a SIGINT trap, zathura, a
+              D-Bus signal recorder), all ended at the test's end
+- `notification_service`  a stand-in org.freedesktop.Notifications on the
+              test bus that records Notify calls
+- `bare_desktop`  a second display with its own bus and no window manager
+- `other_bus` one more private session bus on the shared display
 
 On a failed test, a screenshot of the desktop, the activity log, Orvane's
 console output and the sites' request logs are kept under
@@ -33,8 +40,11 @@ import pytest
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 
 from harness import (  # noqa: E402
+    Clients,
     Desktop,
     FileManagerService,
+    NotificationService,
+    SessionBus,
     FixtureSite,
     Home,
     Orvane,
@@ -126,6 +136,46 @@ def file_manager_service(desktop, home):
         yield service
     finally:
         service.stop()
+
+
+@pytest.fixture
+def clients(desktop, tmp_path):
+    started = Clients(desktop, tmp_path / "clients")
+    try:
+        yield started
+    finally:
+        started.stop()
+
+
+@pytest.fixture
+def notification_service(desktop, home):
+    service = NotificationService(desktop, home.calls_file("notifications")).start()
+    try:
+        yield service
+    finally:
+        service.stop()
+
+
+@pytest.fixture(scope="module")
+def bare_desktop():
+    d = Desktop(window_manager=False).start()
+    try:
+        yield d
+    finally:
+        leftovers = d.stop()
+        if leftovers:
+            warnings.warn(f"processes left on the bare desktop had to be ended: {leftovers}")
+
+
+@pytest.fixture
+def other_bus(tmp_path):
+    bus = SessionBus(tmp_path / "other-bus").start()
+    try:
+        yield bus
+    finally:
+        leftovers = bus.stop()
+        if leftovers:
+            warnings.warn(f"processes left on the second bus had to be ended: {leftovers}")
 
 
 @pytest.fixture

@@ -312,15 +312,40 @@ def _read_line_from_fd(fd: int, timeout: float) -> str:
 # the desktop: private bus, Xvfb, openbox
 
 
+def start_session_bus(env: dict[str, str], log_path: Path) -> tuple[subprocess.Popen, str]:
+    """Start a private D-Bus session bus daemon; returns it and its address."""
+    with open(log_path, "wb") as bus_log:
+        bus = subprocess.Popen(
+            ["dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"],
+            stdout=subprocess.PIPE,
+            stderr=bus_log,
+            stdin=subprocess.DEVNULL,
+            env=env,
+            start_new_session=True,
+        )
+    try:
+        address = _read_line_from_fd(bus.stdout.fileno(), DEFAULT_TIMEOUT)
+    except BaseException:
+        stop_process_group(bus)
+        raise
+    if not address.startswith("unix:"):
+        stop_process_group(bus)
+        raise RuntimeError(f"unexpected bus address {address!r}")
+    return bus, address
+
+
 class Desktop:
     """A private X11 desktop: D-Bus session bus, Xvfb and openbox.
 
     `env()` gives the variables a child needs to live on this desktop.
     """
 
-    def __init__(self, width: int = 1920, height: int = 1080):
+    def __init__(self, width: int = 1920, height: int = 1080, window_manager: bool = True):
         self.width = width
         self.height = height
+        # Without a window manager the display is a bare X server: no
+        # _NET_SUPPORTING_WM_CHECK, so Orvane does not count as trusted there.
+        self.window_manager = window_manager
         self.scratch: Path | None = None
         self.display: str | None = None
         self.bus_address: str | None = None
@@ -348,18 +373,7 @@ class Desktop:
         base = clean_base_env()
         base["HOME"] = str(service_home)
 
-        with open(self.scratch / "dbus.err", "wb") as bus_log:
-            self.bus = subprocess.Popen(
-                ["dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"],
-                stdout=subprocess.PIPE,
-                stderr=bus_log,
-                stdin=subprocess.DEVNULL,
-                env=base,
-                start_new_session=True,
-            )
-        self.bus_address = _read_line_from_fd(self.bus.stdout.fileno(), DEFAULT_TIMEOUT)
-        if not self.bus_address.startswith("unix:"):
-            raise RuntimeError(f"unexpected bus address {self.bus_address!r}")
+        self.bus, self.bus_address = start_session_bus(base, self.scratch / "dbus.err")
 
         read_fd, write_fd = os.pipe()
         xvfb_log = open(self.scratch / "xvfb.err", "wb")
@@ -394,6 +408,9 @@ class Desktop:
             raise RuntimeError(f"Xvfb reported display {number!r}")
         self.display = f":{number}"
 
+        _LIVE_DESKTOP_PIDS.update((self.bus.pid, self.xvfb.pid))
+        if not self.window_manager:
+            return
         with open(self.scratch / "openbox.err", "wb") as wm_log:
             self.wm = subprocess.Popen(
                 ["openbox", "--sm-disable"],
@@ -403,7 +420,7 @@ class Desktop:
                 env={**base, **self.env()},
                 start_new_session=True,
             )
-        _LIVE_DESKTOP_PIDS.update((self.bus.pid, self.xvfb.pid, self.wm.pid))
+        _LIVE_DESKTOP_PIDS.add(self.wm.pid)
         wait_until(self.wm_ready, what="openbox to claim the display (_NET_SUPPORTING_WM_CHECK)")
         # On a fresh server the first synthetic key press sometimes never
         # reaches openbox's key bindings (an Alt+F4 then closes nothing); one
@@ -601,6 +618,44 @@ class Desktop:
 
     def activate(self, win: int) -> None:
         self.run_tool("xdotool", "windowactivate", "--sync", str(win), check=True)
+
+    def activate_and_focus(self, win: int, timeout: float = DEFAULT_TIMEOUT) -> None:
+        """Bring a window to the front and wait until it has the keyboard focus."""
+        self.activate(win)
+        wait_until(lambda: self.focused_window() == win, timeout,
+                   what=f"window {win:#x} to have the keyboard focus")
+
+    def press(self, *keys: str) -> None:
+        """Key chords pressed as they are, through XTest (`xdotool key`),
+        e.g. press("alt+b"): what a user's hands do."""
+        self.run_tool("xdotool", "key", *keys, check=True)
+
+    def active_window(self) -> int | None:
+        """The window manager's _NET_ACTIVE_WINDOW, or None."""
+        value = self.window_property_root("_NET_ACTIVE_WINDOW")
+        match = re.search(r"0x[0-9a-fA-F]+", value or "")
+        return int(match.group(0), 16) if match and int(match.group(0), 16) else None
+
+    def windows_of_pid(self, pid: int) -> list[int]:
+        """Viewable windows whose _NET_WM_PID is `pid`."""
+        result = self.run_tool("xdotool", "search", "--onlyvisible", "--pid", str(pid))
+        return [int(line) for line in result.stdout.split() if line.strip().isdigit()]
+
+    def selection_targets(self, selection: str = "clipboard") -> list[str]:
+        """The TARGETS that the owner of a selection ("primary",
+        "clipboard") offers; empty when it has no owner."""
+        result = self.run_tool("xclip", "-o", "-selection", selection, "-t", "TARGETS")
+        if result.returncode != 0:
+            return []
+        return [line.strip() for line in result.stdout.splitlines() if line.strip()]
+
+    def read_selection(self, selection: str = "clipboard", target: str = "UTF8_STRING") -> bytes | None:
+        """The bytes a selection's owner gives for one target, exactly as
+        sent; None when there is no owner or it refuses the target."""
+        result = subprocess.run(
+            ["xclip", "-o", "-selection", selection, "-t", target],
+            env=self.tool_env(), stdin=subprocess.DEVNULL, capture_output=True, timeout=10)
+        return result.stdout if result.returncode == 0 else None
 
     def close_with_wm(self, win: int) -> None:
         """Close the window the way a user does: activate it and press Alt+F4,
@@ -953,12 +1008,17 @@ def read_sidecar(pdf: Path) -> Any:
 
 
 FILE_MANAGER_SERVICE = FIXTURES / "bin" / "file_manager1.py"
+NOTIFICATIONS_SERVICE = FIXTURES / "bin" / "notifications.py"
+NOTIFICATIONS_NAME = "org.freedesktop.Notifications"
 
 
-class FileManagerService:
-    """A stand-in for the desktop's file manager: owns
-    org.freedesktop.FileManager1 on the test desktop's bus and records each
-    method call as one JSON line {"method", "uris", "startup_id"}."""
+class StandInService:
+    """A stand-in for a desktop service: a fixture script that owns `name`
+    on the test desktop's bus and records each call as one JSON line in
+    `calls_file`."""
+
+    script: Path
+    name: str
 
     def __init__(self, desktop: Desktop, calls_file: Path):
         self.desktop = desktop
@@ -966,12 +1026,12 @@ class FileManagerService:
         self.proc: subprocess.Popen | None = None
         self.err_path = self.calls_file.with_suffix(".err")
 
-    def start(self) -> "FileManagerService":
-        if self.desktop.name_has_owner(FILE_MANAGER1_NAME):
-            raise RuntimeError(f"{FILE_MANAGER1_NAME} is already owned on the test bus")
+    def start(self) -> "StandInService":
+        if self.desktop.name_has_owner(self.name):
+            raise RuntimeError(f"{self.name} is already owned on the test bus")
         with open(self.err_path, "wb") as err:
             self.proc = subprocess.Popen(
-                [PYTHON, str(FILE_MANAGER_SERVICE), str(self.calls_file)],
+                [PYTHON, str(self.script), str(self.calls_file)],
                 env=self.desktop.tool_env(),
                 stdin=subprocess.DEVNULL,
                 stdout=err,
@@ -981,28 +1041,53 @@ class FileManagerService:
 
         def owned():
             if self.proc.poll() is not None:
-                raise AssertionError(f"the file manager stand-in exited with {self.proc.returncode}: "
+                raise AssertionError(f"the {self.name} stand-in exited with {self.proc.returncode}: "
                                      f"{self.err_path.read_text(errors='replace')}")
-            return self.desktop.name_has_owner(FILE_MANAGER1_NAME)
-        wait_until(owned, what=f"the stand-in to own {FILE_MANAGER1_NAME}")
+            return self.desktop.name_has_owner(self.name)
+        wait_until(owned, what=f"the stand-in to own {self.name}")
         return self
 
     def stop(self) -> None:
         if self.proc is not None:
             stop_process_group(self.proc)
             self.proc = None
-            wait_until(lambda: not self.desktop.name_has_owner(FILE_MANAGER1_NAME), 10,
-                       what=f"{FILE_MANAGER1_NAME} to be released")
+            wait_until(lambda: not self.desktop.name_has_owner(self.name), 10,
+                       what=f"{self.name} to be released")
 
     def calls(self) -> list[dict[str, Any]]:
-        if not self.calls_file.exists():
-            return []
-        return [json.loads(line) for line in self.calls_file.read_text(encoding="utf-8").splitlines()
-                if line.strip()]
+        return read_json_lines(self.calls_file)
 
     def wait_for_call(self, count: int = 1, timeout: float = DEFAULT_TIMEOUT) -> list[dict[str, Any]]:
         return wait_until(lambda: (lambda calls: calls if len(calls) >= count else None)(self.calls()),
-                          timeout, what=f"{count} call(s) of {FILE_MANAGER1_NAME}")
+                          timeout, what=f"{count} call(s) of {self.name}")
+
+
+class FileManagerService(StandInService):
+    """A stand-in for the desktop's file manager: owns
+    org.freedesktop.FileManager1 and records each method call as
+    {"method", "uris", "startup_id"}."""
+
+    script = FILE_MANAGER_SERVICE
+    name = FILE_MANAGER1_NAME
+
+
+class NotificationService(StandInService):
+    """A stand-in for the desktop's notification daemon: owns
+    org.freedesktop.Notifications and records each Notify call as
+    {"app_name", "summary", "body", "actions", "hints", "expire_timeout", ...}."""
+
+    script = NOTIFICATIONS_SERVICE
+    name = NOTIFICATIONS_NAME
+
+
+def read_json_lines(path: Path) -> list[dict[str, Any]]:
+    """The complete JSON lines of a record file (a missing file has none)."""
+    try:
+        text = Path(path).read_text(encoding="utf-8")
+    except FileNotFoundError:
+        return []
+    lines = text.split("\n")[:-1]  # a last line without its line feed is still being written
+    return [json.loads(line) for line in lines if line.strip()]
 
 
 # --------------------------------------------------------------------------
@@ -1841,3 +1926,346 @@ class ReferenceSite:
 
     def describe(self) -> str:
         return f"reference site {self.url}, output:\n{self.output()}"
+
+
+# --------------------------------------------------------------------------
+# other applications for the capture tests: real X clients, real buses
+
+
+CAPTURE_FIXTURES = FIXTURES / "bin"
+TEXT_WINDOW = CAPTURE_FIXTURES / "text_window.py"
+CLIPBOARD_OWNER = CAPTURE_FIXTURES / "clipboard_owner.py"
+SIGNAL_RECORDER = CAPTURE_FIXTURES / "signal_recorder.py"
+QUOTE_SIGNAL = "com.tarnwick.orvane.quote"
+ASK_SIGNAL = "nl.tarnwick.pendrel.ask"
+
+
+class SessionBus:
+    """One more private D-Bus session bus, for a second Orvane on the same
+    display that must not find the first one's bus name."""
+
+    def __init__(self, scratch: Path):
+        self.scratch = Path(scratch)
+        self.proc: subprocess.Popen | None = None
+        self.address: str | None = None
+
+    def start(self) -> "SessionBus":
+        self.scratch.mkdir(parents=True, exist_ok=True)
+        env = clean_base_env()
+        env["HOME"] = str(self.scratch)
+        self.proc, self.address = start_session_bus(env, self.scratch / "dbus.err")
+        return self
+
+    def stop(self) -> list[tuple[int, list[str]]]:
+        """Stop the daemon and end what still carries its address (its
+        activated services, our children). Returns those leftovers."""
+        if self.proc is not None:
+            stop_process_group(self.proc)
+            if self.proc.stdout:
+                self.proc.stdout.close()
+            self.proc = None
+        leftovers = []
+        if self.address:
+            leftovers = [(pid, process_cmdline(pid))
+                         for pid in pids_with_env(f"DBUS_SESSION_BUS_ADDRESS={self.address}")]
+            terminate_pids(pid for pid, _ in leftovers)
+        return leftovers
+
+
+class _Client:
+    """A fixture program on the test desktop, in a process group of its own,
+    with a state folder through which it reports."""
+
+    def __init__(self, desktop: Desktop, state: Path):
+        self.desktop = desktop
+        self.state = Path(state)
+        self.state.mkdir(parents=True, exist_ok=True)
+        self.proc: subprocess.Popen | None = None
+
+    def _spawn(self, argv: list[str], env: dict[str, str] | None = None) -> None:
+        with open(self.state / "output.txt", "ab") as out:
+            self.proc = subprocess.Popen(argv, env=env or self.desktop.tool_env(), cwd=self.state,
+                                         stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT,
+                                         start_new_session=True)
+
+    def _alive_or_fail(self, what: str) -> None:
+        if self.proc is not None and self.proc.poll() is not None:
+            raise AssertionError(f"{what} exited with {self.proc.returncode}: {self.output()}")
+
+    @property
+    def pid(self) -> int:
+        assert self.proc is not None
+        return self.proc.pid
+
+    def running(self) -> bool:
+        return self.proc is not None and self.proc.poll() is None
+
+    def output(self) -> str:
+        try:
+            return (self.state / "output.txt").read_text(errors="replace")
+        except FileNotFoundError:
+            return ""
+
+    def stop(self) -> None:
+        if self.proc is not None:
+            stop_process_group(self.proc)
+            self.proc = None
+
+
+class TextWindow(_Client):
+    """A real GTK text view with its text selected and the keyboard focus
+    (fixtures/bin/text_window.py). It owns PRIMARY like any GTK program, or
+    with `no_primary` only copies to the CLIPBOARD on Ctrl+C. `keys()` are
+    the key presses that reached it."""
+
+    WM_CLASS = "orvane-e2e-text"
+
+    def __init__(self, desktop: Desktop, state: Path, text: str,
+                 select: tuple[int, int] | None = None, no_primary: bool = False):
+        super().__init__(desktop, state)
+        self.text = text
+        self.select = select
+        self.no_primary = no_primary
+        self.window = 0
+
+    def start(self, activate: bool = True) -> "TextWindow":
+        """Show the window; with `activate` (a desktop with a window manager)
+        also bring it to the front and wait for its keyboard focus."""
+        argv = [PYTHON, str(TEXT_WINDOW), str(self.state), self.text]
+        if self.select:
+            argv += ["--select", str(self.select[0]), str(self.select[1])]
+        if self.no_primary:
+            argv.append("--no-primary")
+        self._spawn(argv)
+
+        def ready():
+            self._alive_or_fail("the text window")
+            return json.loads((self.state / "ready.json").read_text(encoding="utf-8"))
+        info = wait_until(ready, what="the text window to show its selection")
+        self.window = info["window"]
+        if activate:
+            self.desktop.activate_and_focus(self.window)
+        return self
+
+    @property
+    def selected_text(self) -> str:
+        start, end = self.select or (0, len(self.text))
+        return self.text[start:end]
+
+    def keys(self) -> list[dict[str, Any]]:
+        return read_json_lines(self.state / "keys.jsonl")
+
+
+class ClipboardOwner(_Client):
+    """An application that owns the CLIPBOARD with several targets, each
+    with exact bytes (fixtures/bin/clipboard_owner.py). `lost()` turns true
+    once another client has taken the CLIPBOARD."""
+
+    def __init__(self, desktop: Desktop, state: Path, targets: dict[str, bytes]):
+        super().__init__(desktop, state)
+        self.targets = dict(targets)
+
+    def start(self) -> "ClipboardOwner":
+        argv = [PYTHON, str(CLIPBOARD_OWNER), str(self.state)]
+        for n, (name, data) in enumerate(self.targets.items()):
+            path = self.state / f"target-{n}.bin"
+            path.write_bytes(data)
+            argv += [name, str(path)]
+        self._spawn(argv)
+
+        def owned():
+            self._alive_or_fail("the clipboard owner")
+            return json.loads((self.state / "owner.json").read_text(encoding="utf-8"))
+        info = wait_until(owned, what="the fixture to own the CLIPBOARD")
+        if not info["owned"]:
+            raise AssertionError("the fixture could not take the CLIPBOARD")
+        return self
+
+    def lost(self) -> bool:
+        return (self.state / "lost").exists()
+
+
+class TrapTerminal(_Client):
+    """An xterm whose shell records every SIGINT it gets (`trap 'echo SIGINT
+    >> interrupts' INT`) and every byte typed into it (the terminal in
+    non-canonical mode, signals still on), with nothing selected."""
+
+    def __init__(self, desktop: Desktop, state: Path, title: str = "orvane-e2e-xterm"):
+        super().__init__(desktop, state)
+        self.title = title
+        self.window = 0
+
+    def start(self) -> "TrapTerminal":
+        script = (
+            "trap 'echo SIGINT >> interrupts' INT; "
+            "stty -icanon -echo min 1; "
+            "echo $$ > ready; "
+            "while :; do dd bs=1 count=1 status=none >> typed; done"
+        )
+        self._spawn(["xterm", "-T", self.title, "-geometry", "80x20+40+40",
+                     "-e", "/bin/sh", "-c", script])
+
+        def shown():
+            self._alive_or_fail("xterm")
+            if not (self.state / "ready").exists():
+                return None
+            found = self.desktop.run_tool("xdotool", "search", "--onlyvisible", "--name", f"^{self.title}$")
+            ids = [int(x) for x in found.stdout.split() if x.isdigit()]
+            return ids[0] if ids else None
+        self.window = wait_until(shown, what="the xterm with its trap")
+        self.desktop.activate_and_focus(self.window)
+        return self
+
+    def interrupts(self) -> list[str]:
+        try:
+            return (self.state / "interrupts").read_text().splitlines()
+        except FileNotFoundError:
+            return []
+
+    def typed(self) -> bytes:
+        try:
+            return (self.state / "typed").read_bytes()
+        except FileNotFoundError:
+            return b""
+
+
+class PdfViewerWindow(_Client):
+    """zathura showing one PDF at a page, with no bars and the page fitted
+    to the window width, so a page's text lies at a known place: a point
+    (x, y) of the page in PDF points is at window pixel (x, y) * scale,
+    measured from the top of the page shown."""
+
+    def __init__(self, desktop: Desktop, state: Path, pdf: Path, page: int = 1,
+                 width: int = 800, height: int = 600):
+        super().__init__(desktop, state)
+        self.pdf = Path(pdf)
+        self.page = page
+        self.width = width
+        self.height = height
+        self.window = 0
+
+    def start(self) -> "PdfViewerWindow":
+        config = self.state / "config"
+        config.mkdir(exist_ok=True)
+        (config / "zathurarc").write_text(
+            'set guioptions ""\n'
+            'set adjust-open "width"\n'
+            "set page-padding 0\n"
+            f"set window-width {self.width}\n"
+            f"set window-height {self.height}\n"
+            "set selection-clipboard primary\n"
+            "set selection-notification false\n")
+        data = self.state / "data"
+        data.mkdir(exist_ok=True)
+        self._spawn(["zathura", "--config-dir", str(config), "--data-dir", str(data),
+                     "--cache-dir", str(data), "-P", str(self.page), str(self.pdf)])
+
+        def shown():
+            self._alive_or_fail("zathura")
+            ids = self.desktop.windows_of_pid(self.pid)
+            return ids[0] if ids else None
+        self.window = wait_until(shown, what="zathura's window")
+        self.desktop.activate_and_focus(self.window)
+        return self
+
+    def select_across(self, y_pixels: int, x_from: int, x_to: int) -> None:
+        """Drag the pointer across the page at one height, as a user selects
+        a line of text (zathura puts the selection on PRIMARY)."""
+        win = str(self.window)
+        tool = self.desktop.run_tool
+        tool("xdotool", "mousemove", "--window", win, str(x_from), str(y_pixels), check=True)
+        tool("xdotool", "mousedown", "1", check=True)
+        for step in range(1, 9):
+            x = x_from + (x_to - x_from) * step // 8
+            tool("xdotool", "mousemove", "--window", win, str(x), str(y_pixels), check=True)
+        tool("xdotool", "mouseup", "1", check=True)
+
+
+class SignalRecorder(_Client):
+    """Records D-Bus signals on a session bus (fixtures/bin/signal_recorder.py):
+    `signals()` gives {"interface", "member", "path", "sender", "args"} in order."""
+
+    def __init__(self, desktop: Desktop, state: Path, names: Iterable[str],
+                 bus_address: str | None = None):
+        super().__init__(desktop, state)
+        self.names = list(names)
+        self.bus_address = bus_address
+
+    def start(self) -> "SignalRecorder":
+        env = self.desktop.tool_env()
+        if self.bus_address:
+            env["DBUS_SESSION_BUS_ADDRESS"] = self.bus_address
+        self._spawn([PYTHON, str(SIGNAL_RECORDER), str(self.state / "signals.jsonl"), *self.names], env)
+        wait_until(lambda: (self._alive_or_fail("the signal recorder"), "ready" in self.output())[1],
+                   what="the signal recorder to subscribe")
+        return self
+
+    def signals(self, name: str | None = None) -> list[dict[str, Any]]:
+        found = read_json_lines(self.state / "signals.jsonl")
+        if name is None:
+            return found
+        interface, member = name.rsplit(".", 1)
+        return [s for s in found if s["interface"] == interface and s["member"] == member]
+
+    def wait_for_signal(self, name: str, count: int = 1, timeout: float = DEFAULT_TIMEOUT) -> list[dict[str, Any]]:
+        return wait_until(lambda: (lambda got: got if len(got) >= count else None)(self.signals(name)),
+                          timeout, what=f"{count} {name} signal(s)")
+
+
+class Clients:
+    """Every fixture program a test starts, stopped at its end."""
+
+    def __init__(self, desktop: Desktop, scratch: Path):
+        self.desktop = desktop
+        self.scratch = Path(scratch)
+        self.started: list[_Client] = []
+        self._count = 0
+
+    def _state(self, kind: str) -> Path:
+        self._count += 1
+        return self.scratch / f"{self._count:02d}-{kind}"
+
+    def _keep(self, client):
+        self.started.append(client)
+        return client.start()
+
+    def text_window(self, text: str, select: tuple[int, int] | None = None,
+                    no_primary: bool = False) -> TextWindow:
+        return self._keep(TextWindow(self.desktop, self._state("text"), text, select, no_primary))
+
+    def clipboard_owner(self, targets: dict[str, bytes]) -> ClipboardOwner:
+        return self._keep(ClipboardOwner(self.desktop, self._state("clipboard"), targets))
+
+    def trap_terminal(self) -> TrapTerminal:
+        return self._keep(TrapTerminal(self.desktop, self._state("xterm"), f"orvane-e2e-xterm-{self._count}"))
+
+    def pdf_viewer(self, pdf: Path, page: int = 1) -> PdfViewerWindow:
+        return self._keep(PdfViewerWindow(self.desktop, self._state("zathura"), pdf, page))
+
+    def signal_recorder(self, names: Iterable[str], bus_address: str | None = None) -> SignalRecorder:
+        return self._keep(SignalRecorder(self.desktop, self._state("signals"), names, bus_address))
+
+    def stop(self) -> None:
+        for client in reversed(self.started):
+            client.stop()
+
+
+def text_pdf(pages: list[str], size: tuple[float, float] = (600, 400), font_size: float = 24,
+             baseline: float = 200, left: float = 30) -> bytes:
+    """A PDF with real text: one line per page, written at (left, baseline)
+    in points from the page's top-left corner."""
+    import io
+
+    import cairo
+
+    out = io.BytesIO()
+    surface = cairo.PDFSurface(out, *size)
+    context = cairo.Context(surface)
+    for line in pages:
+        context.select_font_face("DejaVu Sans")
+        context.set_font_size(font_size)
+        context.move_to(left, baseline)
+        context.show_text(line)
+        context.show_page()
+    surface.finish()
+    return out.getvalue()

@@ -21,9 +21,9 @@ using ::testing::ElementsAre;
 constexpr int kOrvanePid = 1000;
 constexpr int kEditorPid = 2000;
 
-class CaptureModesTest : public ::testing::Test {
+class CaptureModeRunTest : public ::testing::Test {
 protected:
-  CaptureModesTest() {
+  CaptureModeRunTest() {
     windows.front =
         FakeFrontWindows::Window(kEditorPid, "gedit", "Gedit", Rect{10.5, 20.25, 301, 400});
   }
@@ -65,7 +65,7 @@ protected:
   FakeMessageBus bus;
 };
 
-TEST_F(CaptureModesTest, SelectionModeWritesTheScreenHintAndTheSelection) {
+TEST_F(CaptureModeRunTest, SelectionModeWritesTheScreenHintAndTheSelection) {
   leaveOldFiles();
   selectInTheEditor("naïve passage 𝄞");
   EXPECT_EQ(run("--capture-selection"), 0);
@@ -80,7 +80,7 @@ TEST_F(CaptureModesTest, SelectionModeWritesTheScreenHintAndTheSelection) {
   EXPECT_TRUE(bus.posted.empty());
 }
 
-TEST_F(CaptureModesTest, SelectionFileIsReadableOnlyByTheUser) {
+TEST_F(CaptureModeRunTest, SelectionFileIsReadableOnlyByTheUser) {
   selectInTheEditor("private text");
   run("--capture-selection");
   struct stat info;
@@ -90,7 +90,7 @@ TEST_F(CaptureModesTest, SelectionFileIsReadableOnlyByTheUser) {
   EXPECT_NE(info.st_mode & 0044, 0u); // the screen hint keeps the process default
 }
 
-TEST_F(CaptureModesTest, SelectionModeWithThisProgramInFrontDeletesOldFilesAndWritesNone) {
+TEST_F(CaptureModeRunTest, SelectionModeWithThisProgramInFrontDeletesOldFilesAndWritesNone) {
   leaveOldFiles();
   windows.front = FakeFrontWindows::Window(kOrvanePid, "orvane", "Orvane");
   selections.primary_owner_pid = kOrvanePid;
@@ -104,7 +104,7 @@ TEST_F(CaptureModesTest, SelectionModeWithThisProgramInFrontDeletesOldFilesAndWr
   EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(CaptureModesTest, SelectionModeWithNothingSelectedWritesOnlyTheScreenHint) {
+TEST_F(CaptureModeRunTest, SelectionModeWithNothingSelectedWritesOnlyTheScreenHint) {
   leaveOldFiles();
   windows.front->frame = Rect{0, 0, 0, 0};
   screens.mouse = {-1280.5, 99};
@@ -116,14 +116,14 @@ TEST_F(CaptureModesTest, SelectionModeWithNothingSelectedWritesOnlyTheScreenHint
                                           "capture: screen hint {-1280.5, 99} from attention"));
 }
 
-TEST_F(CaptureModesTest, SelectionFromAWindowWithoutClassIsNamedQuestionMark) {
+TEST_F(CaptureModeRunTest, SelectionFromAWindowWithoutClassIsNamedQuestionMark) {
   windows.front->wm_class = "";
   selectInTheEditor("abc");
   run("--capture-selection");
   EXPECT_EQ(log.messages().back(), "capture: 3 chars from ?");
 }
 
-TEST_F(CaptureModesTest, CopiedSelectionKeepsTheRestoredClipboardAfterExit) {
+TEST_F(CaptureModeRunTest, CopiedSelectionKeepsTheRestoredClipboardAfterExit) {
   selections.clipboard = FakeSelections::TextContents("the user's clipboard");
   selections.copy_puts = FakeSelections::TextContents("copied passage");
   run("--capture-selection");
@@ -132,13 +132,13 @@ TEST_F(CaptureModesTest, CopiedSelectionKeepsTheRestoredClipboardAfterExit) {
   EXPECT_EQ(selections.keep_after_exit_calls, 1);
 }
 
-TEST_F(CaptureModesTest, DirectReadLeavesTheClipboardToItsOwner) {
+TEST_F(CaptureModeRunTest, DirectReadLeavesTheClipboardToItsOwner) {
   selectInTheEditor("direct");
   run("--capture-selection");
   EXPECT_EQ(selections.keep_after_exit_calls, 0);
 }
 
-TEST_F(CaptureModesTest, QuoteModeWritesTheQuoteAndSignals) {
+TEST_F(CaptureModeRunTest, QuoteModeWritesTheQuoteAndSignals) {
   leaveOldFiles();
   selectInTheEditor("To be, or not to be");
   EXPECT_EQ(run("--capture-quote"), 0);
@@ -150,7 +150,7 @@ TEST_F(CaptureModesTest, QuoteModeWritesTheQuoteAndSignals) {
   EXPECT_EQ(TempDir::Read(handoff("selection.txt")), "from an earlier capture");
 }
 
-TEST_F(CaptureModesTest, QuoteModeWithNothingSelectedSaysWhere) {
+TEST_F(CaptureModeRunTest, QuoteModeWithNothingSelectedSaysWhere) {
   leaveOldFiles();
   windows.front = FakeFrontWindows::Window(kEditorPid, "xterm", "XTerm");
   EXPECT_EQ(run("--capture-quote"), 0);
@@ -161,13 +161,13 @@ TEST_F(CaptureModesTest, QuoteModeWithNothingSelectedSaysWhere) {
                                           "quote: nothing selected in XTerm"));
 }
 
-TEST_F(CaptureModesTest, QuoteModeWithoutAFrontWindowNamesQuestionMark) {
+TEST_F(CaptureModeRunTest, QuoteModeWithoutAFrontWindowNamesQuestionMark) {
   windows.front = std::nullopt;
   run("--capture-quote");
   EXPECT_THAT(log.messages(), ElementsAre("quote: nothing selected in ?"));
 }
 
-TEST_F(CaptureModesTest, QuoteModeWithThisProgramInFrontDeletesTheOldQuoteOnly) {
+TEST_F(CaptureModeRunTest, QuoteModeWithThisProgramInFrontDeletesTheOldQuoteOnly) {
   leaveOldFiles();
   windows.front = FakeFrontWindows::Window(kOrvanePid, "orvane", "Orvane");
   selectInTheEditor("unused");
@@ -178,14 +178,14 @@ TEST_F(CaptureModesTest, QuoteModeWithThisProgramInFrontDeletesTheOldQuoteOnly) 
   EXPECT_TRUE(log.messages().empty());
 }
 
-TEST_F(CaptureModesTest, QuoteModeKeepsTheRestoredClipboardAfterExit) {
+TEST_F(CaptureModeRunTest, QuoteModeKeepsTheRestoredClipboardAfterExit) {
   selections.clipboard = FakeSelections::TextContents("kept");
   selections.copy_puts = FakeSelections::TextContents("quoted");
   run("--capture-quote");
   EXPECT_EQ(selections.keep_after_exit_calls, 1);
 }
 
-TEST_F(CaptureModesTest, NotTrustedCapturesNothingButStillWritesTheScreenHint) {
+TEST_F(CaptureModeRunTest, NotTrustedCapturesNothingButStillWritesTheScreenHint) {
   accessibility.trusted = false;
   selectInTheEditor("unreadable");
   run("--capture-selection");
@@ -196,7 +196,7 @@ TEST_F(CaptureModesTest, NotTrustedCapturesNothingButStillWritesTheScreenHint) {
   EXPECT_EQ(log.messages().back(), "capture: no Accessibility permission");
 }
 
-TEST_F(CaptureModesTest, UnwritableHandoffFolderIsLoggedAndTheClipboardStillKept) {
+TEST_F(CaptureModeRunTest, UnwritableHandoffFolderIsLoggedAndTheClipboardStillKept) {
   TempDir::WriteFile(dir.file("not-a-folder"), "x");
   std::string folder = dir.file("not-a-folder") + "/handoff";
   selections.clipboard = FakeSelections::TextContents("the user's clipboard");
@@ -215,7 +215,7 @@ TEST_F(CaptureModesTest, UnwritableHandoffFolderIsLoggedAndTheClipboardStillKept
   EXPECT_EQ(log.messages().back(), "quote: 6 chars from Gedit");
 }
 
-TEST_F(CaptureModesTest, FiftyMegabyteSelectionIsHandedOverWhole) {
+TEST_F(CaptureModeRunTest, FiftyMegabyteSelectionIsHandedOverWhole) {
   std::string huge(50u << 20, 'a');
   huge += "é"; // one character, two bytes
   selectInTheEditor(huge);
@@ -227,14 +227,14 @@ TEST_F(CaptureModesTest, FiftyMegabyteSelectionIsHandedOverWhole) {
             "capture: " + std::to_string((50u << 20) + 1) + " chars from Gedit");
 }
 
-TEST_F(CaptureModesTest, SelectionThatIsNotUtf8IsWrittenAsItCame) {
+TEST_F(CaptureModeRunTest, SelectionThatIsNotUtf8IsWrittenAsItCame) {
   std::string bytes("\xff\xfe\0broken\xc3", 10);
   selectInTheEditor(bytes);
   run("--capture-selection");
   EXPECT_EQ(TempDir::Read(handoff("selection.txt")), bytes);
 }
 
-TEST_F(CaptureModesTest, UnknownModeDoesNothing) {
+TEST_F(CaptureModeRunTest, UnknownModeDoesNothing) {
   leaveOldFiles();
   selectInTheEditor("text");
   EXPECT_NE(run("--capture-everything"), 0);

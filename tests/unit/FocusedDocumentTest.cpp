@@ -144,8 +144,8 @@ TEST_F(FocusedDocumentTest, NoProcessNoTitleNoDocument) {
 TEST_F(FocusedDocumentTest, GarbageCommandLineIsSurvived) {
   std::string paper = pdf("kept.pdf");
   std::string garbage;
-  for (int i = 0; i < 300000; ++i)
-    garbage += char(i * 7919 % 256);
+  for (unsigned i = 0; i < 300000; ++i)
+    garbage += char(i * 7919u % 256u);
   TempDir::WriteFile(process() + "/cmdline", garbage + '\0' + "file://%zz%00.pdf" + '\0' +
                                                  "file:" + '\0' + std::string(70000, '/') + ".pdf" +
                                                  '\0' + paper + '\0');

@@ -83,7 +83,7 @@ TEST_F(PageOfQuoteTest, SevenCharacterQuoteIsNotSearched) {
 
 TEST_F(PageOfQuoteTest, LongLineIsSearchedByItsFirstEightyCharacters) {
   std::string first80 = "A line of exactly eighty characters that the PDF holds on its second "
-                        "page: ok.";
+                        "page: okay.";
   ASSERT_EQ(first80.size(), 80u);
   std::string long_pdf = dir.file("long.pdf");
   ASSERT_TRUE(WriteTextPdf(long_pdf, {{"nothing here"}, {first80}}));

@@ -1,25 +1,59 @@
 #include "capture/DesktopCapture.h"
 
+#include "base/Text.h"
+#include "capture/FocusedDocument.h"
+#include "capture/HandoffFolder.h"
+#include "capture/PageOfQuote.h"
+#include "capture/SelectionCapture.h"
+
 namespace orvane {
 
-namespace {
-// Placeholder until selection capture lands: nothing is captured.
-class NoCapture final : public Capture {
-public:
-  explicit NoCapture(DesktopCaptureSeams seams) : seams_(std::move(seams)) {}
-  std::optional<FrontApplication> frontApplication() override { return std::nullopt; }
-  std::optional<std::string> captureSelection() override { return std::nullopt; }
-  Point attentionPoint() override { return seams_.screens.mouseLocation(); }
-  std::optional<std::string> focusedDocumentPath() override { return std::nullopt; }
-  int pageOfQuote(const std::string&, const std::string&) override { return 0; }
+DesktopCapture::DesktopCapture(DesktopCaptureSeams seams)
+    : seams_(std::move(seams)),
+      handoff_folder_(seams_.handoff_folder.empty() ? HandoffFolder() : seams_.handoff_folder) {}
 
-private:
-  DesktopCaptureSeams seams_;
-};
-} // namespace
+std::optional<FrontApplication> DesktopCapture::frontApplication() {
+  std::optional<FrontWindow> front = seams_.front_windows.frontWindow();
+  if (!front)
+    return std::nullopt;
+  FrontApplication application;
+  application.pid = front->pid;
+  // A window names its own class: kept to one safe line of text.
+  application.identifier = front->wm_class.empty() ? "?" : LogSafeText(front->wm_class, 80);
+  application.is_this_program =
+      front->pid > 0 && seams_.is_this_program && seams_.is_this_program(front->pid);
+  return application;
+}
+
+std::optional<std::string> DesktopCapture::captureSelection() {
+  CapturedSelection captured = CaptureSelection(
+      seams_.front_windows.frontWindow(),
+      {seams_.selections, seams_.accessibility, seams_.notifications}, handoff_folder_);
+  restored_clipboard_ = restored_clipboard_ || captured.restored_clipboard;
+  return captured.text;
+}
+
+Point DesktopCapture::attentionPoint() {
+  return AttentionPoint(seams_.front_windows.frontWindow(), seams_.screens);
+}
+
+std::optional<std::string> DesktopCapture::focusedDocumentPath() {
+  std::optional<FrontWindow> front = seams_.front_windows.frontWindow();
+  if (!front)
+    return std::nullopt;
+  DocumentSources sources;
+  sources.recently_used_xbel = RecentlyUsedXbelPath();
+  if (seams_.library_folder)
+    sources.library_folder = seams_.library_folder();
+  return FocusedDocumentPath(front->pid, front->title, sources);
+}
+
+int DesktopCapture::pageOfQuote(const std::string& pdf_path, const std::string& quote) {
+  return PageOfQuote(pdf_path, quote);
+}
 
 std::unique_ptr<Capture> MakeDesktopCapture(DesktopCaptureSeams seams) {
-  return std::make_unique<NoCapture>(std::move(seams));
+  return std::make_unique<DesktopCapture>(std::move(seams));
 }
 
 } // namespace orvane

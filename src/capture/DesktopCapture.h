@@ -24,6 +24,29 @@ struct DesktopCaptureSeams {
   std::function<bool(int pid)> is_this_program;
   // The library account folder, while the store has an account.
   std::function<std::optional<std::string>()> library_folder;
+  // The hand-off folder; empty means the account's own (HandoffFolder()).
+  std::string handoff_folder;
+};
+
+class DesktopCapture final : public Capture {
+public:
+  explicit DesktopCapture(DesktopCaptureSeams seams);
+
+  std::optional<FrontApplication> frontApplication() override;
+  std::optional<std::string> captureSelection() override;
+  Point attentionPoint() override;
+  std::optional<std::string> focusedDocumentPath() override;
+  int pageOfQuote(const std::string& pdf_path, const std::string& quote) override;
+
+  // Whether a capture wrote the user's clipboard back, so that this process
+  // owns it (a capture process must then keep it alive when it exits).
+  bool restoredClipboard() const { return restored_clipboard_; }
+  const std::string& handoffFolder() const { return handoff_folder_; }
+
+private:
+  DesktopCaptureSeams seams_;
+  std::string handoff_folder_;
+  bool restored_clipboard_ = false;
 };
 
 std::unique_ptr<Capture> MakeDesktopCapture(DesktopCaptureSeams seams);

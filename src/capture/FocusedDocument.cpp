@@ -1,0 +1,276 @@
+#include "capture/FocusedDocument.h"
+
+#include "base/GObjectPtr.h"
+#include "base/Paths.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <glib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <set>
+#include <utility>
+#include <vector>
+
+namespace orvane {
+
+namespace {
+
+// Bounds that keep a strange process or a hostile file from costing much.
+constexpr size_t kMaxCommandLineBytes = 1 << 22;
+constexpr size_t kMaxArguments = 4096;
+constexpr size_t kMaxOpenFiles = 65536;
+constexpr size_t kMaxFolderEntries = 100000;
+constexpr size_t kMaxXbelBytes = size_t(256) << 20;
+constexpr size_t kMaxRecentFiles = 100000;
+
+struct Candidate {
+  std::string path;
+};
+
+class Candidates {
+public:
+  // Adds the path when it names an existing regular file not yet listed
+  // (the same file reached by two names counts once).
+  void add(const std::string& path) {
+    struct stat info;
+    if (path.empty() || stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode))
+      return;
+    if (!seen_.insert({info.st_dev, info.st_ino}).second)
+      return;
+    list_.push_back({path});
+  }
+  const std::vector<Candidate>& list() const { return list_; }
+
+private:
+  std::vector<Candidate> list_;
+  std::set<std::pair<dev_t, ino_t>> seen_;
+};
+
+bool HasPdfExtension(const std::string& path) {
+  return path.size() >= 4 && g_ascii_strcasecmp(path.c_str() + path.size() - 4, ".pdf") == 0;
+}
+
+std::string BaseName(const std::string& path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+bool StartsWith(const std::string& text, const std::string& prefix) {
+  return !prefix.empty() && text.compare(0, prefix.size(), prefix) == 0;
+}
+
+// How much of the title a candidate's file name, or its name without the
+// extension, covers from the start; 0 when the title begins with neither.
+size_t TitleMatch(const std::string& title, const std::string& path) {
+  std::string name = BaseName(path);
+  if (StartsWith(title, name))
+    return name.size();
+  size_t dot = name.rfind('.');
+  if (dot != std::string::npos && StartsWith(title, name.substr(0, dot)))
+    return dot;
+  return 0;
+}
+
+// The candidate the title names; the longest match wins, the earlier on a tie.
+std::optional<std::string> MatchTitle(const std::vector<Candidate>& candidates,
+                                      const std::string& title) {
+  const Candidate* best = nullptr;
+  size_t best_length = 0;
+  for (const Candidate& candidate : candidates) {
+    size_t length = TitleMatch(title, candidate.path);
+    if (length > best_length) {
+      best = &candidate;
+      best_length = length;
+    }
+  }
+  if (!best)
+    return std::nullopt;
+  return best->path;
+}
+
+// A /proc file, read without waiting on anything that is not a plain file.
+std::string ReadBounded(const std::string& path, size_t max_bytes) {
+  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0)
+    return "";
+  std::string text;
+  struct stat info;
+  if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+    char buffer[65536];
+    while (text.size() < max_bytes) {
+      ssize_t got = read(fd, buffer, sizeof buffer);
+      if (got <= 0)
+        break;
+      text.append(buffer, std::min(size_t(got), max_bytes - text.size()));
+    }
+  }
+  close(fd);
+  return text;
+}
+
+std::optional<std::string> ReadLink(const std::string& path) {
+  char target[PATH_MAX];
+  ssize_t length = readlink(path.c_str(), target, sizeof target);
+  if (length <= 0 || size_t(length) >= sizeof target)
+    return std::nullopt;
+  return std::string(target, size_t(length));
+}
+
+// An argument as a file path: a file:// address decoded, a relative path
+// taken from the process's working folder.
+std::optional<std::string> ArgumentPath(const std::string& argument, const std::string& process) {
+  if (g_ascii_strncasecmp(argument.c_str(), "file:", 5) == 0) {
+    GCharPtr path(g_filename_from_uri(argument.c_str(), nullptr, nullptr));
+    if (!path)
+      return std::nullopt;
+    return path.str();
+  }
+  if (argument.empty() || argument[0] == '-')
+    return std::nullopt;
+  if (argument[0] == '/')
+    return argument;
+  std::optional<std::string> folder = ReadLink(process + "/cwd");
+  if (!folder || folder->empty() || (*folder)[0] != '/')
+    return std::nullopt;
+  return JoinPath(*folder, argument);
+}
+
+void AddCommandLinePdfs(const std::string& process, Candidates& candidates) {
+  std::string command_line = ReadBounded(process + "/cmdline", kMaxCommandLineBytes);
+  size_t start = 0;
+  size_t arguments = 0;
+  while (start < command_line.size() && arguments++ < kMaxArguments) {
+    size_t end = command_line.find('\0', start);
+    if (end == std::string::npos)
+      end = command_line.size();
+    std::string argument = command_line.substr(start, end - start);
+    start = end + 1;
+    std::optional<std::string> path = ArgumentPath(argument, process);
+    if (path && HasPdfExtension(*path))
+      candidates.add(*path);
+  }
+}
+
+void AddOpenPdfs(const std::string& process, Candidates& candidates) {
+  std::string folder = process + "/fd";
+  DIR* dir = opendir(folder.c_str());
+  if (!dir)
+    return;
+  size_t entries = 0;
+  while (struct dirent* entry = readdir(dir)) {
+    if (++entries > kMaxOpenFiles)
+      break;
+    if (entry->d_name[0] == '.')
+      continue;
+    std::optional<std::string> target = ReadLink(folder + "/" + entry->d_name);
+    if (target && !target->empty() && (*target)[0] == '/' && HasPdfExtension(*target))
+      candidates.add(*target);
+  }
+  closedir(dir);
+}
+
+std::vector<std::string> FolderPdfs(const std::string& folder) {
+  std::vector<std::string> pdfs;
+  DIR* dir = opendir(folder.c_str());
+  if (!dir)
+    return pdfs;
+  size_t entries = 0;
+  while (struct dirent* entry = readdir(dir)) {
+    if (++entries > kMaxFolderEntries)
+      break;
+    std::string name = entry->d_name;
+    if (name[0] != '.' && HasPdfExtension(name))
+      pdfs.push_back(JoinPath(folder, name));
+  }
+  closedir(dir);
+  return pdfs;
+}
+
+// The PDF entries of an XBEL file that the title names, read as a stream so
+// that a huge file costs no more memory than those; a malformed file gives
+// the entries before the fault.
+struct XbelReader {
+  const std::string& title;
+  std::vector<std::string> pdfs;
+
+  static void StartElement(GMarkupParseContext*, const gchar* element, const gchar** names,
+                           const gchar** values, gpointer data, GError**) {
+    auto* reader = static_cast<XbelReader*>(data);
+    if (g_strcmp0(element, "bookmark") != 0 || reader->pdfs.size() >= kMaxRecentFiles)
+      return;
+    for (size_t i = 0; names[i]; ++i) {
+      if (g_strcmp0(names[i], "href") != 0)
+        continue;
+      GCharPtr path(g_filename_from_uri(values[i], nullptr, nullptr));
+      if (path && HasPdfExtension(path.str()) && TitleMatch(reader->title, path.str()) > 0)
+        reader->pdfs.push_back(path.str());
+    }
+  }
+};
+
+std::vector<std::string> RecentPdfs(const std::string& xbel_path, const std::string& title) {
+  XbelReader reader{title, {}};
+  int fd = open(xbel_path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+  if (fd < 0)
+    return reader.pdfs;
+  struct stat info;
+  if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+    GMarkupParser parser = {&XbelReader::StartElement, nullptr, nullptr, nullptr, nullptr};
+    GMarkupParseContext* context =
+        g_markup_parse_context_new(&parser, GMarkupParseFlags(0), &reader, nullptr);
+    char buffer[65536];
+    size_t total = 0;
+    while (total < kMaxXbelBytes) {
+      ssize_t got = read(fd, buffer, sizeof buffer);
+      if (got <= 0)
+        break;
+      total += size_t(got);
+      if (!g_markup_parse_context_parse(context, buffer, got, nullptr))
+        break;
+    }
+    g_markup_parse_context_free(context);
+  }
+  close(fd);
+  return reader.pdfs;
+}
+
+} // namespace
+
+std::string RecentlyUsedXbelPath() {
+  return JoinPath(DataFolder(), "recently-used.xbel");
+}
+
+std::optional<std::string> FocusedDocumentPath(int pid, const std::string& title,
+                                               const DocumentSources& sources) {
+  Candidates from_process;
+  if (pid > 0) {
+    std::string process = JoinPath(sources.proc_root, std::to_string(pid));
+    AddCommandLinePdfs(process, from_process);
+    AddOpenPdfs(process, from_process);
+  }
+  if (!title.empty() && title[0] == '/')
+    from_process.add(title);
+  if (from_process.list().size() == 1)
+    return from_process.list().front().path;
+  if (!from_process.list().empty())
+    return MatchTitle(from_process.list(), title);
+
+  // Only files the title names can win, so only those are looked at.
+  Candidates known;
+  auto add_if_titled = [&](const std::string& pdf) {
+    if (TitleMatch(title, pdf) > 0)
+      known.add(pdf);
+  };
+  if (sources.library_folder && !sources.library_folder->empty())
+    for (const std::string& pdf : FolderPdfs(*sources.library_folder))
+      add_if_titled(pdf);
+  if (!sources.recently_used_xbel.empty())
+    for (const std::string& pdf : RecentPdfs(sources.recently_used_xbel, title))
+      add_if_titled(pdf);
+  return MatchTitle(known.list(), title);
+}
+
+} // namespace orvane

@@ -1,0 +1,115 @@
+#include "capture/SelectionCapture.h"
+
+#include "base/Paths.h"
+#include "base/SparLog.h"
+#include "base/Text.h"
+#include "capture/CopyChords.h"
+
+#include <glib.h>
+#include <glib/gstdio.h>
+
+namespace orvane {
+
+namespace {
+
+constexpr size_t kLoggedNameLength = 80;
+
+std::string WindowName(const std::optional<FrontWindow>& front) {
+  if (!front)
+    return "?";
+  const std::string& name = front->wm_class.empty() ? front->wm_instance : front->wm_class;
+  return name.empty() ? "?" : LogSafeText(name, kLoggedNameLength);
+}
+
+// The once-per-account prompt: the trust test failed, say why and what to do.
+void AskForTrustOnce(const SelectionCaptureSeams& seams, const std::string& handoff_folder) {
+  std::string marker = JoinPath(handoff_folder, kAskedForAccessibilityMarker);
+  if (g_file_test(marker.c_str(), G_FILE_TEST_EXISTS))
+    return;
+  std::string reason = seams.accessibility.reasonNotTrusted();
+  std::string body = reason.empty() ? "" : reason + "\n\n";
+  body += "Until then Orvane's hotkeys cannot take text you select in other applications. "
+          "This notice is shown once.";
+  seams.notifications.notify("Orvane cannot read your selection", body);
+  // Writes into the hand-off folder ignore errors: the prompt then simply
+  // comes again at the next capture.
+  g_file_set_contents(marker.c_str(), "", 0, nullptr);
+}
+
+std::optional<std::string> NonEmpty(std::optional<std::string> text) {
+  if (text && text->empty())
+    return std::nullopt;
+  return text;
+}
+
+// The synthetic copy: the chord goes to the front window, and whatever it
+// put on the CLIPBOARD is read and replaced by what was there before.
+CapturedSelection CopyThroughClipboard(const std::optional<FrontWindow>& front,
+                                       Selections& selections) {
+  std::optional<CopyChord> chord =
+      front ? CopyChordFor(front->wm_instance, front->wm_class) : CopyChord::kControlC;
+  if (!chord) {
+    SparLog("capture: %@ has no copy chord — nothing sent", WindowName(front));
+    return {};
+  }
+  uint64_t count = selections.clipboardChangeCount();
+  ClipboardContents saved = selections.saveClipboard();
+  if (!selections.sendCopyChord(*chord)) {
+    SparLog("capture: could not send %@", CopyChordText(*chord));
+    return {};
+  }
+  for (int attempt = 0; attempt < kCopyWaitTries; ++attempt) {
+    if (selections.clipboardChangeCount() != count)
+      break;
+    selections.pause(kCopyWaitPause);
+  }
+  if (selections.clipboardChangeCount() == count)
+    return {}; // nothing copied, and the clipboard was not touched
+  CapturedSelection captured;
+  captured.text = NonEmpty(selections.clipboardText());
+  // With nothing saved the empty restore still takes the copy off the
+  // clipboard, as clearing it would.
+  selections.restoreClipboard(saved);
+  captured.restored_clipboard = !saved.empty();
+  return captured;
+}
+
+} // namespace
+
+CapturedSelection CaptureSelection(const std::optional<FrontWindow>& front,
+                                   const SelectionCaptureSeams& seams,
+                                   const std::string& handoff_folder) {
+  g_mkdir_with_parents(handoff_folder.c_str(), 0700);
+  if (!seams.accessibility.isTrusted()) {
+    AskForTrustOnce(seams, handoff_folder);
+    SparLog("capture: no Accessibility permission");
+    return {};
+  }
+  // The direct read: PRIMARY is the selection of the window that owns it.
+  // Any text from it, even none, is the answer.
+  if (front && front->pid > 0) {
+    std::optional<int> owner = seams.selections.primaryOwnerPid();
+    if (owner && *owner == front->pid) {
+      if (std::optional<std::string> primary = seams.selections.primaryText())
+        return {NonEmpty(std::move(primary)), false};
+    }
+  }
+  return CopyThroughClipboard(front, seams.selections);
+}
+
+Point AttentionPoint(const std::optional<FrontWindow>& front, const Screens& screens) {
+  Point point;
+  const char* source;
+  if (front && front->frame && front->frame->width > 0 && front->frame->height > 0) {
+    const Rect& frame = *front->frame;
+    point = {frame.x + frame.width * 0.5, frame.y + frame.height * 0.5};
+    source = "focused window";
+  } else {
+    point = screens.mouseLocation();
+    source = "pointer";
+  }
+  SparLog("capture: attention at %@ from %@", PointText(point), source);
+  return point;
+}
+
+} // namespace orvane

@@ -1,0 +1,51 @@
+// Taking the selected text of the application in front, and the point on
+// the desktop the user looks at.
+#pragma once
+
+#include "desktop/Accessibility.h"
+#include "desktop/FrontWindows.h"
+#include "desktop/Notifications.h"
+#include "desktop/Screens.h"
+#include "desktop/Selections.h"
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+namespace orvane {
+
+// The marker in the hand-off folder that says the permission prompt was
+// shown once to this account.
+inline constexpr char kAskedForAccessibilityMarker[] = "asked-for-accessibility";
+// How long the synthetic copy may take to change the CLIPBOARD: this many
+// polls of this pause (half a second in all).
+inline constexpr int kCopyWaitTries = 25;
+inline constexpr std::chrono::milliseconds kCopyWaitPause{20};
+
+struct SelectionCaptureSeams {
+  Selections& selections;
+  const Accessibility& accessibility;
+  Notifications& notifications;
+};
+
+struct CapturedSelection {
+  // Never an empty string.
+  std::optional<std::string> text;
+  // The capture wrote saved CLIPBOARD contents back, so this process now
+  // owns the user's clipboard.
+  bool restored_clipboard = false;
+};
+
+// The selection of the front window: PRIMARY when the window's process owns
+// it, else a synthetic copy through the CLIPBOARD, which is put back
+// afterwards. Without trust nothing is tried; the first such attempt of the
+// account (no marker in `handoff_folder`) shows a notification saying why.
+CapturedSelection CaptureSelection(const std::optional<FrontWindow>& front,
+                                   const SelectionCaptureSeams& seams,
+                                   const std::string& handoff_folder);
+
+// The centre of the front window's frame when it has an area, else the
+// pointer; logs which it was.
+Point AttentionPoint(const std::optional<FrontWindow>& front, const Screens& screens);
+
+} // namespace orvane

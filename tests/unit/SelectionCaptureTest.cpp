@@ -1,0 +1,428 @@
+#include "capture/SelectionCapture.h"
+#include "capture/CopyChords.h"
+#include "capture/DesktopCapture.h"
+
+#include "support/FakeAccessibility.h"
+#include "support/FakeFrontWindows.h"
+#include "support/FakeNotifications.h"
+#include "support/FakeScreens.h"
+#include "support/FakeSelections.h"
+#include "support/LogCapture.h"
+#include "support/TempDir.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace orvane {
+namespace {
+
+using ::testing::ElementsAre;
+
+constexpr int kAppPid = 4242;
+
+class SelectionCaptureTest : public ::testing::Test {
+protected:
+  SelectionCaptureTest() { windows.front = FakeFrontWindows::Window(kAppPid, "gedit", "Gedit"); }
+
+  CapturedSelection capture() {
+    return CaptureSelection(windows.front, {selections, accessibility, notifications}, folder());
+  }
+  std::string folder() const { return dir.file("handoff"); }
+  std::string marker() const { return folder() + "/asked-for-accessibility"; }
+
+  TempDir dir;
+  LogCapture log;
+  FakeFrontWindows windows;
+  FakeSelections selections;
+  FakeAccessibility accessibility;
+  FakeNotifications notifications;
+};
+
+const ClipboardContents kUserClipboard = {
+    {"UTF8_STRING", "what the user copied"},
+    {"text/html", "<b>what</b> the user copied"},
+    {"image/png", std::string("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16)},
+};
+
+TEST_F(SelectionCaptureTest, PrimaryOwnedByTheFrontWindowIsTheSelection) {
+  selections.primary_owner_pid = kAppPid;
+  selections.primary_text = "a selected passage";
+  selections.clipboard = kUserClipboard;
+  CapturedSelection captured = capture();
+  EXPECT_EQ(captured.text, "a selected passage");
+  EXPECT_FALSE(captured.restored_clipboard);
+  EXPECT_TRUE(selections.chords_sent.empty());
+  EXPECT_TRUE(selections.restores.empty());
+}
+
+TEST_F(SelectionCaptureTest, EmptyPrimaryFromTheFrontWindowGivesNothingAndSendsNoChord) {
+  selections.primary_owner_pid = kAppPid;
+  selections.primary_text = "";
+  selections.copy_puts = FakeSelections::TextContents("must not be copied");
+  CapturedSelection captured = capture();
+  EXPECT_EQ(captured.text, std::nullopt);
+  EXPECT_TRUE(selections.chords_sent.empty());
+  EXPECT_TRUE(selections.restores.empty());
+  EXPECT_TRUE(selections.pauses.empty());
+}
+
+TEST_F(SelectionCaptureTest, WindowNotOwningPrimaryGetsTheCopyAndTheClipboardBack) {
+  selections.primary_owner_pid = 777; // another application's selection
+  selections.primary_text = "someone else's selection";
+  selections.clipboard = kUserClipboard;
+  selections.copy_puts = FakeSelections::TextContents("copied from the window");
+  CapturedSelection captured = capture();
+  EXPECT_EQ(captured.text, "copied from the window");
+  EXPECT_THAT(selections.chords_sent, ElementsAre(CopyChord::kControlC));
+  ASSERT_EQ(selections.restores.size(), 1u);
+  EXPECT_EQ(selections.restores[0], kUserClipboard); // every target, byte for byte
+  EXPECT_EQ(selections.clipboard, kUserClipboard);
+  EXPECT_TRUE(captured.restored_clipboard);
+  EXPECT_EQ(selections.primary_reads, 0);
+}
+
+TEST_F(SelectionCaptureTest, PrimaryWithoutTextFromTheFrontWindowFallsBackToTheCopy) {
+  selections.primary_owner_pid = kAppPid;
+  selections.primary_text = std::nullopt; // the owner offers no text
+  selections.copy_puts = FakeSelections::TextContents("copied");
+  EXPECT_EQ(capture().text, "copied");
+  EXPECT_EQ(selections.chords_sent.size(), 1u);
+}
+
+TEST_F(SelectionCaptureTest, NoOwnerOfPrimaryGetsTheCopy) {
+  selections.copy_puts = FakeSelections::TextContents("copied");
+  EXPECT_EQ(capture().text, "copied");
+  EXPECT_EQ(selections.chords_sent.size(), 1u);
+}
+
+TEST_F(SelectionCaptureTest, WindowWithUnknownPidNeverReadsPrimary) {
+  windows.front->pid = 0;
+  selections.primary_owner_pid = 0;
+  selections.primary_text = "not this window's";
+  selections.copy_puts = FakeSelections::TextContents("copied");
+  EXPECT_EQ(capture().text, "copied");
+  EXPECT_EQ(selections.primary_reads, 0);
+}
+
+TEST_F(SelectionCaptureTest, CopyOfOnlyAnImageGivesNothingYetTheClipboardIsWrittenBack) {
+  selections.clipboard = kUserClipboard;
+  selections.copy_puts = ClipboardContents{{"image/png", "\x89PNG pixels"}};
+  CapturedSelection captured = capture();
+  EXPECT_EQ(captured.text, std::nullopt);
+  ASSERT_EQ(selections.restores.size(), 1u);
+  EXPECT_EQ(selections.restores[0], kUserClipboard);
+  EXPECT_TRUE(captured.restored_clipboard);
+}
+
+TEST_F(SelectionCaptureTest, CopyOfEmptyTextGivesNothingAndRestores) {
+  selections.clipboard = kUserClipboard;
+  selections.copy_puts = FakeSelections::TextContents("");
+  EXPECT_EQ(capture().text, std::nullopt);
+  EXPECT_THAT(selections.restores, ElementsAre(kUserClipboard));
+}
+
+TEST_F(SelectionCaptureTest, CopyThatChangesNothingLeavesTheClipboardUntouched) {
+  selections.clipboard = kUserClipboard;
+  uint64_t count_before = selections.change_count;
+  CapturedSelection captured = capture(); // the chord copies nothing
+  EXPECT_EQ(captured.text, std::nullopt);
+  EXPECT_FALSE(captured.restored_clipboard);
+  EXPECT_TRUE(selections.restores.empty());
+  EXPECT_EQ(selections.clipboard, kUserClipboard);
+  EXPECT_EQ(selections.change_count, count_before);
+  // Twenty-five waits of 20 ms: half a second in all.
+  ASSERT_EQ(selections.pauses.size(), 25u);
+  for (auto pause : selections.pauses)
+    EXPECT_EQ(pause, std::chrono::milliseconds(20));
+}
+
+TEST_F(SelectionCaptureTest, CopyLandingDuringTheLastWaitIsStillTaken) {
+  selections.copy_puts = FakeSelections::TextContents("slow application");
+  selections.copy_lands_after_pauses = 25; // seen by the comparison after the loop
+  EXPECT_EQ(capture().text, "slow application");
+  EXPECT_EQ(selections.pauses.size(), 25u);
+}
+
+TEST_F(SelectionCaptureTest, CopyLandingAfterHalfASecondIsTooLate) {
+  selections.clipboard = kUserClipboard;
+  selections.copy_puts = FakeSelections::TextContents("too slow");
+  selections.copy_lands_after_pauses = 26;
+  EXPECT_EQ(capture().text, std::nullopt);
+  EXPECT_TRUE(selections.restores.empty());
+}
+
+TEST_F(SelectionCaptureTest, CopyStopsWaitingOnceTheClipboardChanges) {
+  selections.copy_puts = FakeSelections::TextContents("after three waits");
+  selections.copy_lands_after_pauses = 3;
+  EXPECT_EQ(capture().text, "after three waits");
+  EXPECT_EQ(selections.pauses.size(), 3u);
+}
+
+TEST_F(SelectionCaptureTest, EmptyClipboardBeforeTheCopyIsLeftEmpty) {
+  selections.copy_puts = FakeSelections::TextContents("copied");
+  CapturedSelection captured = capture();
+  EXPECT_EQ(captured.text, "copied");
+  // The copy does not stay: the clipboard is taken back with no targets.
+  EXPECT_THAT(selections.restores, ElementsAre(ClipboardContents{}));
+  EXPECT_FALSE(captured.restored_clipboard);
+}
+
+TEST_F(SelectionCaptureTest, ChordThatCannotBeSentGivesNothing) {
+  selections.chord_can_be_sent = false;
+  selections.clipboard = kUserClipboard;
+  selections.copy_puts = FakeSelections::TextContents("never");
+  EXPECT_EQ(capture().text, std::nullopt);
+  EXPECT_TRUE(selections.pauses.empty());
+  EXPECT_TRUE(selections.restores.empty());
+  EXPECT_THAT(log.messages(), ElementsAre("capture: could not send Ctrl+C"));
+}
+
+TEST_F(SelectionCaptureTest, TerminalGetsControlShiftC) {
+  windows.front = FakeFrontWindows::Window(kAppPid, "gnome-terminal-server", "Gnome-terminal");
+  selections.copy_puts = FakeSelections::TextContents("ls -la");
+  EXPECT_EQ(capture().text, "ls -la");
+  EXPECT_THAT(selections.chords_sent, ElementsAre(CopyChord::kControlShiftC));
+}
+
+TEST_F(SelectionCaptureTest, TerminalWithoutCopyChordGetsNoKeystrokeAndKeepsTheClipboard) {
+  windows.front = FakeFrontWindows::Window(kAppPid, "xterm", "XTerm");
+  selections.clipboard = kUserClipboard;
+  selections.copy_puts = FakeSelections::TextContents("would interrupt");
+  uint64_t count_before = selections.change_count;
+  CapturedSelection captured = capture();
+  EXPECT_EQ(captured.text, std::nullopt);
+  EXPECT_TRUE(selections.chords_sent.empty());
+  EXPECT_TRUE(selections.restores.empty());
+  EXPECT_EQ(selections.clipboard, kUserClipboard);
+  EXPECT_EQ(selections.change_count, count_before);
+  EXPECT_THAT(log.messages(), ElementsAre("capture: XTerm has no copy chord — nothing sent"));
+}
+
+TEST_F(SelectionCaptureTest, TerminalOwningPrimaryIsReadDirectly) {
+  // Selecting in xterm sets PRIMARY: that is how its text is captured.
+  windows.front = FakeFrontWindows::Window(kAppPid, "xterm", "XTerm");
+  selections.primary_owner_pid = kAppPid;
+  selections.primary_text = "selected in xterm";
+  EXPECT_EQ(capture().text, "selected in xterm");
+  EXPECT_TRUE(selections.chords_sent.empty());
+}
+
+TEST_F(SelectionCaptureTest, NotTrustedTriesNothingAndAsksOnce) {
+  accessibility.trusted = false;
+  selections.primary_owner_pid = kAppPid;
+  selections.primary_text = "never read";
+  selections.copy_puts = FakeSelections::TextContents("never copied");
+
+  EXPECT_EQ(capture().text, std::nullopt);
+  EXPECT_TRUE(selections.chords_sent.empty());
+  EXPECT_EQ(selections.primary_reads, 0);
+  ASSERT_EQ(notifications.shown.size(), 1u);
+  EXPECT_NE(notifications.shown[0].body.find(accessibility.reason), std::string::npos);
+  EXPECT_TRUE(g_file_test(marker().c_str(), G_FILE_TEST_IS_REGULAR));
+  EXPECT_EQ(TempDir::Read(marker()), "");
+
+  // The marker is there: no second prompt, the same log line.
+  EXPECT_EQ(capture().text, std::nullopt);
+  EXPECT_EQ(notifications.shown.size(), 1u);
+  EXPECT_THAT(log.messages(), ElementsAre("capture: no Accessibility permission",
+                                          "capture: no Accessibility permission"));
+
+  // Deleting the marker brings the prompt back, once.
+  g_unlink(marker().c_str());
+  capture();
+  capture();
+  EXPECT_EQ(notifications.shown.size(), 2u);
+  EXPECT_TRUE(selections.chords_sent.empty());
+}
+
+TEST_F(SelectionCaptureTest, TrustedCaptureNeverPromptsNorWritesTheMarker) {
+  selections.copy_puts = FakeSelections::TextContents("copied");
+  capture();
+  EXPECT_TRUE(notifications.shown.empty());
+  EXPECT_FALSE(g_file_test(marker().c_str(), G_FILE_TEST_EXISTS));
+}
+
+TEST_F(SelectionCaptureTest, UnwritableHandoffFolderStillPromptsAndStaysUp) {
+  accessibility.trusted = false;
+  TempDir::WriteFile(dir.file("plain-file"), "a file where the folder should be");
+  CapturedSelection captured =
+      CaptureSelection(windows.front, {selections, accessibility, notifications},
+                       dir.file("plain-file") + "/handoff");
+  EXPECT_EQ(captured.text, std::nullopt);
+  EXPECT_EQ(notifications.shown.size(), 1u);
+  EXPECT_THAT(log.messages(), ElementsAre("capture: no Accessibility permission"));
+}
+
+TEST_F(SelectionCaptureTest, NoFrontWindowStillTriesTheCopy) {
+  windows.front = std::nullopt;
+  selections.primary_owner_pid = kAppPid;
+  selections.primary_text = "not read without a window";
+  selections.copy_puts = FakeSelections::TextContents("copied");
+  EXPECT_EQ(capture().text, "copied");
+  EXPECT_EQ(selections.primary_reads, 0);
+  EXPECT_THAT(selections.chords_sent, ElementsAre(CopyChord::kControlC));
+}
+
+TEST_F(SelectionCaptureTest, FiftyMegabyteSelectionIsTakenWhole) {
+  std::string huge(50u << 20, 'x');
+  huge.replace(0, 6, "start ");
+  selections.primary_owner_pid = kAppPid;
+  selections.primary_text = huge;
+  std::optional<std::string> text = capture().text;
+  ASSERT_TRUE(text);
+  EXPECT_EQ(text->size(), huge.size());
+  EXPECT_EQ(*text, huge);
+
+  selections.primary_owner_pid = std::nullopt;
+  selections.copy_puts = FakeSelections::TextContents(huge);
+  text = capture().text;
+  ASSERT_TRUE(text);
+  EXPECT_EQ(text->size(), huge.size());
+}
+
+TEST(CopyChordsTest, TerminalsWithACopyChordGetControlShiftC) {
+  for (const char* name :
+       {"gnome-terminal", "gnome-terminal-server", "konsole", "xfce4-terminal", "tilix",
+        "terminator", "alacritty", "kitty", "wezterm", "org.wezfurlong.wezterm", "foot",
+        "lxterminal", "mate-terminal", "qterminal", "terminology"}) {
+    EXPECT_EQ(CopyChordFor(name, ""), CopyChord::kControlShiftC) << name;
+    EXPECT_EQ(CopyChordFor("", name), CopyChord::kControlShiftC) << name;
+  }
+}
+
+TEST(CopyChordsTest, RealWmClassPairsOfTerminals) {
+  EXPECT_EQ(CopyChordFor("gnome-terminal-server", "Gnome-terminal"), CopyChord::kControlShiftC);
+  EXPECT_EQ(CopyChordFor("konsole", "konsole"), CopyChord::kControlShiftC);
+  EXPECT_EQ(CopyChordFor("xfce4-terminal", "Xfce4-terminal"), CopyChord::kControlShiftC);
+  EXPECT_EQ(CopyChordFor("Alacritty", "Alacritty"), CopyChord::kControlShiftC);
+  EXPECT_EQ(CopyChordFor("org.wezfurlong.wezterm", "org.wezfurlong.wezterm"),
+            CopyChord::kControlShiftC);
+  EXPECT_EQ(CopyChordFor("terminator", "Terminator"), CopyChord::kControlShiftC);
+  EXPECT_EQ(CopyChordFor("qterminal", "QTerminal"), CopyChord::kControlShiftC);
+  EXPECT_EQ(CopyChordFor("xterm", "XTerm"), std::nullopt);
+  EXPECT_EQ(CopyChordFor("xterm", "UXTerm"), std::nullopt);
+  EXPECT_EQ(CopyChordFor("urxvt", "URxvt"), std::nullopt);
+  EXPECT_EQ(CopyChordFor("st-256color", "st-256color"), std::nullopt);
+}
+
+TEST(CopyChordsTest, TerminalsWithoutACopyChordGetNone) {
+  for (const char* name : {"xterm", "uxterm", "urxvt", "rxvt-unicode", "URxvt", "st", "st-256color",
+                           "XTerm", "UXTerm"}) {
+    EXPECT_EQ(CopyChordFor(name, ""), std::nullopt) << name;
+    EXPECT_EQ(CopyChordFor("", name), std::nullopt) << name;
+  }
+}
+
+TEST(CopyChordsTest, EveryOtherWindowGetsControlC) {
+  EXPECT_EQ(CopyChordFor("gedit", "Gedit"), CopyChord::kControlC);
+  EXPECT_EQ(CopyChordFor("Navigator", "firefox-esr"), CopyChord::kControlC);
+  EXPECT_EQ(CopyChordFor("", ""), CopyChord::kControlC);
+  // Near misses are not terminals.
+  EXPECT_EQ(CopyChordFor("xterm2", "sterm"), CopyChord::kControlC);
+  EXPECT_EQ(CopyChordFor("kitty-docs", "my-konsole"), CopyChord::kControlC);
+  EXPECT_EQ(CopyChordFor(std::string("xterm\0x", 7), std::string("st\0", 3)), CopyChord::kControlC);
+}
+
+TEST(AttentionPointTest, CentreOfTheFocusedWindow) {
+  LogCapture log;
+  FakeScreens screens;
+  auto front = FakeFrontWindows::Window(1, "gedit", "Gedit", Rect{100, 200, 801, 600});
+  EXPECT_EQ(AttentionPoint(front, screens), (Point{500.5, 500}));
+  EXPECT_THAT(log.messages(),
+              ElementsAre("capture: attention at {500.5, 500} from focused window"));
+}
+
+TEST(AttentionPointTest, ZeroWidthOrHeightWindowGivesThePointer) {
+  LogCapture log;
+  FakeScreens screens;
+  screens.mouse = {12.25, -40};
+  EXPECT_EQ(AttentionPoint(FakeFrontWindows::Window(1, "a", "A", Rect{100, 200, 0, 600}), screens),
+            screens.mouse);
+  EXPECT_EQ(AttentionPoint(FakeFrontWindows::Window(1, "a", "A", Rect{100, 200, 50, 0}), screens),
+            screens.mouse);
+  EXPECT_EQ(AttentionPoint(FakeFrontWindows::Window(1, "a", "A", Rect{0, 0, -5, 10}), screens),
+            screens.mouse);
+  EXPECT_EQ(AttentionPoint(FakeFrontWindows::Window(1, "a", "A", std::nullopt), screens),
+            screens.mouse);
+  EXPECT_EQ(AttentionPoint(std::nullopt, screens), screens.mouse);
+  EXPECT_EQ(log.messages().size(), 5u);
+  for (const std::string& line : log.messages())
+    EXPECT_EQ(line, "capture: attention at {12.25, -40} from pointer");
+}
+
+class DesktopCaptureTest : public ::testing::Test {
+protected:
+  DesktopCaptureSeams seams() {
+    return {windows,
+            selections,
+            screens,
+            accessibility,
+            notifications,
+            [](int pid) { return pid == kAppPid; },
+            [] { return std::optional<std::string>(); },
+            dir.path()};
+  }
+  TempDir dir;
+  LogCapture log;
+  FakeFrontWindows windows;
+  FakeSelections selections;
+  FakeScreens screens;
+  FakeAccessibility accessibility;
+  FakeNotifications notifications;
+};
+
+TEST_F(DesktopCaptureTest, FrontApplicationIsNamedByItsWindowClass) {
+  auto capture = MakeDesktopCapture(seams());
+  windows.front = FakeFrontWindows::Window(31, "gedit", "Gedit");
+  std::optional<FrontApplication> front = capture->frontApplication();
+  ASSERT_TRUE(front);
+  EXPECT_EQ(front->pid, 31);
+  EXPECT_EQ(front->identifier, "Gedit");
+  EXPECT_FALSE(front->is_this_program);
+
+  windows.front = FakeFrontWindows::Window(kAppPid, "orvane", "");
+  front = capture->frontApplication();
+  ASSERT_TRUE(front);
+  EXPECT_EQ(front->identifier, "?");
+  EXPECT_TRUE(front->is_this_program);
+
+  windows.front = std::nullopt;
+  EXPECT_EQ(capture->frontApplication(), std::nullopt);
+}
+
+TEST_F(DesktopCaptureTest, HostileWindowClassCannotBreakALogLine) {
+  auto capture = MakeDesktopCapture(seams());
+  windows.front =
+      FakeFrontWindows::Window(31, "x", "Evil\n12:00:00  forged line" + std::string(500, 'z'));
+  std::optional<FrontApplication> front = capture->frontApplication();
+  ASSERT_TRUE(front);
+  EXPECT_EQ(front->identifier.find('\n'), std::string::npos);
+  EXPECT_EQ(front->identifier.rfind("Evil\\n12:00:00  forged line", 0), 0u);
+  EXPECT_LT(front->identifier.size(), 200u);
+}
+
+TEST_F(DesktopCaptureTest, CaptureRemembersThatItRestoredTheClipboard) {
+  DesktopCapture capture(seams());
+  windows.front = FakeFrontWindows::Window(31, "gedit", "Gedit");
+  selections.primary_owner_pid = 31;
+  selections.primary_text = "direct";
+  EXPECT_EQ(capture.captureSelection(), "direct");
+  EXPECT_FALSE(capture.restoredClipboard());
+
+  selections.primary_owner_pid = std::nullopt;
+  selections.clipboard = kUserClipboard;
+  selections.copy_puts = FakeSelections::TextContents("copied");
+  EXPECT_EQ(capture.captureSelection(), "copied");
+  EXPECT_TRUE(capture.restoredClipboard());
+}
+
+TEST_F(DesktopCaptureTest, AttentionPointFollowsTheFrontWindow) {
+  auto capture = MakeDesktopCapture(seams());
+  windows.front = FakeFrontWindows::Window(31, "gedit", "Gedit", Rect{0, 0, 200, 100});
+  EXPECT_EQ(capture->attentionPoint(), (Point{100, 50}));
+  windows.front->frame = Rect{0, 0, 0, 0};
+  EXPECT_EQ(capture->attentionPoint(), screens.mouse);
+}
+
+} // namespace
+} // namespace orvane

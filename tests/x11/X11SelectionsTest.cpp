@@ -456,6 +456,23 @@ TEST_F(X11SelectionsTest, TheBackgroundKeeperEndsWhenItsTimeIsUp) {
   EXPECT_TRUE(SpinUntil([&] { return display.owner("CLIPBOARD") == None; }));
 }
 
+TEST_F(X11SelectionsTest, WithAClipboardManagerTheClipboardIsHandedToIt) {
+  std::unique_ptr<Child> manager = startOwner({"--manager"});
+  ASSERT_TRUE(manager);
+  std::string before = LogText();
+  std::unique_ptr<Child> caller =
+      Child::Start({"/proc/self/exe", "--restore-and-exit", "600000", "UTF8_STRING",
+                    "an den Verwalter", "text/html", "<i>verwaltet</i>"});
+  ASSERT_TRUE(caller);
+  EXPECT_EQ(manager->readLine(), "saved 2");
+  ASSERT_EQ(caller->waitExit(), 0);
+  std::string log = LogText().substr(before.size());
+  EXPECT_NE(log.find("clipboard: handed to the clipboard manager"), std::string::npos) << log;
+  EXPECT_EQ(log.find("kept in the background"), std::string::npos) << log;
+  EXPECT_EQ(xclipRead("UTF8_STRING").out, "an den Verwalter");
+  EXPECT_EQ(xclipRead("text/html").out, "<i>verwaltet</i>");
+}
+
 TEST_F(X11SelectionsTest, AKeeperDoesNotOverwriteANewerCopy) {
   // A keeper that starts after someone else copied leaves their copy alone.
   std::unique_ptr<Child> xclip = xclipOwner("the user's newer copy");

@@ -202,6 +202,22 @@ TEST_F(X11SelectionsTest, OurOwnRestoredClipboardIsAnsweredFromMemory) {
   EXPECT_EQ(other.saveClipboard(), ClipboardContents{});
 }
 
+TEST_F(X11SelectionsTest, OnlyRealTargetsAreServedByARestore) {
+  X11Selections selections;
+  selections.restoreClipboard({{"", "empty name"},
+                               {"TARGETS", "not a list"},
+                               {"MULTIPLE", "x"},
+                               {"INSERT_SELECTION", "x"},
+                               {std::string(2000, 'n'), "long name"},
+                               {std::string("nul\0name", 8), "x"},
+                               {"text/plain", "kept"}});
+  EXPECT_EQ(selections.saveClipboard(), (ClipboardContents{{"text/plain", "kept"}}));
+  ToolResult targets = xclipRead("TARGETS");
+  EXPECT_NE(targets.out.find("text/plain"), std::string::npos) << targets.out;
+  EXPECT_EQ(targets.out.find("nnnn"), std::string::npos) << targets.out;
+  EXPECT_EQ(xclipRead("text/plain").out, "kept");
+}
+
 TEST_F(X11SelectionsTest, RestoringNothingLeavesTheClipboardWithoutOwner) {
   std::unique_ptr<Child> owner = serve("CLIPBOARD", {{"UTF8_STRING", "UTF8_STRING", "old"}});
   ASSERT_TRUE(owner);

@@ -175,7 +175,10 @@ std::optional<std::string> X11Selections::clipboardText() {
 void X11Selections::restoreClipboard(const ClipboardContents& contents) {
   std::vector<ServedTarget> targets;
   for (const SelectionTarget& item : contents) {
-    if (item.target.empty() || IsMetaTarget(item.target))
+    // Meta targets are GTK's to answer; a name no kept file could carry is
+    // no real target.
+    if (item.target.empty() || item.target.size() > kKeptMaxNameLength ||
+        item.target.find('\0') != std::string::npos || IsMetaTarget(item.target))
       continue;
     auto saved = std::find_if(last_saved_.begin(), last_saved_.end(), [&](const ServedTarget& s) {
       return s.target == item.target && s.bytes == item.bytes;

@@ -141,5 +141,28 @@ TEST(X11FrontWindowsTest, NoActiveWindowOrAHostileValueGivesNothing) {
   EXPECT_EQ(windows.frontWindow(), std::nullopt);
 }
 
+TEST(X11FrontWindowsTest, AValueLeftWithoutWindowManagerCountsForNothing) {
+  // A second display where no window manager runs, yet _NET_ACTIVE_WINDOW
+  // names a real, mapped window (left behind, or set by anyone).
+  XDesktop bare;
+  ASSERT_TRUE(bare.start(/*with_window_manager=*/false, /*make_default=*/false));
+  TestDisplay display(bare.name().c_str());
+  ASSERT_TRUE(display.get());
+  Window root = DefaultRootWindow(display.get());
+  Window window = XCreateSimpleWindow(display.get(), root, 10, 10, 200, 100, 0, 0, 0);
+  XMapWindow(display.get(), window);
+  long value = long(window);
+  XChangeProperty(display.get(), root, display.atom("_NET_ACTIVE_WINDOW"), XA_WINDOW, 32,
+                  PropModeReplace, reinterpret_cast<unsigned char*>(&value), 1);
+  XSync(display.get(), False);
+
+  gchar* self = g_file_read_link("/proc/self/exe", nullptr);
+  ASSERT_TRUE(self);
+  ToolResult front = RunTool({"env", "DISPLAY=" + bare.name(), self, "--print-front-window"});
+  g_free(self);
+  EXPECT_EQ(front.out, "none\n");
+  EXPECT_EQ(front.status, 0);
+}
+
 } // namespace
 } // namespace orvane

@@ -153,7 +153,7 @@ inline ToolResult RunTool(const std::vector<std::string>& argv, double seconds =
 // server themselves.
 class TestDisplay {
 public:
-  TestDisplay() : display_(XOpenDisplay(nullptr)) {}
+  explicit TestDisplay(const char* name = nullptr) : display_(XOpenDisplay(name)) {}
   ~TestDisplay() {
     if (display_)
       XCloseDisplay(display_);
@@ -184,6 +184,82 @@ public:
 
 private:
   Display* display_;
+};
+
+// Xvfb reporting its display number, then (unless told otherwise) openbox
+// on it. DISPLAY is set to it when `make_default`.
+class XDesktop {
+public:
+  bool start(bool with_window_manager = true, bool make_default = true) {
+    int fds[2];
+    if (pipe(fds) != 0)
+      return false;
+    xvfb_ = fork();
+    if (xvfb_ == 0) {
+      close(fds[0]);
+      std::string fd = std::to_string(fds[1]);
+      execlp("Xvfb", "Xvfb", "-displayfd", fd.c_str(), "-screen", "0", "1280x800x24", "-nolisten",
+             "tcp", "-noreset", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    close(fds[1]);
+    std::string number;
+    char c;
+    pollfd descriptor{fds[0], POLLIN, 0};
+    while (poll(&descriptor, 1, 20000) > 0 && read(fds[0], &c, 1) == 1 && c != '\n')
+      number += c;
+    close(fds[0]);
+    if (number.empty())
+      return false;
+    name_ = ":" + number;
+    if (make_default)
+      setenv("DISPLAY", name_.c_str(), 1);
+    if (!with_window_manager)
+      return true;
+    openbox_ = fork();
+    if (openbox_ == 0) {
+      setenv("DISPLAY", name_.c_str(), 1);
+      int null = open("/dev/null", O_WRONLY);
+      dup2(null, 1);
+      dup2(null, 2);
+      execlp("openbox", "openbox", "--sm-disable", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    return SpinUntil([this] { return WindowManagerRuns(name_); }, 30);
+  }
+
+  const std::string& name() const { return name_; }
+
+  void stop() {
+    for (pid_t* pid : {&openbox_, &xvfb_}) {
+      if (*pid > 0) {
+        kill(*pid, SIGTERM);
+        waitpid(*pid, nullptr, 0);
+        *pid = 0;
+      }
+    }
+  }
+  ~XDesktop() { stop(); }
+
+private:
+  static bool WindowManagerRuns(const std::string& name) {
+    TestDisplay display(name.c_str());
+    if (!display.get())
+      return false;
+    Atom type = None;
+    int format = 0;
+    unsigned long items = 0, after = 0;
+    unsigned char* data = nullptr;
+    XGetWindowProperty(display.get(), DefaultRootWindow(display.get()),
+                       display.atom("_NET_SUPPORTING_WM_CHECK"), 0, 1, False, XA_WINDOW, &type,
+                       &format, &items, &after, &data);
+    if (data)
+      XFree(data);
+    return items == 1;
+  }
+
+  pid_t xvfb_ = 0, openbox_ = 0;
+  std::string name_;
 };
 
 // Where the fixtures are (set by the build).

@@ -291,6 +291,17 @@ TEST_F(X11SelectionsTest, AnswersOfTheWrongTypeAreDropped) {
   EXPECT_EQ(selections.clipboardText(), std::nullopt) << "the text came as an INTEGER";
 }
 
+TEST_F(X11SelectionsTest, BogusAndRefusedTargetsAreLeftOutTheOthersSaved) {
+  std::unique_ptr<Child> owner =
+      serve("CLIPBOARD",
+            {{"UTF8_STRING", "UTF8_STRING", "gut"}, {"text/html", "text/html", "<b>gut</b>"}},
+            {"--bad-atoms"});
+  ASSERT_TRUE(owner);
+  X11Selections selections;
+  EXPECT_EQ(selections.saveClipboard(),
+            (ClipboardContents{{"UTF8_STRING", "gut"}, {"text/html", "<b>gut</b>"}}));
+}
+
 TEST_F(X11SelectionsTest, TargetsBeyondTheSizeCapAreDroppedTheOthersKept) {
   std::string big = AllByteValues(200000);
   // In one property...

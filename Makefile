@@ -34,7 +34,8 @@ test: build unit-asan
 unit-asan: deps
 	@cmake -S . -B $(ASAN_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DORVANE_SANITIZE=ON \
 		-DORVANE_E2E=OFF >/dev/null
-	@cmake --build $(ASAN_DIR) --target orvane_unit_tests orvane_integration_tests fuzz_targets
+	@cmake --build $(ASAN_DIR) --target orvane_unit_tests orvane_integration_tests orvane_x11_tests \
+		fuzz_targets
 	cd $(ASAN_DIR) && ASAN_OPTIONS=detect_leaks=0 ctest --output-on-failure
 
 # The fuzz targets under libFuzzer (clang, ASan, UBSan), each for a bounded

@@ -2,11 +2,18 @@
 #include "app/Application.h"
 #include "base/Settings.h"
 #include "capture/CaptureModes.h"
+#include "desktop/x11/ClipboardServer.h"
+
+#include <cstring>
 
 int main(int argc, char** argv) {
   // Defaults first, so that they hold in the capture modes too.
   orvane::RegisterDefaultSettings();
   if (orvane::IsCaptureArgument(argc, argv))
     return orvane::RunCaptureMode(argv[1]);
+  // The background keeper a capture process starts for the CLIPBOARD it
+  // restored (private: only Orvane itself passes this argument).
+  if (argc == 3 && std::strcmp(argv[1], orvane::kKeepClipboardArgument) == 0)
+    return orvane::RunClipboardKeeper(argv[2]);
   return orvane::RunApplication(argc, argv);
 }

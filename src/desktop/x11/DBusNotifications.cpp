@@ -1,10 +1,43 @@
 #include "desktop/x11/DBusNotifications.h"
 
+#include "base/SparLog.h"
+
+#include <gio/gio.h>
+
 namespace orvane {
 
-// Placeholder until the notification call lands.
-bool DBusNotifications::notify(const std::string&, const std::string&) {
-  return false;
+namespace {
+// D-Bus strings must be valid UTF-8.
+std::string Valid(const std::string& text) {
+  gchar* valid = g_utf8_make_valid(text.data(), gssize(text.size()));
+  std::string result = valid;
+  g_free(valid);
+  return result;
+}
+} // namespace
+
+bool DBusNotifications::notify(const std::string& summary, const std::string& body) {
+  GError* error = nullptr;
+  GDBusConnection* bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, &error);
+  if (!bus) {
+    SparLog("notification: no session bus (%@)", error ? error->message : "?");
+    g_clear_error(&error);
+    return false;
+  }
+  GVariant* reply = g_dbus_connection_call_sync(
+      bus, "org.freedesktop.Notifications", "/org/freedesktop/Notifications",
+      "org.freedesktop.Notifications", "Notify",
+      g_variant_new("(susssasa{sv}i)", "Orvane", 0u, "", Valid(summary).c_str(),
+                    Valid(body).c_str(), nullptr, nullptr, -1),
+      G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, int(reply_timeout_.count()), nullptr, &error);
+  g_object_unref(bus);
+  if (!reply) {
+    SparLog("notification: not shown (%@)", error ? error->message : "?");
+    g_clear_error(&error);
+    return false;
+  }
+  g_variant_unref(reply);
+  return true;
 }
 
 } // namespace orvane

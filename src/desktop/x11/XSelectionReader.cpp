@@ -1,0 +1,404 @@
+#include "desktop/x11/XSelectionReader.h"
+
+#include <X11/Xatom.h>
+#include <X11/extensions/XRes.h>
+#include <X11/extensions/XTest.h>
+#include <X11/extensions/Xfixes.h>
+#include <climits>
+#include <cstring>
+#include <poll.h>
+#include <set>
+
+namespace orvane {
+
+namespace {
+
+// Catches the X errors of one display while it lives (a window that vanished
+// between two requests, a hostile atom); errors of other displays go to the
+// handler that was installed before (GDK's, in the application).
+class ErrorTrap {
+public:
+  explicit ErrorTrap(Display* display) : display_(display), outer_(active_) {
+    active_ = this;
+    previous_ = XSetErrorHandler(&ErrorTrap::Handle);
+  }
+  ~ErrorTrap() {
+    XSync(display_, False);
+    XSetErrorHandler(previous_);
+    active_ = outer_;
+  }
+  ErrorTrap(const ErrorTrap&) = delete;
+  ErrorTrap& operator=(const ErrorTrap&) = delete;
+
+  // Whether any request so far failed.
+  bool failed() {
+    XSync(display_, False);
+    return code_ != 0;
+  }
+
+private:
+  static int Handle(Display* display, XErrorEvent* error) {
+    for (ErrorTrap* trap = active_; trap; trap = trap->outer_) {
+      if (trap->display_ == display) {
+        trap->code_ = error->error_code;
+        return 0;
+      }
+    }
+    return active_ && active_->previous_ ? active_->previous_(display, error) : 0;
+  }
+
+  static inline ErrorTrap* active_ = nullptr;
+  Display* display_;
+  ErrorTrap* outer_;
+  XErrorHandler previous_ = nullptr;
+  int code_ = 0;
+};
+
+using Clock = XSelectionReader::Clock;
+
+// The property's items as they travel: Xlib hands out format 16 as shorts
+// and format 32 as longs; both are narrowed back to two and four bytes.
+std::string ItemsAsBytes(const unsigned char* data, int format, unsigned long items) {
+  std::string bytes;
+  if (format == 8) {
+    bytes.assign(reinterpret_cast<const char*>(data), items);
+  } else if (format == 16) {
+    const auto* shorts = reinterpret_cast<const short*>(data);
+    bytes.resize(items * 2);
+    for (unsigned long i = 0; i < items; ++i) {
+      uint16_t value = uint16_t(shorts[i]);
+      memcpy(&bytes[i * 2], &value, 2);
+    }
+  } else if (format == 32) {
+    const auto* longs = reinterpret_cast<const long*>(data);
+    bytes.resize(items * 4);
+    for (unsigned long i = 0; i < items; ++i) {
+      uint32_t value = uint32_t(longs[i]);
+      memcpy(&bytes[i * 4], &value, 4);
+    }
+  }
+  return bytes;
+}
+
+bool IsOnWindow(const XEvent& event, Window window) {
+  return event.xany.window == window ||
+         (event.type == SelectionNotify && event.xselection.requestor == window);
+}
+
+} // namespace
+
+XSelectionReader::XSelectionReader() {
+  display_ = XOpenDisplay(nullptr);
+  if (!display_)
+    return;
+  int error_base = 0;
+  if (XFixesQueryExtension(display_, &fixes_event_base_, &error_base)) {
+    int major = 0, minor = 0;
+    XFixesQueryVersion(display_, &major, &minor);
+    XFixesSelectSelectionInput(display_, DefaultRootWindow(display_), atom("CLIPBOARD"),
+                               XFixesSetSelectionOwnerNotifyMask |
+                                   XFixesSelectionWindowDestroyNotifyMask |
+                                   XFixesSelectionClientCloseNotifyMask);
+  } else {
+    fixes_event_base_ = -1;
+  }
+  last_owner_ = XGetSelectionOwner(display_, atom("CLIPBOARD"));
+  XSync(display_, False);
+}
+
+XSelectionReader::~XSelectionReader() {
+  if (display_)
+    XCloseDisplay(display_);
+}
+
+unsigned long XSelectionReader::atom(const char* name) {
+  return XInternAtom(display_, name, False);
+}
+
+unsigned long XSelectionReader::owner(const char* selection) {
+  if (!display_)
+    return 0;
+  return XGetSelectionOwner(display_, atom(selection));
+}
+
+void XSelectionReader::disown(const char* selection) {
+  if (!display_)
+    return;
+  XSetSelectionOwner(display_, atom(selection), None, CurrentTime);
+  XSync(display_, False);
+}
+
+std::optional<int> PidOfWindowClient(Display* display, unsigned long window) {
+  int event_base = 0, error_base = 0, major = 0, minor = 0;
+  if (window == 0 || !XResQueryExtension(display, &event_base, &error_base) ||
+      !XResQueryVersion(display, &major, &minor) || major < 1 || (major == 1 && minor < 2))
+    return std::nullopt;
+  XResClientIdSpec spec{window, XRES_CLIENT_ID_PID_MASK};
+  long count = 0;
+  XResClientIdValue* ids = nullptr;
+  std::optional<int> pid;
+  if (XResQueryClientIds(display, 1, &spec, &count, &ids) == Success) {
+    for (long i = 0; i < count; ++i) {
+      if (XResGetClientIdType(&ids[i]) == XRES_CLIENT_ID_PID) {
+        pid_t found = XResGetClientPid(&ids[i]);
+        if (found > 0)
+          pid = int(found);
+      }
+    }
+    XResClientIdsDestroy(count, ids);
+  }
+  return pid;
+}
+
+std::optional<int> XSelectionReader::pidOfWindow(unsigned long window) {
+  if (!display_ || window == 0)
+    return std::nullopt;
+  ErrorTrap trap(display_);
+  std::optional<int> pid = PidOfWindowClient(display_, window);
+  if (trap.failed())
+    return std::nullopt;
+  return pid;
+}
+
+uint64_t XSelectionReader::clipboardChanges() {
+  if (!display_)
+    return changes_;
+  if (fixes_event_base_ < 0) {
+    Window now = XGetSelectionOwner(display_, atom("CLIPBOARD"));
+    if (now != last_owner_) {
+      last_owner_ = now;
+      ++changes_;
+    }
+    return changes_;
+  }
+  // A round trip first: every change the server made before it is then in
+  // our queue.
+  XSync(display_, False);
+  XEvent event;
+  Atom clipboard = atom("CLIPBOARD");
+  while (XCheckTypedEvent(display_, fixes_event_base_ + XFixesSelectionNotify, &event)) {
+    if (reinterpret_cast<XFixesSelectionNotifyEvent*>(&event)->selection == clipboard)
+      ++changes_;
+  }
+  return changes_;
+}
+
+bool XSelectionReader::waitForEvent(Clock::time_point deadline, XEvent* event,
+                                    bool (*match)(const XEvent&, const void*),
+                                    const void* context) {
+  struct Predicate {
+    bool (*match)(const XEvent&, const void*);
+    const void* context;
+  } predicate{match, context};
+  auto check = [](Display*, XEvent* candidate, XPointer data) -> Bool {
+    auto* p = reinterpret_cast<Predicate*>(data);
+    return p->match(*candidate, p->context) ? True : False;
+  };
+  for (;;) {
+    if (XCheckIfEvent(display_, event, check, reinterpret_cast<XPointer>(&predicate)))
+      return true;
+    auto remaining =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    if (remaining <= 0)
+      return false;
+    XFlush(display_);
+    pollfd descriptor{ConnectionNumber(display_), POLLIN, 0};
+    poll(&descriptor, 1, int(std::min<long long>(remaining, 100)));
+  }
+}
+
+std::optional<std::string> XSelectionReader::readProperty(unsigned long window,
+                                                          unsigned long property, size_t limit,
+                                                          std::string* type, int* format,
+                                                          bool* exists) {
+  Atom actual = None;
+  int actual_format = 0;
+  unsigned long items = 0, after = 0;
+  unsigned char* data = nullptr;
+  long units = long(std::min<size_t>(limit / 4 + 1, size_t(LONG_MAX / 4)));
+  int status = XGetWindowProperty(display_, window, property, 0, units, True, AnyPropertyType,
+                                  &actual, &actual_format, &items, &after, &data);
+  if (status != Success) {
+    if (data)
+      XFree(data);
+    return std::nullopt;
+  }
+  *exists = actual != None;
+  std::optional<std::string> bytes;
+  if (actual == None) {
+    bytes = std::string();
+  } else if (after > 0) {
+    // Larger than we take: the property stays unread and is dropped.
+    XDeleteProperty(display_, window, property);
+  } else if (actual_format == 8 || actual_format == 16 || actual_format == 32) {
+    bytes = ItemsAsBytes(data, actual_format, items);
+    if (bytes->size() > limit)
+      bytes.reset();
+    char* name = XGetAtomName(display_, actual);
+    *type = name ? name : "";
+    if (name)
+      XFree(name);
+    *format = actual_format;
+  }
+  if (data)
+    XFree(data);
+  return bytes;
+}
+
+namespace {
+struct Wanted {
+  Window window;
+  Atom property;
+};
+} // namespace
+
+std::optional<SelectionAnswer> XSelectionReader::readAnswer(unsigned long requestor,
+                                                            unsigned long property,
+                                                            Clock::time_point deadline,
+                                                            size_t limit) {
+  Wanted wanted{requestor, property};
+  XEvent event;
+  bool notified = waitForEvent(
+      deadline, &event,
+      [](const XEvent& e, const void* w) {
+        return e.type == SelectionNotify &&
+               e.xselection.requestor == static_cast<const Wanted*>(w)->window;
+      },
+      &wanted);
+  if (!notified || event.xselection.property == None)
+    return std::nullopt;
+  SelectionAnswer first;
+  bool exists = false;
+  std::optional<std::string> bytes =
+      readProperty(requestor, property, limit, &first.type, &first.format, &exists);
+  if (!bytes || !exists)
+    return std::nullopt;
+  if (first.type != "INCR") {
+    first.bytes = std::move(*bytes);
+    return first;
+  }
+  // INCR: the owner sends chunks, each after we delete the last; an empty
+  // chunk ends the transfer. A PropertyNotify whose property is already gone
+  // (our own deletions, the INCR header itself) is skipped.
+  SelectionAnswer whole;
+  whole.type.clear();
+  for (;;) {
+    bool more = waitForEvent(
+        deadline, &event,
+        [](const XEvent& e, const void* w) {
+          auto* wanted = static_cast<const Wanted*>(w);
+          return e.type == PropertyNotify && e.xproperty.window == wanted->window &&
+                 e.xproperty.atom == wanted->property && e.xproperty.state == PropertyNewValue;
+        },
+        &wanted);
+    if (!more)
+      return std::nullopt; // the owner stopped, or never ends
+    std::string type;
+    int format = 8;
+    bool chunk_exists = false;
+    std::optional<std::string> chunk = readProperty(requestor, property, limit - whole.bytes.size(),
+                                                    &type, &format, &chunk_exists);
+    if (!chunk)
+      return std::nullopt; // over the limit
+    if (!chunk_exists)
+      continue;
+    if (whole.type.empty()) {
+      whole.type = type;
+      whole.format = format;
+    }
+    if (chunk->empty())
+      return whole;
+    whole.bytes += *chunk;
+  }
+}
+
+std::optional<SelectionAnswer> XSelectionReader::convert(const char* selection,
+                                                         const std::string& target,
+                                                         Clock::time_point deadline, size_t limit) {
+  if (!display_ || target.empty())
+    return std::nullopt;
+  ErrorTrap trap(display_);
+  // A window for each conversion: a late answer to an abandoned one cannot
+  // land in the next.
+  Window requestor =
+      XCreateSimpleWindow(display_, DefaultRootWindow(display_), -10, -10, 1, 1, 0, 0, 0);
+  XSelectInput(display_, requestor, PropertyChangeMask);
+  Atom property = atom("ORVANE_SELECTION");
+  XConvertSelection(display_, atom(selection), atom(target.c_str()), property, requestor,
+                    CurrentTime);
+  XFlush(display_);
+  std::optional<SelectionAnswer> answer = readAnswer(requestor, property, deadline, limit);
+  XDestroyWindow(display_, requestor);
+  XSync(display_, False);
+  // Events already queued for the window would otherwise stay forever.
+  XEvent event;
+  while (XCheckIfEvent(
+      display_, &event,
+      [](Display*, XEvent* e, XPointer w) -> Bool {
+        return IsOnWindow(*e, *reinterpret_cast<Window*>(w)) ? True : False;
+      },
+      reinterpret_cast<XPointer>(&requestor))) {
+  }
+  if (trap.failed() || !answer || answer->type.empty())
+    return std::nullopt;
+  return answer;
+}
+
+std::optional<std::vector<std::string>>
+XSelectionReader::targets(const char* selection, Clock::time_point deadline, size_t max) {
+  std::optional<SelectionAnswer> answer = convert(selection, "TARGETS", deadline, max * 4);
+  if (!answer || answer->format != 32 || (answer->type != "ATOM" && answer->type != "TARGETS"))
+    return std::nullopt;
+  std::vector<Atom> atoms;
+  for (size_t i = 0; i + 4 <= answer->bytes.size(); i += 4) {
+    uint32_t value = 0;
+    memcpy(&value, answer->bytes.data() + i, 4);
+    if (value != None)
+      atoms.push_back(Atom(value));
+  }
+  std::vector<std::string> names;
+  std::set<std::string> seen;
+  ErrorTrap trap(display_);
+  for (Atom a : atoms) {
+    char* name = XGetAtomName(display_, a);
+    if (name && seen.insert(name).second)
+      names.push_back(name);
+    if (name)
+      XFree(name);
+  }
+  return names;
+}
+
+bool XSelectionReader::noKeyHeld() {
+  if (!display_)
+    return false;
+  char keys[32] = {};
+  XQueryKeymap(display_, keys);
+  for (char byte : keys)
+    if (byte)
+      return false;
+  return true;
+}
+
+bool XSelectionReader::sendChord(const std::vector<unsigned long>& keysyms) {
+  if (!display_)
+    return false;
+  int event_base = 0, error_base = 0, major = 0, minor = 0;
+  if (!XTestQueryExtension(display_, &event_base, &error_base, &major, &minor))
+    return false;
+  std::vector<KeyCode> codes;
+  for (unsigned long keysym : keysyms) {
+    KeyCode code = XKeysymToKeycode(display_, KeySym(keysym));
+    if (code == 0)
+      return false;
+    codes.push_back(code);
+  }
+  ErrorTrap trap(display_);
+  for (KeyCode code : codes)
+    XTestFakeKeyEvent(display_, code, True, CurrentTime);
+  for (auto code = codes.rbegin(); code != codes.rend(); ++code)
+    XTestFakeKeyEvent(display_, *code, False, CurrentTime);
+  return !trap.failed();
+}
+
+} // namespace orvane

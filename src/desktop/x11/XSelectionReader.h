@@ -1,0 +1,82 @@
+// Reads selections over a private Xlib connection of its own, never through
+// GTK: every wait polls that connection's socket with a deadline, so a read
+// neither re-enters the main loop nor hangs on an owner that never answers.
+#pragma once
+
+#include "desktop/x11/KeptClipboard.h"
+
+#include <X11/Xlib.h>
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace orvane {
+
+// What one conversion of a selection gave: the property's type and format
+// and its items (see ServedTarget for how they are laid out).
+struct SelectionAnswer {
+  std::string type;
+  int format = 8;
+  std::string bytes;
+};
+
+// The process of the X client that created the window, by XRes (the
+// window's own _NET_WM_PID is not reliable: helper windows have none).
+// Callers catch X errors themselves.
+std::optional<int> PidOfWindowClient(Display* display, unsigned long window);
+
+class XSelectionReader {
+public:
+  using Clock = std::chrono::steady_clock;
+
+  XSelectionReader();
+  ~XSelectionReader();
+  XSelectionReader(const XSelectionReader&) = delete;
+  XSelectionReader& operator=(const XSelectionReader&) = delete;
+
+  // False when the display could not be opened; every read then gives nothing.
+  bool connected() const { return display_ != nullptr; }
+
+  // The window that owns the selection ("PRIMARY", "CLIPBOARD"), 0 for none.
+  unsigned long owner(const char* selection);
+  // Leaves the selection without an owner.
+  void disown(const char* selection);
+  // The process of the client that created the window (XRes), if known.
+  std::optional<int> pidOfWindow(unsigned long window);
+  // Counts every change of hands of the CLIPBOARD seen so far (XFixes
+  // selection events; owner polling without XFixes).
+  uint64_t clipboardChanges();
+
+  // Converts the selection to the target and reads the answer, INCR included.
+  // Nothing when the owner refuses, does not answer before the deadline, or
+  // sends more than `limit` bytes.
+  std::optional<SelectionAnswer> convert(const char* selection, const std::string& target,
+                                         Clock::time_point deadline, size_t limit);
+  // The selection's targets (a TARGETS answer of atoms), at most `max` names.
+  std::optional<std::vector<std::string>> targets(const char* selection, Clock::time_point deadline,
+                                                  size_t max = 512);
+
+  // Whether no key is held down on the keyboard right now.
+  bool noKeyHeld();
+  // Sends the keysyms' presses in order, then their releases in reverse
+  // order (XTest). False without XTest or when a keysym has no key.
+  bool sendChord(const std::vector<unsigned long>& keysyms);
+
+private:
+  unsigned long atom(const char* name);
+  bool waitForEvent(Clock::time_point deadline, XEvent* event,
+                    bool (*match)(const XEvent&, const void*), const void* context);
+  std::optional<SelectionAnswer> readAnswer(unsigned long requestor, unsigned long property,
+                                            Clock::time_point deadline, size_t limit);
+  std::optional<std::string> readProperty(unsigned long window, unsigned long property,
+                                          size_t limit, std::string* type, int* format,
+                                          bool* exists);
+
+  Display* display_ = nullptr;
+  int fixes_event_base_ = -1;
+  uint64_t changes_ = 0;
+  unsigned long last_owner_ = 0;
+};
+
+} // namespace orvane

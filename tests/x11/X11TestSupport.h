@@ -1,0 +1,276 @@
+// Real X clients for the X11 tests: child processes read line by line,
+// tools run to completion while the main loop keeps serving (our own
+// CLIPBOARD is answered by it), and direct Xlib access to the test display.
+#pragma once
+
+// Before Xlib, whose None and Bool macros would break gtest's headers.
+#include <gtest/gtest.h>
+
+#include "support/MainLoop.h"
+
+#include <X11/Xatom.h>
+#include <X11/Xlib.h>
+#include <cerrno>
+#include <fcntl.h>
+#include <gdk/gdk.h>
+#include <glib.h>
+#include <memory>
+#include <optional>
+#include <poll.h>
+#include <signal.h>
+#include <string>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace orvane {
+
+// A child process; its standard output is read line by line, its standard
+// input written. Ended by pid when the object goes.
+class Child {
+public:
+  static std::unique_ptr<Child> Start(const std::vector<std::string>& argv) {
+    std::vector<gchar*> args;
+    for (const std::string& arg : argv)
+      args.push_back(const_cast<gchar*>(arg.c_str()));
+    args.push_back(nullptr);
+    auto child = std::unique_ptr<Child>(new Child);
+    GError* error = nullptr;
+    if (!g_spawn_async_with_pipes(nullptr, args.data(), nullptr,
+                                  GSpawnFlags(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD),
+                                  nullptr, nullptr, &child->pid_, &child->in_, &child->out_,
+                                  nullptr, &error)) {
+      g_clear_error(&error);
+      return nullptr;
+    }
+    fcntl(child->out_, F_SETFL, O_NONBLOCK);
+    return child;
+  }
+  ~Child() {
+    if (in_ >= 0)
+      close(in_);
+    if (out_ >= 0)
+      close(out_);
+    if (pid_ > 0 && !exited_) {
+      kill(pid_, SIGTERM);
+      waitpid(pid_, nullptr, 0);
+    }
+  }
+
+  int pid() const { return pid_; }
+
+  // The next line of output, spinning the main loop while waiting.
+  std::optional<std::string> readLine(double seconds = 20) {
+    std::optional<std::string> line;
+    SpinUntil(
+        [&] {
+          pump();
+          size_t end = buffer_.find('\n');
+          if (end == std::string::npos)
+            return false;
+          line = buffer_.substr(0, end);
+          buffer_.erase(0, end + 1);
+          return true;
+        },
+        seconds);
+    return line;
+  }
+
+  void closeInput() {
+    if (in_ >= 0)
+      close(in_);
+    in_ = -1;
+  }
+
+  void write(const std::string& text) {
+    if (::write(in_, text.data(), text.size()) < 0)
+      perror("write to child");
+  }
+
+  void writeLine(const std::string& line) { write(line + "\n"); }
+
+  // Waits for the child to exit (spinning the main loop); its status, or
+  // nothing when it is still running.
+  std::optional<int> waitExit(double seconds = 20) {
+    SpinUntil(
+        [&] {
+          pump();
+          if (!exited_ && waitpid(pid_, &status_, WNOHANG) == pid_)
+            exited_ = true;
+          return exited_;
+        },
+        seconds);
+    if (!exited_)
+      return std::nullopt;
+    return status_;
+  }
+
+  // All output read so far and until the child closes it.
+  std::string output() {
+    pump();
+    return buffer_;
+  }
+
+private:
+  Child() = default;
+  void pump() {
+    char chunk[4096];
+    for (;;) {
+      ssize_t got = read(out_, chunk, sizeof chunk);
+      if (got <= 0)
+        break;
+      buffer_.append(chunk, size_t(got));
+    }
+  }
+
+  GPid pid_ = 0;
+  int in_ = -1, out_ = -1;
+  bool exited_ = false;
+  int status_ = 0;
+  std::string buffer_;
+};
+
+struct ToolResult {
+  int status = -1; // the wait status; -1 when it did not end in time
+  std::string out;
+  bool ok() const { return status == 0; }
+};
+
+// Runs a tool to completion (the main loop keeps running meanwhile).
+inline ToolResult RunTool(const std::vector<std::string>& argv, double seconds = 20) {
+  ToolResult result;
+  std::unique_ptr<Child> child = Child::Start(argv);
+  if (!child)
+    return result;
+  std::optional<int> status = child->waitExit(seconds);
+  result.out = child->output();
+  if (status)
+    result.status = *status;
+  return result;
+}
+
+// A direct connection to the test display, for what the tests do to the
+// server themselves.
+class TestDisplay {
+public:
+  explicit TestDisplay(const char* name = nullptr) : display_(XOpenDisplay(name)) {}
+  ~TestDisplay() {
+    if (display_)
+      XCloseDisplay(display_);
+  }
+  Display* get() const { return display_; }
+  Atom atom(const char* name) const { return XInternAtom(display_, name, False); }
+  Window owner(const char* selection) const {
+    return XGetSelectionOwner(display_, atom(selection));
+  }
+  void disown(const char* selection) const {
+    XSetSelectionOwner(display_, atom(selection), None, CurrentTime);
+    XSync(display_, False);
+  }
+  Window activeWindow() const {
+    Atom type = None;
+    int format = 0;
+    unsigned long items = 0, after = 0;
+    unsigned char* data = nullptr;
+    Window active = None;
+    if (XGetWindowProperty(display_, DefaultRootWindow(display_), atom("_NET_ACTIVE_WINDOW"), 0, 1,
+                           False, XA_WINDOW, &type, &format, &items, &after, &data) == Success &&
+        type == XA_WINDOW && items == 1)
+      active = Window(reinterpret_cast<long*>(data)[0]);
+    if (data)
+      XFree(data);
+    return active;
+  }
+
+private:
+  Display* display_;
+};
+
+// Xvfb reporting its display number, then (unless told otherwise) openbox
+// on it. DISPLAY is set to it when `make_default`.
+class XDesktop {
+public:
+  bool start(bool with_window_manager = true, bool make_default = true) {
+    int fds[2];
+    if (pipe(fds) != 0)
+      return false;
+    xvfb_ = fork();
+    if (xvfb_ == 0) {
+      close(fds[0]);
+      std::string fd = std::to_string(fds[1]);
+      execlp("Xvfb", "Xvfb", "-displayfd", fd.c_str(), "-screen", "0", "1280x800x24", "-nolisten",
+             "tcp", "-noreset", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    close(fds[1]);
+    std::string number;
+    char c;
+    pollfd descriptor{fds[0], POLLIN, 0};
+    while (poll(&descriptor, 1, 20000) > 0 && read(fds[0], &c, 1) == 1 && c != '\n')
+      number += c;
+    close(fds[0]);
+    if (number.empty())
+      return false;
+    name_ = ":" + number;
+    if (make_default)
+      setenv("DISPLAY", name_.c_str(), 1);
+    if (!with_window_manager)
+      return true;
+    openbox_ = fork();
+    if (openbox_ == 0) {
+      setenv("DISPLAY", name_.c_str(), 1);
+      int null = open("/dev/null", O_WRONLY);
+      dup2(null, 1);
+      dup2(null, 2);
+      execlp("openbox", "openbox", "--sm-disable", static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    return SpinUntil([this] { return WindowManagerRuns(name_); }, 30);
+  }
+
+  const std::string& name() const { return name_; }
+
+  void stop() {
+    for (pid_t* pid : {&openbox_, &xvfb_}) {
+      if (*pid > 0) {
+        kill(*pid, SIGTERM);
+        waitpid(*pid, nullptr, 0);
+        *pid = 0;
+      }
+    }
+  }
+  ~XDesktop() { stop(); }
+
+private:
+  static bool WindowManagerRuns(const std::string& name) {
+    TestDisplay display(name.c_str());
+    if (!display.get())
+      return false;
+    Atom type = None;
+    int format = 0;
+    unsigned long items = 0, after = 0;
+    unsigned char* data = nullptr;
+    XGetWindowProperty(display.get(), DefaultRootWindow(display.get()),
+                       display.atom("_NET_SUPPORTING_WM_CHECK"), 0, 1, False, XA_WINDOW, &type,
+                       &format, &items, &after, &data);
+    if (data)
+      XFree(data);
+    return items == 1;
+  }
+
+  pid_t xvfb_ = 0, openbox_ = 0;
+  std::string name_;
+};
+
+// Where the fixtures are (set by the build).
+inline std::string FixtureScript(const std::string& name) {
+  return std::string(ORVANE_X11_FIXTURES) + "/" + name;
+}
+inline std::string SelectionOwnerFixture() {
+  return ORVANE_X11_SELECTION_OWNER;
+}
+inline std::string OrvaneExecutable() {
+  return ORVANE_EXECUTABLE;
+}
+
+} // namespace orvane

@@ -58,7 +58,8 @@ void ShowMessageDialog(GtkWindow* parent, const std::string& message, const std:
 
 // The application's own object path on the session bus, from its id.
 std::string ApplicationObjectPath() {
-  std::string path = std::string("/") + kApplicationId;
+  std::string path = "/";
+  path.append(kApplicationId);
   std::replace(path.begin(), path.end(), '.', '/');
   return path;
 }
@@ -136,7 +137,8 @@ DesktopSeams RealDesktopSeams() {
        notifications = seams.notifications.get()](DesktopSeams::LibraryFolderQuery library_folder) {
         return MakeDesktopCapture(DesktopCaptureSeams{
             *front_windows, *selections, *screens, *accessibility, *notifications,
-            [](int pid) { return pid == int(getpid()); }, std::move(library_folder)});
+            [](int pid) { return pid == int(getpid()); }, std::move(library_folder),
+            /*handoff_folder=*/""});
       };
   return seams;
 }

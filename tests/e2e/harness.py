@@ -2031,7 +2031,9 @@ class TextWindow(_Client):
     def start(self, activate: bool = True) -> "TextWindow":
         """Show the window; with `activate` (a desktop with a window manager)
         also bring it to the front and wait for its keyboard focus."""
-        argv = [PYTHON, str(TEXT_WINDOW), str(self.state), self.text]
+        text_file = self.state / "text.txt"
+        text_file.write_text(self.text, encoding="utf-8", newline="")
+        argv = [PYTHON, str(TEXT_WINDOW), str(self.state), str(text_file)]
         if self.select:
             argv += ["--select", str(self.select[0]), str(self.select[1])]
         if self.no_primary:

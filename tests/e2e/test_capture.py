@@ -78,6 +78,15 @@ def assert_clipboard_restored(desktop, targets: dict[str, bytes]) -> None:
 # the summon
 
 
+
+def non_modifier_keys(window) -> list:
+    """The key presses a fixture window saw, leaving out bare modifiers."""
+    return [k for k in window.keys() if k["key"] not in MODIFIER_KEYS]
+
+
+MODIFIER_KEYS = {"Alt_L", "Alt_R", "Meta_L", "Meta_R", "Control_L", "Control_R", "Shift_L",
+                 "Shift_R", "Super_L", "Super_R", "ISO_Level3_Shift"}
+
 def test_alt_b_opens_the_panel_on_add_with_the_selection_and_the_focus_in_the_page(
         home, site, desktop, launch, clients):
     orvane, library = started(home, site, launch)
@@ -91,21 +100,22 @@ def test_alt_b_opens_the_panel_on_add_with_the_selection_and_the_focus_in_the_pa
     home.wait_for_log(f"hotkey: {len(AWKWARD)} chars from {TEXT_CLASS}")
     home.wait_for_log(f"panel opens with a {len(AWKWARD)}-char selection")
     # The direct read: the text view owns PRIMARY, so no copy was sent to it,
-    # and the grab kept Alt+B itself away from it.
-    assert window.keys() == [], window.keys()
+    # and the grab kept Alt+B itself away from it. (The Alt press comes
+    # before the grab on B fires, so the window may see that alone.)
+    assert non_modifier_keys(window) == [], window.keys()
 
     # The keyboard focus is in the panel's page: typing reaches it.
     wait_until(lambda: desktop.focused_window() == panel_win, what="the panel to have the keyboard focus")
     desktop.type_text("zq")
     wait_until(lambda: keys_on(site, panel.page)[-2:] == ["z", "q"], what="typed keys to reach the panel page")
-    assert window.keys() == []
+    assert non_modifier_keys(window) == []
     assert keys_on(site, library.page) == []
 
 
 def test_second_alt_b_hides_the_key_panel_and_another_front_application_summons_it_afresh(
         home, site, desktop, launch, clients):
     orvane, _ = started(home, site, launch)
-    first_window = clients.text_window("the first passage")
+    clients.text_window("the first passage")
     desktop.press("alt+b")
     panel_win = orvane.wait_for_window("quick-panel")
     first = add_load(site, "the first passage")
@@ -121,11 +131,12 @@ def test_second_alt_b_hides_the_key_panel_and_another_front_application_summons_
     desktop.press("alt+b")
     assert orvane.wait_for_window("quick-panel") == panel_win
     add_load(site, "the second passage", exclude=(first.page,))
-    # Visible but not key (the text window is in front): ⌥B shows it again
-    # with a new capture instead of hiding it.
-    desktop.activate_and_focus(first_window.window)
+    # Visible but not key (another text window is in front): ⌥B shows it
+    # again with a new capture instead of hiding it. (The first window lost
+    # its selection when the second took PRIMARY, as GTK text views do.)
+    clients.text_window("the third passage")
     desktop.press("alt+b")
-    third = add_load(site, "the first passage", exclude=(first.page,))
+    third = add_load(site, "the third passage", exclude=(first.page,))
     assert third.page != first.page
     assert orvane.windows("quick-panel") == [panel_win]
 
@@ -286,7 +297,9 @@ def test_capture_modes_survive_a_huge_selection(home, desktop, clients):
     clients.text_window(huge)
     result = run_orvane(home, desktop, ["--capture-selection"], timeout=60)
     assert result.returncode == 0, result
-    assert (home.handoff_dir / "selection.txt").read_text(encoding="utf-8") == huge
+    # Bytes, not text: reading text would turn the "\r"s into newlines.
+    written = (home.handoff_dir / "selection.txt").read_bytes()
+    assert written == huge.encode("utf-8"), f"{len(written)} bytes written"
 
 
 # --------------------------------------------------------------------------

@@ -22,17 +22,20 @@
 #include "desktop/Activation.h"
 #include "desktop/FrontWindows.h"
 #include "desktop/Hotkeys.h"
+#include "desktop/Launcher.h"
 #include "desktop/MessageBus.h"
 #include "desktop/Notifications.h"
 #include "desktop/Scheduler.h"
 #include "desktop/Screens.h"
 #include "desktop/Selections.h"
+#include "desktop/Windows.h"
 #include "desktop/Workspace.h"
 #include "library/DockDrops.h"
 #include "library/FileDrag.h"
 #include "library/PdfActions.h"
 #include "library/PdfStore.h"
 #include "library/WindowDrops.h"
+#include "placement/PlacementRequests.h"
 #include "web/LibraryWindow.h"
 #include "web/WebViewFactory.h"
 
@@ -56,6 +59,8 @@ struct DesktopSeams {
   std::unique_ptr<Selections> selections;
   std::unique_ptr<Notifications> notifications;
   std::unique_ptr<Activation> activation;
+  std::unique_ptr<Windows> windows;
+  std::unique_ptr<Launcher> launcher;
   // Builds the capture over these seams once the store, which it asks for
   // the library folder, exists.
   using LibraryFolderQuery = std::function<std::optional<std::string>()>;
@@ -173,6 +178,11 @@ private:
   std::unique_ptr<Summon> summon_;
   std::unique_ptr<QuoteChat> quote_chat_;
   std::unique_ptr<Quotes> quotes_;
+  std::unique_ptr<PlacementRequests> placement_;
+  // The ask split of a paper beside the sibling application, for the tile
+  // notification; set where the split is built. Until then a tile request
+  // is logged and changes nothing.
+  std::function<void(const std::string&)> open_ask_split_;
   LogThrottle dropped_addresses_;
 };
 

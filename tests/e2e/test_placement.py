@@ -1,0 +1,265 @@
+"""Placement requests against real windows: the built orvane on Xvfb with
+openbox answers "com.tarnwick.orvane.place" signals sent with gdbus, and
+the geometry of the windows it moved is read back with xwininfo.
+
+The windows belong to a real GTK application (fixtures/bin/sized_window.py)
+that, like many viewers, runs once per session and opens the files of a
+second start in the instance that runs. One monitor here (1920 x 1080, no
+panels: the visible frame is the whole screen); two monitors are covered
+with the split tests.
+"""
+from __future__ import annotations
+
+import json
+import os
+import signal
+import subprocess
+from pathlib import Path
+
+import pytest
+
+from harness import FIXTURES, PYTHON, holds_for, pid_alive, read_json_lines, wait_until
+
+SIZED = FIXTURES / "bin" / "sized_window.py"
+OBJECT = "/com/tarnwick/orvane"
+PLACE = "com.tarnwick.orvane.place"
+SIZED_ID = "orvane-e2e-sized.desktop"
+SIZED_NEW_ID = "orvane-e2e-sized-new.desktop"
+WM_CLASS = "orvane-e2e-sized"
+
+
+class SizedApp:
+    """The fixture application, registered in the test's home as the
+    default application for plain text, and every process of it."""
+
+    def __init__(self, home, desktop, state: Path):
+        self.home = home
+        self.desktop = desktop
+        self.state = state
+        self.state.mkdir(parents=True)
+        self.started: list[subprocess.Popen] = []
+        apps = home.path / ".local" / "share" / "applications"
+        for desktop_id, extra in ((SIZED_ID, ""), (SIZED_NEW_ID, " --new-instance")):
+            (apps / desktop_id).write_text(
+                "[Desktop Entry]\nType=Application\nName=Orvane E2E Sized\n"
+                f'Exec={PYTHON} "{SIZED}" "{state}"{extra} %F\n'
+                "MimeType=text/plain;\nTerminal=false\n", encoding="utf-8")
+        mimeapps = home.path / ".config" / "mimeapps.list"
+        text = mimeapps.read_text(encoding="utf-8")
+        text = text.replace("[Default Applications]\n",
+                            f"[Default Applications]\ntext/plain={SIZED_ID}\n", 1)
+        mimeapps.write_text(text, encoding="utf-8")
+
+    def layout(self, frames: dict[str, list[int]]) -> None:
+        (self.state / "layout.json").write_text(json.dumps(frames), encoding="utf-8")
+
+    def windows(self) -> list[dict]:
+        path = self.state / "windows.jsonl"
+        return read_json_lines(path) if path.exists() else []
+
+    def wait_window(self, title: str) -> dict:
+        return wait_until(
+            lambda: next((w for w in self.windows() if w["title"] == title), None),
+            what=f"a window titled {title!r}")
+
+    def start(self, *files: str) -> subprocess.Popen:
+        """Starts the application directly (not through orvane)."""
+        proc = subprocess.Popen([PYTHON, str(SIZED), str(self.state), *files],
+                                env=self.home.env(), stdin=subprocess.DEVNULL,
+                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.started.append(proc)
+        return proc
+
+    def stop(self) -> None:
+        pids = {w["pid"] for w in self.windows()} | {p.pid for p in self.started}
+        for pid in pids:
+            if pid_alive(pid):
+                os.kill(pid, signal.SIGTERM)
+        for proc in self.started:
+            try:
+                proc.wait(timeout=5)
+            except subprocess.TimeoutExpired:
+                proc.kill()
+        wait_until(lambda: not any(pid_alive(pid) for pid in pids), what="the sized windows to close")
+
+
+@pytest.fixture
+def sized(home, desktop, tmp_path):
+    app = SizedApp(home, desktop, tmp_path / "sized")
+    try:
+        yield app
+    finally:
+        app.stop()
+
+
+def place(desktop, **payload) -> None:
+    desktop.emit_signal(OBJECT, PLACE, json.dumps(payload))
+
+
+def outer_frame(desktop, window: int) -> tuple[int, int, int, int]:
+    return desktop.window_frame(window)
+
+
+def number_text(value: float) -> str:
+    return f"{value:g}"
+
+
+def centred(desktop, window: int, client: tuple[int, int]) -> tuple[str, tuple[int, int, int, int]]:
+    """Where a window whose client area is `client` lands on the 1920 x 1080
+    screen: the rectangle as the log writes it, and the outer frame as the
+    X server has it (the frame's size is the client's plus the decorations)."""
+    left, right, top, bottom = desktop.frame_extents(window)
+    width, height = client[0] + left + right, client[1] + top + bottom
+    x, y = (1920 - width) / 2, (1080 - height) / 2
+    text = f"{{{{{number_text(x)}, {number_text(y)}}}, {{{width}, {height}}}}}"
+    # Desktop y grows upwards; on one screen the centre is the same.
+    return text, (int(x + 0.5), int(1080 - (y + height) + 0.5), width, height)
+
+
+def test_a_tiny_window_off_the_screen_gets_the_fallback_size_centred_and_activated(
+        launch, home, desktop, sized, tmp_path):
+    orvane = launch()
+    library = orvane.wait_for_window("library")
+    # The viewer shows the file already, in a tiny window hanging over the
+    # screen's right edge (its centre is off the screen).
+    sized.layout({"tiny.txt": [1900, 500, 150, 100]})
+    paper = tmp_path / "tiny.txt"
+    paper.write_text("tiny\n")
+    running = sized.start(str(paper))
+    win = sized.wait_window("tiny.txt")
+    wait_until(lambda: outer_frame(desktop, win["window"])[0] > 1800, what="the tiny window off the edge")
+    desktop.activate_and_focus(library)
+    # Opening the file again hands it to the running viewer, which keeps its
+    # window as it is: the window that shows the file is placed.
+    place(desktop, kind="file", path=str(paper), screen=0)
+    home.wait_for_log(f"place: file {paper} on screen 0")
+    line = home.wait_for_log("place: pid ")
+    assert line.startswith(
+        f"place: pid {running.pid} window to {{{{410, 160}}, {{1100, 760}}}}: placed (attempt ")
+    # The outer frame, decorations included, is exactly where it was asked.
+    wait_until(lambda: outer_frame(desktop, win["window"]) == (410, 160, 1100, 760),
+               what="the window at 410,160 1100x760")
+    # "AXRaise": the window manager gave it the focus.
+    wait_until(lambda: desktop.focused_window() == win["window"],
+               what=f"the placed window {win['window']:#x} to have the focus")
+
+
+def test_a_window_already_on_the_screen_is_left_where_it_is(launch, home, desktop, sized, tmp_path):
+    orvane = launch()
+    orvane.wait_for_window("library")
+    sized.layout({"calm.txt": [300, 200, 500, 400]})
+    paper = tmp_path / "calm.txt"
+    paper.write_text("calm\n")
+    place(desktop, kind="file", path=str(paper), screen="0")
+    win = sized.wait_window("calm.txt")
+    wait_until(lambda: desktop.window_info(win["window"]).get("map_state") == "IsViewable",
+               what="the window to be viewable")
+    before = outer_frame(desktop, win["window"])
+    assert holds_for(lambda: outer_frame(desktop, win["window"]) == before
+                     and not any(m.startswith("place: pid") for m in home.log_messages()), 2.0)
+    assert f"place: file {paper} on screen 0" in home.log_messages()
+
+
+def test_a_file_handed_to_the_running_instance_is_found_and_placed(launch, home, desktop, sized, tmp_path):
+    orvane = launch()
+    orvane.wait_for_window("library")
+    sized.layout({"first.txt": [100, 100, 400, 300], "second.txt": [1850, 900, 300, 200]})
+    first = tmp_path / "first.txt"
+    first.write_text("1\n")
+    second = tmp_path / "second.txt"
+    second.write_text("2\n")
+    running = sized.start(str(first))
+    sized.wait_window("first.txt")
+    place(desktop, kind="file", path=str(second), screen=0)
+    win = sized.wait_window("second.txt")
+    # The window belongs to the instance that ran already, not to the
+    # process that was launched for the file (which handed it over).
+    assert win["pid"] == running.pid
+    text, frame = centred(desktop, win["window"], (300, 200))
+    home.wait_for_log(f"place: pid {running.pid} window to {text}: placed")
+    wait_until(lambda: outer_frame(desktop, win["window"]) == frame,
+               what=f"the handed-over window at {frame}")
+    assert not any("gave up" in m for m in home.log_messages())
+
+
+def test_an_application_started_from_its_desktop_file_is_placed_by_its_pid(launch, home, desktop, sized):
+    orvane = launch()
+    orvane.wait_for_window("library")
+    sized.layout({"*": [1880, 1000, 640, 480]})
+    desktop_file = home.path / ".local" / "share" / "applications" / SIZED_NEW_ID
+    place(desktop, kind="app", path=str(desktop_file), screen=0)
+    win = sized.wait_window("Sized window")
+    text, frame = centred(desktop, win["window"], (640, 480))
+    home.wait_for_log(f"place: pid {win['pid']} window to {text}: placed")
+    wait_until(lambda: outer_frame(desktop, win["window"]) == frame,
+               what=f"the application's window at {frame}")
+
+
+def test_front_waits_for_the_next_window_of_a_running_application(launch, home, desktop, sized, tmp_path):
+    orvane = launch()
+    orvane.wait_for_window("library")
+    sized.layout({"old.txt": [100, 100, 400, 300], "new.txt": [1850, 950, 500, 300]})
+    old = tmp_path / "old.txt"
+    old.write_text("old\n")
+    new = tmp_path / "new.txt"
+    new.write_text("new\n")
+    running = sized.start(str(old))
+    old_win = sized.wait_window("old.txt")
+    old_frame = outer_frame(desktop, old_win["window"])
+    place(desktop, kind="front", path=WM_CLASS, screen=0)
+    home.wait_for_log(f"place: front {WM_CLASS} on screen 0")
+    sized.start(str(new))  # hands new.txt to the running instance
+    win = sized.wait_window("new.txt")
+    text, frame = centred(desktop, win["window"], (500, 300))
+    home.wait_for_log(f"place: pid {running.pid} window to {text}: placed (attempt 0)")
+    wait_until(lambda: outer_frame(desktop, win["window"]) == frame,
+               what=f"the new window at {frame}")
+    assert outer_frame(desktop, old_win["window"]) == old_frame
+
+
+def test_front_gives_up_when_no_new_window_comes(launch, home, desktop, sized, tmp_path):
+    orvane = launch()
+    orvane.wait_for_window("library")
+    only = tmp_path / "only.txt"
+    only.write_text("only\n")
+    running = sized.start(str(only))
+    sized.wait_window("only.txt")
+    place(desktop, kind="front", path=WM_CLASS, screen=0)
+    home.wait_for_log(f"place: pid {running.pid} made no new window in time")
+    place(desktop, kind="front", path="org.example.Absent", screen=0)
+    home.wait_for_log("place: org.example.Absent is not running")
+
+
+def test_reveal_asks_the_file_manager_and_waits_for_its_window(launch, home, desktop, file_manager_service, tmp_path):
+    orvane = launch()
+    orvane.wait_for_window("library")
+    paper = tmp_path / "shown.pdf"
+    paper.write_bytes((FIXTURES / "sample.pdf").read_bytes())
+    place(desktop, kind="reveal", path=str(paper), screen=0)
+    calls = file_manager_service.wait_for_call()
+    assert calls[0]["method"] == "ShowItems"
+    assert calls[0]["uris"] == [paper.as_uri()]
+    # The stand-in file manager shows no window: after the retries the
+    # chain gives up on the file manager's own pid.
+    line = home.wait_for_log("place: gave up waiting for a window of pid ")
+    assert line == f"place: gave up waiting for a window of pid {file_manager_service.proc.pid}"
+
+
+def test_hostile_place_payloads_leave_the_program_running(launch, home, desktop):
+    orvane = launch()
+    orvane.wait_for_window("library")
+    payloads = ["", "not json", "[1, 2]", "\"text\"", "[" * 30000, "{\"a\":" + "[" * 30000,
+                json.dumps({"path": "x" * 60000, "screen": 1e300}),
+                json.dumps({"path": "/x", "screen": -1}),
+                json.dumps({"path": ["/x"], "screen": "1"})]
+    for payload in payloads:
+        desktop.emit_signal(OBJECT, PLACE, payload)
+    desktop.emit_signal(OBJECT, PLACE, json.dumps({"path": "/x", "screen": 5}))
+    home.wait_for_log("place note: nothing to do (path /x, screen 5 of 1)")
+    messages = home.log_messages()
+    assert messages.count("place note: bad payload") == 6
+    assert "place note: nothing to do (path /x, screen -1 of 1)" in messages
+    assert "place note: nothing to do (path (null), screen 1 of 1)" in messages
+    assert any(m.startswith("place note: nothing to do (path xxxx") and
+               m.endswith(", screen 9223372036854775807 of 1)") for m in messages)
+    assert orvane.running()

@@ -22,11 +22,13 @@
 #include "desktop/Activation.h"
 #include "desktop/FrontWindows.h"
 #include "desktop/Hotkeys.h"
+#include "desktop/Launcher.h"
 #include "desktop/MessageBus.h"
 #include "desktop/Notifications.h"
 #include "desktop/Scheduler.h"
 #include "desktop/Screens.h"
 #include "desktop/Selections.h"
+#include "desktop/Windows.h"
 #include "desktop/Workspace.h"
 #include "library/DockDrops.h"
 #include "library/FileDrag.h"
@@ -56,6 +58,8 @@ struct DesktopSeams {
   std::unique_ptr<Selections> selections;
   std::unique_ptr<Notifications> notifications;
   std::unique_ptr<Activation> activation;
+  std::unique_ptr<Windows> windows;
+  std::unique_ptr<Launcher> launcher;
   // Builds the capture over these seams once the store, which it asks for
   // the library folder, exists.
   using LibraryFolderQuery = std::function<std::optional<std::string>()>;

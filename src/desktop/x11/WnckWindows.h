@@ -1,0 +1,29 @@
+// Other applications' windows through libwnck, on the default screen.
+#pragma once
+
+#include "desktop/Windows.h"
+
+namespace orvane {
+
+class WnckWindows final : public Windows {
+public:
+  std::optional<std::vector<WindowInfo>> windowsOfPid(int pid) override;
+  std::vector<WindowInfo> normalWindows() override;
+  std::optional<WindowInfo> window(unsigned long id) override;
+  bool setFrame(unsigned long id, const Rect& frame) override;
+  bool activate(unsigned long id, uint32_t timestamp) override;
+  bool leaveFullScreen(unsigned long id) override;
+  std::vector<int> pidsOfApplication(const std::string& name) override;
+  std::vector<std::string> documentsOfPid(int pid) override;
+};
+
+// The names a running application may go by, for a desktop-file id or a
+// WM_CLASS part: the name itself, the id without ".desktop", the desktop
+// file's StartupWMClass and its executable's file name. Lower-case.
+std::vector<std::string> ApplicationNames(const std::string& name);
+
+// The existing PDF files (any case of ".pdf") that the process names on its
+// command line, as paths or file:// URIs, or holds open, from /proc.
+std::vector<std::string> PdfDocumentsOfProcess(int pid);
+
+} // namespace orvane

@@ -35,6 +35,7 @@
 #include "library/PdfActions.h"
 #include "library/PdfStore.h"
 #include "library/WindowDrops.h"
+#include "placement/PaperSplits.h"
 #include "web/LibraryWindow.h"
 #include "web/WebViewFactory.h"
 
@@ -111,6 +112,8 @@ public:
   void hideQuickPanel() override;
   void beginFileDrag(const std::string& path, const PageRef& page) override;
   void openPreviewSplitFor(const std::string& path) override;
+  // The ask split, for the tile request.
+  void openAskSplitFor(const std::string& path);
   bool storeHasAccount() const override;
   void setStoreAccount(const std::string& account) override;
   void rescanStore() override;
@@ -177,6 +180,8 @@ private:
   std::unique_ptr<Summon> summon_;
   std::unique_ptr<QuoteChat> quote_chat_;
   std::unique_ptr<Quotes> quotes_;
+  std::unique_ptr<SplitChat> split_chat_;
+  std::unique_ptr<PaperSplits> splits_;
   LogThrottle dropped_addresses_;
 };
 

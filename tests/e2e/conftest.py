@@ -20,7 +20,7 @@
               test bus that records Notify calls
 - `bare_desktop`  a second display with its own bus and no window manager
 - `two_monitor_desktop`  a display with two monitors (Xorg's dummy driver):
-              the primary 1920 x 1080 and a 1280 x 1024 one to its right; a
+              the primary 1920 x 1080 and a 1440 x 900 one to its right; a
               module whose tests need it overrides `desktop` with it
 - `other_bus` one more private session bus on the shared display
 
@@ -168,7 +168,7 @@ def bare_desktop():
     yield from _running(Desktop(window_manager=False), "bare desktop")
 
 
-TWO_MONITORS = [(1920, 1080), (1280, 1024)]
+TWO_MONITORS = [(1920, 1080), (1440, 900)]
 
 
 @pytest.fixture(scope="module")

@@ -2289,6 +2289,22 @@ class SignalRecorder(_Client):
                           timeout, what=f"{count} {name} signal(s)")
 
 
+class Program(_Client):
+    """Any other program on the test desktop, ready once its output holds
+    the text `ready`."""
+
+    def __init__(self, desktop: Desktop, state: Path, argv: list[str], ready: str):
+        super().__init__(desktop, state)
+        self.argv = list(argv)
+        self.ready = ready
+
+    def start(self) -> "Program":
+        self._spawn(self.argv)
+        wait_until(lambda: (self._alive_or_fail(self.argv[-1]), self.ready in self.output())[1],
+                   what=f"{self.argv} to say {self.ready!r}")
+        return self
+
+
 class Clients:
     """Every fixture program a test starts, stopped at its end."""
 
@@ -2321,6 +2337,9 @@ class Clients:
 
     def signal_recorder(self, names: Iterable[str], bus_address: str | None = None) -> SignalRecorder:
         return self._keep(SignalRecorder(self.desktop, self._state("signals"), names, bus_address))
+
+    def program(self, argv: list[str], ready: str) -> Program:
+        return self._keep(Program(self.desktop, self._state("program"), argv, ready))
 
     def stop(self) -> None:
         for client in reversed(self.started):

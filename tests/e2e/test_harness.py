@@ -285,12 +285,12 @@ print(json.dumps(found))
 def test_two_monitor_desktop_shows_two_monitors_to_xrandr_and_gdk(two_monitor_desktop):
     d = two_monitor_desktop
     assert d.wm_ready(), "openbox did not set _NET_SUPPORTING_WM_CHECK"
-    assert d.monitor_geometries() == [(0, 0, 1920, 1080), (1920, 0, 1280, 1024)]
-    assert "-geometry 3200x1080+0+0" in d.run_tool("xwininfo", "-root").stdout
+    assert d.monitor_geometries() == [(0, 0, 1920, 1080), (1920, 0, 1440, 900)]
+    assert "-geometry 3360x1080+0+0" in d.run_tool("xwininfo", "-root").stdout
     gdk = json.loads(d.run_tool(PYTHON, "-c", _GDK_MONITORS, check=True).stdout)
     assert gdk == [
         {"primary": True, "frame": [0, 0, 1920, 1080], "workarea": [0, 0, 1920, 1080]},
-        {"primary": False, "frame": [1920, 0, 1280, 1024], "workarea": [1920, 0, 1280, 1024]},
+        {"primary": False, "frame": [1920, 0, 1440, 900], "workarea": [1920, 0, 1440, 900]},
     ]
     # XTest input reaches this server although it has no input devices of its own.
     assert d.run_tool("xdotool", "mousemove", "2500", "500", check=True).returncode == 0

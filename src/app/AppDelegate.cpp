@@ -15,9 +15,11 @@
 #include "desktop/x11/DBusMessageBus.h"
 #include "desktop/x11/DBusNotifications.h"
 #include "desktop/x11/GLibScheduler.h"
+#include "desktop/x11/GioLauncher.h"
 #include "desktop/x11/GioWorkspace.h"
 #include "desktop/x11/KeybinderHotkeys.h"
 #include "desktop/x11/WindowFrames.h"
+#include "desktop/x11/WnckWindows.h"
 #include "desktop/x11/X11Accessibility.h"
 #include "desktop/x11/X11FrontWindows.h"
 #include "desktop/x11/X11Screens.h"
@@ -199,6 +201,8 @@ DesktopSeams RealDesktopSeams() {
   seams.selections = std::make_unique<X11Selections>();
   seams.notifications = std::make_unique<DBusNotifications>();
   seams.activation = std::make_unique<DBusActivation>(kApplicationId, ApplicationObjectPath());
+  seams.windows = std::make_unique<WnckWindows>();
+  seams.launcher = std::make_unique<GioLauncher>();
   // The seams live on the heap, so these references outlive the move of
   // the struct into the delegate.
   seams.make_capture =
@@ -217,7 +221,10 @@ AppDelegate::AppDelegate(GtkApplication* application, DesktopSeams seams)
       dock_drops_([this](const Event& event) { events_.sendEvent(event); }),
       dispatcher_(
           *this, events_, [] { return SiteAddress(); }, [this] { return seams_.scheduler->now(); }),
-      factory_(*this, [this] { return claudePath(); }) {}
+      factory_(*this, [this] { return claudePath(); }),
+      placement_(std::make_unique<PlacementRequests>(
+          PlacementSeams{*seams_.windows, *seams_.screens, *seams_.launcher, *seams_.scheduler,
+                         [this](const std::string& path) { openAskSplitFor(path); }})) {}
 
 AppDelegate::~AppDelegate() = default;
 
@@ -379,10 +386,13 @@ void AppDelegate::quoteArrived(const std::string&) {
 void AppDelegate::sparRequested(const std::string& object) {
   spar_->sparRequested(object);
 }
-// Not built yet: window placement arrives with its subsystem; until then
-// these notifications change nothing.
-void AppDelegate::tileRequested(const std::string&) {}
-void AppDelegate::placeRequested(const std::string&) {}
+void AppDelegate::tileRequested(const std::string& object) {
+  placement_->tileRequested(object);
+}
+
+void AppDelegate::placeRequested(const std::string& object) {
+  placement_->placeRequested(object);
+}
 
 void AppDelegate::checkAccessibility() {
   bool trusted = seams_.accessibility->isTrusted();
@@ -498,11 +508,15 @@ void AppDelegate::beginFileDrag(const std::string& path, const PageRef& page) {
   file_drag_.beginFileDrag(path, web_page ? web_page->widget() : web_->widget());
 }
 
+// Both splits exist once the launch is over; a request that comes earlier
+// changes nothing.
 void AppDelegate::openPreviewSplitFor(const std::string& path) {
-  splits_->openPreviewSplitFor(path);
+  if (splits_)
+    splits_->openPreviewSplitFor(path);
 }
 void AppDelegate::openAskSplitFor(const std::string& path) {
-  splits_->openAskSplitFor(path);
+  if (splits_)
+    splits_->openAskSplitFor(path);
 }
 
 bool AppDelegate::storeHasAccount() const {

@@ -36,6 +36,7 @@
 #include "library/PdfStore.h"
 #include "library/WindowDrops.h"
 #include "placement/PaperSplits.h"
+#include "placement/PlacementRequests.h"
 #include "web/LibraryWindow.h"
 #include "web/WebViewFactory.h"
 
@@ -182,6 +183,7 @@ private:
   std::unique_ptr<Quotes> quotes_;
   std::unique_ptr<SplitChat> split_chat_;
   std::unique_ptr<PaperSplits> splits_;
+  std::unique_ptr<PlacementRequests> placement_;
   LogThrottle dropped_addresses_;
 };
 

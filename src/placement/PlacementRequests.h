@@ -64,7 +64,10 @@ public:
   };
   // Waits until the process has more normal windows than the baseline, then
   // places them.
-  void placeNewWindowOfPid(int pid, const Screen& screen, long baseline, int attempt);
+  // windows_before: the process's windows at the baseline, so that the new
+  // one is the one placed.
+  void placeNewWindowOfPid(int pid, const Screen& screen, long baseline, int attempt,
+                           std::set<unsigned long> windows_before = {});
   // Puts the process's first normal window on the screen unless its centre
   // already lies there; waits for one to appear.
   void placeWindowsOfPid(int pid, const Screen& screen, int attempt, const Handoff& handoff = {});
@@ -73,8 +76,7 @@ public:
 
 private:
   std::optional<WindowInfo> windowToPlace(int pid, const Handoff& handoff);
-  void placeAfterLaunch(const std::string& verb, const Screen& screen, Handoff handoff,
-                        const LaunchOutcome& outcome);
+  std::set<unsigned long> windowIdsOfPid(int pid);
 
   PlacementSeams seams_;
   WindowOperations operations_;

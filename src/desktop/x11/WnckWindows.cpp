@@ -1,0 +1,299 @@
+#define WNCK_I_KNOW_THIS_IS_UNSTABLE
+#include "desktop/x11/WnckWindows.h"
+
+#include "base/GObjectPtr.h"
+#include "desktop/x11/X11Screens.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <dirent.h>
+#include <filesystem>
+#include <fstream>
+#include <gdk/gdkx.h>
+#include <gio/gdesktopappinfo.h>
+#include <gtk/gtk.h>
+#include <libwnck/libwnck.h>
+#include <signal.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace orvane {
+
+namespace {
+namespace fs = std::filesystem;
+
+// A process holding more descriptors than this is not read further: its
+// documents are among the first ones in practice.
+constexpr int kMaxDescriptorsRead = 4096;
+constexpr size_t kMaxCommandLine = 1 << 20;
+
+// One handle for the run. It speaks to the window manager as a pager, so
+// that moves and activations count as the user's, as they do when an
+// accessibility client asks on the original platform.
+WnckScreen* UpdatedScreen() {
+  if (!gdk_display_get_default() || !GDK_IS_X11_DISPLAY(gdk_display_get_default()))
+    return nullptr;
+  static WnckHandle* handle = wnck_handle_new(WNCK_CLIENT_TYPE_PAGER);
+  WnckScreen* screen = wnck_handle_get_default_screen(handle);
+  if (screen)
+    wnck_screen_force_update(screen);
+  return screen;
+}
+
+WnckWindow* FindWindow(unsigned long id) {
+  WnckScreen* screen = UpdatedScreen();
+  if (!screen)
+    return nullptr;
+  for (GList* item = wnck_screen_get_windows(screen); item; item = item->next)
+    if (wnck_window_get_xid(WNCK_WINDOW(item->data)) == id)
+      return WNCK_WINDOW(item->data);
+  return nullptr;
+}
+
+std::string Text(const char* text) {
+  return text ? text : "";
+}
+
+WindowInfo Describe(WnckWindow* window, const Rect& primary) {
+  WindowInfo info;
+  info.id = wnck_window_get_xid(window);
+  info.pid = wnck_window_get_pid(window);
+  info.normal = wnck_window_get_window_type(window) == WNCK_WINDOW_NORMAL;
+  if (wnck_window_has_name(window))
+    info.title = Text(wnck_window_get_name(window));
+  info.wm_instance = Text(wnck_window_get_class_instance_name(window));
+  info.wm_class = Text(wnck_window_get_class_group_name(window));
+  int x = 0, y = 0, width = 0, height = 0;
+  wnck_window_get_geometry(window, &x, &y, &width, &height);
+  info.frame = DesktopRectFromX11({double(x), double(y), double(width), double(height)}, primary);
+  info.full_screen = wnck_window_is_fullscreen(window);
+  return info;
+}
+
+std::vector<WindowInfo> AllWindows(WnckScreen* screen) {
+  std::vector<WindowInfo> result;
+  Rect primary = PrimaryMonitorX11();
+  for (GList* item = wnck_screen_get_windows(screen); item; item = item->next)
+    result.push_back(Describe(WNCK_WINDOW(item->data), primary));
+  return result;
+}
+
+bool ProcessExists(int pid) {
+  return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
+}
+
+std::string Lower(std::string text) {
+  std::transform(text.begin(), text.end(), text.begin(),
+                 [](unsigned char c) { return char(std::tolower(c)); });
+  return text;
+}
+
+bool EndsWithPdf(const std::string& path) {
+  return path.size() > 4 && Lower(path.substr(path.size() - 4)) == ".pdf";
+}
+
+std::string ExecutableName(int pid) {
+  std::error_code error;
+  fs::path exe = fs::read_symlink("/proc/" + std::to_string(pid) + "/exe", error);
+  return error ? std::string() : exe.filename().string();
+}
+
+// The existing regular file a command-line argument or an open descriptor
+// names, as an absolute path; empty when it names none.
+std::string ExistingFile(const std::string& name, const fs::path& cwd) {
+  std::string path = name;
+  if (path.rfind("file://", 0) == 0) {
+    GCharPtr local(g_filename_from_uri(path.c_str(), nullptr, nullptr));
+    if (!local.get())
+      return {};
+    path = local.str();
+  }
+  if (path.empty())
+    return {};
+  fs::path p(path);
+  if (p.is_relative()) {
+    if (cwd.empty())
+      return {};
+    p = cwd / p;
+  }
+  std::error_code error;
+  if (!fs::is_regular_file(p, error))
+    return {};
+  fs::path canonical = fs::canonical(p, error);
+  return error ? p.lexically_normal().string() : canonical.string();
+}
+} // namespace
+
+std::vector<std::string> ApplicationNames(const std::string& name) {
+  std::vector<std::string> names;
+  auto add = [&](const std::string& candidate) {
+    std::string lower = Lower(candidate);
+    if (!lower.empty() && std::find(names.begin(), names.end(), lower) == names.end())
+      names.push_back(lower);
+  };
+  add(name);
+  std::string id = name;
+  const std::string suffix = ".desktop";
+  if (id.size() > suffix.size() &&
+      id.compare(id.size() - suffix.size(), suffix.size(), suffix) == 0)
+    id.resize(id.size() - suffix.size());
+  add(id);
+  if (id.empty() || id.find('/') != std::string::npos)
+    return names;
+  auto info = GObjectPtr<GDesktopAppInfo>::adopt(g_desktop_app_info_new((id + suffix).c_str()));
+  if (info) {
+    add(Text(g_desktop_app_info_get_startup_wm_class(info.get())));
+    std::string executable = Text(g_app_info_get_executable(G_APP_INFO(info.get())));
+    add(fs::path(executable).filename().string());
+  }
+  return names;
+}
+
+std::vector<std::string> PdfDocumentsOfProcess(int pid) {
+  std::vector<std::string> result;
+  if (pid <= 0)
+    return result;
+  auto add = [&](const std::string& path) {
+    if (!path.empty() && EndsWithPdf(path) &&
+        std::find(result.begin(), result.end(), path) == result.end())
+      result.push_back(path);
+  };
+  std::string proc = "/proc/" + std::to_string(pid);
+  std::error_code error;
+  fs::path cwd = fs::read_symlink(proc + "/cwd", error);
+  if (error)
+    cwd.clear();
+  std::ifstream cmdline(proc + "/cmdline", std::ios::binary);
+  std::string argument;
+  size_t read = 0;
+  char c;
+  while (read < kMaxCommandLine && cmdline.get(c)) {
+    ++read;
+    if (c != '\0') {
+      argument += c;
+      continue;
+    }
+    if (EndsWithPdf(argument))
+      add(ExistingFile(argument, cwd));
+    argument.clear();
+  }
+  if (EndsWithPdf(argument))
+    add(ExistingFile(argument, cwd));
+  if (DIR* fds = opendir((proc + "/fd").c_str())) {
+    int seen = 0;
+    while (dirent* entry = readdir(fds)) {
+      if (entry->d_name[0] == '.')
+        continue;
+      if (++seen > kMaxDescriptorsRead)
+        break;
+      fs::path target = fs::read_symlink(proc + "/fd/" + entry->d_name, error);
+      if (!error && EndsWithPdf(target.string()))
+        add(ExistingFile(target.string(), {}));
+    }
+    closedir(fds);
+  }
+  return result;
+}
+
+std::optional<std::vector<WindowInfo>> WnckWindows::windowsOfPid(int pid) {
+  WnckScreen* screen = UpdatedScreen();
+  if (!screen || pid <= 0)
+    return std::nullopt;
+  std::vector<WindowInfo> result;
+  for (auto& window : AllWindows(screen))
+    if (window.pid == pid)
+      result.push_back(std::move(window));
+  if (result.empty() && !ProcessExists(pid))
+    return std::nullopt;
+  return result;
+}
+
+std::vector<WindowInfo> WnckWindows::normalWindows() {
+  std::vector<WindowInfo> result;
+  if (WnckScreen* screen = UpdatedScreen())
+    for (auto& window : AllWindows(screen))
+      if (window.normal)
+        result.push_back(std::move(window));
+  return result;
+}
+
+std::optional<WindowInfo> WnckWindows::window(unsigned long id) {
+  WnckWindow* window = FindWindow(id);
+  if (!window)
+    return std::nullopt;
+  return Describe(window, PrimaryMonitorX11());
+}
+
+bool WnckWindows::setFrame(unsigned long id, const Rect& frame) {
+  WnckWindow* window = FindWindow(id);
+  if (!window)
+    return false;
+  WnckWindowActions actions = wnck_window_get_actions(window);
+  bool accepted = (actions & WNCK_WINDOW_ACTION_MOVE) && (actions & WNCK_WINDOW_ACTION_RESIZE);
+  // A maximized window keeps its frame whatever is asked: it is released
+  // first, as a user dragging it would.
+  if (wnck_window_is_maximized(window) || wnck_window_is_maximized_horizontally(window) ||
+      wnck_window_is_maximized_vertically(window))
+    wnck_window_unmaximize(window);
+  Rect x11 = X11RectFromDesktop(frame, PrimaryMonitorX11());
+  int x = int(std::lround(x11.x)), y = int(std::lround(x11.y));
+  int width = std::max(1, int(std::lround(x11.width)));
+  int height = std::max(1, int(std::lround(x11.height)));
+  // Static gravity: the frame lands exactly where asked, decorations
+  // included.
+  auto position = WnckWindowMoveResizeMask(WNCK_WINDOW_CHANGE_X | WNCK_WINDOW_CHANGE_Y);
+  auto size = WnckWindowMoveResizeMask(WNCK_WINDOW_CHANGE_WIDTH | WNCK_WINDOW_CHANGE_HEIGHT);
+  wnck_window_set_geometry(window, WNCK_WINDOW_GRAVITY_STATIC, position, x, y, 0, 0);
+  wnck_window_set_geometry(window, WNCK_WINDOW_GRAVITY_STATIC, size, 0, 0, width, height);
+  wnck_window_set_geometry(window, WNCK_WINDOW_GRAVITY_STATIC, position, x, y, 0, 0);
+  gdk_display_flush(gdk_display_get_default());
+  return accepted;
+}
+
+bool WnckWindows::activate(unsigned long id, uint32_t timestamp) {
+  WnckWindow* window = FindWindow(id);
+  if (!window)
+    return false;
+  // Without a timestamp, the event being handled gives one; a pager's
+  // request with none is still honoured by the window manager.
+  if (timestamp == 0)
+    timestamp = gtk_get_current_event_time();
+  wnck_window_activate(window, timestamp);
+  gdk_display_flush(gdk_display_get_default());
+  return true;
+}
+
+bool WnckWindows::leaveFullScreen(unsigned long id) {
+  WnckWindow* window = FindWindow(id);
+  if (!window)
+    return false;
+  bool allowed = wnck_window_get_actions(window) & WNCK_WINDOW_ACTION_FULLSCREEN;
+  wnck_window_set_fullscreen(window, FALSE);
+  gdk_display_flush(gdk_display_get_default());
+  return allowed;
+}
+
+std::vector<int> WnckWindows::pidsOfApplication(const std::string& name) {
+  std::vector<int> pids;
+  if (name.empty())
+    return pids;
+  std::vector<std::string> names = ApplicationNames(name);
+  auto known = [&](const std::string& candidate) {
+    return !candidate.empty() &&
+           std::find(names.begin(), names.end(), Lower(candidate)) != names.end();
+  };
+  for (const auto& window : normalWindows()) {
+    if (window.pid <= 0 || std::find(pids.begin(), pids.end(), window.pid) != pids.end())
+      continue;
+    if (known(window.wm_instance) || known(window.wm_class) || known(ExecutableName(window.pid)))
+      pids.push_back(window.pid);
+  }
+  return pids;
+}
+
+std::vector<std::string> WnckWindows::documentsOfPid(int pid) {
+  return PdfDocumentsOfProcess(pid);
+}
+
+} // namespace orvane

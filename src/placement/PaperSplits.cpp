@@ -29,16 +29,16 @@ std::optional<Screen> PaperSplits::primaryScreen() const {
   return all.front();
 }
 
-void PaperSplits::waitForViewer(const std::string& label, int pid, const std::string& path,
-                                int attempt,
-                                std::function<void(int owner, const WindowInfo& window)> found) {
+void PaperSplits::waitForViewer(
+    const std::string& label, int pid, const std::string& path, int attempt,
+    std::function<void(int owner, const WindowInfo& window, int attempt)> found) {
   if (attempt == 0)
     SparLog("%@: looking for pid %d showing %@", label, pid, path);
   std::optional<WindowInfo> window = operations_.CopyWindowForFile(pid, path);
   if (window) {
     // A viewer that handed the file to an instance already running does not
     // own the window itself: the window's own process is the one to follow.
-    found(window->pid > 0 ? window->pid : pid, *window);
+    found(window->pid > 0 ? window->pid : pid, *window, attempt);
     return;
   }
   if (attempt >= kSplitWaitLastAttempt) {
@@ -68,27 +68,28 @@ void PaperSplits::openPreviewSplitFor(const std::string& path) {
 }
 
 void PaperSplits::tileWithPreview(int pid, const std::string& path, int attempt) {
-  waitForViewer("split", pid, path, attempt, [this, path, attempt](int owner, const WindowInfo& w) {
-    // A full-screen chat would cover the viewer; it leaves full screen
-    // before it gets its half.
-    if (seams_.chat.isFullScreen())
-      seams_.chat.leaveFullScreen();
-    std::optional<Screen> screen = seams_.chat.screen();
-    if (!screen)
-      screen = primaryScreen();
-    Rect vf = screen ? screen->visibleFrame : Rect{};
-    Rect paper = LeftHalf(vf);
-    Rect chat = RightHalf(vf);
-    bool placed = operations_.SetAXWindowFrame(w.id, paper);
-    bool raised = operations_.Raise(w.id);
-    holdPreviewWindow(owner, path, paper, kSplitHoldChecks);
-    seams_.chat.makeKeyAndOrderFront();
-    seams_.chat.setFrame(chat);
-    seams_.chat.orderFrontRegardless();
-    SparLog("split: preview=%@ raise=%@, chat asked %@ got %@ (attempt %d)",
-            placed ? "placed" : "REFUSED", raised ? "ok" : "failed", RectText(chat),
-            RectText(seams_.chat.frame()), attempt);
-  });
+  waitForViewer("split", pid, path, attempt,
+                [this, path](int owner, const WindowInfo& w, int attempt) {
+                  // A full-screen chat would cover the viewer; it leaves full screen
+                  // before it gets its half.
+                  if (seams_.chat.isFullScreen())
+                    seams_.chat.leaveFullScreen();
+                  std::optional<Screen> screen = seams_.chat.screen();
+                  if (!screen)
+                    screen = primaryScreen();
+                  Rect vf = screen ? screen->visibleFrame : Rect{};
+                  Rect paper = LeftHalf(vf);
+                  Rect chat = RightHalf(vf);
+                  bool placed = operations_.SetAXWindowFrame(w.id, paper);
+                  bool raised = operations_.Raise(w.id);
+                  holdPreviewWindow(owner, path, paper, kSplitHoldChecks);
+                  seams_.chat.makeKeyAndOrderFront();
+                  seams_.chat.setFrame(chat);
+                  seams_.chat.orderFrontRegardless();
+                  SparLog("split: preview=%@ raise=%@, chat asked %@ got %@ (attempt %d)",
+                          placed ? "placed" : "REFUSED", raised ? "ok" : "failed", RectText(chat),
+                          RectText(seams_.chat.frame()), attempt);
+                });
 }
 
 void PaperSplits::holdPreviewWindow(int pid, const std::string& path, const Rect& target,
@@ -122,9 +123,10 @@ void PaperSplits::openAskSplitFor(const std::string& path) {
 }
 
 void PaperSplits::askDesktopForFile(const std::string& path, int pid, Point point, int attempt) {
-  waitForViewer("ask split", pid, path, attempt, [this, path, point](int owner, const WindowInfo&) {
-    seams_.ask_desktop(path, owner, point);
-  });
+  waitForViewer("ask split", pid, path, attempt,
+                [this, path, point](int owner, const WindowInfo&, int) {
+                  seams_.ask_desktop(path, owner, point);
+                });
 }
 
 bool PaperSplits::tilePaperForAsk(const std::string& path, int pid,

@@ -90,7 +90,7 @@ private:
   // The viewer's window showing the file, tried now and again until the
   // last attempt; `found` gets it with the process that owns it.
   void waitForViewer(const std::string& label, int pid, const std::string& path, int attempt,
-                     std::function<void(int owner, const WindowInfo& window)> found);
+                     std::function<void(int owner, const WindowInfo& window, int attempt)> found);
   std::optional<Screen> primaryScreen() const;
 
   PaperSplitSeams seams_;

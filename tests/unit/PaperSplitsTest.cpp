@@ -158,7 +158,8 @@ TEST_F(PaperSplitsTest, TheWaitTriesEveryTenthOfASecondUntilTheWindowShows) {
             "split: preview=placed raise=ok, chat asked {{960, 0}, {960, 1050}} got {{960, 0}, "
             "{960, 1050}} (attempt 4)");
   // "looking for" is said once, on the first try.
-  EXPECT_EQ(std::count_if(log.messages().begin(), log.messages().end(),
+  auto lines = log.messages();
+  EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
                           [](const std::string& m) { return m.find("looking for") != m.npos; }),
             1);
 }

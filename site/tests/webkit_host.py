@@ -191,6 +191,21 @@ def library(base, shots):
     host.click('li.paper[data-id="cs/0101123"] .actions button:nth-child(4)')
     assert host.wait_message("spar") == {"action": "spar", "id": "cs/0101123"}
 
+    # Every paper offers "Read beside the chat", and each sends its own
+    # paper's id, address and etag with "previewSplit".
+    host.messages.clear()
+    offers = host.js("Array.from(document.querySelectorAll('li.paper')).map((row) => [row.dataset.id,"
+                     " Array.from(row.querySelectorAll('.actions button'))"
+                     ".filter((b) => b.innerText.trim() === 'Read beside the chat').length])")
+    assert sorted(offers) == sorted([paper_id, 1] for paper_id in listed), offers
+    host.js("document.querySelectorAll('li.paper').forEach((row) => Array.from("
+            "row.querySelectorAll('.actions button')).find((b) => b.innerText.trim() === 'Read beside the chat')"
+            ".click())")
+    pump_until(lambda: len(host.messages) >= len(listed), what="a previewSplit per paper")
+    assert sorted((m for m in host.messages), key=lambda m: m["id"]) == sorted(
+        ({"action": "previewSplit", "id": p["id"], "url": p["pdf_url"], "etag": p["etag"]}
+         for p in listed.values()), key=lambda m: m["id"]), host.messages
+
     # Drag handle: dragstart posts dragPdf.
     host.js("document.querySelector('li.paper[data-id=\"2401.01234\"] .drag-handle')"
             ".dispatchEvent(new DragEvent('dragstart', {bubbles: true, cancelable: true}))")

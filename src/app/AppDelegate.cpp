@@ -33,6 +33,7 @@
 #include <algorithm>
 #include <glib/gstdio.h>
 #include <unistd.h>
+#include <utility>
 
 namespace orvane {
 
@@ -117,6 +118,76 @@ public:
 private:
   SparringWindow& spar_;
 };
+
+// The sparring window as the viewer split moves it. Nothing happens to a
+// window that was never made.
+class SparringSplitChat final : public SplitChat {
+public:
+  SparringSplitChat(SparringWindow& spar, const Screens& screens)
+      : spar_(spar), screens_(screens) {}
+  bool isFullScreen() const override { return spar_.isFullScreen(); }
+  void leaveFullScreen() override {
+    if (GtkWindow* window = spar_.gtkWindow()) {
+      gtk_window_unfullscreen(window);
+      left_full_screen_ = true;
+    }
+  }
+  std::optional<Screen> screen() const override {
+    GtkWindow* window = spar_.gtkWindow();
+    if (!window)
+      return std::nullopt;
+    return ScreenOfFrame(screens_.screens(), WindowFrame(window));
+  }
+  void makeKeyAndOrderFront() override {
+    if (GtkWindow* window = spar_.gtkWindow())
+      gtk_window_present(window);
+  }
+  void setFrame(const Rect& frame) override {
+    GtkWindow* window = spar_.gtkWindow();
+    if (!window)
+      return;
+    WhenOnScreen(window, [window, frame] { SetWindowFrame(window, frame); });
+    // The window manager puts a window that leaves full screen back on its
+    // earlier frame once it has left; the half is set again after that.
+    if (std::exchange(left_full_screen_, false))
+      WhenFullScreenLeft(window, [window, frame] { SetWindowFrame(window, frame); });
+  }
+  void orderFrontRegardless() override {
+    GtkWindow* window = spar_.gtkWindow();
+    if (!window)
+      return;
+    gtk_widget_show(GTK_WIDGET(window));
+    if (GdkWindow* gdk = gtk_widget_get_window(GTK_WIDGET(window)))
+      gdk_window_raise(gdk);
+  }
+  Rect frame() const override {
+    GtkWindow* window = spar_.gtkWindow();
+    return window ? WindowFrame(window) : Rect{};
+  }
+
+private:
+  // Runs the task once, on the first state change that finds the window out
+  // of full screen.
+  static void WhenFullScreenLeft(GtkWindow* window, std::function<void()> task) {
+    auto* pending = new std::function<void()>(std::move(task));
+    g_signal_connect_data(
+        window, "window-state-event",
+        G_CALLBACK(+[](GtkWidget* widget, GdkEventWindowState* event, gpointer data) -> gboolean {
+          if (!(event->new_window_state & GDK_WINDOW_STATE_FULLSCREEN)) {
+            (*static_cast<std::function<void()>*>(data))();
+            g_signal_handlers_disconnect_by_data(widget, data);
+          }
+          return FALSE;
+        }),
+        pending,
+        +[](gpointer data, GClosure*) { delete static_cast<std::function<void()>*>(data); },
+        GConnectFlags(0));
+  }
+
+  SparringWindow& spar_;
+  const Screens& screens_;
+  bool left_full_screen_ = false;
+};
 } // namespace
 
 DesktopSeams RealDesktopSeams() {
@@ -155,10 +226,7 @@ AppDelegate::AppDelegate(GtkApplication* application, DesktopSeams seams)
       factory_(*this, [this] { return claudePath(); }),
       placement_(std::make_unique<PlacementRequests>(
           PlacementSeams{*seams_.windows, *seams_.screens, *seams_.launcher, *seams_.scheduler,
-                         [this](const std::string& path) {
-                           if (open_ask_split_)
-                             open_ask_split_(path);
-                         }})) {}
+                         [this](const std::string& path) { openAskSplitFor(path); }})) {}
 
 AppDelegate::~AppDelegate() = default;
 
@@ -240,8 +308,20 @@ void AppDelegate::applicationDidFinishLaunching() {
   quote_chat_ = std::make_unique<SparringChat>(*spar_);
   quotes_ = std::make_unique<Quotes>(QuotesContext{
       *capture_, *seams_.screens, *seams_.bus, events_, *quote_chat_, [this] { return lib_web_; },
-      [this] { return libraryFolderWithAccount(); }, [this] { showLibraryWindow(); }, NoTiling,
+      [this] { return libraryFolderWithAccount(); }, [this] { showLibraryWindow(); },
+      [this](const std::string& path, int pid, const std::optional<Screen>& screen, Rect& free) {
+        return splits_->tilePaperForAsk(path, pid, screen, free);
+      },
       [] { return HandoffFile("quote.txt"); }});
+
+  // The viewer split and the ask split.
+  split_chat_ = std::make_unique<SparringSplitChat>(*spar_, *seams_.screens);
+  splits_ = std::make_unique<PaperSplits>(
+      PaperSplitSeams{*seams_.windows, *seams_.screens, *seams_.launcher, *seams_.scheduler,
+                      *split_chat_, [this] { return capture_->attentionPoint(); },
+                      [this](const std::string& path, int pid, Point point) {
+                        quotes_->askDesktopWith(std::string(), path, pid, point);
+                      }});
 
   // 12. The first window: the panel when a capture hand-off waits.
   if (g_file_test(HandoffFile("selection.txt").c_str(), G_FILE_TEST_EXISTS))
@@ -430,8 +510,16 @@ void AppDelegate::beginFileDrag(const std::string& path, const PageRef& page) {
   file_drag_.beginFileDrag(path, web_page ? web_page->widget() : web_->widget());
 }
 
-// Not built yet: the viewer split.
-void AppDelegate::openPreviewSplitFor(const std::string&) {}
+// Both splits exist once the launch is over; a request that comes earlier
+// changes nothing.
+void AppDelegate::openPreviewSplitFor(const std::string& path) {
+  if (splits_)
+    splits_->openPreviewSplitFor(path);
+}
+void AppDelegate::openAskSplitFor(const std::string& path) {
+  if (splits_)
+    splits_->openAskSplitFor(path);
+}
 
 bool AppDelegate::storeHasAccount() const {
   return store_ && store_->account().has_value();

@@ -35,6 +35,7 @@
 #include "library/PdfActions.h"
 #include "library/PdfStore.h"
 #include "library/WindowDrops.h"
+#include "placement/PaperSplits.h"
 #include "placement/PlacementRequests.h"
 #include "web/LibraryWindow.h"
 #include "web/WebViewFactory.h"
@@ -112,6 +113,8 @@ public:
   void hideQuickPanel() override;
   void beginFileDrag(const std::string& path, const PageRef& page) override;
   void openPreviewSplitFor(const std::string& path) override;
+  // The ask split, for the tile request.
+  void openAskSplitFor(const std::string& path);
   bool storeHasAccount() const override;
   void setStoreAccount(const std::string& account) override;
   void rescanStore() override;
@@ -178,11 +181,9 @@ private:
   std::unique_ptr<Summon> summon_;
   std::unique_ptr<QuoteChat> quote_chat_;
   std::unique_ptr<Quotes> quotes_;
+  std::unique_ptr<SplitChat> split_chat_;
+  std::unique_ptr<PaperSplits> splits_;
   std::unique_ptr<PlacementRequests> placement_;
-  // The ask split of a paper beside the sibling application, for the tile
-  // notification; set where the split is built. Until then a tile request
-  // is logged and changes nothing.
-  std::function<void(const std::string&)> open_ask_split_;
   LogThrottle dropped_addresses_;
 };
 

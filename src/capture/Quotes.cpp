@@ -34,10 +34,6 @@ std::string LowerExtension(const std::string& path) {
 }
 } // namespace
 
-bool NoTiling(const std::string&, int, const std::optional<Screen>&, Rect&) {
-  return false;
-}
-
 std::string PaperIdOfFile(const std::string& pdf_path) {
   std::string name = LastPathComponent(pdf_path);
   size_t dot = name.rfind('.');
@@ -174,7 +170,8 @@ void Quotes::askDesktopWith(const std::optional<std::string>& text, const std::s
   Rect free;
   double split_x = 0;
   double split_w = 0;
-  if (context_.tile_paper_for_ask(doc, pid, screen, free) && screen && screen->frame.width > 0) {
+  if (context_.tile_paper_for_ask && context_.tile_paper_for_ask(doc, pid, screen, free) &&
+      screen && screen->frame.width > 0) {
     split_x = (free.x - screen->frame.x) / screen->frame.width;
     split_w = free.width / screen->frame.width;
   }

@@ -43,11 +43,6 @@ public:
 using TilePaperForAsk = std::function<bool(const std::string& pdf_path, int pid,
                                            const std::optional<Screen>& screen, Rect& free)>;
 
-// Window placement is not built yet: no tiling is done and the ask object
-// carries no split.
-bool NoTiling(const std::string& pdf_path, int pid, const std::optional<Screen>& screen,
-              Rect& free);
-
 struct QuotesContext {
   Capture& capture;
   const Screens& screens;
@@ -59,7 +54,7 @@ struct QuotesContext {
   // The store's account folder, while it has an account.
   std::function<std::optional<std::string>()> library_folder;
   std::function<void()> show_library;
-  TilePaperForAsk tile_paper_for_ask = NoTiling;
+  TilePaperForAsk tile_paper_for_ask;
   // Where "quote.txt" is read from.
   std::function<std::string()> quote_file;
 };

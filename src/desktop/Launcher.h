@@ -14,6 +14,9 @@ struct LaunchOutcome {
   int pid = 0;
   // Why nothing was opened; nothing when the launch succeeded.
   std::optional<std::string> error;
+  // Nothing was opened because no application is installed for it (no PDF
+  // viewer, say); `error` then says so too.
+  bool no_application = false;
 };
 
 class Launcher {

@@ -19,6 +19,9 @@
 - `notification_service`  a stand-in org.freedesktop.Notifications on the
               test bus that records Notify calls
 - `bare_desktop`  a second display with its own bus and no window manager
+- `two_monitor_desktop`  a display with two monitors (Xorg's dummy driver):
+              the primary 1920 x 1080 and a 1440 x 900 one to its right; a
+              module whose tests need it overrides `desktop` with it
 - `other_bus` one more private session bus on the shared display
 
 On a failed test, a screenshot of the desktop, the activity log, Orvane's
@@ -68,15 +71,19 @@ def _reap_orphans():
     reap_orphans()
 
 
-@pytest.fixture(scope="session")
-def desktop():
-    d = Desktop().start()
+def _running(d: Desktop, name: str):
+    d.start()
     try:
         yield d
     finally:
         leftovers = d.stop()
         if leftovers:
-            warnings.warn(f"processes left on the test desktop had to be ended: {leftovers}")
+            warnings.warn(f"processes left on the {name} had to be ended: {leftovers}")
+
+
+@pytest.fixture(scope="session")
+def desktop():
+    yield from _running(Desktop(), "test desktop")
 
 
 @pytest.fixture
@@ -158,13 +165,15 @@ def notification_service(desktop, home):
 
 @pytest.fixture(scope="module")
 def bare_desktop():
-    d = Desktop(window_manager=False).start()
-    try:
-        yield d
-    finally:
-        leftovers = d.stop()
-        if leftovers:
-            warnings.warn(f"processes left on the bare desktop had to be ended: {leftovers}")
+    yield from _running(Desktop(window_manager=False), "bare desktop")
+
+
+TWO_MONITORS = [(1920, 1080), (1440, 900)]
+
+
+@pytest.fixture(scope="module")
+def two_monitor_desktop():
+    yield from _running(Desktop(monitors=TWO_MONITORS), "two-monitor desktop")
 
 
 @pytest.fixture

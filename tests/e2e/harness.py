@@ -340,12 +340,20 @@ class Desktop:
     `env()` gives the variables a child needs to live on this desktop.
     """
 
-    def __init__(self, width: int = 1920, height: int = 1080, window_manager: bool = True):
+    def __init__(self, width: int = 1920, height: int = 1080, window_manager: bool = True,
+                 monitors: list[tuple[int, int]] | None = None):
         self.width = width
         self.height = height
         # Without a window manager the display is a bare X server: no
         # _NET_SUPPORTING_WM_CHECK, so Orvane does not count as trusted there.
         self.window_manager = window_manager
+        # Several monitors, (width, height) each, side by side from x = 0 with
+        # the first as the primary: Xvfb gives one monitor only, so this runs
+        # Xorg with the dummy video driver and lays the monitors out by xrandr.
+        self.monitors = list(monitors) if monitors else None
+        if self.monitors:
+            self.width = sum(w for w, _ in self.monitors)
+            self.height = max(h for _, h in self.monitors)
         self.scratch: Path | None = None
         self.display: str | None = None
         self.bus_address: str | None = None
@@ -375,20 +383,23 @@ class Desktop:
 
         self.bus, self.bus_address = start_session_bus(base, self.scratch / "dbus.err")
 
+        if self.monitors:
+            argv = self._xorg_argv()
+        else:
+            argv = [
+                "Xvfb",
+                "-screen", "0", f"{self.width}x{self.height}x24",
+                "-nolisten", "tcp",
+                # Without this the server resets whenever its last client
+                # leaves, dropping connections that are still being set up
+                # (a short-lived xprop racing openbox's start).
+                "-noreset",
+            ]
         read_fd, write_fd = os.pipe()
         xvfb_log = open(self.scratch / "xvfb.err", "wb")
         try:
             self.xvfb = subprocess.Popen(
-                [
-                    "Xvfb",
-                    "-displayfd", str(write_fd),
-                    "-screen", "0", f"{self.width}x{self.height}x24",
-                    "-nolisten", "tcp",
-                    # Without this the server resets whenever its last client
-                    # leaves, dropping connections that are still being set up
-                    # (a short-lived xprop racing openbox's start).
-                    "-noreset",
-                ],
+                [*argv, "-displayfd", str(write_fd)],
                 pass_fds=(write_fd,),
                 stdout=subprocess.DEVNULL,
                 stderr=xvfb_log,
@@ -405,10 +416,12 @@ class Desktop:
                 os.close(write_fd)
             os.close(read_fd)
         if not number.isdigit():
-            raise RuntimeError(f"Xvfb reported display {number!r}")
+            raise RuntimeError(f"the X server reported display {number!r}")
         self.display = f":{number}"
-
         _LIVE_DESKTOP_PIDS.update((self.bus.pid, self.xvfb.pid))
+        if self.monitors:
+            self._lay_out_monitors()
+
         if not self.window_manager:
             return
         with open(self.scratch / "openbox.err", "wb") as wm_log:
@@ -426,6 +439,70 @@ class Desktop:
         # reaches openbox's key bindings (an Alt+F4 then closes nothing); one
         # harmless press now means every press a test makes counts.
         self.run_tool("xdotool", "key", "shift", check=True)
+
+    def _xorg_argv(self) -> list[str]:
+        """Xorg on the dummy video driver, its configuration and log in the
+        scratch folder, with one screen as large as all monitors together."""
+        config = self.scratch / "xorg.conf"
+        config.write_text(
+            'Section "ServerFlags"\n'
+            '  Option "AutoAddDevices" "false"\n'
+            '  Option "AutoAddGPU" "false"\n'
+            '  Option "DontVTSwitch" "true"\n'
+            "EndSection\n"
+            'Section "Device"\n  Identifier "dummy"\n  Driver "dummy"\n  VideoRam 256000\nEndSection\n'
+            'Section "Monitor"\n  Identifier "monitor"\n'
+            "  HorizSync 5.0-1000.0\n  VertRefresh 5.0-200.0\nEndSection\n"
+            'Section "Screen"\n  Identifier "screen"\n  Device "dummy"\n  Monitor "monitor"\n'
+            "  DefaultDepth 24\n"
+            f'  SubSection "Display"\n    Depth 24\n    Virtual {self.width} {self.height}\n  EndSubSection\n'
+            "EndSection\n",
+            encoding="ascii")
+        # An absolute -config path is accepted from root only; the checked
+        # machines run the tests as root.
+        return ["Xorg", "-config", str(config), "-logfile", str(self.scratch / "xorg.log"),
+                "-noreset", "-nolisten", "tcp"]
+
+    def _lay_out_monitors(self) -> None:
+        """Each monitor on an output of the dummy driver (DUMMY0, DUMMY1, ...),
+        with a mode of its exact size made for it, side by side at y = 0."""
+        for w, h in dict.fromkeys(self.monitors):
+            # The blanking of a plain 60 Hz timing; the dummy driver only
+            # checks it against the configuration's wide sync ranges.
+            htotal, vtotal = w + 160, h + 25
+            self.run_tool("xrandr", "--newmode", f"orvane-{w}x{h}", f"{htotal * vtotal * 60 / 1e6:.2f}",
+                          *map(str, (w, w + 48, w + 80, htotal, h, h + 3, h + 6, vtotal)), check=True)
+        for n, ((x, _, w, h), output) in enumerate(zip(self.expected_monitors(), self.outputs())):
+            self.run_tool("xrandr", "--addmode", output, f"orvane-{w}x{h}", check=True)
+            self.run_tool("xrandr", "--output", output, "--mode", f"orvane-{w}x{h}", "--pos", f"{x}x0",
+                          *(["--primary"] if n == 0 else []), check=True)
+        wait_until(lambda: self.monitor_geometries() == self.expected_monitors(),
+                   what=f"xrandr to report the monitors {self.expected_monitors()}")
+
+    def outputs(self) -> list[str]:
+        """The names of the X server's outputs, as xrandr lists them."""
+        out = self.run_tool("xrandr").stdout
+        return re.findall(r"^(\S+) (?:dis)?connected", out, re.M)
+
+    def expected_monitors(self) -> list[tuple[int, int, int, int]]:
+        """(x, y, width, height) of each monitor as laid out, the primary first."""
+        found, x = [], 0
+        for w, h in self.monitors or [(self.width, self.height)]:
+            found.append((x, 0, w, h))
+            x += w
+        return found
+
+    def monitor_geometries(self) -> list[tuple[int, int, int, int]]:
+        """(x, y, width, height) of each monitor as `xrandr --listmonitors`
+        reports it, the primary first."""
+        out = self.run_tool("xrandr", "--listmonitors").stdout
+        found = []
+        for line in out.splitlines()[1:]:
+            match = re.search(r"(\*?)\S+ (\d+)/\d+x(\d+)/\d+\+(-?\d+)\+(-?\d+)", line)
+            if match:
+                geometry = (int(match[4]), int(match[5]), int(match[2]), int(match[3]))
+                found.insert(0, geometry) if match[1] else found.append(geometry)
+        return found
 
     def stop(self) -> list[tuple[int, list[str]]]:
         """Stop the window manager, the X server and the bus, then end any
@@ -2214,6 +2291,22 @@ class SignalRecorder(_Client):
                           timeout, what=f"{count} {name} signal(s)")
 
 
+class Program(_Client):
+    """Any other program on the test desktop, ready once its output holds
+    the text `ready`."""
+
+    def __init__(self, desktop: Desktop, state: Path, argv: list[str], ready: str):
+        super().__init__(desktop, state)
+        self.argv = list(argv)
+        self.ready = ready
+
+    def start(self) -> "Program":
+        self._spawn(self.argv)
+        wait_until(lambda: (self._alive_or_fail(self.argv[-1]), self.ready in self.output())[1],
+                   what=f"{self.argv} to say {self.ready!r}")
+        return self
+
+
 class Clients:
     """Every fixture program a test starts, stopped at its end."""
 
@@ -2246,6 +2339,9 @@ class Clients:
 
     def signal_recorder(self, names: Iterable[str], bus_address: str | None = None) -> SignalRecorder:
         return self._keep(SignalRecorder(self.desktop, self._state("signals"), names, bus_address))
+
+    def program(self, argv: list[str], ready: str) -> Program:
+        return self._keep(Program(self.desktop, self._state("program"), argv, ready))
 
     def stop(self) -> None:
         for client in reversed(self.started):

@@ -265,3 +265,33 @@ def test_file_manager_service_and_folder_handler(desktop, home):
                             timeout=20)
     assert opened.returncode == 0, opened.stderr
     assert [c["argv"] for c in home.wait_for_file_manager_call()] == [[str(folder)]]
+
+
+_GDK_MONITORS = """
+import json, gi
+gi.require_version("Gdk", "3.0")
+from gi.repository import Gdk
+display = Gdk.Display.get_default()
+found = []
+for n in range(display.get_n_monitors()):
+    m = display.get_monitor(n)
+    g, w = m.get_geometry(), m.get_workarea()
+    found.append({"primary": m.is_primary(), "frame": [g.x, g.y, g.width, g.height],
+                  "workarea": [w.x, w.y, w.width, w.height]})
+print(json.dumps(found))
+"""
+
+
+def test_two_monitor_desktop_shows_two_monitors_to_xrandr_and_gdk(two_monitor_desktop):
+    d = two_monitor_desktop
+    assert d.wm_ready(), "openbox did not set _NET_SUPPORTING_WM_CHECK"
+    assert d.monitor_geometries() == [(0, 0, 1920, 1080), (1920, 0, 1440, 900)]
+    assert "-geometry 3360x1080+0+0" in d.run_tool("xwininfo", "-root").stdout
+    gdk = json.loads(d.run_tool(PYTHON, "-c", _GDK_MONITORS, check=True).stdout)
+    assert gdk == [
+        {"primary": True, "frame": [0, 0, 1920, 1080], "workarea": [0, 0, 1920, 1080]},
+        {"primary": False, "frame": [1920, 0, 1440, 900], "workarea": [1920, 0, 1440, 900]},
+    ]
+    # XTest input reaches this server although it has no input devices of its own.
+    assert d.run_tool("xdotool", "mousemove", "2500", "500", check=True).returncode == 0
+    assert "x:2500 y:500" in d.run_tool("xdotool", "getmouselocation").stdout

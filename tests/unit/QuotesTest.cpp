@@ -1,5 +1,6 @@
 #include "capture/Quotes.h"
 
+#include "support/FakeBus.h"
 #include "support/FakeCapture.h"
 #include "support/FakePage.h"
 #include "support/FakeScreens.h"
@@ -15,16 +16,6 @@ namespace orvane {
 namespace {
 
 constexpr char kSite[] = "http://127.0.0.1:8000";
-
-class FakeBus final : public MessageBus {
-public:
-  bool subscribe(const std::string&, Handler) override { return true; }
-  bool post(const std::string& name, const std::string& object) override {
-    posts.emplace_back(name, object);
-    return true;
-  }
-  std::vector<std::pair<std::string, std::string>> posts;
-};
 
 class FakeChat final : public QuoteChat {
 public:
@@ -211,11 +202,6 @@ TEST_F(QuotesTest, TilingWithoutScreensGivesNoSplit) {
   auto ask = nlohmann::json::parse(bus.posts.at(0).second);
   EXPECT_DOUBLE_EQ(ask["splitX"].get<double>(), 0);
   EXPECT_DOUBLE_EQ(ask["splitW"].get<double>(), 0);
-}
-
-TEST_F(QuotesTest, TheUntiledDefaultAnswersFalse) {
-  Rect free{1, 2, 3, 4};
-  EXPECT_FALSE(NoTiling("/p/a.pdf", 1, screens.list[0], free));
 }
 
 TEST_F(QuotesTest, AFrontWindowWithoutAPdfAsksNothing) {

@@ -333,8 +333,10 @@
         setRowStatus(paper.id, 'Showing the file\u2026', 'busy', 3000);
         bridge.revealPdf(paper);
       } }, 'Reveal'),
-      h('button', { type: 'button', title: 'Open the PDF beside this window', onclick: () => bridge.previewSplit(paper) },
-        'Split'),
+      h('button', { type: 'button', class: 'read-beside',
+        title: 'The PDF viewer on the left half of the screen, the sparring chat on the right',
+        onclick: () => bridge.previewSplit(paper) },
+        'Read beside the chat'),
       h('button', { type: 'button', title: 'Discuss this paper with the agent', onclick: () => bridge.spar(paper.id) },
         'Spar'));
     return buttons;

@@ -126,7 +126,9 @@ void GioLauncher::openApplication(const std::string& application, Completion com
 void GioLauncher::openWithViewer(const std::string& path, Completion completion) {
   GObjectPtr<GAppInfo> app = PdfViewerApp();
   if (!app) {
-    Deliver(std::move(completion), Failure("no application opens PDF files"));
+    LaunchOutcome none = Failure("no application opens PDF files");
+    none.no_application = true;
+    Deliver(std::move(completion), std::move(none));
     return;
   }
   Deliver(std::move(completion), LaunchWithPid(app.get(), {UriOf(path)}));

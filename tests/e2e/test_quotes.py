@@ -124,7 +124,8 @@ def test_alt_c_in_a_pdf_viewer_with_nothing_selected_still_asks(home, site, desk
     desktop.press("alt+c")
     ask = json.loads(recorder.wait_for_signal(ASK_SIGNAL)[0]["args"][0])
     assert (ask["path"], ask["quote"], ask["page"]) == (str(pdf), "", 0)
-    assert (ask["splitX"], ask["splitW"]) == (0, 0)
+    # The paper went to the left half of the one screen; the right half is free.
+    assert (ask["splitX"], ask["splitW"]) == (0.5, 0.5)
 
 
 # --------------------------------------------------------------------------

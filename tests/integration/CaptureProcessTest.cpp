@@ -35,13 +35,14 @@ public:
     GErrorPtr error;
     started_ = g_spawn_async_with_pipes_and_fds(
         nullptr, argv.data(), nullptr, GSpawnFlags(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD),
-        nullptr, nullptr, -1, -1, -1, held_fd >= 0 ? source_fds : nullptr,
+        // A group of its own, so that a shell's own children end with it.
+        [](gpointer) { setpgid(0, 0); }, nullptr, -1, -1, -1, held_fd >= 0 ? source_fds : nullptr,
         held_fd >= 0 ? target_fds : nullptr, held_fd >= 0 ? 1 : 0, &pid_, nullptr, nullptr, nullptr,
         error.out());
   }
   ~Child() {
     if (started_) {
-      kill(pid_, SIGTERM);
+      kill(-pid_, SIGTERM);
       waitpid(pid_, nullptr, 0);
     }
   }

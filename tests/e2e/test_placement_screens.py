@@ -10,7 +10,6 @@ xprop.
 from __future__ import annotations
 
 import json
-import math
 import re
 
 import pytest
@@ -52,21 +51,6 @@ def framed(desktop, window: int) -> tuple[int, int, int, int]:
                       what=f"openbox's frame around {window:#x}")
 
 
-def centred_on_second(extents: tuple[int, int, int, int], client: tuple[int, int]):
-    """Where a window whose client area is `client` lands centred on the second
-    monitor: the rectangle as the log writes it (desktop coordinates, y up
-    from the primary's bottom edge) and the outer frame in X11 root
-    coordinates as the window manager places it (whole points)."""
-    left, right, top, bottom = extents
-    width, height = client[0] + left + right, client[1] + top + bottom
-    mx, my, mw, mh = SECOND
-    x = mx + (mw - width) / 2
-    y = (PRIMARY_HEIGHT - (my + mh)) + (mh - height) / 2
-    text = f"{{{{{x:g}, {y:g}}}, {{{width}, {height}}}}}"
-    top_left_y = PRIMARY_HEIGHT - (y + height)
-    return text, (math.floor(x + 0.5), math.floor(top_left_y + 0.5), width, height)
-
-
 def on_second_monitor(frame: tuple[int, int, int, int]) -> bool:
     x, y, w, h = frame
     mx, my, mw, mh = SECOND
@@ -83,7 +67,8 @@ def test_place_on_screen_1_moves_a_new_window_onto_the_second_monitor(launch, ho
     place(desktop, kind="file", path=str(paper), screen=1)
     home.wait_for_log(f"place: file {paper} on screen 1")
     win = sized.wait_window("moved.txt")
-    text, frame = centred_on_second(framed(desktop, win["window"]), (500, 400))
+    framed(desktop, win["window"])
+    text, frame = placement.centred(desktop, win["window"], (500, 400), SECOND, PRIMARY_HEIGHT)
     line = home.wait_for_log(lambda m: m.startswith("place: pid "))
     assert line.startswith(f"place: pid {win['pid']} window to {text}: placed (attempt "), line
     wait_until(lambda: desktop.window_frame(win["window"]) == frame,

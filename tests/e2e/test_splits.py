@@ -71,7 +71,7 @@ def test_the_viewer_split_puts_zathura_left_and_the_chat_right(home, site, deskt
     site.run_in_page([{"post": {"action": "previewSplit", "path": str(pdf)}}], page=library.page)
     line = home.wait_for_log(lambda m: m.startswith("split: preview="))
     assert line.startswith("split: preview=placed raise=ok, chat asked {{960, 0}, {960, 1080}} got "), line
-    assert f"split: looking for pid " in "\n".join(home.log_messages())
+    assert "split: looking for pid " in "\n".join(home.log_messages())
     viewer = window_titled(desktop, "paper.pdf")
     wait_until(lambda: desktop.window_frame(viewer) == (0, 0, 960, 1080),
                what=f"zathura on the left half (it is at {desktop.window_frame(viewer)})")

@@ -5,6 +5,8 @@
 #include "capture/ScreenContainingPoint.h"
 #include "desktop/x11/WindowFrames.h"
 
+#include <algorithm>
+
 namespace orvane {
 
 namespace {
@@ -35,6 +37,11 @@ Rect SparTargetFrame(const Rect& vf) {
   return {vf.x + dx, vf.y + dy, vf.width - 2 * dx, vf.height - 2 * dy};
 }
 
+Size SparMinimumSize(const Size& content) {
+  return {std::max(1.0, std::min(double(kSparMinWidth), content.width)),
+          std::max(1.0, std::min(double(kSparMinHeight), content.height))};
+}
+
 SparringWindow::SparringWindow(Context context) : context_(std::move(context)) {}
 
 SparringWindow::~SparringWindow() {
@@ -62,14 +69,10 @@ void SparringWindow::create(const Rect& frame) {
   gtk_window_set_title(window_, kSparTitle);
   gtk_window_set_role(window_, "sparring");
   TrackWindowFrame(window_);
-  GdkGeometry hints = {};
-  hints.min_width = kSparMinWidth;
-  hints.min_height = kSparMinHeight;
-  gtk_window_set_geometry_hints(window_, nullptr, &hints, GDK_HINT_MIN_SIZE);
   gtk_window_set_default_size(window_, int(frame.width), int(frame.height));
   gtk_container_add(GTK_CONTAINER(window_), spar_web_->widget());
   gtk_widget_show(spar_web_->widget());
-  SetWindowFrame(window_, frame);
+  placeFrame(frame);
   // The close button closes the conversation; the window lives on for reuse.
   g_signal_connect(window_, "delete-event",
                    G_CALLBACK(+[](GtkWidget*, GdkEvent*, gpointer data) -> gboolean {
@@ -127,10 +130,23 @@ void SparringWindow::openSparWindowFor(const std::string& paper_id) {
   bool place = move || created;
   WhenOnScreen(window_, [this, place, target, screen_text] {
     if (place)
-      SetWindowFrame(window_, target);
+      placeFrame(target);
     SparLog("spar window -> screen %@ frame %@", screen_text,
             RectText(place ? target : WindowFrame(window_)));
   });
+}
+
+void SparringWindow::placeFrame(const Rect& frame) {
+  if (!window_)
+    return;
+  // The minimum goes first, so that the window manager and GTK accept the
+  // size that follows.
+  Size minimum = SparMinimumSize(ContentSizeOfFrame(window_, frame));
+  GdkGeometry hints = {};
+  hints.min_width = int(minimum.width);
+  hints.min_height = int(minimum.height);
+  gtk_window_set_geometry_hints(window_, nullptr, &hints, GDK_HINT_MIN_SIZE);
+  SetWindowFrame(window_, frame);
 }
 
 void SparringWindow::loadFresh(const std::string& address) {

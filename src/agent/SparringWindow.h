@@ -25,6 +25,10 @@ std::string SparAddress(const std::string& site_address, const std::string& pape
 // The visible frame inset by 5 % of its width on each side and 5 % of its
 // height at the top and bottom.
 Rect SparTargetFrame(const Rect& visible_frame);
+// The smallest content size the user may resize the window to while its
+// content has the given size: 900 x 600, or less where the program itself
+// made the window smaller (the chat half of a narrow screen).
+Size SparMinimumSize(const Size& content);
 
 class SparringWindow {
 public:
@@ -45,6 +49,9 @@ public:
   SparringWindow& operator=(const SparringWindow&) = delete;
 
   void openSparWindowFor(const std::string& paper_id);
+  // Sets the outer frame exactly as asked, below the minimum size too: that
+  // minimum only bounds the user's own resizing. Nothing without a window.
+  void placeFrame(const Rect& frame);
   void closeSparWindow();
   // The bus notification: its object is the paper id.
   void sparRequested(const std::string& object);

@@ -146,11 +146,12 @@ public:
     GtkWindow* window = spar_.gtkWindow();
     if (!window)
       return;
-    WhenOnScreen(window, [window, frame] { SetWindowFrame(window, frame); });
+    SparringWindow& spar = spar_;
+    WhenOnScreen(window, [&spar, frame] { spar.placeFrame(frame); });
     // The window manager puts a window that leaves full screen back on its
     // earlier frame once it has left; the half is set again after that.
     if (std::exchange(left_full_screen_, false))
-      WhenFullScreenLeft(window, [window, frame] { SetWindowFrame(window, frame); });
+      WhenFullScreenLeft(window, [&spar, frame] { spar.placeFrame(frame); });
   }
   void orderFrontRegardless() override {
     GtkWindow* window = spar_.gtkWindow();

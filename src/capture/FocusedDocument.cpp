@@ -2,6 +2,7 @@
 
 #include "base/GObjectPtr.h"
 #include "base/Paths.h"
+#include "desktop/ProcessDocuments.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -9,7 +10,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <climits>
 #include <set>
 #include <utility>
 #include <vector>
@@ -18,10 +18,7 @@ namespace orvane {
 
 namespace {
 
-// Bounds that keep a strange process or a hostile file from costing much.
-constexpr size_t kMaxCommandLineBytes = 1 << 22;
-constexpr size_t kMaxArguments = 4096;
-constexpr size_t kMaxOpenFiles = 65536;
+// Bounds that keep a hostile folder or file from costing much.
 constexpr size_t kMaxFolderEntries = 100000;
 constexpr size_t kMaxXbelBytes = size_t(256) << 20;
 constexpr size_t kMaxRecentFiles = 100000;
@@ -48,10 +45,6 @@ private:
   std::vector<Candidate> list_;
   std::set<std::pair<dev_t, ino_t>> seen_;
 };
-
-bool HasPdfExtension(const std::string& path) {
-  return path.size() >= 4 && g_ascii_strcasecmp(path.c_str() + path.size() - 4, ".pdf") == 0;
-}
 
 std::string BaseName(const std::string& path) {
   size_t slash = path.rfind('/');
@@ -89,87 +82,6 @@ std::optional<std::string> MatchTitle(const std::vector<Candidate>& candidates,
   if (!best)
     return std::nullopt;
   return best->path;
-}
-
-// A /proc file, read without waiting on anything that is not a plain file.
-std::string ReadBounded(const std::string& path, size_t max_bytes) {
-  int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
-  if (fd < 0)
-    return "";
-  std::string text;
-  struct stat info;
-  if (fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
-    char buffer[65536];
-    while (text.size() < max_bytes) {
-      ssize_t got = read(fd, buffer, sizeof buffer);
-      if (got <= 0)
-        break;
-      text.append(buffer, std::min(size_t(got), max_bytes - text.size()));
-    }
-  }
-  close(fd);
-  return text;
-}
-
-std::optional<std::string> ReadLink(const std::string& path) {
-  char target[PATH_MAX];
-  ssize_t length = readlink(path.c_str(), target, sizeof target);
-  if (length <= 0 || size_t(length) >= sizeof target)
-    return std::nullopt;
-  return std::string(target, size_t(length));
-}
-
-// An argument as a file path: a file:// address decoded, a relative path
-// taken from the process's working folder.
-std::optional<std::string> ArgumentPath(const std::string& argument, const std::string& process) {
-  if (g_ascii_strncasecmp(argument.c_str(), "file:", 5) == 0) {
-    GCharPtr path(g_filename_from_uri(argument.c_str(), nullptr, nullptr));
-    if (!path)
-      return std::nullopt;
-    return path.str();
-  }
-  if (argument.empty() || argument[0] == '-')
-    return std::nullopt;
-  if (argument[0] == '/')
-    return argument;
-  std::optional<std::string> folder = ReadLink(process + "/cwd");
-  if (!folder || folder->empty() || (*folder)[0] != '/')
-    return std::nullopt;
-  return JoinPath(*folder, argument);
-}
-
-void AddCommandLinePdfs(const std::string& process, Candidates& candidates) {
-  std::string command_line = ReadBounded(process + "/cmdline", kMaxCommandLineBytes);
-  size_t start = 0;
-  size_t arguments = 0;
-  while (start < command_line.size() && arguments++ < kMaxArguments) {
-    size_t end = command_line.find('\0', start);
-    if (end == std::string::npos)
-      end = command_line.size();
-    std::string argument = command_line.substr(start, end - start);
-    start = end + 1;
-    std::optional<std::string> path = ArgumentPath(argument, process);
-    if (path && HasPdfExtension(*path))
-      candidates.add(*path);
-  }
-}
-
-void AddOpenPdfs(const std::string& process, Candidates& candidates) {
-  std::string folder = process + "/fd";
-  DIR* dir = opendir(folder.c_str());
-  if (!dir)
-    return;
-  size_t entries = 0;
-  while (struct dirent* entry = readdir(dir)) {
-    if (++entries > kMaxOpenFiles)
-      break;
-    if (entry->d_name[0] == '.')
-      continue;
-    std::optional<std::string> target = ReadLink(folder + "/" + entry->d_name);
-    if (target && !target->empty() && (*target)[0] == '/' && HasPdfExtension(*target))
-      candidates.add(*target);
-  }
-  closedir(dir);
 }
 
 std::vector<std::string> FolderPdfs(const std::string& folder) {
@@ -246,11 +158,8 @@ std::string RecentlyUsedXbelPath() {
 std::optional<std::string> FocusedDocumentPath(int pid, const std::string& title,
                                                const DocumentSources& sources) {
   Candidates from_process;
-  if (pid > 0) {
-    std::string process = JoinPath(sources.proc_root, std::to_string(pid));
-    AddCommandLinePdfs(process, from_process);
-    AddOpenPdfs(process, from_process);
-  }
+  for (const std::string& pdf : PdfFilesOfProcess(pid, sources.proc_root))
+    from_process.add(pdf);
   if (!title.empty() && title[0] == '/')
     from_process.add(title);
   if (from_process.list().size() == 1)

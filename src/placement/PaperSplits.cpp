@@ -51,20 +51,25 @@ void PaperSplits::waitForViewer(
   });
 }
 
-// The viewer split
-
-void PaperSplits::openPreviewSplitFor(const std::string& path) {
-  seams_.launcher.openWithViewer(path, [this, path](LaunchOutcome outcome) {
+void PaperSplits::openInViewer(const std::string& label, const std::string& path,
+                               std::function<void(int pid)> opened) {
+  seams_.launcher.openWithViewer(path, [label, opened](LaunchOutcome outcome) {
     if (outcome.no_application) {
-      SparLog("split: Preview not installed?");
+      SparLog("%@: Preview not installed?", label);
       return;
     }
     if (outcome.error) {
-      SparLog("split: open failed: %@", *outcome.error);
+      SparLog("%@: open failed: %@", label, *outcome.error);
       return;
     }
-    tileWithPreview(outcome.pid, path, 0);
+    opened(outcome.pid);
   });
+}
+
+// The viewer split
+
+void PaperSplits::openPreviewSplitFor(const std::string& path) {
+  openInViewer("split", path, [this, path](int pid) { tileWithPreview(pid, path, 0); });
 }
 
 void PaperSplits::tileWithPreview(int pid, const std::string& path, int attempt) {
@@ -109,17 +114,8 @@ void PaperSplits::openAskSplitFor(const std::string& path) {
   // Taken now, before the viewer comes to the front and becomes what the
   // user looks at.
   Point point = seams_.attention_point();
-  seams_.launcher.openWithViewer(path, [this, path, point](LaunchOutcome outcome) {
-    if (outcome.no_application) {
-      SparLog("ask split: Preview not installed?");
-      return;
-    }
-    if (outcome.error) {
-      SparLog("ask split: open failed: %@", *outcome.error);
-      return;
-    }
-    askDesktopForFile(path, outcome.pid, point, 0);
-  });
+  openInViewer("ask split", path,
+               [this, path, point](int pid) { askDesktopForFile(path, pid, point, 0); });
 }
 
 void PaperSplits::askDesktopForFile(const std::string& path, int pid, Point point, int attempt) {

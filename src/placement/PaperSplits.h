@@ -87,6 +87,10 @@ public:
   void holdAskWindow(int pid, const std::string& path, const Rect& target, int tries);
 
 private:
+  // Opens the file in the PDF viewer; `opened` gets the launched process.
+  // No viewer or a failed open ends in its line under the label.
+  void openInViewer(const std::string& label, const std::string& path,
+                    std::function<void(int pid)> opened);
   // The viewer's window showing the file, tried now and again until the
   // last attempt; `found` gets it with the process that owns it.
   void waitForViewer(const std::string& label, int pid, const std::string& path, int attempt,

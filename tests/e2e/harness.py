@@ -709,8 +709,9 @@ class Desktop:
 
     def active_window(self) -> int | None:
         """The window manager's _NET_ACTIVE_WINDOW, or None."""
-        value = self.window_property_root("_NET_ACTIVE_WINDOW")
-        match = re.search(r"0x[0-9a-fA-F]+", value or "")
+        # xprop writes a WINDOW value as "window id # 0x...", without "=".
+        value = self.run_tool("xprop", "-root", "_NET_ACTIVE_WINDOW").stdout
+        match = re.search(r"0x[0-9a-fA-F]+", value)
         return int(match.group(0), 16) if match and int(match.group(0), 16) else None
 
     def windows_of_pid(self, pid: int) -> list[int]:

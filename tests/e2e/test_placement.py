@@ -104,16 +104,20 @@ def number_text(value: float) -> str:
     return f"{value:g}"
 
 
-def centred(desktop, window: int, client: tuple[int, int]) -> tuple[str, tuple[int, int, int, int]]:
-    """Where a window whose client area is `client` lands on the 1920 x 1080
-    screen: the rectangle as the log writes it, and the outer frame as the
-    X server has it (the frame's size is the client's plus the decorations)."""
+def centred(desktop, window: int, client: tuple[int, int], monitor: tuple[int, int, int, int] = (0, 0, 1920, 1080),
+            primary_height: int = 1080) -> tuple[str, tuple[int, int, int, int]]:
+    """Where a window whose client area is `client` lands centred on a monitor
+    ((x, y, width, height) in X11 root coordinates; without panels its
+    visible frame is all of it): the rectangle as the log writes it (desktop
+    coordinates, y up from the primary's bottom edge), and the outer frame as
+    the X server has it (the frame's size is the client's plus the
+    decorations, its corner rounded to whole points)."""
     left, right, top, bottom = desktop.frame_extents(window)
     width, height = client[0] + left + right, client[1] + top + bottom
-    x, y = (1920 - width) / 2, (1080 - height) / 2
+    mx, my, mw, mh = monitor
+    x, y = mx + (mw - width) / 2, primary_height - (my + mh) + (mh - height) / 2
     text = f"{{{{{number_text(x)}, {number_text(y)}}}, {{{width}, {height}}}}}"
-    # Desktop y grows upwards; on one screen the centre is the same.
-    return text, (int(x + 0.5), int(1080 - (y + height) + 0.5), width, height)
+    return text, (int(x + 0.5), int(primary_height - (y + height) + 0.5), width, height)
 
 
 def test_a_tiny_window_off_the_screen_gets_the_fallback_size_centred_and_activated(

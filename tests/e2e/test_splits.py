@@ -13,7 +13,7 @@ import json
 
 import pytest
 
-from harness import ASK_SIGNAL, FIXTURES, PYTHON, text_pdf, wait_until
+from harness import ASK_SIGNAL, FIXTURES, PYTHON, holds_for, text_pdf, wait_until
 
 ZATHURA_ID = "orvane-e2e-zathura.desktop"
 FORWARDING_ID = "orvane-e2e-single-viewer.desktop"
@@ -71,12 +71,44 @@ def test_the_viewer_split_puts_zathura_left_and_the_chat_right(home, site, deskt
     site.run_in_page([{"post": {"action": "previewSplit", "path": str(pdf)}}], page=library.page)
     line = home.wait_for_log(lambda m: m.startswith("split: preview="))
     assert line.startswith("split: preview=placed raise=ok, chat asked {{960, 0}, {960, 1080}} got "), line
-    assert f"split: looking for pid " in "\n".join(home.log_messages())
+    assert "split: looking for pid " in "\n".join(home.log_messages())
     viewer = window_titled(desktop, "paper.pdf")
     wait_until(lambda: desktop.window_frame(viewer) == (0, 0, 960, 1080),
                what=f"zathura on the left half (it is at {desktop.window_frame(viewer)})")
     wait_until(lambda: desktop.window_frame(chat) == (960, 0, 960, 1080),
                what=f"the chat on the right half (it is at {desktop.window_frame(chat)})")
+
+
+def test_on_the_1440_wide_monitor_the_chat_takes_the_right_half_below_its_minimum_size(
+        home, site, desktop, launch):
+    install_zathura(home)
+    pdf = paper(home, "narrow.pdf")
+    home.write_settings(AppURL=site.url)
+    site.set_scenario([{"post": {"action": "hello", "account": "alice"}}, {"waitEvent": "claudeStatus"}])
+    orvane = launch()
+    library = site.wait_for_load("/")
+    site.wait_for_record("scenarioDone", lambda r: r.page == library.page)
+    # The library on the second monitor: the chat opens where the library is.
+    library_window = orvane.wait_for_window("library")
+    desktop.run_tool("xdotool", "windowmove", str(library_window), "2000", "100", check=True)
+    wait_until(lambda: desktop.window_frame(library_window)[0] == 2000,
+               what=f"the library on the second monitor (it is at {desktop.window_frame(library_window)})")
+    desktop.activate_and_focus(library_window)
+    site.run_in_page([{"post": {"action": "spar", "id": PAPER_ID}}], page=library.page)
+    chat = orvane.wait_for_window("sparring")
+    home.wait_for_log(lambda m: m.startswith("spar window -> screen {{1920, 180}, {1440, 900}}"))
+    site.run_in_page([{"post": {"action": "previewSplit", "path": str(pdf)}}], page=library.page)
+    line = home.wait_for_log(lambda m: m.startswith("split: preview="))
+    # Half of 1440 is 720, narrower than the 900 points the user may shrink
+    # the chat to by hand: a frame set by the program is set all the same.
+    assert line.startswith("split: preview=placed raise=ok, chat asked {{2640, 180}, {720, 900}} got "), line
+    viewer = window_titled(desktop, "narrow.pdf")
+    wait_until(lambda: desktop.window_frame(viewer) == (1920, 0, 720, 900),
+               what=f"zathura on the second monitor's left half (it is at {desktop.window_frame(viewer)})")
+    wait_until(lambda: desktop.window_frame(chat) == (2640, 0, 720, 900),
+               what=f"the chat on the second monitor's right half (it is at {desktop.window_frame(chat)})")
+    # The frame holds: nothing grows the chat back to its minimum later.
+    assert holds_for(lambda: desktop.window_frame(chat) == (2640, 0, 720, 900), 1.0), desktop.window_frame(chat)
 
 
 def test_a_viewer_that_moves_its_window_back_is_put_back_within_the_hold(home, site, desktop, launch):
@@ -97,19 +129,31 @@ def test_the_ask_split_of_the_1440_wide_monitor_posts_half_and_half(home, site, 
     install_zathura(home)
     pdf = paper(home, "asked.pdf")
     home.write_settings(AppURL=site.url)
-    launch()
+    orvane = launch()
+    # The library window is on screen before the user turns to another
+    # window, so that it cannot take the focus back when it maps.
+    orvane.wait_for_window("library")
     site.wait_for_load("/")
     recorder = clients.signal_recorder([ASK_SIGNAL])
-    # The user looks at a window on the second monitor.
+    # The user looks at a window on the second monitor; the pointer stays on
+    # the primary, where the desktop started it.
     looked_at = clients.text_window("something on the second monitor")
     desktop.run_tool("xdotool", "windowmove", str(looked_at.window), "2300", "200", check=True)
+    wait_until(lambda: desktop.window_frame(looked_at.window)[0] == 2300,
+               what=f"the window on the second monitor (it is at {desktop.window_frame(looked_at.window)})")
     desktop.activate_and_focus(looked_at.window)
+    assert desktop.active_window() == looked_at.window
+    x, y, width, height = desktop.window_frame(looked_at.window)
     desktop.emit_signal(TILE_PATH, TILE_SIGNAL, str(pdf))
     ask = json.loads(recorder.wait_for_signal(ASK_SIGNAL)[0]["args"][0])
     assert (ask["path"], ask["title"], ask["quote"], ask["page"]) == (str(pdf), "asked.pdf", "", 0)
     assert (ask["splitX"], ask["splitW"]) == (0.5, 0.5)
     messages = home.log_messages()
     assert f"tile note: {pdf}" in messages
+    # The point is the centre of the focused window's frame, in desktop
+    # coordinates (y upwards from the primary's bottom edge), not the pointer.
+    centre = f"{{{x + width / 2:g}, {1080 - (y + height / 2):g}}}"
+    assert f"capture: attention at {centre} from focused window" in messages, messages
     assert "ask: paper=placed raise=ok fullscreen=no, free half {{2640, 180}, {720, 900}}" in messages, messages
     assert "ask: asked.pdf, 0 chars quoted, to the desktop (split 0.500+0.500)" in messages
     viewer = window_titled(desktop, "asked.pdf")

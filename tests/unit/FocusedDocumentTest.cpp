@@ -1,6 +1,7 @@
 #include "capture/FocusedDocument.h"
 
 #include "base/GObjectPtr.h"
+#include "support/ProcessTable.h"
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
@@ -14,34 +15,20 @@ constexpr int kViewerPid = 5151;
 // A /proc of one viewer process, made of real files and links.
 class FocusedDocumentTest : public ::testing::Test {
 protected:
-  std::string process() const { return dir.file("proc/" + std::to_string(kViewerPid)); }
-  void commandLine(const std::vector<std::string>& arguments) {
-    std::string text;
-    for (const std::string& argument : arguments)
-      text += argument + '\0';
-    TempDir::WriteFile(process() + "/cmdline", text);
-  }
-  void holdOpen(int fd, const std::string& target) {
-    g_mkdir_with_parents((process() + "/fd").c_str(), 0755);
-    ASSERT_EQ(symlink(target.c_str(), (process() + "/fd/" + std::to_string(fd)).c_str()), 0);
-  }
-  void workingFolder(const std::string& folder) {
-    g_mkdir_with_parents(process().c_str(), 0755);
-    ASSERT_EQ(symlink(folder.c_str(), (process() + "/cwd").c_str()), 0);
-  }
   std::string pdf(const std::string& name) { return docs.write(name, "%PDF-1.4\n%%EOF\n"); }
   std::optional<std::string> find(const std::string& title) {
     return FocusedDocumentPath(kViewerPid, title, sources);
   }
 
+  ProcessTable table{kViewerPid};
   TempDir dir;
   TempDir docs;
-  DocumentSources sources{dir.file("proc"), dir.file("recently-used.xbel"), std::nullopt};
+  DocumentSources sources{table.root(), dir.file("recently-used.xbel"), std::nullopt};
 };
 
 TEST_F(FocusedDocumentTest, OnePdfOnTheCommandLineIsTheDocument) {
   std::string paper = pdf("paper.pdf");
-  commandLine({"/usr/bin/evince", "--fullscreen", paper});
+  table.commandLine({"/usr/bin/evince", "--fullscreen", paper});
   EXPECT_EQ(find("anything at all"), paper);
 }
 
@@ -49,30 +36,30 @@ TEST_F(FocusedDocumentTest, FileAddressIsPercentDecoded) {
   std::string paper = pdf("two words é.PDF");
   GCharPtr uri(g_filename_to_uri(paper.c_str(), nullptr, nullptr));
   ASSERT_NE(uri.str().find("%20"), std::string::npos);
-  commandLine({"zathura", uri.str()});
+  table.commandLine({"zathura", uri.str()});
   EXPECT_EQ(find(""), paper);
 }
 
 TEST_F(FocusedDocumentTest, RelativePathIsTakenFromTheWorkingFolder) {
   std::string paper = pdf("sub/relative.pdf");
-  commandLine({"viewer", "sub/relative.pdf"});
-  workingFolder(docs.path());
+  table.commandLine({"viewer", "sub/relative.pdf"});
+  table.workingFolder(docs.path());
   EXPECT_EQ(find(""), docs.path() + "/sub/relative.pdf");
 }
 
 TEST_F(FocusedDocumentTest, OpenPdfIsTheDocument) {
   std::string paper = pdf("held.pdf");
-  commandLine({"viewer"});
-  holdOpen(3, "/dev/null");
-  holdOpen(4, "socket:[12345]");
-  holdOpen(7, paper);
+  table.commandLine({"viewer"});
+  table.holdOpen(3, "/dev/null");
+  table.holdOpen(4, "socket:[12345]");
+  table.holdOpen(7, paper);
   EXPECT_EQ(find(""), paper);
 }
 
 TEST_F(FocusedDocumentTest, SameFileNamedAndHeldOpenCountsOnce) {
   std::string paper = pdf("same.pdf");
-  commandLine({"viewer", paper});
-  holdOpen(5, paper);
+  table.commandLine({"viewer", paper});
+  table.holdOpen(5, paper);
   EXPECT_EQ(find("unrelated title"), paper);
 }
 
@@ -80,14 +67,14 @@ TEST_F(FocusedDocumentTest, MissingAndNonPdfFilesAreNoCandidates) {
   std::string text = docs.write("notes.txt", "text");
   std::string paper = pdf("real.pdf");
   g_mkdir_with_parents((docs.path() + "/folder.pdf").c_str(), 0755);
-  commandLine({"viewer", text, docs.file("gone.pdf"), docs.file("folder.pdf"), paper});
+  table.commandLine({"viewer", text, docs.file("gone.pdf"), docs.file("folder.pdf"), paper});
   EXPECT_EQ(find(""), paper);
 }
 
 TEST_F(FocusedDocumentTest, OfSeveralTheTitleChooses) {
   std::string first = pdf("Alpha Paper.pdf");
   std::string second = pdf("Beta Paper.pdf");
-  commandLine({"viewer", first, second});
+  table.commandLine({"viewer", first, second});
   EXPECT_EQ(find("Beta Paper.pdf — Document Viewer"), second);
   EXPECT_EQ(find("Alpha Paper — Page 3 of 12"), first); // the name without extension
   EXPECT_EQ(find("Document Viewer"), std::nullopt);
@@ -96,14 +83,14 @@ TEST_F(FocusedDocumentTest, OfSeveralTheTitleChooses) {
 TEST_F(FocusedDocumentTest, LongerNameWinsOverItsOwnPrefix) {
   std::string shorter = pdf("paper.pdf");
   std::string longer = pdf("paper-2.pdf");
-  commandLine({"viewer", shorter, longer});
+  table.commandLine({"viewer", shorter, longer});
   EXPECT_EQ(find("paper-2.pdf"), longer);
   EXPECT_EQ(find("paper.pdf (page 1)"), shorter);
 }
 
 TEST_F(FocusedDocumentTest, TitleThatIsAnAbsolutePathCounts) {
   std::string paper = pdf("shown.pdf");
-  commandLine({"viewer"});
+  table.commandLine({"viewer"});
   EXPECT_EQ(find(paper), paper);
   EXPECT_EQ(find(docs.file("not-there.pdf")), std::nullopt);
 }
@@ -121,7 +108,7 @@ TEST_F(FocusedDocumentTest, WithoutCandidatesTheLibraryAndRecentFilesAreMatched)
                          "\" added=\"x\"><info/></bookmark>\n"
                          "<bookmark href=\"https://example.org/web.pdf\"/>\n</xbel>\n");
   sources.library_folder = docs.path() + "/library";
-  commandLine({"viewer"});
+  table.commandLine({"viewer"});
   EXPECT_EQ(find("Quantum Optics — Evince"), library_pdf);
   EXPECT_EQ(find("Field Notes.PDF"), recent_pdf);
   EXPECT_EQ(find("Something else"), std::nullopt);
@@ -132,7 +119,7 @@ TEST_F(FocusedDocumentTest, CandidatesFromTheProcessWinOverTheLibrary) {
   std::string library_pdf = pdf("library/Paper.pdf");
   std::string open_pdf = pdf("elsewhere.pdf");
   sources.library_folder = docs.path() + "/library";
-  commandLine({"viewer", open_pdf});
+  table.commandLine({"viewer", open_pdf});
   EXPECT_EQ(find("Paper.pdf"), open_pdf);
 }
 
@@ -146,17 +133,17 @@ TEST_F(FocusedDocumentTest, GarbageCommandLineIsSurvived) {
   std::string garbage;
   for (unsigned i = 0; i < 300000; ++i)
     garbage += char(i * 7919u % 256u);
-  TempDir::WriteFile(process() + "/cmdline", garbage + '\0' + "file://%zz%00.pdf" + '\0' +
-                                                 "file:" + '\0' + std::string(70000, '/') + ".pdf" +
-                                                 '\0' + paper + '\0');
+  TempDir::WriteFile(table.process() + "/cmdline", garbage + '\0' + "file://%zz%00.pdf" + '\0' +
+                                                       "file:" + '\0' + std::string(70000, '/') +
+                                                       ".pdf" + '\0' + paper + '\0');
   EXPECT_EQ(find(""), paper);
 }
 
 TEST_F(FocusedDocumentTest, CommandLineThatIsAFifoDoesNotBlock) {
-  g_mkdir_with_parents(process().c_str(), 0755);
-  ASSERT_EQ(mkfifo((process() + "/cmdline").c_str(), 0600), 0);
+  g_mkdir_with_parents(table.process().c_str(), 0755);
+  ASSERT_EQ(mkfifo((table.process() + "/cmdline").c_str(), 0600), 0);
   std::string paper = pdf("open.pdf");
-  holdOpen(3, paper);
+  table.holdOpen(3, paper);
   EXPECT_EQ(find(""), paper);
 }
 
@@ -164,10 +151,10 @@ TEST_F(FocusedDocumentTest, LinkLoopsAmongOpenFilesAreSkipped) {
   std::string paper = pdf("fine.pdf");
   std::string loop = docs.file("loop.pdf");
   ASSERT_EQ(symlink(loop.c_str(), loop.c_str()), 0);
-  commandLine({"viewer", loop});
-  holdOpen(3, loop);
-  holdOpen(4, process() + "/fd/4"); // a link to itself
-  holdOpen(5, paper);
+  table.commandLine({"viewer", loop});
+  table.holdOpen(3, loop);
+  table.holdOpen(4, table.process() + "/fd/4"); // a link to itself
+  table.holdOpen(5, paper);
   EXPECT_EQ(find(""), paper);
 }
 

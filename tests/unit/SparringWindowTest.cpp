@@ -27,5 +27,15 @@ TEST(SparTargetFrameTest, NinetyPercentCentredInTheVisibleFrame) {
   EXPECT_DOUBLE_EQ(target.height, 787.5);
 }
 
+TEST(SparMinimumSizeTest, TheMinimumGivesWayToASmallerFrameTheProgramSets) {
+  EXPECT_EQ(SparMinimumSize({1296, 810}), (Size{900, 600}));
+  EXPECT_EQ(SparMinimumSize({900, 600}), (Size{900, 600}));
+  // The chat half of a 1440 x 900 screen, less the decorations.
+  EXPECT_EQ(SparMinimumSize({718, 875}), (Size{718, 600}));
+  EXPECT_EQ(SparMinimumSize({1200, 400}), (Size{900, 400}));
+  // Never below one point, whatever the frame.
+  EXPECT_EQ(SparMinimumSize({0, -50}), (Size{1, 1}));
+}
+
 } // namespace
 } // namespace orvane

@@ -176,15 +176,19 @@ Rect WindowFrame(GtkWindow* window) {
                             primary);
 }
 
-void SetWindowFrame(GtkWindow* window, const Rect& frame) {
+Size ContentSizeOfFrame(GtkWindow* window, const Rect& frame) {
   Decorations d = KnownDecorations(window);
+  return {double(std::max(1, int(std::lround(frame.width)) - d.extra_width)),
+          double(std::max(1, int(std::lround(frame.height)) - d.extra_height))};
+}
+
+void SetWindowFrame(GtkWindow* window, const Rect& frame) {
   Rect x11 = X11RectFromDesktop(frame, PrimaryMonitorX11());
-  int width = std::max(1, int(std::lround(frame.width)) - d.extra_width);
-  int height = std::max(1, int(std::lround(frame.height)) - d.extra_height);
+  Size content = ContentSizeOfFrame(window, frame);
   // With the default north-west gravity the window manager puts the frame's
   // top-left corner where we ask.
   gtk_window_move(window, int(std::lround(x11.x)), int(std::lround(x11.y)));
-  gtk_window_resize(window, width, height);
+  gtk_window_resize(window, int(content.width), int(content.height));
 }
 
 bool IsOnActiveWorkspace(GtkWindow* window) {

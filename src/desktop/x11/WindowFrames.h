@@ -19,6 +19,9 @@ void WhenOnScreen(GtkWindow* window, std::function<void()> task);
 Rect WindowFrame(GtkWindow* window);
 // Places the outer frame; the content gets the frame less the decorations.
 void SetWindowFrame(GtkWindow* window, const Rect& frame);
+// The content size that frame gives the window: the frame less the
+// decorations as last seen (none before the window was first on screen).
+Size ContentSizeOfFrame(GtkWindow* window, const Rect& frame);
 // Whether the window is on the workspace the user is looking at (a window
 // shown on every workspace always is).
 bool IsOnActiveWorkspace(GtkWindow* window);

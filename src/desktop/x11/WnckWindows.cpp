@@ -2,14 +2,13 @@
 #include "desktop/x11/WnckWindows.h"
 
 #include "base/GObjectPtr.h"
+#include "desktop/ProcessDocuments.h"
 #include "desktop/x11/X11Screens.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
-#include <dirent.h>
 #include <filesystem>
-#include <fstream>
 #include <gdk/gdkx.h>
 #include <gio/gdesktopappinfo.h>
 #include <gtk/gtk.h>
@@ -22,11 +21,6 @@ namespace orvane {
 
 namespace {
 namespace fs = std::filesystem;
-
-// A process holding more descriptors than this is not read further: its
-// documents are among the first ones in practice.
-constexpr int kMaxDescriptorsRead = 4096;
-constexpr size_t kMaxCommandLine = 1 << 20;
 
 // One handle for the run. It speaks to the window manager as a pager, so
 // that moves and activations count as the user's, as they do when an
@@ -89,40 +83,12 @@ std::string Lower(std::string text) {
   return text;
 }
 
-bool EndsWithPdf(const std::string& path) {
-  return path.size() > 4 && Lower(path.substr(path.size() - 4)) == ".pdf";
-}
-
 std::string ExecutableName(int pid) {
   std::error_code error;
   fs::path exe = fs::read_symlink("/proc/" + std::to_string(pid) + "/exe", error);
   return error ? std::string() : exe.filename().string();
 }
 
-// The existing regular file a command-line argument or an open descriptor
-// names, as an absolute path; empty when it names none.
-std::string ExistingFile(const std::string& name, const fs::path& cwd) {
-  std::string path = name;
-  if (path.rfind("file://", 0) == 0) {
-    GCharPtr local(g_filename_from_uri(path.c_str(), nullptr, nullptr));
-    if (!local.get())
-      return {};
-    path = local.str();
-  }
-  if (path.empty())
-    return {};
-  fs::path p(path);
-  if (p.is_relative()) {
-    if (cwd.empty())
-      return {};
-    p = cwd / p;
-  }
-  std::error_code error;
-  if (!fs::is_regular_file(p, error))
-    return {};
-  fs::path canonical = fs::canonical(p, error);
-  return error ? p.lexically_normal().string() : canonical.string();
-}
 } // namespace
 
 std::vector<std::string> ApplicationNames(const std::string& name) {
@@ -148,52 +114,6 @@ std::vector<std::string> ApplicationNames(const std::string& name) {
     add(fs::path(executable).filename().string());
   }
   return names;
-}
-
-std::vector<std::string> PdfDocumentsOfProcess(int pid) {
-  std::vector<std::string> result;
-  if (pid <= 0)
-    return result;
-  auto add = [&](const std::string& path) {
-    if (!path.empty() && EndsWithPdf(path) &&
-        std::find(result.begin(), result.end(), path) == result.end())
-      result.push_back(path);
-  };
-  std::string proc = "/proc/" + std::to_string(pid);
-  std::error_code error;
-  fs::path cwd = fs::read_symlink(proc + "/cwd", error);
-  if (error)
-    cwd.clear();
-  std::ifstream cmdline(proc + "/cmdline", std::ios::binary);
-  std::string argument;
-  size_t read = 0;
-  char c;
-  while (read < kMaxCommandLine && cmdline.get(c)) {
-    ++read;
-    if (c != '\0') {
-      argument += c;
-      continue;
-    }
-    if (EndsWithPdf(argument))
-      add(ExistingFile(argument, cwd));
-    argument.clear();
-  }
-  if (EndsWithPdf(argument))
-    add(ExistingFile(argument, cwd));
-  if (DIR* fds = opendir((proc + "/fd").c_str())) {
-    int seen = 0;
-    while (dirent* entry = readdir(fds)) {
-      if (entry->d_name[0] == '.')
-        continue;
-      if (++seen > kMaxDescriptorsRead)
-        break;
-      fs::path target = fs::read_symlink(proc + "/fd/" + entry->d_name, error);
-      if (!error && EndsWithPdf(target.string()))
-        add(ExistingFile(target.string(), {}));
-    }
-    closedir(fds);
-  }
-  return result;
 }
 
 std::optional<std::vector<WindowInfo>> WnckWindows::windowsOfPid(int pid) {
@@ -293,7 +213,7 @@ std::vector<int> WnckWindows::pidsOfApplication(const std::string& name) {
 }
 
 std::vector<std::string> WnckWindows::documentsOfPid(int pid) {
-  return PdfDocumentsOfProcess(pid);
+  return PdfFilesOfProcess(pid);
 }
 
 } // namespace orvane

@@ -22,8 +22,4 @@ public:
 // file's StartupWMClass and its executable's file name. Lower-case.
 std::vector<std::string> ApplicationNames(const std::string& name);
 
-// The existing PDF files (any case of ".pdf") that the process names on its
-// command line, as paths or file:// URIs, or holds open, from /proc.
-std::vector<std::string> PdfDocumentsOfProcess(int pid);
-
 } // namespace orvane

@@ -1,0 +1,24 @@
+// What /proc tells of the documents a process shows. X11 has no document
+// attribute for a window, so its process's command line and open files stand
+// in for one (the focused document of a capture, the window that shows a
+// file when placing or splitting).
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace orvane {
+
+// ".pdf" in any case at the end of the path.
+bool HasPdfExtension(const std::string& path);
+
+// The existing regular PDF files that the process names on its command line
+// (absolute paths, paths relative to its working folder, file:// addresses)
+// and then those it holds open, each file once (the same file under two
+// names counts once, under the first name met). The reads are bounded and
+// never wait on anything that is not a plain file, so a gone, huge or
+// hostile process gives what could be read. `proc_root` is where the process
+// table lives ("/proc"; tests give a folder of their own).
+std::vector<std::string> PdfFilesOfProcess(int pid, const std::string& proc_root = "/proc");
+
+} // namespace orvane

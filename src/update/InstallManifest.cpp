@@ -303,7 +303,8 @@ std::optional<std::vector<std::string>> LexicalTarget(const std::string& link_pa
     std::vector<std::string> pieces;
     while (start <= text.size()) {
       size_t slash = text.find('/', start);
-      pieces.emplace_back(text.substr(start, slash == std::string_view::npos ? slash : slash - start));
+      pieces.emplace_back(
+          text.substr(start, slash == std::string_view::npos ? slash : slash - start));
       if (slash == std::string_view::npos)
         break;
       start = slash + 1;
@@ -365,8 +366,8 @@ bool IsSafeRelativePath(std::string_view path) {
 }
 
 std::string ManifestText(const Manifest& manifest) {
-  std::string text = "app-id " + Escape(manifest.app_id) + "\nversion " +
-                     Escape(manifest.version) + "\nbuild " + Escape(manifest.build) + "\n";
+  std::string text = "app-id " + Escape(manifest.app_id) + "\nversion " + Escape(manifest.version) +
+                     "\nbuild " + Escape(manifest.build) + "\n";
   for (const ManifestEntry& entry : manifest.entries) {
     if (entry.kind == EntryKind::kLink) {
       text += "link " + Escape(entry.link_target) + " " + Escape(entry.path) + "\n";
@@ -424,10 +425,11 @@ ParsedManifest ParseManifest(std::string_view text) {
       entry.link_target = *target;
     } else {
       std::string_view hash = fields[0], mode = fields[1];
-      bool hex = hash.size() == 64 && std::all_of(hash.begin(), hash.end(),
-                                                  [](char c) { return HexValue(c) >= 0; });
-      bool octal = !mode.empty() && mode.size() <= 4 &&
-                   std::all_of(mode.begin(), mode.end(), [](char c) { return c >= '0' && c <= '7'; });
+      bool hex = hash.size() == 64 &&
+                 std::all_of(hash.begin(), hash.end(), [](char c) { return HexValue(c) >= 0; });
+      bool octal =
+          !mode.empty() && mode.size() <= 4 &&
+          std::all_of(mode.begin(), mode.end(), [](char c) { return c >= '0' && c <= '7'; });
       if (!hex || !octal)
         return fail(number, "expected \"SHA256 MODE PATH\" or \"link TARGET PATH\"");
       entry.sha256_hex = std::string(hash);
@@ -539,8 +541,8 @@ FolderCheck CheckInstallFolder(const std::string& folder, const std::string& tru
                   "the listed file " + Escape(listed.path) + " is missing");
     if (!(*on_disk == listed) && !differs)
       differs = Fail(FolderCheckCode::kFileDiffers, "the file " + Escape(listed.path) + " is " +
-                                                        Describe(*on_disk) + ", the MANIFEST says " +
-                                                        Describe(listed));
+                                                        Describe(*on_disk) +
+                                                        ", the MANIFEST says " + Describe(listed));
     ++on_disk;
   }
   if (on_disk != scan.entries.end() && !unlisted)

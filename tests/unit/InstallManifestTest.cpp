@@ -46,8 +46,8 @@ protected:
     ASSERT_EQ(symlink(target.c_str(), (folder_ + "/" + path).c_str()), 0);
   }
   std::string sign(bool manifest_only = false) {
-    return SignInstallFolder(folder_, key_.secret_key, kApplicationId, "2.5", "202601021530-abcdef0",
-                             manifest_only);
+    return SignInstallFolder(folder_, key_.secret_key, kApplicationId, "2.5",
+                             "202601021530-abcdef0", manifest_only);
   }
   FolderCheck check() { return CheckInstallFolder(folder_, key_.public_key, kApplicationId); }
   std::string manifest() { return TempDir::Read(folder_ + "/" + kManifestPath); }
@@ -65,7 +65,8 @@ TEST_F(InstallFolderTest, SigningListsEveryFileSortedWithHashModeAndLinks) {
   EXPECT_EQ(lines[1], "version 2.5");
   EXPECT_EQ(lines[2], "build 202601021530-abcdef0");
   // printf program | sha256sum
-  EXPECT_EQ(lines[3], "1310ca2c8932dbd118668bd97442558a3e1f546b5e15c69699dfbd6024f548d8 755 bin/orvane");
+  EXPECT_EQ(lines[3],
+            "1310ca2c8932dbd118668bd97442558a3e1f546b5e15c69699dfbd6024f548d8 755 bin/orvane");
   EXPECT_EQ(lines[4].substr(64), " 644 share/applications/com.tarnwick.orvane.desktop");
   EXPECT_EQ(lines[5].substr(64), " 644 share/orvane/site/lib/module.py");
   EXPECT_EQ(lines[6], "link lib share/orvane/site/lib64");
@@ -127,10 +128,12 @@ TEST_F(InstallFolderTest, AMissingOrGarbledSignatureGivesCode1) {
 }
 
 TEST_F(InstallFolderTest, AnotherAppIdGivesCode2) {
-  ASSERT_EQ(SignInstallFolder(folder_, key_.secret_key, "com.example.other", "2.5", "b", false), "");
+  ASSERT_EQ(SignInstallFolder(folder_, key_.secret_key, "com.example.other", "2.5", "b", false),
+            "");
   FolderCheck result = check();
   EXPECT_EQ(result.code, FolderCheckCode::kOtherAppId);
-  EXPECT_EQ(result.message, "the MANIFEST names the app com.example.other, not com.tarnwick.orvane");
+  EXPECT_EQ(result.message,
+            "the MANIFEST names the app com.example.other, not com.tarnwick.orvane");
 }
 
 TEST_F(InstallFolderTest, AMissingFileGivesCode3) {
@@ -195,7 +198,7 @@ TEST_F(InstallFolderTest, ARelativeLinkClimbingOutGivesCode6) {
 
 TEST_F(InstallFolderTest, LinksThatClimbOutThroughOtherLinksGiveCode6) {
   // Each looks inside when read alone; together they lead to the parent.
-  link("..", "share/orvane/parent");              // share/orvane/parent -> share
+  link("..", "share/orvane/parent");               // share/orvane/parent -> share
   link("orvane/parent/..", "share/sneaky");        // -> share/.. = the folder itself, lexically
   link("orvane/parent/../..", "share/sneaky-out"); // lexically the folder's parent
   EXPECT_NE(sign(), "");

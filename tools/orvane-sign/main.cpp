@@ -38,7 +38,8 @@ bool WriteNewFile(const std::string& path, const std::string& text, mode_t mode)
     fprintf(stderr, "orvane-sign: cannot create %s: %s\n", path.c_str(), strerror(errno));
     return false;
   }
-  bool written = fchmod(fd, mode) == 0 && write(fd, text.data(), text.size()) == ssize_t(text.size());
+  bool written =
+      fchmod(fd, mode) == 0 && write(fd, text.data(), text.size()) == ssize_t(text.size());
   return close(fd) == 0 && written;
 }
 

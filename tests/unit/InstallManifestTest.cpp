@@ -272,7 +272,7 @@ TEST_F(InstallFolderTest, SignedHostileManifestsAreRefusedAsMalformed) {
            hash + " 644 a\\x4\n",
            hash + " 644 a\\\n",
            std::string(63, 'a') + " 644 a\n",
-           "link  a\n",
+           std::string("link  a\n"),
            hash + " 644 share/orvane/MANIFEST\n",
        }) {
     TempDir::WriteFile(folder_ + "/" + kManifestPath, header + body);

@@ -9,7 +9,9 @@ packages=(
   libgtk-3-dev libwebkit2gtk-4.1-dev libsoup-3.0-dev libx11-dev
   nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev
   libkeybinder-3.0-dev libxtst-dev libxres-dev libxfixes-dev libpoppler-glib-dev
-  libwnck-3-dev
+  libwnck-3-dev libsodium-dev libarchive-dev
+  # releases (scripts/make-release.sh)
+  zip unzip
   # fuzzing (make fuzz): clang with libFuzzer
   clang libclang-rt-14-dev
   # the program

@@ -7,11 +7,23 @@
 # is written into the venv: then `.venv/bin/uvicorn main:app --port 8000`,
 # run in site/, starts the site, as Orvane's development-server start does.
 #
-# Usage: scripts/prepare-site-venv.sh [VENV_DIR]   (default: site/.venv)
+# Usage: scripts/prepare-site-venv.sh [--relocatable] [VENV_DIR]
+#   (default: site/.venv)
 # Safe to run again and again; prints nothing when everything is in place.
+#
+# --relocatable makes the venv of an install folder, which must work wherever
+# the folder is unpacked and hold no link that leads out of it: the
+# interpreter is copied rather than linked, nothing names the folder's own
+# path, and uvicorn runs with -B so that running the site writes no
+# __pycache__ into the signed folder.
 set -eu
 
 here=$(cd "$(dirname "$0")" && pwd)
+relocatable=no
+if [ "${1:-}" = "--relocatable" ]; then
+    relocatable=yes
+    shift
+fi
 venv=${1:-"$here/../site/.venv"}
 # The Debian interpreter by full path: a python earlier on PATH (pyenv, for
 # one) cannot see Debian's packages.
@@ -35,6 +47,20 @@ print(" ".join(pkg for mod, pkg in wanted.items() if importlib.util.find_spec(mo
 venv_works() {
     [ -x "$venv/bin/python" ] && "$venv/bin/python" -c 'import fastapi, uvicorn, cairo' 2>/dev/null
 }
+
+if [ "$relocatable" = yes ]; then
+    [ ! -e "$venv" ] || [ -f "$venv/pyvenv.cfg" ] || fail "$venv exists and is not a venv"
+    "$python" -m venv --clear --copies --system-site-packages --without-pip "$venv" \
+        || fail "could not create $venv"
+    # Only `python` is kept: the activate scripts name the folder's path,
+    # and the other interpreter names are copies nobody runs.
+    (cd "$venv/bin" && for name in *; do [ "$name" = python ] || rm -f -- "$name"; done)
+    sed -i '/^command *=/d' "$venv/pyvenv.cfg"
+    printf '%s\n' '#!/bin/sh' 'exec "$(dirname "$0")/python" -B -m uvicorn "$@"' > "$venv/bin/uvicorn"
+    chmod 755 "$venv/bin/uvicorn"
+    venv_works || fail "$venv does not see Debian's fastapi/uvicorn/cairo"
+    exit 0
+fi
 
 if ! venv_works; then
     if [ -e "$venv" ] && [ ! -f "$venv/pyvenv.cfg" ]; then

@@ -1,5 +1,8 @@
 #include "base/Paths.h"
 
+#include "base/BuildInfo.h"
+#include "base/GObjectPtr.h"
+
 #include <glib.h>
 
 namespace orvane {
@@ -36,6 +39,33 @@ std::string WebsiteDataFolder() {
 }
 std::string WebsiteCacheFolder() {
   return CacheFolder() + "/orvane/website-cache";
+}
+
+std::string InstallFolderOf(const std::string& executable) {
+  GCharPtr bin(g_path_get_dirname(executable.c_str()));
+  GCharPtr bin_name(g_path_get_basename(bin.get()));
+  if (!g_path_is_absolute(bin.get()) || std::string(bin_name.get()) != "bin")
+    return "";
+  GCharPtr folder(g_path_get_dirname(bin.get()));
+  std::string install = folder.get();
+  if (!g_file_test(JoinPath(install, "share/orvane").c_str(), G_FILE_TEST_IS_DIR))
+    return "";
+  return install;
+}
+
+std::string RunningInstallFolder() {
+  // Read once: the executable does not move under a running program, and a
+  // moved folder (an update) is a new process.
+  static const std::string folder = [] {
+    GCharPtr executable(g_file_read_link("/proc/self/exe", nullptr));
+    return executable ? InstallFolderOf(executable.get()) : std::string();
+  }();
+  return folder;
+}
+
+std::string BundledSiteFolder() {
+  std::string install = RunningInstallFolder();
+  return install.empty() ? std::string(kBundledSiteFolder) : JoinPath(install, "share/orvane/site");
 }
 
 std::string JoinPath(const std::string& folder, const std::string& name) {

@@ -24,6 +24,17 @@ std::string SettingsFilePath();
 std::string WebsiteDataFolder();
 std::string WebsiteCacheFolder();
 
+// The install folder an executable at this path belongs to: the parent of
+// its bin/ folder when that parent holds share/orvane/; else empty (a run
+// from the build tree).
+std::string InstallFolderOf(const std::string& executable);
+// The install folder of this running program, found from /proc/self/exe so
+// that a copy works wherever its folder was unpacked; empty in a build tree.
+std::string RunningInstallFolder();
+// The bundled reference site: <install folder>/share/orvane/site for an
+// installed copy, else the site folder of the source tree it was built from.
+std::string BundledSiteFolder();
+
 // Joins two path pieces with exactly one "/" between them.
 std::string JoinPath(const std::string& folder, const std::string& name);
 

@@ -519,7 +519,7 @@ void Settings::remove(const std::string& key) {
 void RegisterDefaultSettings() {
   Settings::standard().registerDefaults({
       {"AppURL", std::string(kDefaultSiteAddress)},
-      {"ProjectDir", std::string(kBundledSiteFolder)},
+      {"ProjectDir", BundledSiteFolder()},
       {"NSAutomaticSpellingCorrectionEnabled", false},
       {"NSAutomaticTextReplacementEnabled", false},
       {"NSAutomaticQuoteSubstitutionEnabled", false},
@@ -543,7 +543,7 @@ std::string SiteAddress() {
 
 std::string ProjectDirectory() {
   std::string folder = Settings::standard().stringForKey("ProjectDir").value_or("");
-  return folder.empty() ? std::string(kBundledSiteFolder) : folder;
+  return folder.empty() ? BundledSiteFolder() : folder;
 }
 
 } // namespace orvane

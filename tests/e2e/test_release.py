@@ -1,0 +1,323 @@
+"""End-to-end checks of a release: scripts/make-release.sh with a throwaway
+key makes a zip and a Debian package of the same signed install folder; the
+unzipped folder verifies with its own orvane-sign, works after being moved
+(the program finds its bundled site beside itself, the site's venv runs from
+there) and tampering is caught with the documented codes.
+
+The release is made once for the module from the existing build/ (the script
+builds only when build/ holds no program).
+"""
+
+from __future__ import annotations
+
+import json
+import os
+import re
+import shutil
+import socket
+import stat
+import subprocess
+import urllib.request
+from pathlib import Path
+
+import pytest
+
+from harness import (
+    REPO_ROOT,
+    DevProject,
+    Orvane,
+    pid_alive,
+    port_is_free,
+    terminate_pids,
+    wait_until,
+)
+
+VERSION = "7.7.7"
+BUILD_DIR = REPO_ROOT / "build"
+SIGN_TOOL = BUILD_DIR / "orvane-sign"
+
+
+def run(*args, **kwargs) -> subprocess.CompletedProcess:
+    return subprocess.run([str(a) for a in args], capture_output=True, text=True, **kwargs)
+
+
+def listing(folder: Path) -> dict[str, str]:
+    """Every file and link under folder: path -> 'file MODE' or 'link TARGET'."""
+    found = {}
+    for dirpath, dirnames, filenames in os.walk(folder):
+        for name in dirnames + filenames:
+            path = Path(dirpath) / name
+            rel = str(path.relative_to(folder))
+            info = path.lstat()
+            if stat.S_ISLNK(info.st_mode):
+                found[rel] = "link " + os.readlink(path)
+            elif stat.S_ISREG(info.st_mode):
+                found[rel] = "file %o" % stat.S_IMODE(info.st_mode)
+    return found
+
+
+@pytest.fixture(scope="module")
+def release(tmp_path_factory):
+    if not SIGN_TOOL.exists():
+        pytest.fail(f"{SIGN_TOOL} is missing (build first)")
+    work = tmp_path_factory.mktemp("release")
+    keys = work / "keys"
+    keys.mkdir()
+    made = run(SIGN_TOOL, "keygen", keys)
+    assert made.returncode == 0, made.stderr
+    out = work / "out"
+    result = run(REPO_ROOT / "scripts" / "make-release.sh", "--key", keys / "orvane-update.key",
+                 "--version", VERSION, "--out", out, cwd=REPO_ROOT, timeout=900)
+    assert result.returncode == 0, result.stdout + result.stderr
+    return {"work": work, "keys": keys, "out": out}
+
+
+@pytest.fixture
+def unzipped(release, tmp_path):
+    """A fresh copy of the release, unzipped into this test's folder."""
+    archive = release["out"] / f"Orvane-{VERSION}-linux-x86_64.zip"
+    result = run("unzip", "-q", archive, "-d", tmp_path / "unpacked")
+    assert result.returncode == 0, result.stderr
+    return tmp_path / "unpacked" / "Orvane"
+
+
+def verify(folder: Path, tool: Path | None = None) -> subprocess.CompletedProcess:
+    return run(tool or (folder / "bin" / "orvane-sign"), "verify", folder)
+
+
+# --------------------------------------------------------------------------
+# the key
+
+
+def test_keygen_writes_a_private_secret_key_and_a_base64_public_key(release):
+    keys = release["keys"]
+    secret = keys / "orvane-update.key"
+    public = keys / "orvane-update.pub"
+    assert stat.S_IMODE(secret.stat().st_mode) == 0o600
+    assert re.fullmatch(r"[A-Za-z0-9+/]{86}==\n", secret.read_text())  # 64 bytes
+    assert re.fullmatch(r"[A-Za-z0-9+/]{43}=\n", public.read_text())  # 32 bytes
+    # A second keygen into the same folder never overwrites the key.
+    before = secret.read_text()
+    again = run(SIGN_TOOL, "keygen", keys)
+    assert again.returncode != 0
+    assert "cannot create" in again.stderr
+    assert secret.read_text() == before
+
+
+# --------------------------------------------------------------------------
+# the zip
+
+
+def test_zip_holds_one_signed_install_folder(release, unzipped):
+    assert sorted(p.name for p in unzipped.parent.iterdir()) == ["Orvane"]
+    files = listing(unzipped)
+    assert files["bin/orvane"] == "file 755"
+    assert files["bin/orvane-sign"] == "file 755"
+    assert files["share/applications/com.tarnwick.orvane.desktop"] == "file 644"
+    assert files["share/icons/hicolor/scalable/apps/com.tarnwick.orvane.svg"] == "file 644"
+    assert files["share/orvane/site/main.py"] == "file 644"
+    assert files["share/orvane/site/.venv/bin/uvicorn"] == "file 755"
+    assert files["share/orvane/site/.venv/bin/python"] == "file 755"  # a copy, not a link out
+    assert files["share/orvane/site/.venv/lib64"] == "link lib"
+    assert not any(p.startswith("share/orvane/site/tests") for p in files)
+    assert not any("__pycache__" in p for p in files)
+    # The public key in the folder is the key the release was signed with.
+    assert (unzipped / "share/orvane/update-key.pub").read_text() == \
+        (release["keys"] / "orvane-update.pub").read_text()
+
+    manifest = (unzipped / "share/orvane/MANIFEST").read_text().splitlines()
+    assert manifest[0] == "app-id com.tarnwick.orvane"
+    assert manifest[1] == f"version {VERSION}"
+    assert re.fullmatch(r"build \d{12}-[0-9a-f]{7}", manifest[2]), manifest[2]
+    listed = [line.rsplit(" ", 1)[-1] for line in manifest[3:]]
+    assert listed == sorted(listed)
+    assert listed == sorted(p for p in files
+                            if p not in ("share/orvane/MANIFEST", "share/orvane/MANIFEST.sig"))
+    assert "share/orvane/update-key.pub" in listed
+
+    result = verify(unzipped)
+    assert result.returncode == 0, result.stderr
+    assert result.stdout == f"{unzipped}: valid\n"
+
+
+def test_deb_installs_the_same_folder_under_opt(release, unzipped, tmp_path):
+    deb = release["out"] / f"orvane_{VERSION}_amd64.deb"
+    contents = run("dpkg-deb", "-c", deb)
+    assert contents.returncode == 0, contents.stderr
+    paths = set()
+    for line in contents.stdout.splitlines():
+        if line[0] in "-l":  # files and links; folders are not listed in a MANIFEST either
+            paths.add(line.split(None, 5)[5].split(" -> ")[0])
+    in_opt = {p[len("./opt/orvane/"):] for p in paths if p.startswith("./opt/orvane/")}
+    assert in_opt == set(listing(unzipped)), sorted(in_opt ^ set(listing(unzipped)))
+    assert "./usr/share/applications/com.tarnwick.orvane.desktop" in paths
+    assert "./usr/share/icons/hicolor/scalable/apps/com.tarnwick.orvane.svg" in paths
+
+    info = run("dpkg-deb", "-f", deb, "Package", "Version", "Architecture")
+    assert info.stdout.splitlines() == ["Package: orvane", f"Version: {VERSION}",
+                                        "Architecture: amd64"]
+    control = tmp_path / "control"
+    assert run("dpkg-deb", "-e", deb, control).returncode == 0
+    assert "update-desktop-database" in (control / "postinst").read_text()
+
+    # Unpacked into a throwaway root, the folder under /opt verifies as it is.
+    root = tmp_path / "root"
+    assert run("dpkg-deb", "-x", deb, root).returncode == 0
+    result = verify(root / "opt" / "orvane", tool=SIGN_TOOL)
+    assert result.returncode == 0, result.stderr
+    desktop = (root / "usr/share/applications/com.tarnwick.orvane.desktop").read_text()
+    assert "\nExec=/opt/orvane/bin/orvane %F\n" in desktop
+    assert "\nMimeType=application/pdf;\n" in desktop
+    assert "\nIcon=com.tarnwick.orvane\n" in desktop
+    folder_desktop = (unzipped / "share/applications/com.tarnwick.orvane.desktop").read_text()
+    assert "\nExec=orvane %F\n" in folder_desktop
+
+
+# --------------------------------------------------------------------------
+# tampering, as the tool in the folder reports it
+
+
+def test_tampered_folders_fail_with_their_codes(unzipped, tmp_path):
+    site = unzipped / "share/orvane/site"
+
+    (site / "extra.py").write_text("import os\n")
+    result = verify(unzipped)
+    assert result.returncode == 5, result.stderr
+    assert "the file share/orvane/site/extra.py is not in the MANIFEST" in result.stderr
+    (site / "extra.py").unlink()
+
+    original = (site / "main.py").read_bytes()
+    (site / "main.py").write_bytes(original + b"\n")
+    assert verify(unzipped).returncode == 4
+    (site / "main.py").write_bytes(original)
+    os.chmod(site / "main.py", 0o666)
+    assert verify(unzipped).returncode == 4
+    os.chmod(site / "main.py", 0o644)
+    assert verify(unzipped).returncode == 0
+
+    os.symlink("/etc", site / "etc")
+    result = verify(unzipped)
+    assert result.returncode == 6, result.stderr
+    (site / "etc").unlink()
+
+    (site / "main.py").rename(tmp_path / "main.py")
+    assert verify(unzipped).returncode == 3
+    (tmp_path / "main.py").rename(site / "main.py")
+
+    # Another key in the folder: the signature no longer verifies under it.
+    keys = tmp_path / "other-keys"
+    keys.mkdir()
+    assert run(SIGN_TOOL, "keygen", keys).returncode == 0
+    shutil.copy(keys / "orvane-update.pub", unzipped / "share/orvane/update-key.pub")
+    result = verify(unzipped)
+    assert result.returncode == 1, result.stderr
+    assert "MANIFEST.sig does not verify under the trusted key" in result.stderr
+
+
+def test_another_app_id_signed_by_the_same_key_fails_with_code_2(release, unzipped):
+    manifest = unzipped / "share/orvane/MANIFEST"
+    text = manifest.read_text()
+    manifest.write_text(text.replace("app-id com.tarnwick.orvane\n", "app-id com.example.other\n", 1))
+    signed = run(SIGN_TOOL, "sign", "--manifest-only", release["keys"] / "orvane-update.key", unzipped)
+    assert signed.returncode == 0, signed.stderr
+    result = verify(unzipped)
+    assert result.returncode == 2, result.stderr
+
+
+def test_verify_refuses_hostile_manifests_and_reads_nothing_outside(release, unzipped, tmp_path):
+    key = release["keys"] / "orvane-update.key"
+    manifest = unzipped / "share/orvane/MANIFEST"
+    header = "\n".join(manifest.read_text().splitlines()[:3]) + "\n"
+    secret = tmp_path / "secret.txt"
+    secret.write_text("outside\n")
+    digest = "e" * 64
+    for body in (f"{digest} 644 ../secret.txt\n", f"{digest} 644 {secret}\n",
+                 "garbage\n", "\n" * 1000, f"{digest} 644 a\n{digest} 644 a\n"):
+        manifest.write_text(header + body)
+        assert run(SIGN_TOOL, "sign", "--manifest-only", key, unzipped).returncode == 0
+        result = verify(unzipped)
+        assert result.returncode == 1, (body, result.stderr)
+        assert "the signed MANIFEST is malformed" in result.stderr
+    # A huge MANIFEST is refused unread.
+    with open(manifest, "wb") as out:
+        out.truncate(33 * 1024 * 1024)
+    result = verify(unzipped)
+    assert result.returncode == 1
+    assert "there is no readable MANIFEST" in result.stderr
+    # No folder at all, or no install folder.
+    assert verify(tmp_path / "nowhere", tool=SIGN_TOOL).returncode == 1
+    assert run(SIGN_TOOL, "sign", key, tmp_path).returncode != 0
+    assert run(SIGN_TOOL, "bogus").returncode == 64
+
+
+def test_signing_refuses_a_folder_with_a_link_outside(release, unzipped):
+    os.symlink("/usr/bin/python3", unzipped / "share/orvane/python")
+    result = run(SIGN_TOOL, "sign", release["keys"] / "orvane-update.key", unzipped)
+    assert result.returncode != 0
+    assert "refusing to sign share/orvane/python: the link leads outside the folder" in result.stderr
+
+
+# --------------------------------------------------------------------------
+# a moved copy
+
+
+def free_port() -> int:
+    with socket.socket() as sock:
+        sock.bind(("127.0.0.1", 0))
+        return sock.getsockname()[1]
+
+
+def test_moved_copys_venv_serves_the_bundled_site_and_leaves_it_signed(unzipped, tmp_path):
+    moved = tmp_path / "elsewhere" / "Orvane"
+    moved.parent.mkdir()
+    shutil.move(unzipped, moved)
+    site = moved / "share/orvane/site"
+    port = free_port()
+    env = dict(os.environ, ORVANE_SITE_DATA=str(tmp_path / "site-data"))
+    env.pop("PYTHONDONTWRITEBYTECODE", None)
+    log = open(tmp_path / "uvicorn.log", "wb")
+    server = subprocess.Popen([str(site / ".venv/bin/uvicorn"), "main:app", "--port", str(port)],
+                              cwd=site, env=env, stdout=log, stderr=subprocess.STDOUT,
+                              start_new_session=True)
+    try:
+        def papers():
+            try:
+                with urllib.request.urlopen(f"http://127.0.0.1:{port}/api/papers", timeout=2) as r:
+                    return r.status, json.loads(r.read())
+            except OSError:
+                return None
+        status, body = wait_until(papers, 60, what="the moved copy's site to answer")
+        assert status == 200
+        assert isinstance(body, list) and body, body  # the site's sample papers
+        # The interpreter that serves is the moved folder's own copy.
+        assert os.path.realpath(f"/proc/{server.pid}/exe") == \
+            os.path.realpath(site / ".venv/bin/python")
+    finally:
+        terminate_pids([server.pid])
+        wait_until(lambda: not pid_alive(server.pid), 10, what="the site server to end")
+        log.close()
+    # Running the site wrote nothing into the signed folder.
+    result = verify(moved)
+    assert result.returncode == 0, result.stderr
+
+
+def test_moved_copy_starts_its_bundled_site_as_the_development_server(unzipped, home, desktop,
+                                                                       tmp_path, request):
+    if not port_is_free("127.0.0.1", 8000):
+        pytest.skip("127.0.0.1:8000 is taken by another process; the development server is always started there")
+    moved = tmp_path / "moved" / "Orvane"
+    moved.parent.mkdir()
+    shutil.move(unzipped, moved)
+    site = moved / "share/orvane/site"
+    # The site's uvicorn is replaced by the recording fixture server; no
+    # ProjectDir is set, so the program must find the site beside itself.
+    project = DevProject(site)
+    request.addfinalizer(project.stop)
+    home.write_settings(AppURL="http://127.0.0.1:8000", ProjectDir=None)
+    orvane = Orvane(home, desktop, binary=moved / "bin" / "orvane")
+    request.addfinalizer(orvane.stop)
+    orvane.start()
+
+    wait_until(project.pid, what="the development server to start from the bundled site")
+    assert project.call() == {"argv": ["main:app", "--port", "8000"], "cwd": str(site)}
+    home.wait_for_log(lambda m: m.startswith("=== Orvane 1.0 ("))

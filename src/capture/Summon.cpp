@@ -19,6 +19,9 @@ void Summon::hotkeySummon(uint32_t timestamp) {
     panel_.hide();
     return;
   }
+  // One key press, one front window: read once for the checks and the
+  // capture below.
+  FrontWindowHold hold(capture_);
   std::optional<FrontApplication> front = capture_.frontApplication();
   if (front && front->is_this_program) {
     // Orvane itself is in front: nothing to capture, nothing to activate.

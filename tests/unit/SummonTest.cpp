@@ -153,6 +153,15 @@ TEST_F(SummonTest, ASecondPressBeforeTheFirstIsShownLoadsItsOwnPageAndShowsOnce)
   EXPECT_EQ(panel.presented[0].timestamp, 2u);
 }
 
+TEST_F(SummonTest, OnePressReadsOneFrontWindowForItsChecksAndCapture) {
+  capture.selection = "held";
+  summon.hotkeySummon(1);
+  EXPECT_EQ(capture.holds, 1);
+  EXPECT_TRUE(capture.point_while_held);
+  EXPECT_TRUE(capture.selection_while_held);
+  EXPECT_FALSE(capture.held); // released when the press is handled
+}
+
 TEST_F(SummonTest, ChordLengthCountsUtf16Units) {
   capture.selection = "naïve 😀";
   capture.front.reset(); // no front window known

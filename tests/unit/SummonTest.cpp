@@ -162,6 +162,18 @@ TEST_F(SummonTest, OnePressReadsOneFrontWindowForItsChecksAndCapture) {
   EXPECT_FALSE(capture.held); // released when the press is handled
 }
 
+TEST_F(SummonTest, AHugeSelectionWithControlBytesIsLoadedAsCapturedAndShownOnce) {
+  std::string huge(1 << 20, 'a');
+  huge += std::string("\0\n&=/?", 6);
+  capture.selection = huge;
+  summon.hotkeySummon(8);
+  scheduler.runAll();
+  ASSERT_EQ(panel.loads.size(), 1u);
+  EXPECT_EQ(panel.loads[0], huge);
+  EXPECT_EQ(panel.presented.size(), 1u);
+  EXPECT_EQ(log.messages(), std::vector<std::string>{"hotkey: 1048582 chars from Gedit"});
+}
+
 TEST_F(SummonTest, ChordLengthCountsUtf16Units) {
   capture.selection = "naïve 😀";
   capture.front.reset(); // no front window known

@@ -35,6 +35,10 @@ from harness import Clients, Desktop, FixtureSite, Home, Orvane, _Client, wait_u
 
 GOAL_RATIO = 1.5
 GOAL_MS = 150.0
+# The quiet time before every measured press and every floor load, so that
+# both start from a desktop that has finished the previous step (a window
+# activated, the panel hidden, a helper tool exited).
+SETTLE_S = 0.25
 FLOOR_VIEW = Path(__file__).resolve().parent / "visible_view.py"
 
 
@@ -113,27 +117,31 @@ def main() -> int:
                 return 1
             site.wait_for_load("/")
             window = clients.text_window(text)
-        for n in range(0 if args.floor_only else args.presses):
-            desktop.activate_and_focus(window.window)
-            pressed = xtest.chord("Alt_L", "b")
-            load = wait_until(lambda: add_loads(site, seen), 20, what=f"the panel page of press {n + 1}")[0]
-            seen.add(load.page)
-            if load.href != address:
-                print(f"press {n + 1} loaded {load.href}, not {address}", file=sys.stderr)
-                return 1
-            summons.append(load.data["loadEventAt"] - pressed)
-            # Hide the panel (it is key now) for the next press.
-            panel = orvane.wait_for_window("quick-panel")
-            wait_until(lambda: desktop.focused_window() == panel, 10, what="the panel to be key")
-            xtest.chord("Alt_L", "b")
-            orvane.wait_window_hidden(panel)
-
         # The floor: the same address, loaded into a web view that is already
-        # on the screen (a plain WebKitGTK window of its own).
+        # on the screen (a plain WebKitGTK window of its own). Its loads
+        # alternate with the presses, so that both series see the same
+        # machine, whatever else runs on it meanwhile.
         floor_state = scratch / "floor"
         floor_state.mkdir()
         floor = clients._keep(FloorView(desktop, floor_state, site.url + "/landed.html"))
         for n in range(args.presses):
+            if not args.floor_only:
+                desktop.activate_and_focus(window.window)
+                time.sleep(SETTLE_S)
+                pressed = xtest.chord("Alt_L", "b")
+                load = wait_until(lambda: add_loads(site, seen), 20, what=f"the panel page of press {n + 1}")[0]
+                seen.add(load.page)
+                if load.href != address:
+                    print(f"press {n + 1} loaded {load.href}, not {address}", file=sys.stderr)
+                    return 1
+                summons.append(load.data["loadEventAt"] - pressed)
+                # Hide the panel (it is key now) for the next press.
+                panel = orvane.wait_for_window("quick-panel")
+                wait_until(lambda: desktop.focused_window() == panel, 10, what="the panel to be key")
+                xtest.chord("Alt_L", "b")
+                orvane.wait_window_hidden(panel)
+
+            time.sleep(SETTLE_S)
             started = floor.load(address)
             load = wait_until(lambda: add_loads(site, seen), 20, what=f"floor load {n + 1}")[0]
             seen.add(load.page)

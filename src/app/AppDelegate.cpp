@@ -88,9 +88,11 @@ public:
       screen = screens.front();
     return screen;
   }
-  void show(const std::optional<std::string>& selection, const std::optional<Screen>& screen,
-            uint32_t timestamp) override {
-    panel_.showPanelWithSelection(selection, screen, timestamp);
+  void loadPage(const std::optional<std::string>& selection) override {
+    panel_.loadPanelPage(selection);
+  }
+  void present(const std::optional<Screen>& screen, uint32_t timestamp) override {
+    panel_.presentPanel(screen, timestamp);
   }
 
 private:
@@ -291,6 +293,9 @@ void AppDelegate::applicationDidFinishLaunching() {
   // 11. The quick panel, hidden until shown.
   web_ = factory_.makeWebView();
   window_ = std::make_unique<PanelWindow>(application_, web_->widget());
+  // An empty page starts the panel's web process now rather than at the
+  // first summon; the site's first page reuses it.
+  web_->loadBlank();
   quick_panel_ = std::make_unique<QuickPanel>(*window_, *web_, *lib_window_, *seams_.screens, [] {
     EnsureServer(SiteAddress(), ProjectDirectory());
   });

@@ -30,6 +30,24 @@ public:
   virtual std::optional<std::string> focusedDocumentPath() = 0;
   // The 1-based page of the quote in the PDF, 0 when unknown.
   virtual int pageOfQuote(const std::string& pdf_path, const std::string& quote) = 0;
+
+  // From hold to release the front window is read once: the calls above
+  // made for one key press see the same window, and the X server is not
+  // asked again for each of them.
+  virtual void holdFrontWindow() {}
+  virtual void releaseFrontWindow() {}
+};
+
+// Holds the front window for the life of the scope.
+class FrontWindowHold {
+public:
+  explicit FrontWindowHold(Capture& capture) : capture_(capture) { capture_.holdFrontWindow(); }
+  ~FrontWindowHold() { capture_.releaseFrontWindow(); }
+  FrontWindowHold(const FrontWindowHold&) = delete;
+  FrontWindowHold& operator=(const FrontWindowHold&) = delete;
+
+private:
+  Capture& capture_;
 };
 
 } // namespace orvane

@@ -12,8 +12,25 @@ DesktopCapture::DesktopCapture(DesktopCaptureSeams seams)
     : seams_(std::move(seams)),
       handoff_folder_(seams_.handoff_folder.empty() ? HandoffFolder() : seams_.handoff_folder) {}
 
+std::optional<FrontWindow> DesktopCapture::frontWindow() {
+  if (!holding_front_window_)
+    return seams_.front_windows.frontWindow();
+  if (!held_front_window_)
+    held_front_window_ = seams_.front_windows.frontWindow();
+  return *held_front_window_;
+}
+
+void DesktopCapture::holdFrontWindow() {
+  holding_front_window_ = true;
+}
+
+void DesktopCapture::releaseFrontWindow() {
+  holding_front_window_ = false;
+  held_front_window_.reset();
+}
+
 std::optional<FrontApplication> DesktopCapture::frontApplication() {
-  std::optional<FrontWindow> front = seams_.front_windows.frontWindow();
+  std::optional<FrontWindow> front = frontWindow();
   if (!front)
     return std::nullopt;
   FrontApplication application;
@@ -27,18 +44,18 @@ std::optional<FrontApplication> DesktopCapture::frontApplication() {
 
 std::optional<std::string> DesktopCapture::captureSelection() {
   CapturedSelection captured = CaptureSelection(
-      seams_.front_windows.frontWindow(),
-      {seams_.selections, seams_.accessibility, seams_.notifications}, handoff_folder_);
+      frontWindow(), {seams_.selections, seams_.accessibility, seams_.notifications},
+      handoff_folder_);
   restored_clipboard_ = restored_clipboard_ || captured.restored_clipboard;
   return captured.text;
 }
 
 Point DesktopCapture::attentionPoint() {
-  return AttentionPoint(seams_.front_windows.frontWindow(), seams_.screens);
+  return AttentionPoint(frontWindow(), seams_.screens);
 }
 
 std::optional<std::string> DesktopCapture::focusedDocumentPath() {
-  std::optional<FrontWindow> front = seams_.front_windows.frontWindow();
+  std::optional<FrontWindow> front = frontWindow();
   if (!front)
     return std::nullopt;
   DocumentSources sources;

@@ -37,6 +37,8 @@ public:
   Point attentionPoint() override;
   std::optional<std::string> focusedDocumentPath() override;
   int pageOfQuote(const std::string& pdf_path, const std::string& quote) override;
+  void holdFrontWindow() override;
+  void releaseFrontWindow() override;
 
   // Whether a capture wrote the user's clipboard back, so that this process
   // owns it (a capture process must then keep it alive when it exits).
@@ -44,9 +46,14 @@ public:
   const std::string& handoffFolder() const { return handoff_folder_; }
 
 private:
+  // The front window, read once while held.
+  std::optional<FrontWindow> frontWindow();
+
   DesktopCaptureSeams seams_;
   std::string handoff_folder_;
   bool restored_clipboard_ = false;
+  bool holding_front_window_ = false;
+  std::optional<std::optional<FrontWindow>> held_front_window_;
 };
 
 std::unique_ptr<Capture> MakeDesktopCapture(DesktopCaptureSeams seams);

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 namespace orvane {
 
@@ -47,14 +48,22 @@ std::optional<Screen> QuickPanel::takePressScreen() {
 
 void QuickPanel::showPanelWithSelection(const std::optional<std::string>& selection,
                                         const std::optional<Screen>& screen, uint32_t timestamp) {
+  loadPanelPage(selection);
+  presentPanel(screen, timestamp);
+}
+
+void QuickPanel::loadPanelPage(const std::optional<std::string>& selection) {
   ensure_server_();
   std::string text = selection.value_or("");
-  std::string address = PanelAddress(SiteAddress(), text);
-  if (!text.empty()) {
-    SparLog("panel opens with a %lu-char selection", Utf16Length(text));
-  }
   // Every summon reloads the page.
-  web_.load(address);
+  web_.load(PanelAddress(SiteAddress(), text));
+  loaded_selection_length_ = text.empty() ? std::nullopt : std::optional(Utf16Length(text));
+}
+
+void QuickPanel::presentPanel(const std::optional<Screen>& screen, uint32_t timestamp) {
+  // Written when the panel opens, after whatever the summon logged before.
+  if (std::optional<size_t> length = std::exchange(loaded_selection_length_, std::nullopt))
+    SparLog("panel opens with a %lu-char selection", *length);
 
   // Activating the program must not pull the user to another workspace.
   if (library_.isVisible() && !IsOnActiveWorkspace(library_.gtkWindow()))

@@ -8,6 +8,7 @@
 #include "web/LibraryWindow.h"
 #include "web/WebPage.h"
 
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <string>
@@ -30,6 +31,10 @@ public:
   // panel (0: now); presenting with it lets the panel take the keyboard.
   void showPanelWithSelection(const std::optional<std::string>& selection,
                               const std::optional<Screen>& screen, uint32_t timestamp = 0);
+  // The two halves of showPanelWithSelection, for a summon that starts the
+  // page as soon as its selection is known and shows the panel later.
+  void loadPanelPage(const std::optional<std::string>& selection);
+  void presentPanel(const std::optional<Screen>& screen, uint32_t timestamp = 0);
   void centrePanelOnScreen(const std::optional<Screen>& screen);
 
 private:
@@ -40,6 +45,8 @@ private:
   LibraryWindow& library_;
   const Screens& screens_;
   std::function<void()> ensure_server_;
+  // The length of the selection in the page last loaded and not yet shown.
+  std::optional<size_t> loaded_selection_length_;
 };
 
 } // namespace orvane

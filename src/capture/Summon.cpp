@@ -19,10 +19,14 @@ void Summon::hotkeySummon(uint32_t timestamp) {
     panel_.hide();
     return;
   }
+  // One key press, one front window: read once for the checks and the
+  // capture below.
+  FrontWindowHold hold(capture_);
   std::optional<FrontApplication> front = capture_.frontApplication();
   if (front && front->is_this_program) {
     // Orvane itself is in front: nothing to capture, nothing to activate.
-    panel_.show(std::nullopt, panel_.keyWindowScreen(), timestamp);
+    panel_.loadPage(std::nullopt);
+    panel_.present(panel_.keyWindowScreen(), timestamp);
     return;
   }
   // While the other application is still in front: where the user looks,
@@ -33,7 +37,10 @@ void Summon::hotkeySummon(uint32_t timestamp) {
   if (text)
     SparLog("hotkey: %lu chars from %@", Utf16Length(*text),
             front ? front->identifier : std::string("?"));
-  setPendingSummon(std::move(text), screen, timestamp);
+  // The address is known now: the page loads while the activation goes
+  // round, and the panel is shown by whichever path comes first.
+  panel_.loadPage(text);
+  setPendingSummon(screen, timestamp);
 
   activation_.requestActivation(timestamp, [this](std::optional<std::string> error) {
     if (!error)
@@ -44,9 +51,7 @@ void Summon::hotkeySummon(uint32_t timestamp) {
   scheduler_.after(fallback_delay_, [this] { takePendingSummon(); });
 }
 
-void Summon::setPendingSummon(std::optional<std::string> selection, std::optional<Screen> screen,
-                              uint32_t timestamp) {
-  pending_selection_ = std::move(selection);
+void Summon::setPendingSummon(std::optional<Screen> screen, uint32_t timestamp) {
   pending_screen_ = std::move(screen);
   pending_timestamp_ = timestamp;
   pending_summon_ = true;
@@ -57,9 +62,8 @@ void Summon::takePendingSummon() {
     return;
   // Cleared before showing, so the panel is shown once per summon.
   pending_summon_ = false;
-  std::optional<std::string> selection = std::exchange(pending_selection_, std::nullopt);
   std::optional<Screen> screen = std::exchange(pending_screen_, std::nullopt);
-  panel_.show(selection, screen, std::exchange(pending_timestamp_, 0));
+  panel_.present(screen, std::exchange(pending_timestamp_, 0));
 }
 
 } // namespace orvane

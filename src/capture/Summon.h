@@ -1,7 +1,8 @@
 // The ⌥B summon of the quick panel: the toggle, the capture while the other
-// application is still in front, and the pending summon that the first of
-// three paths shows (the activation's "activate", a refused activation, a
-// fallback timer).
+// application is still in front, the page load that starts as soon as the
+// capture is done, and the pending summon that the first of three paths
+// shows (the activation's "activate", a refused activation, a fallback
+// timer).
 #pragma once
 
 #include "capture/Capture.h"
@@ -27,10 +28,12 @@ public:
   // The screen of the program's window that has the keyboard, else the
   // primary screen; nothing without screens.
   virtual std::optional<Screen> keyWindowScreen() const = 0;
-  // Loads the panel's page for the selection and presents it on the screen
-  // with the time of the key press that asked for it.
-  virtual void show(const std::optional<std::string>& selection,
-                    const std::optional<Screen>& screen, uint32_t timestamp) = 0;
+  // Starts loading the panel's page for the selection; the panel stays as
+  // it is until presented.
+  virtual void loadPage(const std::optional<std::string>& selection) = 0;
+  // Shows the panel, with the page last loaded, on the screen with the time
+  // of the key press that asked for it.
+  virtual void present(const std::optional<Screen>& screen, uint32_t timestamp) = 0;
 };
 
 class Summon {
@@ -41,8 +44,8 @@ public:
   // ⌥B (or the menu item) with the X server time of the key press.
   void hotkeySummon(uint32_t timestamp);
 
-  void setPendingSummon(std::optional<std::string> selection, std::optional<Screen> screen,
-                        uint32_t timestamp);
+  // A summon whose page is loading and whose panel is yet to be shown.
+  void setPendingSummon(std::optional<Screen> screen, uint32_t timestamp);
   bool hasPendingSummon() const { return pending_summon_; }
   // Shows the pending summon once; nothing when none is pending.
   void takePendingSummon();
@@ -55,7 +58,6 @@ private:
   SummonPanel& panel_;
   double fallback_delay_;
 
-  std::optional<std::string> pending_selection_;
   std::optional<Screen> pending_screen_;
   uint32_t pending_timestamp_ = 0;
   bool pending_summon_ = false;

@@ -92,6 +92,9 @@ def test_alt_b_opens_the_panel_on_add_with_the_selection_and_the_focus_in_the_pa
     orvane, library = started(home, site, launch)
     window = clients.text_window("before " + AWKWARD + " after", select=(7, 7 + len(AWKWARD)))
     assert window.selected_text == AWKWARD
+    # The panel's web process starts at launch on an empty page: the site
+    # sees only the library's page until the first summon.
+    assert [r.page for r in site.loads()] == [library.page], site.describe()
 
     desktop.press("alt+b")
     panel_win = orvane.wait_for_window("quick-panel")
@@ -99,6 +102,12 @@ def test_alt_b_opens_the_panel_on_add_with_the_selection_and_the_focus_in_the_pa
     assert panel.href == f"{site.url}/?add={query_escape(AWKWARD)}"
     home.wait_for_log(f"hotkey: {len(AWKWARD)} chars from {TEXT_CLASS}")
     home.wait_for_log(f"panel opens with a {len(AWKWARD)}-char selection")
+    # One page load and one showing for the press, though the activation
+    # and the fallback timer both come by after the page started loading.
+    assert holds_for(lambda: len(site.loads()) == 2, 1.0), site.describe()
+    assert sum(m.startswith("panel shown:") for m in home.log_messages()) == 1
+    hotkey_line = home.log_messages().index(f"hotkey: {len(AWKWARD)} chars from {TEXT_CLASS}")
+    assert home.log_messages()[hotkey_line + 1] == f"panel opens with a {len(AWKWARD)}-char selection"
     # The direct read: the text view owns PRIMARY, so no copy was sent to it,
     # and the grab kept Alt+B itself away from it. (The Alt press comes
     # before the grab on B fires, so the window may see that alone.)

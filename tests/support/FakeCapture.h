@@ -20,12 +20,19 @@ public:
   }
   std::optional<std::string> captureSelection() override {
     ++selection_calls;
+    selection_while_held = held;
     return selection;
   }
   Point attentionPoint() override {
     ++point_calls;
+    point_while_held = held;
     return point;
   }
+  void holdFrontWindow() override {
+    held = true;
+    ++holds;
+  }
+  void releaseFrontWindow() override { held = false; }
   std::optional<std::string> focusedDocumentPath() override { return document; }
   int pageOfQuote(const std::string& pdf_path, const std::string& quote) override {
     page_queries.emplace_back(pdf_path, quote);
@@ -47,6 +54,10 @@ public:
   int front_calls = 0;
   int selection_calls = 0;
   int point_calls = 0;
+  bool held = false;
+  int holds = 0;
+  bool selection_while_held = false;
+  bool point_while_held = false;
   std::vector<std::pair<std::string, std::string>> page_queries;
 };
 

@@ -11,7 +11,11 @@ namespace orvane {
 class FakeFrontWindows final : public FrontWindows {
 public:
   std::optional<FrontWindow> front;
-  std::optional<FrontWindow> frontWindow() const override { return front; }
+  mutable int reads = 0;
+  std::optional<FrontWindow> frontWindow() const override {
+    ++reads;
+    return front;
+  }
 
   // A window of a process, with a WM_CLASS and a frame.
   static FrontWindow Window(int pid, const std::string& wm_instance, const std::string& wm_class,

@@ -390,6 +390,28 @@ TEST_F(DesktopCaptureTest, FrontApplicationIsNamedByItsWindowClass) {
   EXPECT_EQ(capture->frontApplication(), std::nullopt);
 }
 
+TEST_F(DesktopCaptureTest, AHeldFrontWindowIsReadOnceUntilReleased) {
+  auto capture = MakeDesktopCapture(seams());
+  windows.front = FakeFrontWindows::Window(31, "gedit", "Gedit", Rect{0, 0, 200, 100});
+  selections.primary_owner_pid = 31;
+  selections.primary_text = "held text";
+
+  capture->holdFrontWindow();
+  ASSERT_TRUE(capture->frontApplication());
+  // Another window comes to the front meanwhile: the held one still counts.
+  windows.front = FakeFrontWindows::Window(32, "xterm", "XTerm", Rect{1000, 0, 200, 100});
+  EXPECT_EQ(capture->attentionPoint(), (Point{100, 50}));
+  EXPECT_EQ(capture->captureSelection(), "held text");
+  EXPECT_EQ(windows.reads, 1);
+
+  capture->releaseFrontWindow();
+  std::optional<FrontApplication> front = capture->frontApplication();
+  ASSERT_TRUE(front);
+  EXPECT_EQ(front->identifier, "XTerm");
+  EXPECT_EQ(capture->attentionPoint(), (Point{1100, 50}));
+  EXPECT_EQ(windows.reads, 3); // without a hold, every call asks again
+}
+
 TEST_F(DesktopCaptureTest, HostileWindowClassCannotBreakALogLine) {
   auto capture = MakeDesktopCapture(seams());
   windows.front =

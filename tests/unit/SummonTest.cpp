@@ -17,6 +17,7 @@ public:
     pending.push_back(std::move(completion));
   }
   void answer(std::optional<std::string> error) {
+    ASSERT_FALSE(pending.empty());
     auto completion = std::move(pending.front());
     pending.erase(pending.begin());
     completion(std::move(error));
@@ -25,12 +26,13 @@ public:
   std::vector<Completion> pending;
 };
 
-struct Shown {
-  std::optional<std::string> selection;
+struct Presented {
   std::optional<Screen> screen;
   uint32_t timestamp;
 };
 
+// What the summon did to the panel, in order: "load:<selection or ->" and
+// "present".
 class FakePanel final : public SummonPanel {
 public:
   bool isKeyInActiveApplication() const override { return visible && key; }
@@ -40,9 +42,13 @@ public:
     ++hides;
   }
   std::optional<Screen> keyWindowScreen() const override { return key_screen; }
-  void show(const std::optional<std::string>& selection, const std::optional<Screen>& screen,
-            uint32_t timestamp) override {
-    shown.push_back({selection, screen, timestamp});
+  void loadPage(const std::optional<std::string>& selection) override {
+    loads.push_back(selection);
+    steps.push_back("load:" + selection.value_or("-"));
+  }
+  void present(const std::optional<Screen>& screen, uint32_t timestamp) override {
+    presented.push_back({screen, timestamp});
+    steps.push_back("present");
     visible = true;
     key = true;
   }
@@ -50,7 +56,9 @@ public:
   bool key = false;
   int hides = 0;
   std::optional<Screen> key_screen;
-  std::vector<Shown> shown;
+  std::vector<std::optional<std::string>> loads;
+  std::vector<Presented> presented;
+  std::vector<std::string> steps;
 };
 
 class SummonTest : public ::testing::Test {
@@ -70,24 +78,100 @@ TEST_F(SummonTest, CapturesWhileTheOtherApplicationIsInFrontThenAsksForActivatio
   capture.point = {2000, 500}; // on the second screen
   summon.hotkeySummon(123456);
   EXPECT_EQ(capture.selection_calls, 1);
-  EXPECT_TRUE(panel.shown.empty()); // waits for the activation
+  EXPECT_TRUE(panel.presented.empty()); // waits for the activation
   EXPECT_TRUE(summon.hasPendingSummon());
   EXPECT_EQ(activation.timestamps, std::vector<uint32_t>{123456});
   EXPECT_EQ(log.messages(), std::vector<std::string>{"hotkey: 9 chars from Gedit"});
 
   // The "activate" that the request brings takes the summon.
   activation.answer(std::nullopt);
-  EXPECT_TRUE(panel.shown.empty());
+  EXPECT_TRUE(panel.presented.empty());
   summon.takePendingSummon();
-  ASSERT_EQ(panel.shown.size(), 1u);
-  EXPECT_EQ(panel.shown[0].selection, "a passage");
-  ASSERT_TRUE(panel.shown[0].screen);
-  EXPECT_EQ(panel.shown[0].screen->index, 1);
-  EXPECT_EQ(panel.shown[0].timestamp, 123456u);
+  EXPECT_EQ(panel.loads, std::vector<std::optional<std::string>>{"a passage"});
+  ASSERT_EQ(panel.presented.size(), 1u);
+  ASSERT_TRUE(panel.presented[0].screen);
+  EXPECT_EQ(panel.presented[0].screen->index, 1);
+  EXPECT_EQ(panel.presented[0].timestamp, 123456u);
 
   // The fallback finds nothing pending.
   scheduler.advance(1.0);
-  EXPECT_EQ(panel.shown.size(), 1u);
+  EXPECT_EQ(panel.presented.size(), 1u);
+  EXPECT_EQ(panel.loads.size(), 1u);
+}
+
+TEST_F(SummonTest, ThePageStartsLoadingBeforeTheActivationAnswers) {
+  capture.selection = "a passage";
+  summon.hotkeySummon(10);
+  // Loading, not yet shown: the activation has not come back.
+  EXPECT_EQ(panel.steps, std::vector<std::string>{"load:a passage"});
+  ASSERT_EQ(activation.pending.size(), 1u);
+  activation.answer(std::nullopt);
+  summon.takePendingSummon();
+  EXPECT_EQ(panel.steps, (std::vector<std::string>{"load:a passage", "present"}));
+}
+
+TEST_F(SummonTest, ThePageLoadsOnceWhicheverPathShowsThePanel) {
+  // The activate.
+  capture.selection = "one";
+  summon.hotkeySummon(1);
+  activation.answer(std::nullopt);
+  summon.takePendingSummon();
+  scheduler.runAll();
+  panel.key = false; // the user went back to the other application
+  // A refused activation.
+  capture.selection = "two";
+  summon.hotkeySummon(2);
+  activation.answer(std::string("no such name"));
+  summon.takePendingSummon();
+  scheduler.runAll();
+  panel.key = false;
+  // The fallback timer alone.
+  capture.selection = "three";
+  summon.hotkeySummon(3);
+  scheduler.runAll();
+  activation.answer(std::nullopt);
+  summon.takePendingSummon();
+  EXPECT_EQ(panel.steps, (std::vector<std::string>{"load:one", "present", "load:two", "present",
+                                                   "load:three", "present"}));
+}
+
+TEST_F(SummonTest, ASecondPressBeforeTheFirstIsShownLoadsItsOwnPageAndShowsOnce) {
+  capture.selection = "first";
+  capture.point = {100, 100};
+  summon.hotkeySummon(1);
+  capture.selection = "second";
+  capture.point = {2000, 500};
+  summon.hotkeySummon(2);
+  activation.answer(std::nullopt);
+  summon.takePendingSummon();
+  activation.answer(std::nullopt);
+  scheduler.runAll();
+  EXPECT_EQ(panel.steps, (std::vector<std::string>{"load:first", "load:second", "present"}));
+  ASSERT_EQ(panel.presented.size(), 1u);
+  ASSERT_TRUE(panel.presented[0].screen);
+  EXPECT_EQ(panel.presented[0].screen->index, 1);
+  EXPECT_EQ(panel.presented[0].timestamp, 2u);
+}
+
+TEST_F(SummonTest, OnePressReadsOneFrontWindowForItsChecksAndCapture) {
+  capture.selection = "held";
+  summon.hotkeySummon(1);
+  EXPECT_EQ(capture.holds, 1);
+  EXPECT_TRUE(capture.point_while_held);
+  EXPECT_TRUE(capture.selection_while_held);
+  EXPECT_FALSE(capture.held); // released when the press is handled
+}
+
+TEST_F(SummonTest, AHugeSelectionWithControlBytesIsLoadedAsCapturedAndShownOnce) {
+  std::string huge(1 << 20, 'a');
+  huge += std::string("\0\n&=/?", 6);
+  capture.selection = huge;
+  summon.hotkeySummon(8);
+  scheduler.runAll();
+  ASSERT_EQ(panel.loads.size(), 1u);
+  EXPECT_EQ(panel.loads[0], huge);
+  EXPECT_EQ(panel.presented.size(), 1u);
+  EXPECT_EQ(log.messages(), std::vector<std::string>{"hotkey: 1048582 chars from Gedit"});
 }
 
 TEST_F(SummonTest, ChordLengthCountsUtf16Units) {
@@ -100,36 +184,39 @@ TEST_F(SummonTest, ChordLengthCountsUtf16Units) {
 TEST_F(SummonTest, NoSelectionWritesNoHotkeyLineAndShowsAnEmptyPanel) {
   summon.hotkeySummon(5);
   EXPECT_TRUE(log.messages().empty());
+  EXPECT_EQ(panel.loads, std::vector<std::optional<std::string>>{std::nullopt});
   scheduler.advance(0.7);
-  ASSERT_EQ(panel.shown.size(), 1u);
-  EXPECT_EQ(panel.shown[0].selection, std::nullopt);
+  ASSERT_EQ(panel.presented.size(), 1u);
+  EXPECT_EQ(panel.loads.size(), 1u);
 }
 
 TEST_F(SummonTest, FallbackShowsAfterSevenTenthsWhenNoActivateArrives) {
   capture.selection = "x";
   summon.hotkeySummon(77);
   scheduler.advance(0.69);
-  EXPECT_TRUE(panel.shown.empty());
+  EXPECT_TRUE(panel.presented.empty());
   scheduler.advance(0.01);
-  ASSERT_EQ(panel.shown.size(), 1u);
-  EXPECT_EQ(panel.shown[0].timestamp, 77u);
+  ASSERT_EQ(panel.presented.size(), 1u);
+  EXPECT_EQ(panel.presented[0].timestamp, 77u);
   // A late activation answer and a late reopen find nothing pending.
   activation.answer(std::nullopt);
   summon.takePendingSummon();
-  EXPECT_EQ(panel.shown.size(), 1u);
+  EXPECT_EQ(panel.presented.size(), 1u);
+  EXPECT_EQ(panel.loads, std::vector<std::optional<std::string>>{"x"});
 }
 
 TEST_F(SummonTest, RefusedActivationShowsDirectlyWithItsLine) {
   capture.selection = "y";
   summon.hotkeySummon(9);
   activation.answer(std::string("The name com.tarnwick.orvane was not provided"));
-  ASSERT_EQ(panel.shown.size(), 1u);
-  EXPECT_EQ(panel.shown[0].selection, "y");
+  ASSERT_EQ(panel.presented.size(), 1u);
+  EXPECT_EQ(panel.loads, std::vector<std::optional<std::string>>{"y"});
   EXPECT_EQ(log.messages().back(), "hotkey: LaunchServices refused (The name com.tarnwick.orvane "
                                    "was not provided) — showing directly");
   scheduler.runAll();
   summon.takePendingSummon();
-  EXPECT_EQ(panel.shown.size(), 1u);
+  EXPECT_EQ(panel.presented.size(), 1u);
+  EXPECT_EQ(panel.loads.size(), 1u);
 }
 
 TEST_F(SummonTest, KeyPanelInTheActiveProgramIsHiddenWithoutACapture) {
@@ -138,6 +225,7 @@ TEST_F(SummonTest, KeyPanelInTheActiveProgramIsHiddenWithoutACapture) {
   EXPECT_EQ(panel.hides, 1);
   EXPECT_FALSE(panel.visible);
   EXPECT_EQ(capture.selection_calls, 0);
+  EXPECT_TRUE(panel.steps.empty()); // nothing loaded, nothing shown
   EXPECT_TRUE(activation.timestamps.empty());
   EXPECT_EQ(scheduler.pending(), 0u);
   EXPECT_FALSE(summon.hasPendingSummon());
@@ -147,7 +235,7 @@ TEST_F(SummonTest, VisiblePanelWhileAnotherApplicationIsActiveShowsAgainWithAFre
   capture.selection = "first";
   summon.hotkeySummon(1);
   scheduler.advance(0.7);
-  ASSERT_EQ(panel.shown.size(), 1u);
+  ASSERT_EQ(panel.presented.size(), 1u);
   // The user goes back to the other application; the panel stays visible.
   panel.key = false;
   capture.selection = "second";
@@ -155,9 +243,9 @@ TEST_F(SummonTest, VisiblePanelWhileAnotherApplicationIsActiveShowsAgainWithAFre
   EXPECT_EQ(panel.hides, 0);
   EXPECT_EQ(capture.selection_calls, 2);
   scheduler.advance(0.7);
-  ASSERT_EQ(panel.shown.size(), 2u);
-  EXPECT_EQ(panel.shown[1].selection, "second");
-  EXPECT_EQ(panel.shown[1].timestamp, 2u);
+  ASSERT_EQ(panel.presented.size(), 2u);
+  EXPECT_EQ(panel.loads, (std::vector<std::optional<std::string>>{"first", "second"}));
+  EXPECT_EQ(panel.presented[1].timestamp, 2u);
 }
 
 TEST_F(SummonTest, ThisProgramInFrontShowsAtOnceOnTheKeyWindowsScreen) {
@@ -165,10 +253,10 @@ TEST_F(SummonTest, ThisProgramInFrontShowsAtOnceOnTheKeyWindowsScreen) {
   capture.selection = "never read";
   panel.key_screen = screens.list[1];
   summon.hotkeySummon(44);
-  ASSERT_EQ(panel.shown.size(), 1u);
-  EXPECT_EQ(panel.shown[0].selection, std::nullopt);
-  EXPECT_EQ(panel.shown[0].screen, screens.list[1]);
-  EXPECT_EQ(panel.shown[0].timestamp, 44u);
+  EXPECT_EQ(panel.steps, (std::vector<std::string>{"load:-", "present"}));
+  ASSERT_EQ(panel.presented.size(), 1u);
+  EXPECT_EQ(panel.presented[0].screen, screens.list[1]);
+  EXPECT_EQ(panel.presented[0].timestamp, 44u);
   EXPECT_EQ(capture.selection_calls, 0);
   EXPECT_TRUE(activation.timestamps.empty());
   EXPECT_FALSE(summon.hasPendingSummon());
@@ -182,7 +270,8 @@ TEST_F(SummonTest, EachOfTheThreePathsShowsTheSummonOnceWhicheverComesFirst) {
   summon.takePendingSummon();
   activation.answer(std::string("late error"));
   scheduler.runAll();
-  EXPECT_EQ(panel.shown.size(), 1u);
+  EXPECT_EQ(panel.presented.size(), 1u);
+  EXPECT_EQ(panel.loads.size(), 1u);
 }
 
 TEST_F(SummonTest, NoScreensLeaveTheScreenUnknown) {
@@ -190,15 +279,15 @@ TEST_F(SummonTest, NoScreensLeaveTheScreenUnknown) {
   capture.selection = "z";
   summon.hotkeySummon(1);
   scheduler.advance(0.7);
-  ASSERT_EQ(panel.shown.size(), 1u);
-  EXPECT_EQ(panel.shown[0].screen, std::nullopt);
+  ASSERT_EQ(panel.presented.size(), 1u);
+  EXPECT_EQ(panel.presented[0].screen, std::nullopt);
 }
 
 TEST_F(SummonTest, TheFallbackDelayIsAParameter) {
   Summon quick(capture, screens, scheduler, activation, panel, 0.05);
   quick.hotkeySummon(1);
   scheduler.advance(0.05);
-  EXPECT_EQ(panel.shown.size(), 1u);
+  EXPECT_EQ(panel.presented.size(), 1u);
 }
 
 } // namespace

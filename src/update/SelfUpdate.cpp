@@ -7,9 +7,9 @@
 #include "library/HttpTransfer.h"
 #include "update/InstallManifest.h"
 
+#include <algorithm>
 #include <archive.h>
 #include <archive_entry.h>
-#include <algorithm>
 #include <cerrno>
 #include <gio/gio.h>
 #include <glib/gstdio.h>
@@ -96,7 +96,7 @@ MovedAside MoveAside(const std::string& folder) {
   for (const std::string& trash : trash_folders)
     before.push_back(NamesIn(trash));
 
-  GObjectPtr<GFile> file(g_file_new_for_path(folder.c_str()));
+  auto file = GObjectPtr<GFile>::adopt(g_file_new_for_path(folder.c_str()));
   GError* error = nullptr;
   if (g_file_trash(file.get(), nullptr, &error)) {
     std::vector<std::string> appeared;
@@ -166,10 +166,9 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder) {
   struct archive* reader = archive_read_new();
   archive_read_support_format_zip(reader);
   struct archive* writer = archive_write_disk_new();
-  archive_write_disk_set_options(writer, ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM |
-                                             ARCHIVE_EXTRACT_SECURE_SYMLINKS |
-                                             ARCHIVE_EXTRACT_SECURE_NODOTDOT |
-                                             ARCHIVE_EXTRACT_SECURE_NOABSOLUTEPATHS);
+  archive_write_disk_set_options(
+      writer, ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_SECURE_SYMLINKS |
+                  ARCHIVE_EXTRACT_SECURE_NODOTDOT | ARCHIVE_EXTRACT_SECURE_NOABSOLUTEPATHS);
   bool refused = false;
   if (archive_read_open_filename(reader, archive_path.c_str(), 64 * 1024) == ARCHIVE_OK) {
     struct archive_entry* entry = nullptr;
@@ -300,17 +299,16 @@ void SelfUpdate::updateFrom(const std::string& address) {
   last_work_folder_ = work_folder;
   std::string download = work_folder + ".download";
   std::weak_ptr<bool> alive = alive_;
-  DownloadToFile(address, download,
-                 [this, alive, download, work_folder](TransferResult result) {
-                   if (alive.expired()) {
-                     g_unlink(download.c_str());
-                     return;
-                   }
-                   std::optional<std::string> error = result.error;
-                   if (!error && result.cut_short)
-                     error = "the download ended before its declared length";
-                   downloaded(download, work_folder, error, result.status);
-                 });
+  DownloadToFile(address, download, [this, alive, download, work_folder](TransferResult result) {
+    if (alive.expired()) {
+      g_unlink(download.c_str());
+      return;
+    }
+    std::optional<std::string> error = result.error;
+    if (!error && result.cut_short)
+      error = "the download ended before its declared length";
+    downloaded(download, work_folder, error, result.status);
+  });
 }
 
 void SelfUpdate::downloaded(const std::string& download, const std::string& work_folder,
@@ -421,8 +419,7 @@ void SelfUpdate::install(std::optional<std::string> candidate, bool unpacked,
   seams_.send_event({{"type", "updateDone"}, {"ok", true}});
   SparLog("update: installed, relaunching");
 
-  std::string command =
-      RelaunchCommand(JoinPath(bundle, "bin/orvane"), seams_.relaunch_delay);
+  std::string command = RelaunchCommand(JoinPath(bundle, "bin/orvane"), seams_.relaunch_delay);
   const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
   // A failure to start the shell is ignored: the quit happens anyway.
   g_spawn_async(nullptr, const_cast<char**>(argv), nullptr, G_SPAWN_DEFAULT, nullptr, nullptr,

@@ -74,8 +74,7 @@ private:
   void updateFailed(const std::string& message);
   void downloaded(const std::string& download, const std::string& work_folder,
                   std::optional<std::string> error, long status);
-  void install(std::optional<std::string> candidate, bool unpacked,
-               const std::string& work_folder);
+  void install(std::optional<std::string> candidate, bool unpacked, const std::string& work_folder);
   // False with a message when the candidate is not signed like this copy.
   bool satisfiesOurRequirement(const std::string& candidate, std::string& message);
 

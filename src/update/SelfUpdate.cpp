@@ -11,6 +11,7 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <cerrno>
+#include <cstdlib>
 #include <gio/gio.h>
 #include <glib/gstdio.h>
 #include <set>
@@ -166,9 +167,15 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder) {
   struct archive* reader = archive_read_new();
   archive_read_support_format_zip(reader);
   struct archive* writer = archive_write_disk_new();
-  archive_write_disk_set_options(
-      writer, ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM | ARCHIVE_EXTRACT_SECURE_SYMLINKS |
-                  ARCHIVE_EXTRACT_SECURE_NODOTDOT | ARCHIVE_EXTRACT_SECURE_NOABSOLUTEPATHS);
+  // Every entry's own name is checked to be a safe relative path below and
+  // then joined to the (symlink-free) work folder, so the written path is
+  // absolute on purpose; libarchive still refuses ".." and links on the way.
+  archive_write_disk_set_options(writer, ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM |
+                                             ARCHIVE_EXTRACT_SECURE_SYMLINKS |
+                                             ARCHIVE_EXTRACT_SECURE_NODOTDOT);
+  char* resolved = realpath(folder.c_str(), nullptr);
+  const std::string root = resolved ? resolved : folder;
+  free(resolved);
   bool refused = false;
   if (archive_read_open_filename(reader, archive_path.c_str(), 64 * 1024) == ARCHIVE_OK) {
     struct archive_entry* entry = nullptr;
@@ -187,9 +194,9 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder) {
         refused = true;
         break;
       }
-      archive_entry_set_pathname(entry, JoinPath(folder, path).c_str());
+      archive_entry_set_pathname(entry, JoinPath(root, path).c_str());
       if (hardlink)
-        archive_entry_set_hardlink(entry, JoinPath(folder, hardlink).c_str());
+        archive_entry_set_hardlink(entry, JoinPath(root, hardlink).c_str());
       if (archive_write_header(writer, entry) < ARCHIVE_WARN) {
         // libarchive's own guards (a link on the way, say) refuse it too.
         refused = true;

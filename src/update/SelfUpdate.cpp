@@ -163,7 +163,8 @@ struct UnpackOutcome {
 
 } // namespace
 
-bool UnpackArchive(const std::string& archive_path, const std::string& folder) {
+bool UnpackArchive(const std::string& archive_path, const std::string& folder,
+                   UnpackLimits limits) {
   struct archive* reader = archive_read_new();
   archive_read_support_format_zip(reader);
   struct archive* writer = archive_write_disk_new();
@@ -177,9 +178,15 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder) {
   const std::string root = resolved ? resolved : folder;
   free(resolved);
   bool refused = false;
+  uint64_t unpacked_bytes = 0;
+  size_t entries = 0;
   if (archive_read_open_filename(reader, archive_path.c_str(), 64 * 1024) == ARCHIVE_OK) {
     struct archive_entry* entry = nullptr;
     while (!refused && archive_read_next_header(reader, &entry) == ARCHIVE_OK) {
+      if (++entries > limits.max_entries) {
+        refused = true;
+        break;
+      }
       const char* name = archive_entry_pathname(entry);
       std::string path = name ? name : "";
       while (!path.empty() && path.back() == '/')
@@ -207,11 +214,16 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder) {
       la_int64_t offset = 0;
       int status;
       while ((status = archive_read_data_block(reader, &block, &size, &offset)) == ARCHIVE_OK) {
+        unpacked_bytes += size;
+        if (unpacked_bytes > limits.max_bytes) {
+          refused = true;
+          break;
+        }
         if (archive_write_data_block(writer, block, size, offset) < ARCHIVE_WARN)
           break;
       }
       archive_write_finish_entry(writer);
-      if (status < ARCHIVE_WARN)
+      if (refused || status < ARCHIVE_WARN)
         break; // damaged: what is unpacked stays
     }
   }

@@ -4,6 +4,8 @@
 // sent to the page as an event.
 #pragma once
 
+#include <cstdint>
+
 #include "bridge/Event.h"
 #include "desktop/Scheduler.h"
 
@@ -24,7 +26,14 @@ inline constexpr char kFolderNotWritableMessage[] =
 // entries that are neither files, folders nor links are refused: the result
 // is false and the unpacking stops. An archive that cannot be read is not a
 // refusal: what could be unpacked stays, and the search for the app decides.
-bool UnpackArchive(const std::string& archive, const std::string& folder);
+// An archive that unpacks to more than `max_bytes` or holds more than
+// `max_entries` entries is refused the same way, so that a small download
+// cannot fill the disk.
+struct UnpackLimits {
+  uint64_t max_bytes = uint64_t(4) << 30;
+  size_t max_entries = 200000;
+};
+bool UnpackArchive(const std::string& archive, const std::string& folder, UnpackLimits limits = {});
 
 // The app inside an unpacked update: each top-level folder holding
 // bin/orvane and share/orvane/MANIFEST; of several, the last in name order.

@@ -421,5 +421,24 @@ TEST_F(SelfUpdateTest, ARefusedConnectionFailsWithTheTransportError) {
   EXPECT_EQ(error().find("download failed (HTTP"), std::string::npos);
 }
 
+TEST(UnpackLimitsTest, AnArchiveOverItsBoundsIsRefused) {
+  TempDir scratch;
+  std::string zip_path = scratch.path() + "/app.zip";
+  std::string zip =
+      MakeZip({FileEntry("a/one", std::string(4000, 'x')),
+               FileEntry("a/two", std::string(4000, 'y')), FileEntry("a/three", "z")});
+  ASSERT_TRUE(g_file_set_contents(zip_path.c_str(), zip.data(), gssize(zip.size()), nullptr));
+
+  int run = 0;
+  auto unpack = [&](UnpackLimits limits) {
+    std::string into = scratch.path() + "/out-" + std::to_string(++run);
+    g_mkdir_with_parents(into.c_str(), 0700);
+    return UnpackArchive(zip_path, into, limits);
+  };
+  EXPECT_TRUE(unpack({8001, 3}));
+  EXPECT_FALSE(unpack({8000, 3})) << "8001 bytes unpacked under a bound of 8000";
+  EXPECT_FALSE(unpack({8001, 2})) << "three entries under a bound of two";
+}
+
 } // namespace
 } // namespace orvane

@@ -37,6 +37,7 @@
 #include "library/WindowDrops.h"
 #include "placement/PaperSplits.h"
 #include "placement/PlacementRequests.h"
+#include "update/SelfUpdate.h"
 #include "web/LibraryWindow.h"
 #include "web/WebViewFactory.h"
 
@@ -130,6 +131,7 @@ public:
   void revealInFileManager(const std::string& path) override;
   void runClaude(const nlohmann::json& body) override;
   void stopClaude(const nlohmann::json& body) override;
+  void updateFrom(const std::string& address) override;
 
   // WebViewDelegate
   void didReceiveScriptMessage(const std::string& name, const nlohmann::json& body,
@@ -184,6 +186,7 @@ private:
   std::unique_ptr<SplitChat> split_chat_;
   std::unique_ptr<PaperSplits> splits_;
   std::unique_ptr<PlacementRequests> placement_;
+  std::unique_ptr<SelfUpdate> self_update_;
   LogThrottle dropped_addresses_;
 };
 

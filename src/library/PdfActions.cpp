@@ -54,6 +54,10 @@ bool PdfActions::handlePdfAction(const std::optional<std::string>& action,
     host_.runClaude(body);
   } else if (name == "stopClaude") {
     host_.stopClaude(body);
+  } else if (name == "updateApp") {
+    // Only a string address starts an update; anything else is ignored.
+    if (std::optional<std::string> url = StringMember(body, "url"))
+      host_.updateFrom(*url);
   } else {
     return false;
   }

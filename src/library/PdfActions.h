@@ -24,6 +24,8 @@ public:
   virtual void beginFileDrag(const std::string& path, const PageRef& page) = 0;
   virtual void runClaude(const nlohmann::json& body) = 0;
   virtual void stopClaude(const nlohmann::json& body) = 0;
+  // Replaces the running copy with the one in the archive at this address.
+  virtual void updateFrom(const std::string& address) = 0;
 };
 
 class PdfActions {

@@ -64,6 +64,7 @@ protected:
   void revealInFileManager(const std::string& path) override { calls.push_back("reveal " + path); }
   void runClaude(const json&) override { calls.push_back("runClaude"); }
   void stopClaude(const json&) override { calls.push_back("stopClaude"); }
+  void updateFrom(const std::string& address) override { calls.push_back("updateFrom " + address); }
 
   void post(const json& body, const std::shared_ptr<FakePage>& from) {
     dispatcher.didReceiveScriptMessage("panel", body, from, {from->committedAddress(), true});

@@ -44,6 +44,7 @@ protected:
   }
   void runClaude(const json& body) override { calls.push_back("run " + body.value("turn", "")); }
   void stopClaude(const json& body) override { calls.push_back("stop " + body.value("turn", "")); }
+  void updateFrom(const std::string& address) override { calls.push_back("update " + address); }
 
   bool act(const json& body) {
     std::optional<std::string> action;
@@ -249,6 +250,21 @@ TEST_F(PdfActionsTest, AgentActionsAreHandedOnAfterHello) {
   EXPECT_TRUE(act({{"action", "stopClaude"}, {"turn", "t1"}}));
   EXPECT_FALSE(act({{"action", "spar"}, {"id", "x"}}));
   EXPECT_THAT(calls, ElementsAre("run t1", "stop t1"));
+}
+
+TEST_F(PdfActionsTest, UpdateAppStartsAnUpdateOnlyWithAStringAddress) {
+  signIn();
+  for (json url : {json(42), json(nullptr), json::array({"http://a/x.zip"}),
+                   json::object({{"u", "v"}}), json(true)})
+    EXPECT_TRUE(act({{"action", "updateApp"}, {"url", url}})) << url;
+  EXPECT_TRUE(act({{"action", "updateApp"}}));
+  EXPECT_TRUE(calls.empty());
+  EXPECT_TRUE(events.empty());
+  EXPECT_TRUE(act({{"action", "updateApp"}, {"url", "http://127.0.0.1:9/Orvane-2.zip"}}));
+  EXPECT_TRUE(act({{"action", "updateApp"}, {"url", std::string(1 << 20, 'x')}}));
+  ASSERT_EQ(calls.size(), 2u);
+  EXPECT_EQ(calls[0], "update http://127.0.0.1:9/Orvane-2.zip");
+  EXPECT_EQ(calls[1].size(), std::string("update ").size() + (1 << 20));
 }
 
 TEST_F(PdfActionsTest, PaperIdWithANulCharacterCountsAsMissing) {

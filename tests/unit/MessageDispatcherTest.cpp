@@ -31,6 +31,7 @@ public:
   void revealInFileManager(const std::string& path) override { calls.push_back("reveal " + path); }
   void runClaude(const json&) override { calls.push_back("runClaude"); }
   void stopClaude(const json&) override { calls.push_back("stopClaude"); }
+  void updateFrom(const std::string& address) override { calls.push_back("updateFrom " + address); }
 
   bool handlePdfAction(const std::optional<std::string>& action, const json& body,
                        const PageRef& from) override {

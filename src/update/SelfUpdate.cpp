@@ -1,0 +1,453 @@
+#include "update/SelfUpdate.h"
+
+#include "base/BuildInfo.h"
+#include "base/GObjectPtr.h"
+#include "base/Paths.h"
+#include "base/SparLog.h"
+#include "library/HttpTransfer.h"
+#include "update/InstallManifest.h"
+
+#include <algorithm>
+#include <archive.h>
+#include <archive_entry.h>
+#include <cerrno>
+#include <cstdlib>
+#include <gio/gio.h>
+#include <glib/gstdio.h>
+#include <set>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+#include <vector>
+
+namespace orvane {
+namespace {
+
+std::string UpperCaseUuid() {
+  GCharPtr uuid(g_uuid_string_random());
+  GCharPtr upper(g_ascii_strup(uuid.get(), -1));
+  return upper.get();
+}
+
+std::string ParentOf(const std::string& path) {
+  GCharPtr parent(g_path_get_dirname(path.c_str()));
+  return parent.get();
+}
+
+// Removes a file or a folder with everything in it, never following links.
+void RemoveTree(const std::string& path) {
+  struct stat info;
+  if (lstat(path.c_str(), &info) != 0)
+    return;
+  if (S_ISDIR(info.st_mode)) {
+    if (GDir* dir = g_dir_open(path.c_str(), 0, nullptr)) {
+      while (const char* name = g_dir_read_name(dir))
+        RemoveTree(JoinPath(path, name));
+      g_dir_close(dir);
+    }
+    g_rmdir(path.c_str());
+  } else {
+    g_unlink(path.c_str());
+  }
+}
+
+bool IsDirectoryNoLink(const std::string& path) {
+  struct stat info;
+  return lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
+}
+bool IsRegularNoLink(const std::string& path) {
+  struct stat info;
+  return lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
+}
+
+std::set<std::string> NamesIn(const std::string& folder) {
+  std::set<std::string> names;
+  if (GDir* dir = g_dir_open(folder.c_str(), 0, nullptr)) {
+    while (const char* name = g_dir_read_name(dir))
+      names.insert(name);
+    g_dir_close(dir);
+  }
+  return names;
+}
+
+// The trash folders a folder can land in: the home trash and the trash at
+// the top of each folder above it (GLib picks the one on its file system).
+std::vector<std::string> TrashFileFolders(const std::string& folder) {
+  std::vector<std::string> folders = {JoinPath(DataFolder(), "Trash/files")};
+  std::string uid = std::to_string(getuid());
+  for (std::string above = ParentOf(folder);; above = ParentOf(above)) {
+    folders.push_back(JoinPath(above, ".Trash-" + uid + "/files"));
+    folders.push_back(JoinPath(above, ".Trash/" + uid + "/files"));
+    if (above == "/" || above == ".")
+      break;
+  }
+  return folders;
+}
+
+struct MovedAside {
+  std::optional<std::string> location; // where the old folder is now, when known
+  std::string error;                   // empty when it was moved
+};
+
+// Moves the running folder to the trash, learning where it landed by what
+// appeared there; where the trash cannot take it, renames it beside itself.
+MovedAside MoveAside(const std::string& folder) {
+  std::vector<std::string> trash_folders = TrashFileFolders(folder);
+  std::vector<std::set<std::string>> before;
+  for (const std::string& trash : trash_folders)
+    before.push_back(NamesIn(trash));
+
+  auto file = GObjectPtr<GFile>::adopt(g_file_new_for_path(folder.c_str()));
+  GError* error = nullptr;
+  if (g_file_trash(file.get(), nullptr, &error)) {
+    std::vector<std::string> appeared;
+    for (size_t i = 0; i < trash_folders.size(); ++i) {
+      for (const std::string& name : NamesIn(trash_folders[i])) {
+        if (!before[i].count(name))
+          appeared.push_back(JoinPath(trash_folders[i], name));
+      }
+    }
+    MovedAside moved;
+    if (appeared.size() == 1)
+      moved.location = appeared.front();
+    return moved;
+  }
+  std::string trash_error = error && error->message ? error->message : "?";
+  g_clear_error(&error);
+
+  std::string beside = folder + ".old-" + UpperCaseUuid();
+  if (g_rename(folder.c_str(), beside.c_str()) == 0)
+    return {beside, ""};
+  return {std::nullopt, trash_error};
+}
+
+// Lexically resolves `target` against the folder of `entry_path` (both
+// relative to the work folder) and says whether it stays inside.
+bool LinkStaysInside(const std::string& entry_path, const std::string& target) {
+  if (target.empty() || target.front() == '/')
+    return false;
+  std::vector<std::string> parts;
+  std::string joined = entry_path + "/../" + target;
+  size_t start = 0;
+  while (start <= joined.size()) {
+    size_t end = joined.find('/', start);
+    if (end == std::string::npos)
+      end = joined.size();
+    std::string part = joined.substr(start, end - start);
+    if (part == "..") {
+      if (parts.empty())
+        return false;
+      parts.pop_back();
+    } else if (!part.empty() && part != ".") {
+      parts.push_back(part);
+    }
+    start = end + 1;
+  }
+  return true;
+}
+
+std::string ReadSmallFile(const std::string& folder, const std::string& path) {
+  return ReadFileInside(folder, path, kManifestSizeLimit).value_or("");
+}
+
+std::string Trimmed(std::string text) {
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' '))
+    text.pop_back();
+  return text;
+}
+
+struct UnpackOutcome {
+  bool unpacked = false;
+  std::optional<std::string> candidate;
+};
+
+} // namespace
+
+bool UnpackArchive(const std::string& archive_path, const std::string& folder,
+                   UnpackLimits limits) {
+  struct archive* reader = archive_read_new();
+  archive_read_support_format_zip(reader);
+  struct archive* writer = archive_write_disk_new();
+  // Every entry's own name is checked to be a safe relative path below and
+  // then joined to the (symlink-free) work folder, so the written path is
+  // absolute on purpose; libarchive still refuses ".." and links on the way.
+  archive_write_disk_set_options(writer, ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM |
+                                             ARCHIVE_EXTRACT_SECURE_SYMLINKS |
+                                             ARCHIVE_EXTRACT_SECURE_NODOTDOT);
+  char* resolved = realpath(folder.c_str(), nullptr);
+  const std::string root = resolved ? resolved : folder;
+  free(resolved);
+  bool refused = false;
+  uint64_t unpacked_bytes = 0;
+  size_t entries = 0;
+  if (archive_read_open_filename(reader, archive_path.c_str(), 64 * 1024) == ARCHIVE_OK) {
+    struct archive_entry* entry = nullptr;
+    while (!refused && archive_read_next_header(reader, &entry) == ARCHIVE_OK) {
+      if (++entries > limits.max_entries) {
+        refused = true;
+        break;
+      }
+      const char* name = archive_entry_pathname(entry);
+      std::string path = name ? name : "";
+      while (!path.empty() && path.back() == '/')
+        path.pop_back();
+      mode_t type = archive_entry_filetype(entry);
+      const char* hardlink = archive_entry_hardlink(entry);
+      const char* symlink = archive_entry_symlink(entry);
+      if (path.empty() || !IsSafeRelativePath(path) ||
+          (hardlink && !IsSafeRelativePath(hardlink)) ||
+          (type == AE_IFLNK && (!symlink || !LinkStaysInside(path, symlink))) ||
+          (type != AE_IFREG && type != AE_IFDIR && type != AE_IFLNK)) {
+        refused = true;
+        break;
+      }
+      archive_entry_set_pathname(entry, JoinPath(root, path).c_str());
+      if (hardlink)
+        archive_entry_set_hardlink(entry, JoinPath(root, hardlink).c_str());
+      if (archive_write_header(writer, entry) < ARCHIVE_WARN) {
+        // libarchive's own guards (a link on the way, say) refuse it too.
+        refused = true;
+        break;
+      }
+      const void* block = nullptr;
+      size_t size = 0;
+      la_int64_t offset = 0;
+      int status;
+      while ((status = archive_read_data_block(reader, &block, &size, &offset)) == ARCHIVE_OK) {
+        unpacked_bytes += size;
+        if (unpacked_bytes > limits.max_bytes) {
+          refused = true;
+          break;
+        }
+        if (archive_write_data_block(writer, block, size, offset) < ARCHIVE_WARN)
+          break;
+      }
+      archive_write_finish_entry(writer);
+      if (refused || status < ARCHIVE_WARN)
+        break; // damaged: what is unpacked stays
+    }
+  }
+  archive_read_free(reader);
+  archive_write_free(writer);
+  return !refused;
+}
+
+std::optional<std::string> FindCandidate(const std::string& folder) {
+  std::optional<std::string> candidate;
+  for (const std::string& name : NamesIn(folder)) { // sorted by name
+    std::string path = JoinPath(folder, name);
+    if (IsDirectoryNoLink(path) && IsRegularNoLink(JoinPath(path, "bin/orvane")) &&
+        IsRegularNoLink(JoinPath(path, kManifestPath)))
+      candidate = path;
+  }
+  return candidate;
+}
+
+bool IsTranslocated(const std::string& install_folder) {
+  if (install_folder.rfind("/tmp/.mount_", 0) == 0)
+    return true;
+  struct statvfs info;
+  return statvfs(install_folder.c_str(), &info) == 0 && (info.f_flag & ST_RDONLY);
+}
+
+std::string OwnSignatureProblem(const std::string& install_folder) {
+  std::string manifest = ReadSmallFile(install_folder, kManifestPath);
+  std::string signature = Trimmed(ReadSmallFile(install_folder, kManifestSignaturePath));
+  std::string key = Trimmed(ReadSmallFile(install_folder, kUpdateKeyPath));
+  if (manifest.empty() || signature.empty() || key.empty())
+    return "no MANIFEST, signature or key";
+  if (!SignatureVerifies(manifest, signature, key))
+    return "the MANIFEST does not verify under its own key";
+  ParsedManifest parsed = ParseManifest(manifest);
+  if (!parsed.manifest || parsed.manifest->app_id != kApplicationId)
+    return "the MANIFEST names another application";
+  return "";
+}
+
+std::string RelaunchCommand(const std::string& executable, double delay_seconds) {
+  char seconds[G_ASCII_DTOSTR_BUF_SIZE];
+  g_ascii_formatd(seconds, sizeof seconds, "%g", delay_seconds);
+  // The path goes between double quotes, as it is.
+  return std::string("sleep ") + seconds + "; \"" + executable + "\"";
+}
+
+std::string RenameFolder(const std::string& from, const std::string& to) {
+  if (g_rename(from.c_str(), to.c_str()) == 0)
+    return "";
+  return g_strerror(errno);
+}
+
+SelfUpdate::SelfUpdate(SelfUpdateSeams seams) : seams_(std::move(seams)) {
+  if (!seams_.move_into_place)
+    seams_.move_into_place = RenameFolder;
+}
+
+SelfUpdate::~SelfUpdate() {
+  *alive_ = false;
+}
+
+void SelfUpdate::updateProgress(const std::string& stage) {
+  SparLog("update: %@", stage);
+  seams_.send_event({{"type", "updateProgress"}, {"stage", stage}});
+}
+
+void SelfUpdate::updateFailed(const std::string& message) {
+  SparLog("update failed: %@", message);
+  seams_.send_event({{"type", "updateDone"}, {"ok", false}, {"error", message}});
+}
+
+void SelfUpdate::updateFrom(const std::string& address) {
+  GUri* uri = g_uri_parse(address.c_str(), G_URI_FLAGS_NONE, nullptr);
+  if (!uri) {
+    updateFailed("no download address");
+    return;
+  }
+  g_uri_unref(uri);
+  const std::string& bundle = seams_.install_folder;
+  if (IsTranslocated(bundle)) {
+    updateFailed(kAppTranslocatedMessage);
+    return;
+  }
+  if (access(ParentOf(bundle).c_str(), W_OK) != 0) {
+    updateFailed(kFolderNotWritableMessage);
+    return;
+  }
+  updateProgress("downloading");
+
+  std::string work_folder = JoinPath(seams_.temp_folder, "orvane-update-" + UpperCaseUuid());
+  last_work_folder_ = work_folder;
+  std::string download = work_folder + ".download";
+  std::weak_ptr<bool> alive = alive_;
+  DownloadToFile(address, download, [this, alive, download, work_folder](TransferResult result) {
+    if (alive.expired()) {
+      g_unlink(download.c_str());
+      return;
+    }
+    std::optional<std::string> error = result.error;
+    if (!error && result.cut_short)
+      error = "the download ended before its declared length";
+    downloaded(download, work_folder, error, result.status);
+  });
+}
+
+void SelfUpdate::downloaded(const std::string& download, const std::string& work_folder,
+                            std::optional<std::string> error, long status) {
+  if (error || status != 200) {
+    g_unlink(download.c_str());
+    updateFailed(error ? *error : "download failed (HTTP " + std::to_string(status) + ")");
+    return;
+  }
+  g_mkdir_with_parents(work_folder.c_str(), 0700);
+  std::string archive = JoinPath(work_folder, "app.zip");
+  g_rename(download.c_str(), archive.c_str());
+  updateProgress("unpacking");
+
+  // Unpacking and listing run on a worker thread; only the result comes
+  // back to the main loop.
+  struct Job {
+    std::string archive, work_folder;
+    UnpackOutcome outcome;
+  };
+  auto* job = new Job{archive, work_folder, {}};
+  struct Done {
+    SelfUpdate* self;
+    std::weak_ptr<bool> alive;
+  };
+  auto* done = new Done{this, alive_};
+  GTask* task = g_task_new(
+      nullptr, nullptr,
+      [](GObject*, GAsyncResult* result, gpointer data) {
+        std::unique_ptr<Done> done(static_cast<Done*>(data));
+        auto* job = static_cast<Job*>(g_task_get_task_data(G_TASK(result)));
+        if (!done->alive.expired())
+          done->self->install(job->outcome.candidate, job->outcome.unpacked, job->work_folder);
+      },
+      done);
+  g_task_set_task_data(task, job, [](gpointer data) { delete static_cast<Job*>(data); });
+  g_task_run_in_thread(task, [](GTask* task, gpointer, gpointer data, GCancellable*) {
+    auto* job = static_cast<Job*>(data);
+    job->outcome.unpacked = UnpackArchive(job->archive, job->work_folder);
+    if (job->outcome.unpacked)
+      job->outcome.candidate = FindCandidate(job->work_folder);
+    g_task_return_boolean(task, TRUE);
+  });
+  g_object_unref(task);
+}
+
+bool SelfUpdate::satisfiesOurRequirement(const std::string& candidate, std::string& message) {
+  const std::string& bundle = seams_.install_folder;
+  if (!OwnSignatureProblem(bundle).empty()) {
+    message = "could not read this app's own signature";
+    return false;
+  }
+  if (!IsDirectoryNoLink(candidate)) {
+    message = "the downloaded app is not readable";
+    return false;
+  }
+  std::string key = Trimmed(ReadSmallFile(bundle, kUpdateKeyPath));
+  FolderCheck check = CheckInstallFolder(candidate, key, kApplicationId);
+  if (!check.ok()) {
+    message = "the downloaded app is not signed like this one (code " +
+              std::to_string(static_cast<int>(check.code)) + ")";
+    SparLog("update: %@", check.message);
+    return false;
+  }
+  return true;
+}
+
+void SelfUpdate::install(std::optional<std::string> candidate, bool unpacked,
+                         const std::string& work_folder) {
+  if (!unpacked) {
+    updateFailed("could not unpack the download");
+    return;
+  }
+  if (!candidate) {
+    updateFailed("the download held no app");
+    return;
+  }
+  updateProgress("checking signature");
+  std::string message;
+  if (!satisfiesOurRequirement(*candidate, message)) {
+    updateFailed(message);
+    return;
+  }
+  updateProgress("installing");
+
+  const std::string& bundle = seams_.install_folder;
+  MovedAside aside = MoveAside(bundle);
+  if (!aside.error.empty()) {
+    updateFailed("could not move the old app aside: " + aside.error);
+    return;
+  }
+  std::string move_error = seams_.move_into_place(*candidate, bundle);
+  if (!move_error.empty()) {
+    if (aside.location)
+      g_rename(aside.location->c_str(), bundle.c_str());
+    updateFailed("could not install the new app: " + move_error);
+    return;
+  }
+  if (aside.location) {
+    RemoveTree(*aside.location);
+    // The trash's record of it goes too.
+    std::string files = ParentOf(*aside.location);
+    GCharPtr name(g_path_get_basename(aside.location->c_str()));
+    if (g_str_has_suffix(files.c_str(), "/files"))
+      g_unlink((ParentOf(files) + "/info/" + name.get() + ".trashinfo").c_str());
+  }
+  RemoveTree(work_folder);
+  seams_.send_event({{"type", "updateDone"}, {"ok", true}});
+  SparLog("update: installed, relaunching");
+
+  std::string command = RelaunchCommand(JoinPath(bundle, "bin/orvane"), seams_.relaunch_delay);
+  const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+  // A failure to start the shell is ignored: the quit happens anyway.
+  g_spawn_async(nullptr, const_cast<char**>(argv), nullptr, G_SPAWN_DEFAULT, nullptr, nullptr,
+                nullptr, nullptr);
+  std::weak_ptr<bool> alive = alive_;
+  seams_.scheduler.after(seams_.quit_delay, [this, alive] {
+    if (!alive.expired())
+      seams_.quit();
+  });
+}
+
+} // namespace orvane

@@ -1,0 +1,444 @@
+// The update against real install folders signed with throwaway keys, real
+// zip archives served on loopback, the real trash and a real relaunch shell.
+#include "update/SelfUpdate.h"
+
+#include "base/BuildInfo.h"
+#include "support/LogCapture.h"
+#include "support/MainLoop.h"
+#include "support/TempDir.h"
+#include "support/TestHttpServer.h"
+#include "update/InstallManifest.h"
+
+#include <algorithm>
+#include <archive.h>
+#include <archive_entry.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace orvane {
+namespace {
+
+struct ZipEntry {
+  std::string path;
+  std::string text;
+  mode_t mode = 0644;
+  std::optional<std::string> link; // a symbolic link to this target
+  bool folder = false;
+};
+
+ZipEntry FileEntry(const std::string& path, const std::string& text) {
+  return {path, text, 0644, std::nullopt, false};
+}
+ZipEntry LinkEntry(const std::string& path, const std::string& target) {
+  return {path, "", 0, target, false};
+}
+
+std::string MakeZip(const std::vector<ZipEntry>& entries) {
+  std::vector<char> buffer(64 * 1024 * 1024);
+  size_t used = 0;
+  struct archive* writer = archive_write_new();
+  archive_write_set_format_zip(writer);
+  archive_write_open_memory(writer, buffer.data(), buffer.size(), &used);
+  for (const ZipEntry& e : entries) {
+    struct archive_entry* entry = archive_entry_new();
+    archive_entry_set_pathname(entry, e.path.c_str());
+    if (e.link) {
+      archive_entry_set_filetype(entry, AE_IFLNK);
+      archive_entry_set_symlink(entry, e.link->c_str());
+      archive_entry_set_perm(entry, 0777);
+    } else if (e.folder) {
+      archive_entry_set_filetype(entry, AE_IFDIR);
+      archive_entry_set_perm(entry, 0755);
+    } else {
+      archive_entry_set_filetype(entry, AE_IFREG);
+      archive_entry_set_perm(entry, e.mode);
+      archive_entry_set_size(entry, e.text.size());
+    }
+    archive_write_header(writer, entry);
+    if (!e.link && !e.folder)
+      archive_write_data(writer, e.text.data(), e.text.size());
+    archive_entry_free(entry);
+  }
+  archive_write_close(writer);
+  archive_write_free(writer);
+  return std::string(buffer.data(), used);
+}
+
+// Every file and link under `folder`, as zip entries below `prefix`.
+void CollectEntries(const std::string& folder, const std::string& prefix,
+                    std::vector<ZipEntry>& out) {
+  GDir* dir = g_dir_open(folder.c_str(), 0, nullptr);
+  ASSERT_TRUE(dir);
+  while (const char* name = g_dir_read_name(dir)) {
+    std::string full = folder + "/" + name;
+    std::string path = prefix + "/" + name;
+    struct stat info;
+    lstat(full.c_str(), &info);
+    if (S_ISLNK(info.st_mode)) {
+      char target[4096];
+      ssize_t n = readlink(full.c_str(), target, sizeof target);
+      out.push_back({path, "", 0, std::string(target, n)});
+    } else if (S_ISDIR(info.st_mode)) {
+      out.push_back({path, "", 0755, std::nullopt, true});
+      CollectEntries(full, path, out);
+    } else {
+      out.push_back({path, TempDir::Read(full), mode_t(info.st_mode & 07777), std::nullopt});
+    }
+  }
+  g_dir_close(dir);
+}
+
+std::string Snapshot(const std::string& folder) {
+  FolderScan scan = ScanInstallFolder(folder);
+  std::string text = scan.error + TempDir::Read(folder + "/" + kManifestPath) +
+                     TempDir::Read(folder + "/" + kManifestSignaturePath);
+  for (const ManifestEntry& e : scan.entries)
+    text += e.path + " " + e.sha256_hex + " " + std::to_string(e.mode) + " " + e.link_target + "\n";
+  return text;
+}
+
+class SelfUpdateTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    UseThrowawayHome();
+    key_ = *GenerateKeyPair();
+    install_ = scratch_.file("apps/Orvane");
+    temp_ = scratch_.file("tmp");
+    g_mkdir_with_parents(temp_.c_str(), 0700);
+    marker_ = scratch_.file("relaunched");
+    MakeApp(install_, "old", "1.0");
+    ASSERT_EQ(SignInstallFolder(install_, key_.secret_key, kApplicationId, "1.0", "b1", false), "");
+    update_ = std::make_unique<SelfUpdate>(seams());
+  }
+
+  SelfUpdateSeams seams() {
+    return SelfUpdateSeams{install_,
+                           temp_,
+                           scheduler_,
+                           [this](const Event& e) { events_.push_back(e); },
+                           [this] { ++quits_; },
+                           nullptr,
+                           0,
+                           0.5};
+  }
+
+  // An app whose program, when relaunched, writes its name into the marker.
+  void MakeApp(const std::string& folder, const std::string& name, const std::string&) {
+    TempDir::WriteFile(folder + "/bin/orvane",
+                       "#!/bin/sh\necho " + name + " > '" + marker_ + "'\n");
+    chmod((folder + "/bin/orvane").c_str(), 0755);
+    TempDir::WriteFile(folder + "/share/orvane/site/main.py", "print('" + name + "')\n");
+    TempDir::WriteFile(folder + "/share/applications/com.tarnwick.orvane.desktop", "[Desktop]\n");
+  }
+
+  // A signed release folder "Orvane" under a folder of its own.
+  std::string MakeRelease(const std::string& secret_key,
+                          const std::string& app_id = kApplicationId) {
+    std::string folder = scratch_.file("release-" + std::to_string(++releases_) + "/Orvane");
+    MakeApp(folder, "new", "2.0");
+    EXPECT_EQ(SignInstallFolder(folder, secret_key, app_id, "2.0", "b2", false), "");
+    return folder;
+  }
+  std::string ZipOf(const std::string& folder, const std::string& prefix = "Orvane") {
+    std::vector<ZipEntry> entries;
+    CollectEntries(folder, prefix, entries);
+    return MakeZip(entries);
+  }
+
+  // Serves the archive and runs the update until it is done.
+  void UpdateWith(const std::string& zip, int status = 200) {
+    server_ = std::make_unique<TestHttpServer>([zip, status](const HttpRequest&, HttpReply& r) {
+      r.status = status;
+      r.body = status == 200 ? zip : "<html>not here</html>";
+    });
+    update_->updateFrom(server_->url("/Orvane-2.0-linux-x86_64.zip"));
+    ASSERT_TRUE(SpinUntil([this] { return done(); }));
+  }
+  bool done() const { return !events_.empty() && events_.back()["type"] == "updateDone"; }
+  std::string error() const { return events_.back().value("error", ""); }
+  std::vector<std::string> stages() const {
+    std::vector<std::string> out;
+    for (const Event& e : events_)
+      out.push_back(e.value("stage", e.dump()));
+    return out;
+  }
+  // Everything the temporary folder holds besides the work folder.
+  std::vector<std::string> TempNames() {
+    std::vector<std::string> names;
+    GDir* dir = g_dir_open(temp_.c_str(), 0, nullptr);
+    while (const char* name = g_dir_read_name(dir))
+      names.push_back(name);
+    g_dir_close(dir);
+    return names;
+  }
+
+  LogCapture log_;
+  TempDir scratch_;
+  KeyPair key_;
+  std::string install_, temp_, marker_;
+  VirtualScheduler scheduler_;
+  std::vector<Event> events_;
+  int quits_ = 0;
+  int releases_ = 0;
+  std::unique_ptr<SelfUpdate> update_;
+  std::unique_ptr<TestHttpServer> server_;
+};
+
+TEST_F(SelfUpdateTest, AGoodUpdateSwapsTheFolderRelaunchesAndQuits) {
+  std::string release = MakeRelease(key_.secret_key);
+  std::string expected = Snapshot(release);
+  UpdateWith(ZipOf(release));
+  ASSERT_EQ(events_.size(), 5u) << events_.back().dump();
+  EXPECT_EQ(stages(),
+            (std::vector<std::string>{"downloading", "unpacking", "checking signature",
+                                      "installing", R"({"ok":true,"type":"updateDone"})"}));
+  for (size_t i = 0; i < 4; ++i)
+    EXPECT_EQ(events_[i]["type"], "updateProgress");
+  EXPECT_EQ(Snapshot(install_), expected);
+  EXPECT_TRUE(CheckInstallFolder(install_, key_.public_key, kApplicationId).ok());
+  // The old copy and the work folder are gone; nothing is left beside.
+  EXPECT_TRUE(TempNames().empty());
+  EXPECT_FALSE(g_file_test(update_->lastWorkFolder().c_str(), G_FILE_TEST_EXISTS));
+  GDir* apps = g_dir_open(scratch_.file("apps").c_str(), 0, nullptr);
+  std::vector<std::string> beside;
+  while (const char* name = g_dir_read_name(apps))
+    beside.push_back(name);
+  g_dir_close(apps);
+  EXPECT_EQ(beside, std::vector<std::string>{"Orvane"});
+  // The quit comes 0.5 s after success, not before.
+  scheduler_.advance(0.49);
+  EXPECT_EQ(quits_, 0);
+  scheduler_.advance(0.02);
+  EXPECT_EQ(quits_, 1);
+  // The shell starts the new program from the same path.
+  ASSERT_TRUE(SpinUntil([this] { return TempDir::Read(marker_) == "new\n"; }));
+  std::vector<std::string> lines = log_.messages();
+  std::vector<std::string> update_lines;
+  for (const std::string& line : lines)
+    if (line.rfind("update", 0) == 0)
+      update_lines.push_back(line);
+  EXPECT_EQ(update_lines,
+            (std::vector<std::string>{"update: downloading", "update: unpacking",
+                                      "update: checking signature", "update: installing",
+                                      "update: installed, relaunching"}));
+}
+
+TEST_F(SelfUpdateTest, RelaunchCommandQuotesThePathAndWaits) {
+  EXPECT_EQ(RelaunchCommand("/opt/my apps/Orvane/bin/orvane", 1.5),
+            "sleep 1.5; \"/opt/my apps/Orvane/bin/orvane\"");
+}
+
+TEST_F(SelfUpdateTest, NotFoundFailsWithTheStatusAndLeavesNoFile) {
+  std::string before = Snapshot(install_);
+  UpdateWith("", 404);
+  EXPECT_EQ(stages(),
+            (std::vector<std::string>{
+                "downloading",
+                R"x({"error":"download failed (HTTP 404)","ok":false,"type":"updateDone"})x"}));
+  EXPECT_TRUE(TempNames().empty());
+  EXPECT_EQ(Snapshot(install_), before);
+  EXPECT_EQ(log_.messages().back(), "update failed: download failed (HTTP 404)");
+  EXPECT_EQ(scheduler_.pending(), 0u);
+}
+
+TEST_F(SelfUpdateTest, AnAppOneLevelDownIsNoApp) {
+  UpdateWith(ZipOf(MakeRelease(key_.secret_key), "release/Orvane"));
+  EXPECT_EQ(error(), "the download held no app");
+}
+
+TEST_F(SelfUpdateTest, ABodyThatIsNotAZipHoldsNoApp) {
+  UpdateWith(std::string(3 << 20, '\x7f'));
+  EXPECT_EQ(error(), "the download held no app");
+}
+
+TEST_F(SelfUpdateTest, OfSeveralAppsTheLastInNameOrderIsChecked) {
+  std::string good = MakeRelease(key_.secret_key);
+  std::string other = MakeRelease(GenerateKeyPair()->secret_key);
+  std::vector<ZipEntry> entries;
+  CollectEntries(other, "A-Orvane", entries);
+  CollectEntries(good, "B-Orvane", entries);
+  UpdateWith(MakeZip(entries));
+  EXPECT_EQ(events_.back()["ok"], true) << events_.back().dump();
+  // The relaunch shell runs the installed copy before the scratch folder goes.
+  EXPECT_TRUE(SpinUntil([this] { return TempDir::Read(marker_) == "new\n"; }));
+}
+
+class RefusedUpdateTest : public SelfUpdateTest {
+protected:
+  void ExpectRefused(const std::string& zip, const std::string& message) {
+    std::string before = Snapshot(install_);
+    UpdateWith(zip);
+    EXPECT_EQ(error(), message);
+    EXPECT_EQ(Snapshot(install_), before);
+    EXPECT_EQ(quits_, 0);
+    EXPECT_EQ(scheduler_.pending(), 0u);
+    EXPECT_EQ(TempDir::Read(marker_), "");
+  }
+};
+
+TEST_F(RefusedUpdateTest, AnotherKeyIsCode1) {
+  ExpectRefused(ZipOf(MakeRelease(GenerateKeyPair()->secret_key)),
+                "the downloaded app is not signed like this one (code 1)");
+  // The work folder stays after a failure.
+  EXPECT_TRUE(g_file_test(update_->lastWorkFolder().c_str(), G_FILE_TEST_IS_DIR));
+}
+
+TEST_F(RefusedUpdateTest, AnotherAppIdIsCode2) {
+  ExpectRefused(ZipOf(MakeRelease(key_.secret_key, "com.example.other")),
+                "the downloaded app is not signed like this one (code 2)");
+}
+
+TEST_F(RefusedUpdateTest, AFileChangedAfterSigningIsCode4) {
+  std::string release = MakeRelease(key_.secret_key);
+  TempDir::WriteFile(release + "/share/orvane/site/main.py", "print('evil')\n");
+  ExpectRefused(ZipOf(release), "the downloaded app is not signed like this one (code 4)");
+}
+
+TEST_F(RefusedUpdateTest, AnAddedFileIsCode5) {
+  std::string release = MakeRelease(key_.secret_key);
+  TempDir::WriteFile(release + "/bin/helper", "extra\n");
+  ExpectRefused(ZipOf(release), "the downloaded app is not signed like this one (code 5)");
+}
+
+class HostileArchiveTest : public RefusedUpdateTest {
+protected:
+  void ExpectNothingOutside(const std::vector<ZipEntry>& hostile) {
+    std::vector<ZipEntry> entries;
+    CollectEntries(MakeRelease(key_.secret_key), "Orvane", entries);
+    entries.insert(entries.end(), hostile.begin(), hostile.end());
+    size_t folders_before = TempNames().size();
+    ExpectRefused(MakeZip(entries), "could not unpack the download");
+    EXPECT_FALSE(g_file_test(scratch_.file("escaped").c_str(), G_FILE_TEST_EXISTS));
+    EXPECT_FALSE(g_file_test(scratch_.file("apps/escaped").c_str(), G_FILE_TEST_EXISTS));
+    // Only the update's own work folder was added, and it stays for a look.
+    std::vector<std::string> names = TempNames();
+    ASSERT_EQ(names.size(), folders_before + 1);
+    EXPECT_NE(
+        std::find(names.begin(), names.end(), update_->lastWorkFolder().substr(temp_.size() + 1)),
+        names.end());
+  }
+};
+
+TEST_F(HostileArchiveTest, DotDotEntryIsRefused) {
+  ExpectNothingOutside({FileEntry("Orvane/../../escaped", "x")});
+  ExpectNothingOutside({FileEntry("../escaped", "x")});
+}
+
+TEST_F(HostileArchiveTest, AbsoluteEntryIsRefused) {
+  ExpectNothingOutside({FileEntry(scratch_.file("escaped"), "x")});
+}
+
+TEST_F(HostileArchiveTest, SymlinkOutsideIsRefusedAndNotWrittenThrough) {
+  ExpectNothingOutside({LinkEntry("out", scratch_.path()), FileEntry("out/escaped", "x")});
+  ExpectNothingOutside({LinkEntry("Orvane/up", "../../apps"), FileEntry("Orvane/up/escaped", "x")});
+}
+
+TEST_F(HostileArchiveTest, ADeviceEntryNeverBecomesADevice) {
+  // libarchive writes no FIFO into a zip, so the entry is written as a file
+  // and its central directory record then says "FIFO" in the Unix mode bits.
+  // The zip reader hands such an entry over as a plain file, so what lands
+  // on disk is an empty regular file and the download holds no app.
+  std::string zip = MakeZip({FileEntry("fifo", "")});
+  size_t record = zip.find(std::string("PK\x01\x02", 4));
+  ASSERT_NE(record, std::string::npos);
+  const uint32_t fifo_mode = (S_IFIFO | 0644) << 16;
+  for (int i = 0; i < 4; ++i)
+    zip[record + 38 + i] = static_cast<char>((fifo_mode >> (8 * i)) & 0xff);
+  ExpectRefused(zip, "the download held no app");
+  struct stat info;
+  ASSERT_EQ(lstat((update_->lastWorkFolder() + "/fifo").c_str(), &info), 0);
+  EXPECT_TRUE(S_ISREG(info.st_mode));
+  EXPECT_EQ(info.st_size, 0);
+}
+
+TEST_F(SelfUpdateTest, AFailingFinalMovePutsTheOldCopyBack) {
+  std::string before = Snapshot(install_);
+  SelfUpdateSeams failing = seams();
+  failing.move_into_place = [](const std::string&, const std::string&) {
+    return std::string("No space left on device");
+  };
+  update_ = std::make_unique<SelfUpdate>(failing);
+  UpdateWith(ZipOf(MakeRelease(key_.secret_key)));
+  EXPECT_EQ(error(), "could not install the new app: No space left on device");
+  EXPECT_EQ(Snapshot(install_), before);
+  EXPECT_EQ(quits_, 0);
+}
+
+TEST_F(SelfUpdateTest, ABuildTreeRunCannotReadItsOwnSignature) {
+  g_unlink((install_ + "/" + kManifestPath).c_str());
+  UpdateWith(ZipOf(MakeRelease(key_.secret_key)));
+  EXPECT_EQ(stages().size(), 4u);
+  EXPECT_EQ(error(), "could not read this app's own signature");
+  EXPECT_TRUE(g_file_test((install_ + "/bin/orvane").c_str(), G_FILE_TEST_EXISTS));
+}
+
+TEST_F(SelfUpdateTest, ARunFromATemporaryMountFailsBeforeAnyDownload) {
+  char made[] = "/tmp/.mount_orvaneXXXXXX";
+  ASSERT_TRUE(mkdtemp(made));
+  std::string mount = made;
+  SelfUpdateSeams translocated = seams();
+  translocated.install_folder = mount + "/Orvane";
+  update_ = std::make_unique<SelfUpdate>(translocated);
+  TestHttpServer server([](const HttpRequest&, HttpReply& r) { r.body = "zip"; });
+  update_->updateFrom(server.url("/a.zip"));
+  g_rmdir(mount.c_str());
+  ASSERT_EQ(events_.size(), 1u);
+  EXPECT_EQ(error(), kAppTranslocatedMessage);
+  EXPECT_EQ(server.requestCount(), 0u);
+  EXPECT_TRUE(TempNames().empty());
+}
+
+TEST_F(SelfUpdateTest, OnlyATemporaryMountOrReadOnlyFileSystemCountsAsTranslocated) {
+  EXPECT_FALSE(IsTranslocated(install_));
+  EXPECT_TRUE(IsTranslocated("/tmp/.mount_abc/Orvane"));
+}
+
+TEST_F(SelfUpdateTest, AFolderWhoseParentIsNotWritableFailsBeforeAnyDownload) {
+  if (geteuid() == 0)
+    GTEST_SKIP() << "root may write every folder";
+  chmod(scratch_.file("apps").c_str(), 0555);
+  update_->updateFrom("http://127.0.0.1:9/a.zip");
+  chmod(scratch_.file("apps").c_str(), 0755);
+  ASSERT_EQ(events_.size(), 1u);
+  EXPECT_EQ(error(), kFolderNotWritableMessage);
+}
+
+TEST_F(SelfUpdateTest, AnAddressThatIsNoUrlFails) {
+  for (const char* address : {"", "not a url", "http://[::1", "\x01\x02"}) {
+    events_.clear();
+    update_->updateFrom(address);
+    ASSERT_EQ(events_.size(), 1u) << address;
+    EXPECT_EQ(error(), "no download address");
+  }
+}
+
+TEST_F(SelfUpdateTest, ARefusedConnectionFailsWithTheTransportError) {
+  update_->updateFrom("http://127.0.0.1:9/a.zip");
+  ASSERT_TRUE(SpinUntil([this] { return done(); }));
+  EXPECT_EQ(events_.back()["ok"], false);
+  EXPECT_NE(error(), "");
+  EXPECT_EQ(error().find("download failed (HTTP"), std::string::npos);
+}
+
+TEST(UnpackLimitsTest, AnArchiveOverItsBoundsIsRefused) {
+  TempDir scratch;
+  std::string zip_path = scratch.path() + "/app.zip";
+  std::string zip =
+      MakeZip({FileEntry("a/one", std::string(4000, 'x')),
+               FileEntry("a/two", std::string(4000, 'y')), FileEntry("a/three", "z")});
+  ASSERT_TRUE(g_file_set_contents(zip_path.c_str(), zip.data(), gssize(zip.size()), nullptr));
+
+  int run = 0;
+  auto unpack = [&](UnpackLimits limits) {
+    std::string into = scratch.path() + "/out-" + std::to_string(++run);
+    g_mkdir_with_parents(into.c_str(), 0700);
+    return UnpackArchive(zip_path, into, limits);
+  };
+  EXPECT_TRUE(unpack({8001, 3}));
+  EXPECT_FALSE(unpack({8000, 3})) << "8001 bytes unpacked under a bound of 8000";
+  EXPECT_FALSE(unpack({8001, 2})) << "three entries under a bound of two";
+}
+
+} // namespace
+} // namespace orvane

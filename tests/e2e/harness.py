@@ -36,6 +36,7 @@ from typing import Any, Callable, Iterable
 E2E_DIR = Path(__file__).resolve().parent
 REPO_ROOT = E2E_DIR.parents[1]
 FIXTURES = E2E_DIR / "fixtures"
+SHARED_FIXTURES = E2E_DIR.parent / "fixtures"  # stand-ins the X11 tests use as well
 SITE_ROOT = FIXTURES / "site"
 RECORDER = FIXTURES / "bin" / "record_call.py"
 PYTHON = "/usr/bin/python3"
@@ -1086,7 +1087,7 @@ def read_sidecar(pdf: Path) -> Any:
 
 
 FILE_MANAGER_SERVICE = FIXTURES / "bin" / "file_manager1.py"
-NOTIFICATIONS_SERVICE = FIXTURES / "bin" / "notifications.py"
+NOTIFICATIONS_SERVICE = SHARED_FIXTURES / "notifications.py"
 NOTIFICATIONS_NAME = "org.freedesktop.Notifications"
 
 
@@ -1152,7 +1153,8 @@ class FileManagerService(StandInService):
 class NotificationService(StandInService):
     """A stand-in for the desktop's notification daemon: owns
     org.freedesktop.Notifications and records each Notify call as
-    {"app_name", "summary", "body", "actions", "hints", "expire_timeout", ...}."""
+    {"method", "app_name", "summary", "body", "actions", "hints", "expire_timeout", ...}
+    (tests/fixtures/notifications.py)."""
 
     script = NOTIFICATIONS_SERVICE
     name = NOTIFICATIONS_NAME

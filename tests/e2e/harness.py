@@ -36,6 +36,7 @@ from typing import Any, Callable, Iterable
 E2E_DIR = Path(__file__).resolve().parent
 REPO_ROOT = E2E_DIR.parents[1]
 FIXTURES = E2E_DIR / "fixtures"
+SHARED_FIXTURES = E2E_DIR.parent / "fixtures"  # stand-ins the X11 tests use as well
 SITE_ROOT = FIXTURES / "site"
 RECORDER = FIXTURES / "bin" / "record_call.py"
 PYTHON = "/usr/bin/python3"
@@ -1086,7 +1087,7 @@ def read_sidecar(pdf: Path) -> Any:
 
 
 FILE_MANAGER_SERVICE = FIXTURES / "bin" / "file_manager1.py"
-NOTIFICATIONS_SERVICE = FIXTURES / "bin" / "notifications.py"
+NOTIFICATIONS_SERVICE = SHARED_FIXTURES / "notifications.py"
 NOTIFICATIONS_NAME = "org.freedesktop.Notifications"
 
 
@@ -1152,7 +1153,8 @@ class FileManagerService(StandInService):
 class NotificationService(StandInService):
     """A stand-in for the desktop's notification daemon: owns
     org.freedesktop.Notifications and records each Notify call as
-    {"app_name", "summary", "body", "actions", "hints", "expire_timeout", ...}."""
+    {"method", "app_name", "summary", "body", "actions", "hints", "expire_timeout", ...}
+    (tests/fixtures/notifications.py)."""
 
     script = NOTIFICATIONS_SERVICE
     name = NOTIFICATIONS_NAME
@@ -1612,7 +1614,29 @@ def orvane_binary() -> Path:
     return Path(os.environ.get("ORVANE_BIN") or REPO_ROOT / "build" / "orvane")
 
 
-class Orvane:
+class _OwnProcess:
+    """A process this harness started (`proc`, once started) whose standard
+    output and error go to `out_path`."""
+
+    proc: subprocess.Popen | None = None
+    out_path: Path
+
+    @property
+    def pid(self) -> int:
+        assert self.proc is not None
+        return self.proc.pid
+
+    def running(self) -> bool:
+        return self.proc is not None and self.proc.poll() is None
+
+    def output(self) -> str:
+        try:
+            return self.out_path.read_text(errors="replace")
+        except FileNotFoundError:
+            return ""
+
+
+class Orvane(_OwnProcess):
     """One `orvane` process started in a throwaway home on the desktop."""
 
     def __init__(self, home: Home, desktop: Desktop, args: Iterable[str] = (), binary: Path | None = None):
@@ -1650,23 +1674,9 @@ class Orvane:
             out.close()
         return self
 
-    @property
-    def pid(self) -> int:
-        assert self.proc is not None
-        return self.proc.pid
-
-    def running(self) -> bool:
-        return self.proc is not None and self.proc.poll() is None
-
     def wait_exit(self, timeout: float = DEFAULT_TIMEOUT) -> int:
         assert self.proc is not None
         return self.proc.wait(timeout=timeout)
-
-    def output(self) -> str:
-        try:
-            return self.out_path.read_text(errors="replace")
-        except FileNotFoundError:
-            return ""
 
     def stop(self) -> None:
         """SIGTERM, then SIGKILL if it lingers; then the rest of its process
@@ -2050,7 +2060,7 @@ class SessionBus:
         return leftovers
 
 
-class _Client:
+class _Client(_OwnProcess):
     """A fixture program on the test desktop, in a process group of its own,
     with a state folder through which it reports."""
 
@@ -2059,9 +2069,10 @@ class _Client:
         self.state = Path(state)
         self.state.mkdir(parents=True, exist_ok=True)
         self.proc: subprocess.Popen | None = None
+        self.out_path = self.state / "output.txt"
 
     def _spawn(self, argv: list[str], env: dict[str, str] | None = None) -> None:
-        with open(self.state / "output.txt", "ab") as out:
+        with open(self.out_path, "ab") as out:
             self.proc = subprocess.Popen(argv, env=env or self.desktop.tool_env(), cwd=self.state,
                                          stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT,
                                          start_new_session=True)
@@ -2069,20 +2080,6 @@ class _Client:
     def _alive_or_fail(self, what: str) -> None:
         if self.proc is not None and self.proc.poll() is not None:
             raise AssertionError(f"{what} exited with {self.proc.returncode}: {self.output()}")
-
-    @property
-    def pid(self) -> int:
-        assert self.proc is not None
-        return self.proc.pid
-
-    def running(self) -> bool:
-        return self.proc is not None and self.proc.poll() is None
-
-    def output(self) -> str:
-        try:
-            return (self.state / "output.txt").read_text(errors="replace")
-        except FileNotFoundError:
-            return ""
 
     def stop(self) -> None:
         if self.proc is not None:

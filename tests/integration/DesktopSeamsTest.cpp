@@ -7,6 +7,7 @@
 #include "desktop/x11/GioWorkspace.h"
 
 #include "support/TempDir.h"
+#include "support/TextLines.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -104,16 +105,8 @@ protected:
   }
 
   static std::vector<std::string> Calls(const std::string& name) {
-    std::string text =
-        TempDir::Read(std::string(g_getenv("XDG_DATA_HOME")) + "/" + name + ".calls");
-    std::vector<std::string> lines;
-    size_t start = 0;
-    while (start < text.size()) {
-      size_t end = text.find('\n', start);
-      lines.push_back(text.substr(start, end - start));
-      start = end + 1;
-    }
-    return lines;
+    return SplitLines(
+        TempDir::Read(std::string(g_getenv("XDG_DATA_HOME")) + "/" + name + ".calls"));
   }
 
   GioWorkspace workspace;

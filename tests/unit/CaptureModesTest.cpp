@@ -1,11 +1,7 @@
 #include "capture/CaptureModes.h"
 
-#include "support/FakeAccessibility.h"
-#include "support/FakeFrontWindows.h"
+#include "support/FakeCaptureDesktop.h"
 #include "support/FakeMessageBus.h"
-#include "support/FakeNotifications.h"
-#include "support/FakeScreens.h"
-#include "support/FakeSelections.h"
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
@@ -21,7 +17,7 @@ using ::testing::ElementsAre;
 constexpr int kOrvanePid = 1000;
 constexpr int kEditorPid = 2000;
 
-class CaptureModeRunTest : public ::testing::Test {
+class CaptureModeRunTest : public ::testing::Test, protected FakeCaptureDesktop {
 protected:
   CaptureModeRunTest() {
     windows.front =
@@ -30,15 +26,7 @@ protected:
 
   int run(const std::string& mode) { return run(mode, folder()); }
   int run(const std::string& mode, const std::string& handoff_folder) {
-    DesktopCaptureSeams capture{windows,
-                                selections,
-                                screens,
-                                accessibility,
-                                notifications,
-                                [](int pid) { return pid == kOrvanePid; },
-                                [] { return std::optional<std::string>(); },
-                                handoff_folder};
-    return RunCaptureModeWith(mode, {std::move(capture), bus});
+    return RunCaptureModeWith(mode, {seams(kOrvanePid, handoff_folder), bus});
   }
 
   std::string folder() const { return dir.file("handoff"); }
@@ -57,11 +45,6 @@ protected:
 
   TempDir dir;
   LogCapture log;
-  FakeFrontWindows windows;
-  FakeSelections selections;
-  FakeScreens screens;
-  FakeAccessibility accessibility;
-  FakeNotifications notifications;
   FakeMessageBus bus;
 };
 

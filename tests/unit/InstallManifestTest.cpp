@@ -3,6 +3,7 @@
 #include "base/BuildInfo.h"
 #include "base/Paths.h"
 #include "support/TempDir.h"
+#include "support/TextLines.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -10,17 +11,6 @@
 
 namespace orvane {
 namespace {
-
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find('\n', start);
-    lines.push_back(text.substr(start, end - start));
-    start = end + 1;
-  }
-  return lines;
-}
 
 // A small install folder on disk, with a file of each mode and a link.
 class InstallFolderTest : public ::testing::Test {
@@ -59,7 +49,7 @@ protected:
 
 TEST_F(InstallFolderTest, SigningListsEveryFileSortedWithHashModeAndLinks) {
   ASSERT_EQ(sign(), "");
-  std::vector<std::string> lines = Lines(manifest());
+  std::vector<std::string> lines = SplitLines(manifest());
   ASSERT_EQ(lines.size(), 9u) << manifest();
   EXPECT_EQ(lines[0], "app-id com.tarnwick.orvane");
   EXPECT_EQ(lines[1], "version 2.5");
@@ -94,7 +84,7 @@ TEST_F(InstallFolderTest, HostileFileNamesAreEscapedAndStillVerify) {
   std::string text = manifest();
   EXPECT_NE(text.find(" 644 share/orvane/site/two\\x0alines\\x20\\x5cname\n"), std::string::npos)
       << text;
-  EXPECT_EQ(Lines(text).size(), 10u); // still one line per file
+  EXPECT_EQ(SplitLines(text).size(), 10u); // still one line per file
   EXPECT_TRUE(check().ok()) << check().message;
 }
 
@@ -232,7 +222,7 @@ TEST_F(InstallFolderTest, AListedPathThroughALinkIsMissingAndNothingOutsideIsRea
   // link, so the file is not taken from where the link leads.
   ASSERT_EQ(sign(), "");
   std::string text = manifest();
-  std::string line = Lines(text)[5]; // share/orvane/site/lib/module.py
+  std::string line = SplitLines(text)[5]; // share/orvane/site/lib/module.py
   std::string through = line.substr(0, 69) + "share/orvane/site/lib64/module.py\n";
   std::string edited = text;
   // In path order: .../lib64, then .../lib64/module.py.
@@ -313,7 +303,7 @@ TEST(ManifestParserTest, EveryByteOfANameSurvivesTheRoundTrip) {
   manifest.entries.push_back({name, EntryKind::kFile, std::string(64, 'f'), 04755, ""});
   manifest.entries.push_back({name + "z", EntryKind::kLink, "", 0, "../t a\rget"});
   std::string text = ManifestText(manifest);
-  EXPECT_EQ(Lines(text).size(), 5u);
+  EXPECT_EQ(SplitLines(text).size(), 5u);
   ParsedManifest parsed = ParseManifest(text);
   ASSERT_TRUE(parsed.manifest) << parsed.error;
   EXPECT_EQ(parsed.manifest->version, "1 beta");

@@ -3,6 +3,7 @@
 #include "capture/DesktopCapture.h"
 
 #include "support/FakeAccessibility.h"
+#include "support/FakeCaptureDesktop.h"
 #include "support/FakeFrontWindows.h"
 #include "support/FakeNotifications.h"
 #include "support/FakeScreens.h"
@@ -350,25 +351,11 @@ TEST(AttentionPointTest, ZeroWidthOrHeightWindowGivesThePointer) {
     EXPECT_EQ(line, "capture: attention at {12.25, -40} from pointer");
 }
 
-class DesktopCaptureTest : public ::testing::Test {
+class DesktopCaptureTest : public ::testing::Test, protected FakeCaptureDesktop {
 protected:
-  DesktopCaptureSeams seams() {
-    return {windows,
-            selections,
-            screens,
-            accessibility,
-            notifications,
-            [](int pid) { return pid == kAppPid; },
-            [] { return std::optional<std::string>(); },
-            dir.path()};
-  }
+  DesktopCaptureSeams seams() { return FakeCaptureDesktop::seams(kAppPid, dir.path()); }
   TempDir dir;
   LogCapture log;
-  FakeFrontWindows windows;
-  FakeSelections selections;
-  FakeScreens screens;
-  FakeAccessibility accessibility;
-  FakeNotifications notifications;
 };
 
 TEST_F(DesktopCaptureTest, FrontApplicationIsNamedByItsWindowClass) {

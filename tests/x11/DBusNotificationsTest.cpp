@@ -16,7 +16,7 @@ class DBusNotificationsTest : public testing::Test {
 protected:
   std::unique_ptr<Child> startService(const char* mode) {
     std::unique_ptr<Child> service = Child::Start(
-        {"/usr/bin/python3", FixtureScript("notification_service.py"), record(), mode});
+        {"/usr/bin/python3", SharedFixtureScript("notifications.py"), record(), mode});
     if (!service || service->readLine() != "ready")
       return nullptr;
     return service;

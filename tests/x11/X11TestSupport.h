@@ -266,6 +266,10 @@ private:
 inline std::string FixtureScript(const std::string& name) {
   return std::string(ORVANE_X11_FIXTURES) + "/" + name;
 }
+// A stand-in that the end-to-end tests use as well (tests/fixtures).
+inline std::string SharedFixtureScript(const std::string& name) {
+  return std::string(ORVANE_SHARED_FIXTURES) + "/" + name;
+}
 inline std::string SelectionOwnerFixture() {
   return ORVANE_X11_SELECTION_OWNER;
 }

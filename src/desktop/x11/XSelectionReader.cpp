@@ -133,11 +133,11 @@ std::optional<int> PidOfWindowClient(Display* display, unsigned long window) {
   if (window == 0 || !XResQueryExtension(display, &event_base, &error_base) ||
       !XResQueryVersion(display, &major, &minor) || major < 1 || (major == 1 && minor < 2))
     return std::nullopt;
-  XResClientIdSpec spec{window, XRES_CLIENT_ID_PID_MASK};
+  XResClientIdSpec wanted{window, XRES_CLIENT_ID_PID_MASK};
   long count = 0;
   XResClientIdValue* ids = nullptr;
   std::optional<int> pid;
-  if (XResQueryClientIds(display, 1, &spec, &count, &ids) == Success) {
+  if (XResQueryClientIds(display, 1, &wanted, &count, &ids) == Success) {
     for (long i = 0; i < count; ++i) {
       if (XResGetClientIdType(&ids[i]) == XRES_CLIENT_ID_PID) {
         pid_t found = XResGetClientPid(&ids[i]);

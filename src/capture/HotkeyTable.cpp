@@ -7,7 +7,7 @@ namespace orvane {
 void DispatchHotkey(int id, uint32_t timestamp, const HotkeyActions& actions) {
   // The ids are 1-based on purpose: id - 1 taken as unsigned is below 4 only
   // for the four rows, so 0 and anything negative fall out with the rest.
-  switch (static_cast<unsigned>(id - 1)) {
+  switch (static_cast<unsigned>(id) - 1u) {
   case 0:
     if (actions.summon)
       actions.summon(timestamp);

@@ -45,7 +45,8 @@ TEST(QuoteNeedleTest, CutNeverSplitsACharacter) {
 }
 
 TEST(QuoteNeedleTest, HostileBytesGiveValidText) {
-  std::string bytes("\xff\xfe\0\x80 garbage bytes here and more\xc3", 36);
+  static const char kHostile[] = "\xff\xfe\0\x80 garbage bytes here and more\xc3";
+  std::string bytes(kHostile, sizeof kHostile - 1); // the NUL inside included
   std::string needle = QuoteNeedle(bytes);
   EXPECT_TRUE(g_utf8_validate(needle.data(), gssize(needle.size()), nullptr));
   EXPECT_NE(needle.find("garbage bytes here"), std::string::npos);

@@ -144,24 +144,37 @@ int OpenFolder(const std::string& folder) {
   return open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }
 
-std::optional<std::string> ReadAll(int fd, size_t size_limit) {
-  struct stat info;
-  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || size_t(info.st_size) > size_limit)
-    return std::nullopt;
-  std::string text;
+// Reads the file to its end in chunks, handing each to `take`; false when a
+// read fails or `take` refuses a chunk.
+template <typename Take> bool ReadChunks(int fd, Take take) {
   char buffer[65536];
   while (true) {
     ssize_t got = read(fd, buffer, sizeof buffer);
     if (got < 0 && errno == EINTR)
       continue;
     if (got < 0)
-      return std::nullopt;
+      return false;
     if (got == 0)
-      return text;
-    if (text.size() + size_t(got) > size_limit)
-      return std::nullopt;
-    text.append(buffer, size_t(got));
+      return true;
+    if (!take(buffer, size_t(got)))
+      return false;
   }
+}
+
+std::optional<std::string> ReadAll(int fd, size_t size_limit) {
+  struct stat info;
+  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || size_t(info.st_size) > size_limit)
+    return std::nullopt;
+  std::string text;
+  bool read_all = ReadChunks(fd, [&](const char* chunk, size_t size) {
+    if (text.size() + size > size_limit)
+      return false;
+    text.append(chunk, size);
+    return true;
+  });
+  if (!read_all)
+    return std::nullopt;
+  return text;
 }
 
 bool WriteBelow(const std::string& folder, const std::string& path, std::string_view text,
@@ -189,17 +202,12 @@ bool WriteBelow(const std::string& folder, const std::string& path, std::string_
 std::optional<std::string> Sha256Hex(int fd) {
   crypto_hash_sha256_state state;
   crypto_hash_sha256_init(&state);
-  unsigned char buffer[65536];
-  while (true) {
-    ssize_t got = read(fd, buffer, sizeof buffer);
-    if (got < 0 && errno == EINTR)
-      continue;
-    if (got < 0)
-      return std::nullopt;
-    if (got == 0)
-      break;
-    crypto_hash_sha256_update(&state, buffer, size_t(got));
-  }
+  bool read_all = ReadChunks(fd, [&](const char* chunk, size_t size) {
+    crypto_hash_sha256_update(&state, reinterpret_cast<const unsigned char*>(chunk), size);
+    return true;
+  });
+  if (!read_all)
+    return std::nullopt;
   unsigned char digest[crypto_hash_sha256_BYTES];
   crypto_hash_sha256_final(&state, digest);
   char hex[crypto_hash_sha256_BYTES * 2 + 1];

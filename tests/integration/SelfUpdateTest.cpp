@@ -365,6 +365,69 @@ TEST_F(SelfUpdateTest, AFailingFinalMovePutsTheOldCopyBack) {
   EXPECT_EQ(quits_, 0);
 }
 
+// A work folder on another file system than the install folder: the new app
+// is copied beside the old one, then renamed into place.
+class AcrossFileSystemsTest : public SelfUpdateTest {
+protected:
+  void SetUp() override {
+    SelfUpdateTest::SetUp();
+    char pattern[] = "/dev/shm/orvane-test-XXXXXX";
+    if (!g_mkdtemp(pattern))
+      GTEST_SKIP() << "no /dev/shm to put a work folder on another file system";
+    other_ = pattern;
+    struct stat shm, apps;
+    if (stat(other_.c_str(), &shm) != 0 || stat(scratch_.file("apps").c_str(), &apps) != 0 ||
+        shm.st_dev == apps.st_dev)
+      GTEST_SKIP() << "/dev/shm is on the same file system as " << scratch_.path();
+    temp_ = other_;
+    update_ = std::make_unique<SelfUpdate>(seams());
+  }
+  void TearDown() override {
+    if (!other_.empty())
+      RemoveTree(other_);
+  }
+  std::vector<std::string> Beside() {
+    std::vector<std::string> names;
+    GDir* apps = g_dir_open(scratch_.file("apps").c_str(), 0, nullptr);
+    while (const char* name = g_dir_read_name(apps))
+      names.push_back(name);
+    g_dir_close(apps);
+    return names;
+  }
+  std::string other_;
+};
+
+TEST_F(AcrossFileSystemsTest, TheNewAppIsCopiedBesideThenSwappedIn) {
+  std::string release = MakeRelease(key_.secret_key);
+  std::string expected = Snapshot(release);
+  UpdateWith(ZipOf(release));
+  ASSERT_TRUE(events_.back().value("ok", false)) << events_.back().dump();
+  EXPECT_EQ(Snapshot(install_), expected);
+  EXPECT_TRUE(CheckInstallFolder(install_, key_.public_key, kApplicationId).ok());
+  // Neither the staged copy nor the old app nor the work folder is left.
+  EXPECT_EQ(Beside(), std::vector<std::string>{"Orvane"});
+  EXPECT_TRUE(TempNames().empty());
+  ASSERT_TRUE(SpinUntil([this] { return TempDir::Read(marker_) == "new\n"; }));
+}
+
+TEST_F(AcrossFileSystemsTest, AFailingFinalMoveRemovesTheCopyAndPutsTheOldAppBack) {
+  std::string before = Snapshot(install_);
+  SelfUpdateSeams failing = seams();
+  std::string moved_from;
+  failing.move_into_place = [&moved_from](const std::string& from, const std::string&) {
+    moved_from = from;
+    return std::string("Input/output error");
+  };
+  update_ = std::make_unique<SelfUpdate>(failing);
+  UpdateWith(ZipOf(MakeRelease(key_.secret_key)));
+  EXPECT_EQ(error(), "could not install the new app: Input/output error");
+  // What was to be moved was the copy beside the install folder.
+  EXPECT_EQ(moved_from.rfind(scratch_.file("apps/Orvane.new-"), 0), 0u) << moved_from;
+  EXPECT_EQ(Snapshot(install_), before);
+  EXPECT_EQ(Beside(), std::vector<std::string>{"Orvane"});
+  EXPECT_EQ(quits_, 0);
+}
+
 TEST_F(SelfUpdateTest, ABuildTreeRunCannotReadItsOwnSignature) {
   g_unlink((install_ + "/" + kManifestPath).c_str());
   UpdateWith(ZipOf(MakeRelease(key_.secret_key)));

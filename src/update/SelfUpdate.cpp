@@ -7,6 +7,7 @@
 #include "library/HttpTransfer.h"
 #include "update/FolderMoves.h"
 #include "update/InstallManifest.h"
+#include "update/OldCopyServers.h"
 
 #include <algorithm>
 #include <archive.h>
@@ -429,6 +430,8 @@ void SelfUpdate::swap(const Staged& staged, const std::string& work_folder) {
     return;
   }
   const std::string& bundle = seams_.install_folder;
+  // Found while the old copy is still where it ran from.
+  std::vector<pid_t> site_servers = SiteServersOf(bundle);
   MovedAside aside = MoveAside(bundle);
   if (!aside.error.empty()) {
     if (staged.copied)
@@ -456,6 +459,7 @@ void SelfUpdate::swap(const Staged& staged, const std::string& work_folder) {
   RemoveTree(work_folder);
   seams_.send_event({{"type", "updateDone"}, {"ok", true}});
   SparLog("update: installed, relaunching");
+  EndSiteServers(site_servers);
 
   std::string command = RelaunchCommand(JoinPath(bundle, "bin/orvane"), seams_.relaunch_delay);
   const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};

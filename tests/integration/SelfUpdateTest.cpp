@@ -3,6 +3,7 @@
 #include "update/SelfUpdate.h"
 
 #include "base/BuildInfo.h"
+#include "base/GObjectPtr.h"
 #include "support/LogCapture.h"
 #include "support/MainLoop.h"
 #include "support/TempDir.h"
@@ -12,8 +13,11 @@
 #include <algorithm>
 #include <archive.h>
 #include <archive_entry.h>
+#include <csignal>
 #include <gtest/gtest.h>
+#include <set>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace orvane {
@@ -363,6 +367,58 @@ TEST_F(SelfUpdateTest, AFailingFinalMovePutsTheOldCopyBack) {
   EXPECT_EQ(error(), "could not install the new app: No space left on device");
   EXPECT_EQ(Snapshot(install_), before);
   EXPECT_EQ(quits_, 0);
+}
+
+// Starts a child in `folder` that lives until ended; its pid is ours to reap.
+pid_t StartIn(const std::string& folder, std::vector<std::string> args) {
+  std::vector<char*> argv;
+  for (std::string& a : args)
+    argv.push_back(a.data());
+  argv.push_back(nullptr);
+  GPid pid = 0;
+  EXPECT_TRUE(g_spawn_async(folder.c_str(), argv.data(), nullptr,
+                            GSpawnFlags(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD), nullptr,
+                            nullptr, &pid, nullptr));
+  return pid;
+}
+// Reaps the child once it has ended; true from then on.
+bool Ended(pid_t pid) {
+  static std::set<pid_t> reaped;
+  if (!reaped.count(pid) && waitpid(pid, nullptr, WNOHANG) == pid)
+    reaped.insert(pid);
+  return reaped.count(pid) > 0;
+}
+
+TEST_F(SelfUpdateTest, TheOldCopysSiteServerIsEndedAndNothingElse) {
+  std::string site = install_ + "/share/orvane/site";
+  std::vector<std::string> server = {
+      "python3", "-c",  "import time; time.sleep(60)", ".venv/bin/uvicorn", "main:app",
+      "--port",  "8000"};
+  pid_t old_server = StartIn(site, server);
+  pid_t shell_in_site = StartIn(site, {"sleep", "60"});
+  pid_t server_elsewhere = StartIn(scratch_.path(), server);
+  // Each has its working folder before the update looks.
+  ASSERT_TRUE(SpinUntil([&] {
+    GCharPtr cwd(
+        g_file_read_link(("/proc/" + std::to_string(old_server) + "/cwd").c_str(), nullptr));
+    return cwd && std::string(cwd.get()) == site;
+  }));
+
+  UpdateWith(ZipOf(MakeRelease(key_.secret_key)));
+  ASSERT_TRUE(events_.back().value("ok", false)) << events_.back().dump();
+  EXPECT_TRUE(SpinUntil([&] { return Ended(old_server); }));
+  std::vector<std::string> lines = log_.messages();
+  EXPECT_NE(std::find(lines.begin(), lines.end(),
+                      "bundled site: ended its server (pid " + std::to_string(old_server) +
+                          ") that ran from the old copy"),
+            lines.end())
+      << testing::PrintToString(lines);
+  EXPECT_FALSE(Ended(shell_in_site));
+  EXPECT_FALSE(Ended(server_elsewhere));
+  for (pid_t pid : {shell_in_site, server_elsewhere}) {
+    kill(pid, SIGTERM);
+    waitpid(pid, nullptr, 0);
+  }
 }
 
 // A work folder on another file system than the install folder: the new app

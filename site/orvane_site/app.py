@@ -7,7 +7,7 @@ import threading
 from fastapi import FastAPI
 from fastapi.staticfiles import StaticFiles
 
-from . import api_inbox, api_papers, pages
+from . import api_inbox, api_papers, api_releases, pages
 from .config import data_dir
 from .site import Site
 
@@ -30,5 +30,6 @@ def create_app() -> FastAPI:
     app.include_router(pages.router)
     app.include_router(api_papers.router)
     app.include_router(api_inbox.router)
+    app.include_router(api_releases.router)
     app.mount("/static", StaticFiles(directory=pages.STATIC), name="static")
     return app

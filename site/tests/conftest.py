@@ -72,9 +72,13 @@ class Server:
                 self.proc.wait()
 
 
-def start_server(venv: Path, data: Path, log: Path) -> Server:
+def start_server(venv: Path, data: Path, log: Path, releases: Path | None = None) -> Server:
+    """The site on a free port; `releases` becomes ORVANE_SITE_RELEASES (unset when None)."""
     port = free_port()
     env = dict(os.environ, ORVANE_SITE_DATA=str(data))
+    env.pop("ORVANE_SITE_RELEASES", None)
+    if releases is not None:
+        env["ORVANE_SITE_RELEASES"] = str(releases)
     started = time.monotonic()
     with open(log, "wb") as out:
         proc = subprocess.Popen([str(venv / "bin" / "uvicorn"), "main:app", "--port", str(port)],

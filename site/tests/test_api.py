@@ -4,9 +4,11 @@ from __future__ import annotations
 
 import hashlib
 import json
+import os
 import re
 import shutil
 import subprocess
+from urllib.parse import quote
 
 import pytest
 
@@ -307,3 +309,221 @@ def test_api_schema_is_served_and_no_cdn_docs_page(server):
     assert "/api/papers/{paper_id}/pdf" in schema["paths"]
     assert "put" in schema["paths"]["/api/papers/{paper_id}/pdf"]
     assert server.request("GET", "/api/docs")[0] == 404
+
+
+# ----- release archives and /api/update ------------------------------------------------
+
+
+def archive_name(version: str) -> str:
+    return f"Orvane-{version}-linux-x86_64.zip"
+
+
+@pytest.fixture(scope="module")
+def releases_root(tmp_path_factory):
+    return tmp_path_factory.mktemp("releases-root")
+
+
+@pytest.fixture(scope="module")
+def release_server(venv, releases_root):
+    srv = start_server(venv, releases_root / "data", releases_root / "uvicorn.log",
+                       releases=releases_root / "releases")
+    yield srv
+    srv.stop()
+
+
+@pytest.fixture
+def releases(release_server, releases_root):
+    """The server's releases folder, empty at the start of each test."""
+    folder = releases_root / "releases"
+    if folder.is_dir():
+        folder.chmod(0o755)
+        shutil.rmtree(folder)
+    elif folder.exists():
+        folder.unlink()
+    folder.mkdir()
+    return folder
+
+
+def raw_get(server, path: str):
+    """(status, body) of a GET with the path sent exactly as written (no client clean-up)."""
+    import http.client
+    from urllib.parse import urlsplit
+    parts = urlsplit(server.base)
+    connection = http.client.HTTPConnection(parts.hostname, parts.port, timeout=30)
+    try:
+        connection.putrequest("GET", path, skip_accept_encoding=True)
+        connection.endheaders()
+        response = connection.getresponse()
+        return response.status, response.read()
+    finally:
+        connection.close()
+
+
+def test_update_offers_nothing_when_the_variable_is_unset(server):
+    assert server.json("GET", "/api/update") == (200, {"version": None})
+    assert server.request("GET", "/releases/" + archive_name("1.0.0"))[0] == 404
+
+
+def test_update_offers_nothing_for_an_empty_folder(release_server, releases):
+    assert release_server.json("GET", "/api/update") == (200, {"version": None})
+
+
+def test_update_offers_nothing_for_a_missing_folder_or_a_file_in_its_place(release_server, releases):
+    releases.rmdir()
+    assert release_server.json("GET", "/api/update") == (200, {"version": None})
+    assert release_server.request("GET", "/releases/" + archive_name("1.0.0"))[0] == 404
+    releases.write_bytes(b"not a folder")
+    assert release_server.json("GET", "/api/update") == (200, {"version": None})
+    assert release_server.request("GET", "/releases/" + archive_name("1.0.0"))[0] == 404
+
+
+@pytest.mark.skipif(os.geteuid() == 0, reason="root reads a folder whatever its mode")
+def test_update_offers_nothing_for_an_unreadable_folder(release_server, releases):
+    (releases / archive_name("1.0.0")).write_bytes(b"PK")
+    releases.chmod(0)
+    assert release_server.json("GET", "/api/update") == (200, {"version": None})
+
+
+def test_update_offers_the_highest_version_with_its_absolute_url_and_size(release_server, releases):
+    contents = {}
+    for version in ["1.2.3", "1.9.9", "1.10.0-rc1", "1.10.0", "1.10", "0.99.0", "1.2.30"]:
+        contents[version] = f"archive {version}".encode() * (len(version) + 1)
+        (releases / archive_name(version)).write_bytes(contents[version])
+    status, offer = release_server.json("GET", "/api/update")
+    assert status == 200
+    assert offer == {"version": "1.10.0", "url": release_server.url("/releases/" + archive_name("1.10.0")),
+                     "size": len(contents["1.10.0"])}
+    status, headers, body = release_server.request("GET", "/releases/" + archive_name("1.10.0"))
+    assert status == 200 and body == contents["1.10.0"]
+    assert headers["Content-Type"] == "application/zip"
+    assert int(headers["Content-Length"]) == len(body)
+    # Every archive of the folder is served, not only the newest.
+    assert release_server.request("GET", "/releases/" + archive_name("1.2.3"))[2] == contents["1.2.3"]
+    status, headers, body = release_server.request("HEAD", "/releases/" + archive_name("1.9.9"))
+    assert status == 200 and body == b"" and int(headers["Content-Length"]) == len(contents["1.9.9"])
+
+
+def test_update_url_follows_the_address_the_client_used(release_server, releases):
+    (releases / archive_name("2.0.0")).write_bytes(b"PK")
+    port = release_server.base.rsplit(":", 1)[1]
+    status, _, raw = release_server.request("GET", "/api/update", headers={"Host": f"localhost:{port}"})
+    assert status == 200
+    assert json.loads(raw)["url"] == f"http://localhost:{port}/releases/{archive_name('2.0.0')}"
+
+
+def test_a_suffixed_release_is_offered_when_it_is_the_highest(release_server, releases):
+    (releases / archive_name("3.0.0")).write_bytes(b"PK")
+    (releases / archive_name("3.0.1-beta.2")).write_bytes(b"PK beta")
+    assert release_server.json("GET", "/api/update")[1]["version"] == "3.0.1-beta.2"
+    assert release_server.request("GET", "/releases/" + archive_name("3.0.1-beta.2"))[2] == b"PK beta"
+
+
+def test_other_names_are_never_offered_or_served(release_server, releases):
+    bad = ["Orvane-1.2-linux-x86_64.zip.part", "Orvane-1.2-linux-aarch64.zip", "Orvane-v1.2-linux-x86_64.zip",
+           "Orvane-1..2-linux-x86_64.zip", "Orvane-1.2.-linux-x86_64.zip", "Orvane-1.2-rc_1-linux-x86_64.zip",
+           "Orvane-1.2--linux-x86_64.zip", "Orvane-\u0661.2-linux-x86_64.zip", "notes.txt", ".hidden.zip"]
+    for name in bad:
+        (releases / name).write_bytes(b"PK")
+    assert release_server.json("GET", "/api/update") == (200, {"version": None})
+    for name in bad:
+        assert release_server.request("GET", "/releases/" + quote(name, safe=""))[0] == 404, name
+
+
+def test_names_that_differ_only_in_case_are_not_archives(release_server, releases):
+    (releases / archive_name("2.0.0")).write_bytes(b"the real one")
+    for name in ["ORVANE-9.0.0-linux-x86_64.zip", "orvane-9.0.0-linux-x86_64.zip",
+                 "Orvane-9.0.0-Linux-x86_64.zip", "Orvane-9.0.0-linux-x86_64.ZIP"]:
+        (releases / name).write_bytes(b"PK impostor")
+        assert release_server.request("GET", "/releases/" + name)[0] == 404, name
+    assert release_server.json("GET", "/api/update")[1]["version"] == "2.0.0"
+    # Suffixes may differ only in case: both are archives, and the choice
+    # between them does not depend on the order of the listing.
+    (releases / archive_name("9.0.0-RC1")).write_bytes(b"upper")
+    (releases / archive_name("9.0.0-rc1")).write_bytes(b"lower")
+    assert release_server.json("GET", "/api/update")[1]["version"] == "9.0.0-rc1"
+    assert release_server.request("GET", "/releases/" + archive_name("9.0.0-RC1"))[2] == b"upper"
+
+
+def test_traversal_and_encoded_slashes_are_404(release_server, releases, releases_root):
+    (releases_root / archive_name("7.0.0")).write_bytes(b"outside the folder")
+    (releases / archive_name("1.0.0")).write_bytes(b"PK")
+    sub = releases / "sub"
+    sub.mkdir()
+    (sub / archive_name("8.0.0")).write_bytes(b"one level down")
+    for path in ["/releases/..%2F" + archive_name("7.0.0"),
+                 "/releases/../" + archive_name("7.0.0"),
+                 "/releases/%2e%2e%2f" + archive_name("7.0.0"),
+                 "/releases/..%5C" + archive_name("7.0.0"),
+                 "/releases/sub%2F" + archive_name("8.0.0"),
+                 "/releases/sub/" + archive_name("8.0.0"),
+                 "/releases/%2Fetc%2Fpasswd",
+                 "/releases/..", "/releases/.", "/releases/", "/releases/%00" + archive_name("1.0.0"),
+                 "/releases/" + archive_name("1.0.0") + "%00"]:
+        status, body = raw_get(release_server, path)
+        assert status == 404, (path, status, body)
+        assert b"outside the folder" not in body and b"one level down" not in body
+    assert release_server.json("GET", "/api/update")[1]["version"] == "1.0.0"
+
+
+def test_a_link_leading_outside_is_neither_offered_nor_served(release_server, releases, releases_root):
+    (releases / archive_name("1.0.0")).write_bytes(b"PK")
+    (releases / archive_name("99.0.0")).symlink_to("/etc/passwd")
+    outside = releases_root / "elsewhere.zip"
+    outside.write_bytes(b"PK outside")
+    (releases / archive_name("98.0.0")).symlink_to(outside)
+    (releases / archive_name("97.0.0")).symlink_to(releases / "missing")
+    (releases / archive_name("96.0.0")).symlink_to(archive_name("96.0.0"))  # a loop
+    assert release_server.json("GET", "/api/update")[1]["version"] == "1.0.0"
+    for version in ["99.0.0", "98.0.0", "97.0.0", "96.0.0"]:
+        status, _, body = release_server.request("GET", "/releases/" + archive_name(version))
+        assert status == 404 and b"root:" not in body and b"PK outside" not in body, version
+
+
+def test_a_link_to_an_archive_in_the_folder_is_served(release_server, releases):
+    (releases / "build-4711.zip").write_bytes(b"PK linked")
+    (releases / archive_name("5.0.0")).symlink_to("build-4711.zip")
+    assert release_server.json("GET", "/api/update")[1] == {
+        "version": "5.0.0", "url": release_server.url("/releases/" + archive_name("5.0.0")), "size": 9}
+    assert release_server.request("GET", "/releases/" + archive_name("5.0.0"))[2] == b"PK linked"
+
+
+def test_a_folder_named_like_an_archive_is_neither_offered_nor_served(release_server, releases):
+    (releases / archive_name("1.0.0")).write_bytes(b"PK")
+    (releases / archive_name("50.0.0")).mkdir()
+    os.mkfifo(releases / archive_name("51.0.0"))
+    assert release_server.json("GET", "/api/update")[1]["version"] == "1.0.0"
+    assert release_server.request("GET", "/releases/" + archive_name("50.0.0"))[0] == 404
+    assert release_server.request("GET", "/releases/" + archive_name("51.0.0"))[0] == 404
+
+
+def test_ten_thousand_files_in_the_folder(release_server, releases):
+    for n in range(5000):
+        (releases / archive_name(f"1.{n}.0")).write_bytes(b"")
+        (releases / f"noise-{n}.zip").write_bytes(b"")
+    (releases / archive_name("1.4999.0")).write_bytes(b"PK newest")
+    status, offer = release_server.json("GET", "/api/update")
+    assert status == 200 and offer["version"] == "1.4999.0" and offer["size"] == 9
+    assert release_server.request("GET", "/releases/" + archive_name("1.4999.0"))[2] == b"PK newest"
+
+
+def test_very_long_versions_compare_by_their_digits(release_server, releases):
+    # A file name holds at most 255 bytes: 230 digits is near the longest V.
+    longest = "9" * 230
+    smaller = "1" + "0" * 228  # fewer digits, so smaller despite the leading "1"
+    (releases / archive_name(longest)).write_bytes(b"PK long")
+    (releases / archive_name(smaller)).write_bytes(b"PK")
+    (releases / archive_name("8" * 230)).write_bytes(b"PK")
+    assert release_server.json("GET", "/api/update")[1]["version"] == longest
+    # A name longer than the file system allows is simply not there.
+    status, _, _ = release_server.request("GET", "/releases/" + archive_name("9" * 500))
+    assert status == 404
+    assert release_server.json("GET", "/api/update")[1]["version"] == longest
+
+
+def test_a_large_archive_is_streamed_whole(release_server, releases):
+    data = os.urandom(1 << 20) * 24
+    (releases / archive_name("4.0.0")).write_bytes(data)
+    status, offer = release_server.json("GET", "/api/update")
+    assert offer["size"] == len(data)
+    status, headers, body = release_server.request("GET", "/releases/" + archive_name("4.0.0"))
+    assert status == 200 and hashlib.sha256(body).digest() == hashlib.sha256(data).digest()

@@ -124,3 +124,22 @@ def test_a_damaged_library_is_not_seeded_over(tmp_path):
     with pytest.raises(RuntimeError, match="damaged"):
         PaperStore(tmp_path).open(lambda: pytest.fail("must not seed"))
     assert (tmp_path / "papers.json").read_text() == "{not json"
+
+
+def test_release_archive_names_and_versions():
+    from orvane_site.releases import archive_version
+    assert archive_version("Orvane-1.2.3-linux-x86_64.zip") == "1.2.3"
+    assert archive_version("Orvane-7-linux-x86_64.zip") == "7"
+    assert archive_version("Orvane-1.3.0-rc.1-linux-x86_64.zip") == "1.3.0-rc.1"
+    for name in ["Orvane-1.2.3-linux-x86_64.zip/", "orvane-1.2.3-linux-x86_64.zip", "Orvane--linux-x86_64.zip",
+                 "Orvane-1.2.3-linux-x86_64.zip\n", "Orvane-\u0663-linux-x86_64.zip", "../Orvane-1-linux-x86_64.zip",
+                 "Orvane-1-a/b-linux-x86_64.zip", "Orvane-1-a-b-linux-x86_64.zip", ""]:
+        assert archive_version(name) is None, name
+
+
+def test_release_versions_compare_numerically_part_by_part():
+    from orvane_site.releases import version_order
+    ordered = ["0.9", "0.10", "1.0-beta", "1.0-rc1", "1.0", "1.0.0", "1.0.9", "1.0.10", "1.2", "01.3", "10.0",
+               "9" * 499, "1" + "0" * 499, "1" + "0" * 498 + "1"]
+    assert sorted(ordered, key=version_order) == ordered
+    assert version_order("1.02") == version_order("1.2")

@@ -37,7 +37,7 @@ except ImportError:
     CAN_SNAPSHOT = False
 
 CAPS = ("window.panelCaps = {localPdfs: true, hotkey: true, dockDrop: true, "
-        "claude: %s, version: '1.0', build: '202609041642-2f73f25'};")
+        "claude: %s, version: '1.0', build: '202609041642-2f73f25', release: %s};")
 
 
 def pump_until(condition, timeout=10.0, what="condition"):
@@ -54,13 +54,13 @@ def pump_until(condition, timeout=10.0, what="condition"):
 
 
 class Host:
-    def __init__(self, in_orvane=True, claude="/home/demo/.local/bin/claude", size=(1100, 760)):
+    def __init__(self, in_orvane=True, claude="/home/demo/.local/bin/claude", size=(1100, 760), release=None):
         self.messages: list[dict] = []
         manager = WebKit2.UserContentManager()
         if in_orvane:
             manager.connect("script-message-received::panel", self._on_message)
             manager.register_script_message_handler("panel")
-            script = CAPS % json.dumps(claude)
+            script = CAPS % (json.dumps(claude), json.dumps(release))
             manager.add_script(WebKit2.UserScript.new(
                 script, WebKit2.UserContentInjectedFrames.TOP_FRAME,
                 WebKit2.UserScriptInjectionTime.START, None, None))
@@ -258,7 +258,7 @@ def library(base, shots):
     host.event({"type": "error", "id": "", "message": "Quotes are sent from a library PDF, the front window isn't one."})
     host.wait_js("document.querySelector('#notices').innerText.includes('front window')")
     host.event({"type": "updateProgress", "stage": "checking signature"})
-    host.wait_js("document.querySelector('#banner').innerText.includes('checking signature')")
+    host.wait_js("document.querySelector('#update-banner').innerText.includes('checking signature')")
     host.event({"type": "claudeStatus", "path": "", "sparRoot": "/tmp/x/.spar"})
     host.wait_js("document.querySelector('#status').innerText.includes('No agent')")
 
@@ -415,10 +415,58 @@ def sparring(base, shots):
     host.close()
 
 
+def update_offer(base, shots):
+    """The site offers 1.5.0 (the test put it there); this copy runs 1.4.0."""
+    offer = json.loads(http("GET", base + "/api/update")[1])
+    assert offer["version"] == "1.5.0", offer
+    host = Host(release="1.4.0")
+    host.load(base + "/")
+    host.wait_message("hello")
+    host.wait_js("!document.getElementById('update-banner').hidden")
+    assert host.text("#update-banner") == "Update available: 1.5.0"
+    box = host.js("(() => { const r = document.getElementById('update-banner').getBoundingClientRect();"
+                  " return [r.top, r.left, r.width, r.height, window.innerWidth,"
+                  " getComputedStyle(document.getElementById('update-banner')).position,"
+                  " document.getElementById('update-banner').tagName]; })()")
+    top, left, width, height, inner, position, tag = box
+    assert (top, left, position, tag) == (0, 0, "fixed", "BUTTON") and width == inner and height >= 36, box
+    host.settle(0.3)
+    host.snapshot(shots / "update-offer.png")
+    host.click("#update-banner")
+    assert host.wait_message("updateApp") == {"action": "updateApp", "url": offer["url"]}
+    assert host.js("document.getElementById('update-banner').disabled") is True
+    for stage in ["downloading", "unpacking", "checking signature", "installing"]:
+        host.event({"type": "updateProgress", "stage": stage})
+        host.wait_js("document.getElementById('update-banner').innerText.includes(%s)" % json.dumps(stage))
+    host.event({"type": "updateDone", "ok": False, "error": "the downloaded app is not signed like this one (code 1)"})
+    host.wait_js("document.getElementById('update-banner').innerText.includes('not signed like this one (code 1)')")
+    assert host.js("document.getElementById('update-banner').disabled") is False
+    host.messages.clear()
+    host.click("#update-banner")
+    assert host.wait_message("updateApp") == {"action": "updateApp", "url": offer["url"]}
+    host.event({"type": "updateDone", "ok": True})
+    host.wait_js("document.getElementById('update-banner').innerText.includes('Installed, restarting')")
+    # The rest of the page still works.
+    host.event({"type": "pdfOpened", "id": "cs/0101123"})
+    host.wait_js("document.querySelector('li.paper[data-id=\"cs/0101123\"]').innerText.includes('Opened')")
+    host.close()
+
+
+def update_hidden(base, shots):
+    """No banner for the running release itself, for a build-tree run, or in a browser."""
+    for host in [Host(release="1.5.0"), Host(release=None), Host(in_orvane=False)]:
+        host.load(base + "/")
+        host.wait_js("document.querySelectorAll('li.paper').length >= 8")
+        host.settle(0.5)
+        assert host.js("document.getElementById('update-banner').hidden") is True
+        host.close()
+
+
 def browser(base, shots):
     host = Host(in_orvane=False)
     host.load(base + "/")
     host.wait_js("document.querySelectorAll('li.paper').length >= 8")
+    assert host.js("document.getElementById('update-banner').hidden") is True
     note = host.text("#browser-note")
     assert "Orvane" in note and "local files" in note, note
     assert host.js("document.querySelector('li.paper .actions a.button').href.endsWith('/pdf')")
@@ -429,7 +477,8 @@ def browser(base, shots):
     host.close()
 
 
-SCENARIOS = {"library": library, "quick_panel": quick_panel, "sparring": sparring, "browser": browser}
+SCENARIOS = {"library": library, "quick_panel": quick_panel, "sparring": sparring, "browser": browser,
+             "update_offer": update_offer, "update_hidden": update_hidden}
 
 
 def main(argv):

@@ -1,5 +1,7 @@
 #include "app/AppDelegate.h"
 
+#include "app/RunningRelease.h"
+
 #include "base/BuildInfo.h"
 #include "base/GObjectPtr.h"
 #include "base/Paths.h"
@@ -226,7 +228,8 @@ AppDelegate::AppDelegate(GtkApplication* application, DesktopSeams seams)
       dock_drops_([this](const Event& event) { events_.sendEvent(event); }),
       dispatcher_(
           *this, events_, [] { return SiteAddress(); }, [this] { return seams_.scheduler->now(); }),
-      factory_(*this, [this] { return claudePath(); }),
+      factory_(
+          *this, [this] { return claudePath(); }, ReleaseOfInstallFolder(RunningInstallFolder())),
       placement_(std::make_unique<PlacementRequests>(
           PlacementSeams{*seams_.windows, *seams_.screens, *seams_.launcher, *seams_.scheduler,
                          [this](const std::string& path) { openAskSplitFor(path); }})) {}

@@ -9,15 +9,30 @@
 
 namespace orvane {
 
-std::string CapabilitiesScript(const std::string& claude_path) {
+std::string JsStringLiteral(std::string_view text) {
   // A one-element JSON list without its brackets is a correctly escaped
-  // string literal.
-  std::string list = nlohmann::json::array({claude_path})
-                         .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-  std::string literal = list.substr(1, list.size() - 2);
-  return std::string(
-             "window.panelCaps = {localPdfs: true, hotkey: true, dockDrop: true, claude: ") +
-         literal + ", version: '" + kVersion + "', build: '" + kBuildIdentifier + "'};";
+  // string literal; ASCII-only output leaves no line or paragraph separator
+  // (U+2028, U+2029) raw in the source.
+  std::string list = nlohmann::json::array({std::string(text)})
+                         .dump(-1, ' ', true, nlohmann::json::error_handler_t::replace);
+  std::string literal;
+  literal.reserve(list.size());
+  for (char c : std::string_view(list).substr(1, list.size() - 2)) {
+    if (c == '<')
+      literal += "\\u003c"; // no "</script>" or "<!--" in any context
+    else if (c == '\x7f')
+      literal += "\\u007f";
+    else
+      literal += c;
+  }
+  return literal;
+}
+
+std::string CapabilitiesScript(const std::string& claude_path,
+                               const std::optional<std::string>& release) {
+  return "window.panelCaps = {localPdfs: true, hotkey: true, dockDrop: true, claude: " +
+         JsStringLiteral(claude_path) + ", version: '" + kVersion + "', build: '" +
+         kBuildIdentifier + "', release: " + (release ? JsStringLiteral(*release) : "null") + "};";
 }
 
 PanelMessage ReadPanelMessage(std::string_view envelope_json) {
@@ -111,8 +126,9 @@ WebKitWebContext* MakeSharedContext() {
 
 } // namespace
 
-WebViewFactory::WebViewFactory(WebViewDelegate& delegate, std::function<std::string()> claude_path)
-    : delegate_(delegate), claude_path_(std::move(claude_path)) {}
+WebViewFactory::WebViewFactory(WebViewDelegate& delegate, std::function<std::string()> claude_path,
+                               std::optional<std::string> release)
+    : delegate_(delegate), claude_path_(std::move(claude_path)), release_(std::move(release)) {}
 
 WebViewFactory::~WebViewFactory() {
   if (context_)
@@ -128,7 +144,7 @@ std::shared_ptr<WebPage> WebViewFactory::makeWebView() {
             kBridgeWorld);
   AddScript(content.get(), PageWorldChannelScript(), WEBKIT_USER_CONTENT_INJECT_ALL_FRAMES,
             nullptr);
-  AddScript(content.get(), CapabilitiesScript(claude_path_ ? claude_path_() : ""),
+  AddScript(content.get(), CapabilitiesScript(claude_path_ ? claude_path_() : "", release_),
             WEBKIT_USER_CONTENT_INJECT_TOP_FRAME, nullptr);
 
   auto* view = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", context_,

@@ -18,13 +18,24 @@
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
+#include <string_view>
 
 namespace orvane {
 
 // "window.panelCaps = {localPdfs: true, hotkey: true, dockDrop: true,
-// claude: "<path>", version: '1.0', build: '<build>'};"
-std::string CapabilitiesScript(const std::string& claude_path);
+// claude: "<path>", version: '1.0', build: '<build>', release: "<V>"};"
+// `release` is the version the running install folder was released as, or
+// null for a run from the build tree; pages offer an update when the site
+// has another one.
+std::string CapabilitiesScript(const std::string& claude_path,
+                               const std::optional<std::string>& release);
+
+// Any bytes as one JavaScript string literal in double quotes: everything
+// outside printable ASCII, and "<", escaped, so that no value can end the
+// literal or the script around it; invalid UTF-8 reads as U+FFFD.
+std::string JsStringLiteral(std::string_view text);
 
 // The name of the bridge's isolated script world.
 inline constexpr char kBridgeWorld[] = "orvane-bridge";
@@ -58,8 +69,10 @@ public:
 
 class WebViewFactory {
 public:
-  // claude_path is read when each view is made.
-  WebViewFactory(WebViewDelegate& delegate, std::function<std::string()> claude_path);
+  // claude_path is read when each view is made; release is read once, at
+  // start, by the owner.
+  WebViewFactory(WebViewDelegate& delegate, std::function<std::string()> claude_path,
+                 std::optional<std::string> release);
   ~WebViewFactory();
 
   // The window that holds the view gives it its size.
@@ -68,6 +81,7 @@ public:
 private:
   WebViewDelegate& delegate_;
   std::function<std::string()> claude_path_;
+  std::optional<std::string> release_;
   WebKitWebContext* context_ = nullptr;
 };
 

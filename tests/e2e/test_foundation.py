@@ -35,7 +35,7 @@ BANNER = re.compile(
     r"(?P<date>(?:Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) (?: [1-9]|[12]\d|3[01]) \d{4}) "
     r"(?P<time>\d{2}:\d{2}:\d{2}), site (?P<site>.*) ==="
 )
-CAPS_KEYS = {"localPdfs", "hotkey", "dockDrop", "claude", "version", "build"}
+CAPS_KEYS = {"localPdfs", "hotkey", "dockDrop", "claude", "version", "build", "release"}
 DASH = "\u2014"  # the em dash of the log texts
 
 
@@ -134,6 +134,8 @@ def test_every_page_sees_the_capabilities_object(home, site, launch):
         assert value["version"] == "1.0"
         assert isinstance(value["build"], str) and re.fullmatch(BUILD_ID, value["build"]), value["build"]
         assert value["build"] == build
+        # The build tree holds no MANIFEST, so there is no release to compare.
+        assert value["release"] is None, value
 
 
 # --------------------------------------------------------------------------

@@ -1,7 +1,4 @@
 #include "web/NavigationPolicy.h"
-#include "web/WebViewFactory.h"
-
-#include "base/BuildInfo.h"
 
 #include <gtest/gtest.h>
 
@@ -92,19 +89,6 @@ TEST(NavigationPolicyTest, SchemeFilterReadsOnlyTheScheme) {
   EXPECT_FALSE(MayLeaveTheProgram(" http://x.example/"));
   EXPECT_FALSE(MayLeaveTheProgram(std::string("http\0://x", 9)));
   EXPECT_FALSE(MayLeaveTheProgram("https" + std::string(10000, 's') + "://x"));
-}
-
-TEST(CapabilitiesScriptTest, ExactTextWithoutAnAgent) {
-  EXPECT_EQ(CapabilitiesScript(""),
-            std::string("window.panelCaps = {localPdfs: true, hotkey: true, dockDrop: true, "
-                        "claude: \"\", version: '1.0', build: '") +
-                kBuildIdentifier + "'};");
-}
-
-TEST(CapabilitiesScriptTest, AgentPathIsAnEscapedStringLiteral) {
-  std::string script = CapabilitiesScript("/home/a \"b\"\\c/claude");
-  EXPECT_NE(script.find(R"(claude: "/home/a \"b\"\\c/claude", version: '1.0')"), std::string::npos)
-      << script;
 }
 
 } // namespace

@@ -37,6 +37,8 @@
   const api = {
     idPath,
     me: () => call('GET', '/api/me'),
+    /** The release the site offers: {version, url, size} or {version: null}. */
+    update: () => call('GET', '/api/update'),
     papers: (query) => call('GET', query ? `/api/papers?q=${encodeURIComponent(query)}` : '/api/papers'),
     paper: (id) => call('GET', `/api/papers/${idPath(id)}`),
     addNote: (paper, note) => call('POST', paper.notes_url, note),

@@ -10,7 +10,7 @@
 (function () {
   'use strict';
 
-  const { h, notify, banner, formatSize, formatTime, debounce, errorText } = OrvaneSite.ui;
+  const { h, notify, formatSize, formatTime, debounce, errorText } = OrvaneSite.ui;
   const api = OrvaneSite.api;
   const bridge = window.OrvaneBridge;
   const inOrvane = bridge.available;
@@ -493,11 +493,9 @@
       updateRow(e.id);
       focusPaper(e.id);
     });
-    bridge.onUpdateProgress((e) => banner(`Updating Orvane: ${e.stage}\u2026`, 'info'));
-    bridge.onUpdateDone((e) => {
-      if (e.ok) banner('Orvane is updated and restarts now.', 'success');
-      else banner(`The update failed: ${e.error || 'unknown error'}`, 'error');
-    });
+    // Update stages and outcomes show in the update banner.
+    const updates = OrvaneSite.createUpdateBanner({ bridge, button: el('update-banner'), fetchOffer: api.update });
+    updates.check().then((shown) => document.body.classList.toggle('has-update-banner', shown));
   }
 
   // ----- start -----------------------------------------------------------------

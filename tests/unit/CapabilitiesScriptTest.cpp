@@ -52,7 +52,7 @@ TEST(CapabilitiesScriptTest, AgentPathIsAnEscapedStringLiteral) {
   std::string script = CapabilitiesScript("/home/a \"b\"\\c/claude", "2.0");
   EXPECT_NE(script.find(R"(claude: "/home/a \"b\"\\c/claude", version: '1.0')"), std::string::npos)
       << script;
-  EXPECT_EQ(script.substr(script.size() - 18), "', release: \"2.0\"};");
+  EXPECT_EQ(script.substr(script.size() - 19), "', release: \"2.0\"};");
 }
 
 TEST(CapabilitiesScriptTest, AHostileReleaseStaysOneLiteral) {

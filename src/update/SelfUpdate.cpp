@@ -5,7 +5,9 @@
 #include "base/Paths.h"
 #include "base/SparLog.h"
 #include "library/HttpTransfer.h"
+#include "update/FolderMoves.h"
 #include "update/InstallManifest.h"
+#include "update/OldCopyServers.h"
 
 #include <algorithm>
 #include <archive.h>
@@ -32,23 +34,6 @@ std::string UpperCaseUuid() {
 std::string ParentOf(const std::string& path) {
   GCharPtr parent(g_path_get_dirname(path.c_str()));
   return parent.get();
-}
-
-// Removes a file or a folder with everything in it, never following links.
-void RemoveTree(const std::string& path) {
-  struct stat info;
-  if (lstat(path.c_str(), &info) != 0)
-    return;
-  if (S_ISDIR(info.st_mode)) {
-    if (GDir* dir = g_dir_open(path.c_str(), 0, nullptr)) {
-      while (const char* name = g_dir_read_name(dir))
-        RemoveTree(JoinPath(path, name));
-      g_dir_close(dir);
-    }
-    g_rmdir(path.c_str());
-  } else {
-    g_unlink(path.c_str());
-  }
 }
 
 bool IsDirectoryNoLink(const std::string& path) {
@@ -161,6 +146,56 @@ struct UnpackOutcome {
   std::optional<std::string> candidate;
 };
 
+// Why a candidate may not replace the running app: `message` for the page
+// (empty when it may), `detail` for the log.
+struct RequirementCheck {
+  std::string message;
+  std::string detail;
+};
+
+RequirementCheck CheckRequirement(const std::string& bundle, const std::string& candidate) {
+  if (!OwnSignatureProblem(bundle).empty())
+    return {"could not read this app's own signature", ""};
+  if (!IsDirectoryNoLink(candidate))
+    return {"the downloaded app is not readable", ""};
+  std::string key = Trimmed(ReadSmallFile(bundle, kUpdateKeyPath));
+  FolderCheck check = CheckInstallFolder(candidate, key, kApplicationId);
+  if (!check.ok())
+    return {"the downloaded app is not signed like this one (code " +
+                std::to_string(static_cast<int>(check.code)) + ")",
+            check.message};
+  return {};
+}
+
+// Runs `work` on a worker thread, then `then` with its result on the main
+// loop, unless the owner (`alive`) is gone by then.
+template <typename Result>
+void RunOffMainThread(std::weak_ptr<bool> alive, std::function<Result()> work,
+                      std::function<void(Result&)> then) {
+  struct Job {
+    std::function<Result()> work;
+    std::function<void(Result&)> then;
+    std::weak_ptr<bool> alive;
+    Result result{};
+  };
+  auto* job = new Job{std::move(work), std::move(then), std::move(alive)};
+  GTask* task = g_task_new(
+      nullptr, nullptr,
+      [](GObject*, GAsyncResult* result, gpointer) {
+        auto* job = static_cast<Job*>(g_task_get_task_data(G_TASK(result)));
+        if (!job->alive.expired())
+          job->then(job->result);
+      },
+      nullptr);
+  g_task_set_task_data(task, job, [](gpointer data) { delete static_cast<Job*>(data); });
+  g_task_run_in_thread(task, [](GTask* task, gpointer, gpointer data, GCancellable*) {
+    auto* job = static_cast<Job*>(data);
+    job->result = job->work();
+    g_task_return_boolean(task, TRUE);
+  });
+  g_object_unref(task);
+}
+
 } // namespace
 
 bool UnpackArchive(const std::string& archive_path, const std::string& folder,
@@ -271,12 +306,6 @@ std::string RelaunchCommand(const std::string& executable, double delay_seconds)
   return std::string("sleep ") + seconds + "; \"" + executable + "\"";
 }
 
-std::string RenameFolder(const std::string& from, const std::string& to) {
-  if (g_rename(from.c_str(), to.c_str()) == 0)
-    return "";
-  return g_strerror(errno);
-}
-
 SelfUpdate::SelfUpdate(SelfUpdateSeams seams) : seams_(std::move(seams)) {
   if (!seams_.move_into_place)
     seams_.move_into_place = RenameFolder;
@@ -342,61 +371,22 @@ void SelfUpdate::downloaded(const std::string& download, const std::string& work
   g_rename(download.c_str(), archive.c_str());
   updateProgress("unpacking");
 
-  // Unpacking and listing run on a worker thread; only the result comes
-  // back to the main loop.
-  struct Job {
-    std::string archive, work_folder;
-    UnpackOutcome outcome;
-  };
-  auto* job = new Job{archive, work_folder, {}};
-  struct Done {
-    SelfUpdate* self;
-    std::weak_ptr<bool> alive;
-  };
-  auto* done = new Done{this, alive_};
-  GTask* task = g_task_new(
-      nullptr, nullptr,
-      [](GObject*, GAsyncResult* result, gpointer data) {
-        std::unique_ptr<Done> done(static_cast<Done*>(data));
-        auto* job = static_cast<Job*>(g_task_get_task_data(G_TASK(result)));
-        if (!done->alive.expired())
-          done->self->install(job->outcome.candidate, job->outcome.unpacked, job->work_folder);
+  RunOffMainThread<UnpackOutcome>(
+      alive_,
+      [archive, work_folder] {
+        UnpackOutcome outcome;
+        outcome.unpacked = UnpackArchive(archive, work_folder);
+        if (outcome.unpacked)
+          outcome.candidate = FindCandidate(work_folder);
+        return outcome;
       },
-      done);
-  g_task_set_task_data(task, job, [](gpointer data) { delete static_cast<Job*>(data); });
-  g_task_run_in_thread(task, [](GTask* task, gpointer, gpointer data, GCancellable*) {
-    auto* job = static_cast<Job*>(data);
-    job->outcome.unpacked = UnpackArchive(job->archive, job->work_folder);
-    if (job->outcome.unpacked)
-      job->outcome.candidate = FindCandidate(job->work_folder);
-    g_task_return_boolean(task, TRUE);
-  });
-  g_object_unref(task);
+      [this, work_folder](UnpackOutcome& outcome) {
+        unpacked(outcome.candidate, outcome.unpacked, work_folder);
+      });
 }
 
-bool SelfUpdate::satisfiesOurRequirement(const std::string& candidate, std::string& message) {
-  const std::string& bundle = seams_.install_folder;
-  if (!OwnSignatureProblem(bundle).empty()) {
-    message = "could not read this app's own signature";
-    return false;
-  }
-  if (!IsDirectoryNoLink(candidate)) {
-    message = "the downloaded app is not readable";
-    return false;
-  }
-  std::string key = Trimmed(ReadSmallFile(bundle, kUpdateKeyPath));
-  FolderCheck check = CheckInstallFolder(candidate, key, kApplicationId);
-  if (!check.ok()) {
-    message = "the downloaded app is not signed like this one (code " +
-              std::to_string(static_cast<int>(check.code)) + ")";
-    SparLog("update: %@", check.message);
-    return false;
-  }
-  return true;
-}
-
-void SelfUpdate::install(std::optional<std::string> candidate, bool unpacked,
-                         const std::string& work_folder) {
+void SelfUpdate::unpacked(std::optional<std::string> candidate, bool unpacked,
+                          const std::string& work_folder) {
   if (!unpacked) {
     updateFailed("could not unpack the download");
     return;
@@ -406,23 +396,55 @@ void SelfUpdate::install(std::optional<std::string> candidate, bool unpacked,
     return;
   }
   updateProgress("checking signature");
-  std::string message;
-  if (!satisfiesOurRequirement(*candidate, message)) {
-    updateFailed(message);
+  std::string bundle = seams_.install_folder;
+  // Hashing every file of the candidate takes a while; the window stays live.
+  RunOffMainThread<RequirementCheck>(
+      alive_, [bundle, candidate = *candidate] { return CheckRequirement(bundle, candidate); },
+      [this, candidate = *candidate, work_folder](RequirementCheck& check) {
+        if (!check.detail.empty())
+          SparLog("update: %@", check.detail);
+        if (!check.message.empty()) {
+          updateFailed(check.message);
+          return;
+        }
+        install(candidate, work_folder);
+      });
+}
+
+void SelfUpdate::install(const std::string& candidate, const std::string& work_folder) {
+  updateProgress("installing");
+  std::string bundle = seams_.install_folder;
+  GCharPtr name(g_path_get_basename(bundle.c_str()));
+  std::string copy_name = std::string(name.get()) + ".new-" + UpperCaseUuid();
+  // Staging copies the new app beside the old one when the work folder is on
+  // another file system, before the old app is touched: a copy that fails
+  // (a full disk, say) leaves the running app as it was.
+  RunOffMainThread<Staged>(
+      alive_, [candidate, bundle, copy_name] { return StageBeside(candidate, bundle, copy_name); },
+      [this, work_folder](Staged& staged) { swap(staged, work_folder); });
+}
+
+void SelfUpdate::swap(const Staged& staged, const std::string& work_folder) {
+  if (staged.folder.empty()) {
+    updateFailed("could not install the new app: " + staged.error);
     return;
   }
-  updateProgress("installing");
-
   const std::string& bundle = seams_.install_folder;
+  // Found while the old copy is still where it ran from.
+  std::vector<pid_t> site_servers = SiteServersOf(bundle);
   MovedAside aside = MoveAside(bundle);
   if (!aside.error.empty()) {
+    if (staged.copied)
+      RemoveTree(staged.folder);
     updateFailed("could not move the old app aside: " + aside.error);
     return;
   }
-  std::string move_error = seams_.move_into_place(*candidate, bundle);
+  std::string move_error = seams_.move_into_place(staged.folder, bundle);
   if (!move_error.empty()) {
     if (aside.location)
       g_rename(aside.location->c_str(), bundle.c_str());
+    if (staged.copied)
+      RemoveTree(staged.folder);
     updateFailed("could not install the new app: " + move_error);
     return;
   }
@@ -437,6 +459,7 @@ void SelfUpdate::install(std::optional<std::string> candidate, bool unpacked,
   RemoveTree(work_folder);
   seams_.send_event({{"type", "updateDone"}, {"ok", true}});
   SparLog("update: installed, relaunching");
+  EndSiteServers(site_servers);
 
   std::string command = RelaunchCommand(JoinPath(bundle, "bin/orvane"), seams_.relaunch_delay);
   const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};

@@ -8,6 +8,7 @@
 
 #include "bridge/Event.h"
 #include "desktop/Scheduler.h"
+#include "update/FolderMoves.h"
 
 #include <functional>
 #include <memory>
@@ -83,17 +84,15 @@ private:
   void updateFailed(const std::string& message);
   void downloaded(const std::string& download, const std::string& work_folder,
                   std::optional<std::string> error, long status);
-  void install(std::optional<std::string> candidate, bool unpacked, const std::string& work_folder);
-  // False with a message when the candidate is not signed like this copy.
-  bool satisfiesOurRequirement(const std::string& candidate, std::string& message);
+  void unpacked(std::optional<std::string> candidate, bool unpacked,
+                const std::string& work_folder);
+  void install(const std::string& candidate, const std::string& work_folder);
+  void swap(const Staged& staged, const std::string& work_folder);
 
   SelfUpdateSeams seams_;
   std::string last_work_folder_;
   // Lets callbacks that arrive after destruction do nothing.
   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
-
-// Renames a folder on the same file system; empty or the error's text.
-std::string RenameFolder(const std::string& from, const std::string& to);
 
 } // namespace orvane

@@ -3,6 +3,7 @@
 #include "update/SelfUpdate.h"
 
 #include "base/BuildInfo.h"
+#include "base/GObjectPtr.h"
 #include "support/LogCapture.h"
 #include "support/MainLoop.h"
 #include "support/TempDir.h"
@@ -12,8 +13,11 @@
 #include <algorithm>
 #include <archive.h>
 #include <archive_entry.h>
+#include <csignal>
 #include <gtest/gtest.h>
+#include <set>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace orvane {
@@ -362,6 +366,121 @@ TEST_F(SelfUpdateTest, AFailingFinalMovePutsTheOldCopyBack) {
   UpdateWith(ZipOf(MakeRelease(key_.secret_key)));
   EXPECT_EQ(error(), "could not install the new app: No space left on device");
   EXPECT_EQ(Snapshot(install_), before);
+  EXPECT_EQ(quits_, 0);
+}
+
+// Starts a child in `folder` that lives until ended; its pid is ours to reap.
+pid_t StartIn(const std::string& folder, std::vector<std::string> args) {
+  std::vector<char*> argv;
+  for (std::string& a : args)
+    argv.push_back(a.data());
+  argv.push_back(nullptr);
+  GPid pid = 0;
+  EXPECT_TRUE(g_spawn_async(folder.c_str(), argv.data(), nullptr,
+                            GSpawnFlags(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD), nullptr,
+                            nullptr, &pid, nullptr));
+  return pid;
+}
+// Reaps the child once it has ended; true from then on.
+bool Ended(pid_t pid) {
+  static std::set<pid_t> reaped;
+  if (!reaped.count(pid) && waitpid(pid, nullptr, WNOHANG) == pid)
+    reaped.insert(pid);
+  return reaped.count(pid) > 0;
+}
+
+TEST_F(SelfUpdateTest, TheOldCopysSiteServerIsEndedAndNothingElse) {
+  std::string site = install_ + "/share/orvane/site";
+  std::vector<std::string> server = {
+      "python3", "-c",  "import time; time.sleep(60)", ".venv/bin/uvicorn", "main:app",
+      "--port",  "8000"};
+  pid_t old_server = StartIn(site, server);
+  pid_t shell_in_site = StartIn(site, {"sleep", "60"});
+  pid_t server_elsewhere = StartIn(scratch_.path(), server);
+  // Each has its working folder before the update looks.
+  ASSERT_TRUE(SpinUntil([&] {
+    GCharPtr cwd(
+        g_file_read_link(("/proc/" + std::to_string(old_server) + "/cwd").c_str(), nullptr));
+    return cwd && std::string(cwd.get()) == site;
+  }));
+
+  UpdateWith(ZipOf(MakeRelease(key_.secret_key)));
+  ASSERT_TRUE(events_.back().value("ok", false)) << events_.back().dump();
+  EXPECT_TRUE(SpinUntil([&] { return Ended(old_server); }));
+  std::vector<std::string> lines = log_.messages();
+  EXPECT_NE(std::find(lines.begin(), lines.end(),
+                      "bundled site: ended its server (pid " + std::to_string(old_server) +
+                          ") that ran from the old copy"),
+            lines.end())
+      << testing::PrintToString(lines);
+  EXPECT_FALSE(Ended(shell_in_site));
+  EXPECT_FALSE(Ended(server_elsewhere));
+  for (pid_t pid : {shell_in_site, server_elsewhere}) {
+    kill(pid, SIGTERM);
+    waitpid(pid, nullptr, 0);
+  }
+}
+
+// A work folder on another file system than the install folder: the new app
+// is copied beside the old one, then renamed into place.
+class AcrossFileSystemsTest : public SelfUpdateTest {
+protected:
+  void SetUp() override {
+    SelfUpdateTest::SetUp();
+    char pattern[] = "/dev/shm/orvane-test-XXXXXX";
+    if (!g_mkdtemp(pattern))
+      GTEST_SKIP() << "no /dev/shm to put a work folder on another file system";
+    other_ = pattern;
+    struct stat shm, apps;
+    if (stat(other_.c_str(), &shm) != 0 || stat(scratch_.file("apps").c_str(), &apps) != 0 ||
+        shm.st_dev == apps.st_dev)
+      GTEST_SKIP() << "/dev/shm is on the same file system as " << scratch_.path();
+    temp_ = other_;
+    update_ = std::make_unique<SelfUpdate>(seams());
+  }
+  void TearDown() override {
+    if (!other_.empty())
+      RemoveTree(other_);
+  }
+  std::vector<std::string> Beside() {
+    std::vector<std::string> names;
+    GDir* apps = g_dir_open(scratch_.file("apps").c_str(), 0, nullptr);
+    while (const char* name = g_dir_read_name(apps))
+      names.push_back(name);
+    g_dir_close(apps);
+    return names;
+  }
+  std::string other_;
+};
+
+TEST_F(AcrossFileSystemsTest, TheNewAppIsCopiedBesideThenSwappedIn) {
+  std::string release = MakeRelease(key_.secret_key);
+  std::string expected = Snapshot(release);
+  UpdateWith(ZipOf(release));
+  ASSERT_TRUE(events_.back().value("ok", false)) << events_.back().dump();
+  EXPECT_EQ(Snapshot(install_), expected);
+  EXPECT_TRUE(CheckInstallFolder(install_, key_.public_key, kApplicationId).ok());
+  // Neither the staged copy nor the old app nor the work folder is left.
+  EXPECT_EQ(Beside(), std::vector<std::string>{"Orvane"});
+  EXPECT_TRUE(TempNames().empty());
+  ASSERT_TRUE(SpinUntil([this] { return TempDir::Read(marker_) == "new\n"; }));
+}
+
+TEST_F(AcrossFileSystemsTest, AFailingFinalMoveRemovesTheCopyAndPutsTheOldAppBack) {
+  std::string before = Snapshot(install_);
+  SelfUpdateSeams failing = seams();
+  std::string moved_from;
+  failing.move_into_place = [&moved_from](const std::string& from, const std::string&) {
+    moved_from = from;
+    return std::string("Input/output error");
+  };
+  update_ = std::make_unique<SelfUpdate>(failing);
+  UpdateWith(ZipOf(MakeRelease(key_.secret_key)));
+  EXPECT_EQ(error(), "could not install the new app: Input/output error");
+  // What was to be moved was the copy beside the install folder.
+  EXPECT_EQ(moved_from.rfind(scratch_.file("apps/Orvane.new-"), 0), 0u) << moved_from;
+  EXPECT_EQ(Snapshot(install_), before);
+  EXPECT_EQ(Beside(), std::vector<std::string>{"Orvane"});
   EXPECT_EQ(quits_, 0);
 }
 

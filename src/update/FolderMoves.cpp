@@ -1,0 +1,163 @@
+#include "update/FolderMoves.h"
+
+#include "base/GObjectPtr.h"
+#include "base/Paths.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <glib/gstdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace orvane {
+namespace {
+
+std::string ErrorText(const std::string& path, int error) {
+  return path + ": " + g_strerror(error);
+}
+
+std::string CopyRegularFile(const std::string& from, const std::string& to, mode_t mode) {
+  int in = open(from.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (in < 0)
+    return ErrorText(from, errno);
+  int out = open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (out < 0) {
+    int error = errno;
+    close(in);
+    return ErrorText(to, error);
+  }
+  std::string problem;
+  char buffer[64 * 1024];
+  for (;;) {
+    ssize_t got = read(in, buffer, sizeof buffer);
+    if (got < 0 && errno == EINTR)
+      continue;
+    if (got < 0) {
+      problem = ErrorText(from, errno);
+      break;
+    }
+    if (got == 0)
+      break;
+    for (ssize_t written = 0; written < got;) {
+      ssize_t put = write(out, buffer + written, size_t(got - written));
+      if (put < 0 && errno == EINTR)
+        continue;
+      if (put < 0) {
+        problem = ErrorText(to, errno);
+        break;
+      }
+      written += put;
+    }
+    if (!problem.empty())
+      break;
+  }
+  // The permission bits are set last, so that a read-only file can still be
+  // written while it is copied.
+  if (problem.empty() && fchmod(out, mode & 07777) != 0)
+    problem = ErrorText(to, errno);
+  if (close(out) != 0 && problem.empty())
+    problem = ErrorText(to, errno);
+  close(in);
+  return problem;
+}
+
+// Copies what `from` holds into the folder `to`, which exists, then gives
+// `to` the permission bits `mode`.
+std::string CopyEntries(const std::string& from, const std::string& to, mode_t mode) {
+  GError* error = nullptr;
+  GDir* dir = g_dir_open(from.c_str(), 0, &error);
+  if (!dir) {
+    std::string problem = from + ": " + (error ? error->message : "?");
+    g_clear_error(&error);
+    return problem;
+  }
+  std::string problem;
+  while (const char* name = g_dir_read_name(dir)) {
+    std::string source = JoinPath(from, name);
+    std::string target = JoinPath(to, name);
+    struct stat info;
+    if (lstat(source.c_str(), &info) != 0) {
+      problem = ErrorText(source, errno);
+    } else if (S_ISDIR(info.st_mode)) {
+      problem = g_mkdir(target.c_str(), 0700) == 0 ? CopyEntries(source, target, info.st_mode)
+                                                   : ErrorText(target, errno);
+    } else if (S_ISREG(info.st_mode)) {
+      problem = CopyRegularFile(source, target, info.st_mode);
+    } else if (S_ISLNK(info.st_mode)) {
+      GCharPtr link(g_file_read_link(source.c_str(), nullptr));
+      if (!link || symlink(link.get(), target.c_str()) != 0)
+        problem = ErrorText(target, errno);
+    } else {
+      problem = source + ": neither a file, a folder nor a link";
+    }
+    if (!problem.empty())
+      break;
+  }
+  g_dir_close(dir);
+  if (problem.empty() && chmod(to.c_str(), mode & 07777) != 0)
+    problem = ErrorText(to, errno);
+  return problem;
+}
+
+} // namespace
+
+void RemoveTree(const std::string& path) {
+  struct stat info;
+  if (lstat(path.c_str(), &info) != 0)
+    return;
+  if (S_ISDIR(info.st_mode)) {
+    // A folder without write permission cannot have its entries removed.
+    if ((info.st_mode & S_IWUSR) == 0)
+      chmod(path.c_str(), (info.st_mode & 07777) | S_IRWXU);
+    if (GDir* dir = g_dir_open(path.c_str(), 0, nullptr)) {
+      while (const char* name = g_dir_read_name(dir))
+        RemoveTree(JoinPath(path, name));
+      g_dir_close(dir);
+    }
+    g_rmdir(path.c_str());
+  } else {
+    g_unlink(path.c_str());
+  }
+}
+
+std::string CopyFolder(const std::string& from, const std::string& to) {
+  struct stat info;
+  if (lstat(from.c_str(), &info) != 0)
+    return ErrorText(from, errno);
+  if (!S_ISDIR(info.st_mode))
+    return from + ": not a folder";
+  // The top folder is made here, so that only a folder this copy made is
+  // removed after a failure, never one that was there before.
+  if (g_mkdir(to.c_str(), 0700) != 0)
+    return ErrorText(to, errno);
+  std::string problem = CopyEntries(from, to, info.st_mode);
+  if (!problem.empty())
+    RemoveTree(to);
+  return problem;
+}
+
+std::string RenameFolder(const std::string& from, const std::string& to) {
+  if (g_rename(from.c_str(), to.c_str()) == 0)
+    return "";
+  return g_strerror(errno);
+}
+
+Staged StageBeside(const std::string& candidate, const std::string& install_folder,
+                   const std::string& copy_name) {
+  GCharPtr parent(g_path_get_dirname(install_folder.c_str()));
+  struct stat from, to;
+  if (lstat(candidate.c_str(), &from) != 0)
+    return {"", ErrorText(candidate, errno), false};
+  if (stat(parent.get(), &to) != 0)
+    return {"", ErrorText(parent.get(), errno), false};
+  if (from.st_dev == to.st_dev)
+    return {candidate, "", false};
+  std::string copy = JoinPath(parent.get(), copy_name);
+  std::string problem = CopyFolder(candidate, copy);
+  if (!problem.empty())
+    return {"", problem, false};
+  return {copy, "", true};
+}
+
+} // namespace orvane

@@ -1,0 +1,33 @@
+// Moving whole folders during an update: the new app is staged beside the
+// install folder before the old one is touched, so that the swap itself is
+// two renames on one file system.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace orvane {
+
+// Removes a file or a folder with everything in it, never following links.
+void RemoveTree(const std::string& path);
+
+// Copies a folder to `to` (which must not exist): folders, regular files
+// with their permission bits, and links as links. Anything else (a device, a
+// socket) is refused. Empty or why not; a partial copy is removed.
+std::string CopyFolder(const std::string& from, const std::string& to);
+
+// Renames a folder on the same file system; empty or the error's text.
+std::string RenameFolder(const std::string& from, const std::string& to);
+
+// Where the new app waits to be renamed into `install_folder`'s place: the
+// candidate itself when it lies on the same file system as the install
+// folder's parent, else a copy beside the install folder.
+struct Staged {
+  std::string folder;  // empty when staging failed
+  std::string error;   // why it failed
+  bool copied = false; // the folder is a copy that is ours to remove
+};
+Staged StageBeside(const std::string& candidate, const std::string& install_folder,
+                   const std::string& copy_name);
+
+} // namespace orvane

@@ -23,6 +23,9 @@
               the primary 1920 x 1080 and a 1440 x 900 one to its right; a
               module whose tests need it overrides `desktop` with it
 - `other_bus` one more private session bus on the shared display
+- `release`   one release made by scripts/make-release.sh with a throwaway key,
+              shared by every module of the session: {"keys", "key", "out",
+              "zip", "work"}
 
 On a failed test, a screenshot of the desktop, the activity log, Orvane's
 console output and the sites' request logs are kept under
@@ -54,6 +57,7 @@ from harness import (  # noqa: E402
     ReferenceSite,
     StandInAgent,
     become_subreaper,
+    make_release,
     reap_orphans,
 )
 
@@ -185,6 +189,14 @@ def other_bus(tmp_path):
         leftovers = bus.stop()
         if leftovers:
             warnings.warn(f"processes left on the second bus had to be ended: {leftovers}")
+
+
+@pytest.fixture(scope="session")
+def release(tmp_path_factory):
+    try:
+        return make_release(tmp_path_factory.mktemp("release"))
+    except FileNotFoundError as exc:
+        pytest.fail(str(exc))
 
 
 @pytest.fixture

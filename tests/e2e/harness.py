@@ -1614,6 +1614,35 @@ def orvane_binary() -> Path:
     return Path(os.environ.get("ORVANE_BIN") or REPO_ROOT / "build" / "orvane")
 
 
+# --------------------------------------------------------------------------
+# a signed release
+
+
+RELEASE_VERSION = "7.7.7"
+SIGN_TOOL = REPO_ROOT / "build" / "orvane-sign"
+
+
+def run(*args: Any, **kwargs: Any) -> subprocess.CompletedProcess:
+    return subprocess.run([str(a) for a in args], capture_output=True, text=True, **kwargs)
+
+
+def make_release(work: Path, version: str = RELEASE_VERSION) -> dict[str, Path]:
+    """A throwaway key in work/keys and, made with it by
+    scripts/make-release.sh, the release's zip and Debian package in work/out."""
+    if not SIGN_TOOL.exists():
+        raise FileNotFoundError(f"{SIGN_TOOL} is missing (build first)")
+    keys = work / "keys"
+    keys.mkdir(parents=True)
+    made = run(SIGN_TOOL, "keygen", keys)
+    assert made.returncode == 0, made.stderr
+    out = work / "out"
+    result = run(REPO_ROOT / "scripts" / "make-release.sh", "--key", keys / "orvane-update.key",
+                 "--version", version, "--out", out, cwd=REPO_ROOT, timeout=900)
+    assert result.returncode == 0, result.stdout + result.stderr
+    return {"work": work, "keys": keys, "key": keys / "orvane-update.key", "out": out,
+            "zip": out / f"Orvane-{version}-linux-x86_64.zip"}
+
+
 class _OwnProcess:
     """A process this harness started (`proc`, once started) whose standard
     output and error go to `out_path`."""

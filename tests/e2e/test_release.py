@@ -4,8 +4,9 @@ unzipped folder verifies with its own orvane-sign, works after being moved
 (the program finds its bundled site beside itself, the site's venv runs from
 there) and tampering is caught with the documented codes.
 
-The release is made once for the module from the existing build/ (the script
-builds only when build/ holds no program).
+The release is made once for the session (the `release` fixture, shared with
+the update tests) from the existing build/; the script builds only when
+build/ holds no program.
 """
 
 from __future__ import annotations
@@ -23,22 +24,20 @@ from pathlib import Path
 import pytest
 
 from harness import (
-    REPO_ROOT,
+    RELEASE_VERSION,
+    SIGN_TOOL,
     DevProject,
     Orvane,
     pid_alive,
     port_is_free,
     terminate_pids,
+    run,
     wait_until,
 )
 
-VERSION = "7.7.7"
-BUILD_DIR = REPO_ROOT / "build"
-SIGN_TOOL = BUILD_DIR / "orvane-sign"
+VERSION = RELEASE_VERSION
 
 
-def run(*args, **kwargs) -> subprocess.CompletedProcess:
-    return subprocess.run([str(a) for a in args], capture_output=True, text=True, **kwargs)
 
 
 def listing(folder: Path) -> dict[str, str]:
@@ -56,26 +55,10 @@ def listing(folder: Path) -> dict[str, str]:
     return found
 
 
-@pytest.fixture(scope="module")
-def release(tmp_path_factory):
-    if not SIGN_TOOL.exists():
-        pytest.fail(f"{SIGN_TOOL} is missing (build first)")
-    work = tmp_path_factory.mktemp("release")
-    keys = work / "keys"
-    keys.mkdir()
-    made = run(SIGN_TOOL, "keygen", keys)
-    assert made.returncode == 0, made.stderr
-    out = work / "out"
-    result = run(REPO_ROOT / "scripts" / "make-release.sh", "--key", keys / "orvane-update.key",
-                 "--version", VERSION, "--out", out, cwd=REPO_ROOT, timeout=900)
-    assert result.returncode == 0, result.stdout + result.stderr
-    return {"work": work, "keys": keys, "out": out}
-
-
 @pytest.fixture
 def unzipped(release, tmp_path):
     """A fresh copy of the release, unzipped into this test's folder."""
-    archive = release["out"] / f"Orvane-{VERSION}-linux-x86_64.zip"
+    archive = release["zip"]
     result = run("unzip", "-q", archive, "-d", tmp_path / "unpacked")
     assert result.returncode == 0, result.stderr
     return tmp_path / "unpacked" / "Orvane"

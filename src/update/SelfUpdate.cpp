@@ -180,6 +180,7 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder,
   bool refused = false;
   uint64_t unpacked_bytes = 0;
   size_t entries = 0;
+  std::set<std::string> link_paths;
   if (archive_read_open_filename(reader, archive_path.c_str(), 64 * 1024) == ARCHIVE_OK) {
     struct archive_entry* entry = nullptr;
     while (!refused && archive_read_next_header(reader, &entry) == ARCHIVE_OK) {
@@ -201,6 +202,8 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder,
         refused = true;
         break;
       }
+      if (type == AE_IFLNK)
+        link_paths.insert(path);
       archive_entry_set_pathname(entry, JoinPath(root, path).c_str());
       if (hardlink)
         archive_entry_set_hardlink(entry, JoinPath(root, hardlink).c_str());
@@ -229,6 +232,17 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder,
   }
   archive_read_free(reader);
   archive_write_free(writer);
+  // Links that each stay inside can climb out together ("a" -> ".",
+  // "b" -> "a/.."): once everything is unpacked, each link still on disk
+  // must resolve inside, or it is removed and the archive refused.
+  for (const std::string& path : link_paths) {
+    std::string full = JoinPath(root, path);
+    GCharPtr target(g_file_read_link(full.c_str(), nullptr));
+    if (target && LinkLeadsOutside(root, {path, EntryKind::kLink, "", 0, target.get()})) {
+      g_unlink(full.c_str());
+      refused = true;
+    }
+  }
   return !refused;
 }
 

@@ -334,6 +334,27 @@ TEST_F(HostileArchiveTest, SymlinkOutsideIsRefusedAndNotWrittenThrough) {
   ExpectNothingOutside({LinkEntry("Orvane/up", "../../apps"), FileEntry("Orvane/up/escaped", "x")});
 }
 
+TEST_F(HostileArchiveTest, LinksThatClimbOutTogetherAreRefused) {
+  ExpectNothingOutside({LinkEntry("here", "."), LinkEntry("up", "here/..")});
+  ExpectNothingOutside({LinkEntry("up", "later/.."), LinkEntry("later", ".")});
+}
+
+TEST(UnpackLinksTest, ALinkChainClimbingOutIsRefusedAndRemoved) {
+  TempDir scratch;
+  std::string zip_path = scratch.path() + "/app.zip";
+  std::string zip = MakeZip({LinkEntry("here", "."), LinkEntry("up", "here/.."),
+                             LinkEntry("bin", "here"), FileEntry("a", "x")});
+  ASSERT_TRUE(g_file_set_contents(zip_path.c_str(), zip.data(), gssize(zip.size()), nullptr));
+  std::string into = scratch.path() + "/out";
+  ASSERT_EQ(g_mkdir(into.c_str(), 0700), 0);
+  EXPECT_FALSE(UnpackArchive(zip_path, into));
+  EXPECT_FALSE(g_file_test((into + "/up").c_str(), G_FILE_TEST_IS_SYMLINK));
+  // The links that stay inside, and the files, are left as unpacked.
+  EXPECT_TRUE(g_file_test((into + "/here").c_str(), G_FILE_TEST_IS_SYMLINK));
+  EXPECT_TRUE(g_file_test((into + "/bin").c_str(), G_FILE_TEST_IS_SYMLINK));
+  EXPECT_EQ(TempDir::Read(into + "/a"), "x");
+}
+
 TEST_F(HostileArchiveTest, ADeviceEntryNeverBecomesADevice) {
   // libarchive writes no FIFO into a zip, so the entry is written as a file
   // and its central directory record then says "FIFO" in the Unix mode bits.

@@ -202,6 +202,15 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder,
         refused = true;
         break;
       }
+      // The writer makes a file as long as its entry says even when fewer
+      // bytes follow, so the declared size counts against the bound too.
+      uint64_t declared = archive_entry_size_is_set(entry) && archive_entry_size(entry) > 0
+                              ? uint64_t(archive_entry_size(entry))
+                              : 0;
+      if (declared > limits.max_bytes - unpacked_bytes) {
+        refused = true;
+        break;
+      }
       if (type == AE_IFLNK)
         link_paths.insert(path);
       archive_entry_set_pathname(entry, JoinPath(root, path).c_str());
@@ -216,9 +225,10 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder,
       size_t size = 0;
       la_int64_t offset = 0;
       int status;
+      uint64_t entry_bytes = 0;
       while ((status = archive_read_data_block(reader, &block, &size, &offset)) == ARCHIVE_OK) {
-        unpacked_bytes += size;
-        if (unpacked_bytes > limits.max_bytes) {
+        entry_bytes += size;
+        if (entry_bytes > limits.max_bytes - unpacked_bytes) {
           refused = true;
           break;
         }
@@ -226,6 +236,7 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder,
           break;
       }
       archive_write_finish_entry(writer);
+      unpacked_bytes += std::max(entry_bytes, declared);
       if (refused || status < ARCHIVE_WARN)
         break; // damaged: what is unpacked stays
     }

@@ -461,5 +461,18 @@ TEST(UnpackLimitsTest, AnArchiveOverItsBoundsIsRefused) {
   EXPECT_FALSE(unpack({8001, 2})) << "three entries under a bound of two";
 }
 
+TEST(UnpackLimitsTest, AnEntryOverTheBoundLeavesNoFileOfItsDeclaredSize) {
+  TempDir scratch;
+  std::string zip_path = scratch.path() + "/app.zip";
+  std::string zip = MakeZip({FileEntry("small", "x"), FileEntry("big", std::string(4000, 'x'))});
+  ASSERT_TRUE(g_file_set_contents(zip_path.c_str(), zip.data(), gssize(zip.size()), nullptr));
+  std::string into = scratch.path() + "/out";
+  ASSERT_EQ(g_mkdir(into.c_str(), 0700), 0);
+  EXPECT_FALSE(UnpackArchive(zip_path, into, {3000, 10}));
+  EXPECT_EQ(TempDir::Read(into + "/small"), "x");
+  struct stat big;
+  EXPECT_NE(lstat((into + "/big").c_str(), &big), 0) << "a file of " << big.st_size << " bytes";
+}
+
 } // namespace
 } // namespace orvane

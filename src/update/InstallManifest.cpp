@@ -435,8 +435,10 @@ ParsedManifest ParseManifest(std::string_view text) {
       std::string_view hash = fields[0], mode = fields[1];
       bool hex = hash.size() == 64 &&
                  std::all_of(hash.begin(), hash.end(), [](char c) { return HexValue(c) >= 0; });
+      // As the writer puts it: octal without leading zeros, so that a
+      // manifest has a single text.
       bool octal =
-          !mode.empty() && mode.size() <= 4 &&
+          !mode.empty() && mode.size() <= 4 && (mode.size() == 1 || mode.front() != '0') &&
           std::all_of(mode.begin(), mode.end(), [](char c) { return c >= '0' && c <= '7'; });
       if (!hex || !octal)
         return fail(number, "expected \"SHA256 MODE PATH\" or \"link TARGET PATH\"");

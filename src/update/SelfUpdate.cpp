@@ -215,6 +215,7 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder,
   bool refused = false;
   uint64_t unpacked_bytes = 0;
   size_t entries = 0;
+  std::set<std::string> link_paths;
   if (archive_read_open_filename(reader, archive_path.c_str(), 64 * 1024) == ARCHIVE_OK) {
     struct archive_entry* entry = nullptr;
     while (!refused && archive_read_next_header(reader, &entry) == ARCHIVE_OK) {
@@ -236,6 +237,17 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder,
         refused = true;
         break;
       }
+      // The writer makes a file as long as its entry says even when fewer
+      // bytes follow, so the declared size counts against the bound too.
+      uint64_t declared = archive_entry_size_is_set(entry) && archive_entry_size(entry) > 0
+                              ? uint64_t(archive_entry_size(entry))
+                              : 0;
+      if (declared > limits.max_bytes - unpacked_bytes) {
+        refused = true;
+        break;
+      }
+      if (type == AE_IFLNK)
+        link_paths.insert(path);
       archive_entry_set_pathname(entry, JoinPath(root, path).c_str());
       if (hardlink)
         archive_entry_set_hardlink(entry, JoinPath(root, hardlink).c_str());
@@ -248,9 +260,10 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder,
       size_t size = 0;
       la_int64_t offset = 0;
       int status;
+      uint64_t entry_bytes = 0;
       while ((status = archive_read_data_block(reader, &block, &size, &offset)) == ARCHIVE_OK) {
-        unpacked_bytes += size;
-        if (unpacked_bytes > limits.max_bytes) {
+        entry_bytes += size;
+        if (entry_bytes > limits.max_bytes - unpacked_bytes) {
           refused = true;
           break;
         }
@@ -258,12 +271,24 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder,
           break;
       }
       archive_write_finish_entry(writer);
+      unpacked_bytes += std::max(entry_bytes, declared);
       if (refused || status < ARCHIVE_WARN)
         break; // damaged: what is unpacked stays
     }
   }
   archive_read_free(reader);
   archive_write_free(writer);
+  // Links that each stay inside can climb out together ("a" -> ".",
+  // "b" -> "a/.."): once everything is unpacked, each link still on disk
+  // must resolve inside, or it is removed and the archive refused.
+  for (const std::string& path : link_paths) {
+    std::string full = JoinPath(root, path);
+    GCharPtr target(g_file_read_link(full.c_str(), nullptr));
+    if (target && LinkLeadsOutside(root, {path, EntryKind::kLink, "", 0, target.get()})) {
+      g_unlink(full.c_str());
+      refused = true;
+    }
+  }
   return !refused;
 }
 

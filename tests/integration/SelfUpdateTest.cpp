@@ -338,6 +338,27 @@ TEST_F(HostileArchiveTest, SymlinkOutsideIsRefusedAndNotWrittenThrough) {
   ExpectNothingOutside({LinkEntry("Orvane/up", "../../apps"), FileEntry("Orvane/up/escaped", "x")});
 }
 
+TEST_F(HostileArchiveTest, LinksThatClimbOutTogetherAreRefused) {
+  ExpectNothingOutside({LinkEntry("here", "."), LinkEntry("up", "here/..")});
+  ExpectNothingOutside({LinkEntry("up", "later/.."), LinkEntry("later", ".")});
+}
+
+TEST(UnpackLinksTest, ALinkChainClimbingOutIsRefusedAndRemoved) {
+  TempDir scratch;
+  std::string zip_path = scratch.path() + "/app.zip";
+  std::string zip = MakeZip({LinkEntry("here", "."), LinkEntry("up", "here/.."),
+                             LinkEntry("bin", "here"), FileEntry("a", "x")});
+  ASSERT_TRUE(g_file_set_contents(zip_path.c_str(), zip.data(), gssize(zip.size()), nullptr));
+  std::string into = scratch.path() + "/out";
+  ASSERT_EQ(g_mkdir(into.c_str(), 0700), 0);
+  EXPECT_FALSE(UnpackArchive(zip_path, into));
+  EXPECT_FALSE(g_file_test((into + "/up").c_str(), G_FILE_TEST_IS_SYMLINK));
+  // The links that stay inside, and the files, are left as unpacked.
+  EXPECT_TRUE(g_file_test((into + "/here").c_str(), G_FILE_TEST_IS_SYMLINK));
+  EXPECT_TRUE(g_file_test((into + "/bin").c_str(), G_FILE_TEST_IS_SYMLINK));
+  EXPECT_EQ(TempDir::Read(into + "/a"), "x");
+}
+
 TEST_F(HostileArchiveTest, ADeviceEntryNeverBecomesADevice) {
   // libarchive writes no FIFO into a zip, so the entry is written as a file
   // and its central directory record then says "FIFO" in the Unix mode bits.
@@ -557,6 +578,19 @@ TEST(UnpackLimitsTest, AnArchiveOverItsBoundsIsRefused) {
   EXPECT_TRUE(unpack({8001, 3}));
   EXPECT_FALSE(unpack({8000, 3})) << "8001 bytes unpacked under a bound of 8000";
   EXPECT_FALSE(unpack({8001, 2})) << "three entries under a bound of two";
+}
+
+TEST(UnpackLimitsTest, AnEntryOverTheBoundLeavesNoFileOfItsDeclaredSize) {
+  TempDir scratch;
+  std::string zip_path = scratch.path() + "/app.zip";
+  std::string zip = MakeZip({FileEntry("small", "x"), FileEntry("big", std::string(4000, 'x'))});
+  ASSERT_TRUE(g_file_set_contents(zip_path.c_str(), zip.data(), gssize(zip.size()), nullptr));
+  std::string into = scratch.path() + "/out";
+  ASSERT_EQ(g_mkdir(into.c_str(), 0700), 0);
+  EXPECT_FALSE(UnpackArchive(zip_path, into, {3000, 10}));
+  EXPECT_EQ(TempDir::Read(into + "/small"), "x");
+  struct stat big;
+  EXPECT_NE(lstat((into + "/big").c_str(), &big), 0) << "a file of " << big.st_size << " bytes";
 }
 
 } // namespace

@@ -286,6 +286,21 @@ TEST(ManifestParserTest, RefusesBrokenHeadersAndUnterminatedText) {
   EXPECT_TRUE(empty_list.manifest->entries.empty());
 }
 
+TEST(ManifestParserTest, ModesAreReadOnlyAsTheWriterWritesThem) {
+  const std::string head = "app-id x\nversion 1\nbuild b\n";
+  const std::string hash(64, 'a');
+  ParsedManifest plain = ParseManifest(head + hash + " 644 a\n" + hash + " 0 b\n");
+  ASSERT_TRUE(plain.manifest) << plain.error;
+  EXPECT_EQ(plain.manifest->entries[0].mode, 0644u);
+  EXPECT_EQ(plain.manifest->entries[1].mode, 0u);
+  EXPECT_EQ(ManifestText(*plain.manifest), head + hash + " 644 a\n" + hash + " 0 b\n");
+  for (const char* mode : {"0644", "00", "0000", "07"}) {
+    ParsedManifest padded = ParseManifest(head + hash + " " + mode + " a\n");
+    EXPECT_FALSE(padded.manifest) << mode;
+    EXPECT_EQ(padded.error, "line 4: expected \"SHA256 MODE PATH\" or \"link TARGET PATH\"");
+  }
+}
+
 TEST(ManifestParserTest, RefusesAHugeManifestUnread) {
   std::string huge = "app-id x\nversion 1\nbuild b\n";
   huge.resize(kManifestSizeLimit + 1, '\n');

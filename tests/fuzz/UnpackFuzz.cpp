@@ -1,0 +1,173 @@
+// Any bytes as a downloaded zip, unpacked with small limits into a fresh
+// folder that has a neighbour: nothing appears beside the folder, the
+// neighbour's file is neither changed nor linked to, every link left in the
+// folder resolves inside it, only files, folders and links are made, and the
+// files hold no more bytes than the limit allows.
+#include "FuzzFiles.h"
+#include "update/SelfUpdate.h"
+
+#include "support/TempDir.h"
+
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <glib.h>
+#include <glib/gstdio.h>
+#include <set>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr char kSecret[] = "the neighbour's own bytes\n";
+constexpr orvane::UnpackLimits kLimits{/*max_bytes=*/2048, /*max_entries=*/32};
+
+void Require(bool holds) {
+  if (!holds)
+    std::abort();
+}
+
+std::set<std::string> NamesIn(const std::string& folder) {
+  std::set<std::string> names;
+  if (GDir* dir = g_dir_open(folder.c_str(), 0, nullptr)) {
+    while (const char* name = g_dir_read_name(dir))
+      names.insert(name);
+    g_dir_close(dir);
+  }
+  return names;
+}
+
+// Archives may make folders nobody can enter or write: opens each up.
+void OpenUp(const std::string& path) {
+  struct stat info;
+  if (lstat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
+    return;
+  chmod(path.c_str(), 0700);
+  for (const std::string& name : NamesIn(path))
+    OpenUp(path + "/" + name);
+}
+
+void RemoveTree(const std::string& path) {
+  struct stat info;
+  if (lstat(path.c_str(), &info) != 0)
+    return;
+  if (S_ISDIR(info.st_mode)) {
+    chmod(path.c_str(), 0700);
+    for (const std::string& name : NamesIn(path))
+      RemoveTree(path + "/" + name);
+    g_rmdir(path.c_str());
+  } else {
+    g_unlink(path.c_str());
+  }
+}
+
+bool Inside(const std::string& root, const std::string& path) {
+  return path == root || path.rfind(root + "/", 0) == 0;
+}
+
+// Where a link leads when what it names does not exist (yet): its target
+// taken literally from the link's folder, resolving what does exist.
+std::string LiteralDestination(const std::string& link_folder, const std::string& target) {
+  std::string joined = target.front() == '/' ? target : link_folder + "/" + target;
+  std::vector<std::string> parts;
+  size_t start = 0;
+  while (start <= joined.size()) {
+    size_t slash = joined.find('/', start);
+    if (slash == std::string::npos)
+      slash = joined.size();
+    std::string part = joined.substr(start, slash - start);
+    if (part == "..") {
+      if (!parts.empty())
+        parts.pop_back();
+    } else if (!part.empty() && part != ".") {
+      parts.push_back(part);
+    }
+    start = slash + 1;
+  }
+  std::string path;
+  for (const std::string& part : parts)
+    path += "/" + part;
+  return path.empty() ? "/" : path;
+}
+
+struct Walk {
+  std::string root;
+  uint64_t file_bytes = 0;
+
+  void visit(const std::string& folder) {
+    for (const std::string& name : NamesIn(folder)) {
+      std::string path = folder + "/" + name;
+      struct stat info;
+      Require(lstat(path.c_str(), &info) == 0);
+      if (S_ISDIR(info.st_mode)) {
+        visit(path);
+      } else if (S_ISREG(info.st_mode)) {
+        file_bytes += uint64_t(info.st_size);
+      } else {
+        Require(S_ISLNK(info.st_mode));
+        char target[PATH_MAX + 1];
+        ssize_t length = readlink(path.c_str(), target, PATH_MAX);
+        Require(length > 0);
+        target[length] = '\0';
+        char* resolved = realpath(path.c_str(), nullptr);
+        std::string destination =
+            resolved ? std::string(resolved) : LiteralDestination(folder, target);
+        free(resolved);
+        Require(Inside(root, destination));
+      }
+    }
+  }
+};
+
+struct Fixture {
+  orvane::TempDir work;
+  std::string archive = work.file("download.zip");
+};
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  orvane::PreferMemoryForTemporaryFiles();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static Fixture fixture;
+  orvane::TempDir::WriteFile(fixture.archive,
+                             std::string(reinterpret_cast<const char*>(data), size));
+
+  // A fresh parent per run: the target folder and a neighbour with a file.
+  char* made = g_dir_make_tmp("orvane-unpack-XXXXXX", nullptr);
+  Require(made != nullptr);
+  char* real_parent = realpath(made, nullptr);
+  g_free(made);
+  Require(real_parent != nullptr);
+  const std::string parent = real_parent;
+  free(real_parent);
+  const std::string target = parent + "/unpacked";
+  const std::string neighbour = parent + "/neighbour";
+  Require(g_mkdir(target.c_str(), 0700) == 0 && g_mkdir(neighbour.c_str(), 0700) == 0);
+  orvane::TempDir::WriteFile(neighbour + "/secret", kSecret);
+
+  bool unpacked = orvane::UnpackArchive(fixture.archive, target, kLimits);
+  (void)unpacked; // a refusal and an unreadable archive both leave a safe folder
+
+  Require(NamesIn(parent) == std::set<std::string>{"neighbour", "unpacked"});
+  Require(NamesIn(neighbour) == std::set<std::string>{"secret"});
+  struct stat secret;
+  Require(lstat((neighbour + "/secret").c_str(), &secret) == 0);
+  Require(S_ISREG(secret.st_mode) && secret.st_nlink == 1);
+  Require(orvane::TempDir::Read(neighbour + "/secret") == kSecret);
+  struct stat target_info;
+  Require(lstat(target.c_str(), &target_info) == 0 && S_ISDIR(target_info.st_mode));
+
+  OpenUp(target);
+  Walk walk{target};
+  walk.visit(target);
+  Require(walk.file_bytes <= kLimits.max_bytes);
+
+  RemoveTree(parent);
+  return 0;
+}

@@ -12,10 +12,12 @@ compression, which keeps making them cheap.
 from __future__ import annotations
 
 import hashlib
+import json
 import os
 import shutil
 import stat
 import subprocess
+import urllib.request
 import zipfile
 from pathlib import Path
 
@@ -25,6 +27,7 @@ from harness import (
     SIGN_TOOL,
     Orvane,
     pid_alive,
+    port_is_free,
     run,
     terminate_pids,
     wait_until,
@@ -525,3 +528,114 @@ def test_failed_final_move_puts_the_old_copy_back(releases, home, desktop, site,
     assert not any(p.is_file() or p.is_symlink() for p in inside.glob(".Trash*/**/*")), leftovers
     assert trashed(run_.home) == []
     assert list(small.iterdir()) == []  # outside the namespace: an empty folder
+
+
+# --------------------------------------------------------------------------
+# the whole round: the bundled site offers the newer release
+
+
+SITE_PORT = 8000  # the development server is always started there
+
+
+def site_servers_in(site_folder: Path) -> list[int]:
+    """uvicorn processes whose working folder is site_folder."""
+    found = []
+    for name in os.listdir("/proc"):
+        if not name.isdigit():
+            continue
+        try:
+            cwd = os.readlink(f"/proc/{name}/cwd")
+            argv = Path(f"/proc/{name}/cmdline").read_bytes().split(b"\0")
+        except OSError:
+            continue
+        if cwd == str(site_folder) and any(a.endswith(b"uvicorn") for a in argv):
+            found.append(int(name))
+    return found
+
+
+def offer(address: str) -> dict | None:
+    try:
+        with urllib.request.urlopen(address + "/api/update", timeout=2) as answer:
+            return json.loads(answer.read())
+    except (OSError, ValueError):
+        return None
+
+
+def test_the_bundled_site_offers_the_newer_release_and_the_copy_updates_itself(
+        releases, home, desktop, request, tmp_path):
+    if not port_is_free("127.0.0.1", SITE_PORT):
+        pytest.skip(f"127.0.0.1:{SITE_PORT} is taken by another process; the development server is always started there")
+    installed = releases.install(tmp_path / "apps")
+    site_folder = installed / "share/orvane/site"
+    shelf = tmp_path / "releases"
+    shelf.mkdir()
+    shutil.copy(releases.archive("good"), shelf / f"Orvane-{NEW_VERSION}-linux-x86_64.zip")
+    # The site is the installed copy's own, started by the program itself;
+    # what it needs reaches it through the program's environment.
+    home.extra_env["ORVANE_SITE_RELEASES"] = str(shelf)
+    home.extra_env["ORVANE_SITE_DATA"] = str(tmp_path / "site-data")
+    home.extra_env["TMPDIR"] = str(tmp_path / "tmp")
+    (tmp_path / "tmp").mkdir()
+    home.write_settings(AppURL=f"http://127.0.0.1:{SITE_PORT}", ProjectDir=None)
+    servers: list[int] = []
+
+    def end_servers():
+        terminate_pids(servers + site_servers_in(site_folder))
+        # The next test that needs the port finds it free.
+        wait_until(lambda: port_is_free("127.0.0.1", SITE_PORT), 15, what=f"port {SITE_PORT} to be free")
+    request.addfinalizer(end_servers)
+    orvane = Orvane(home, desktop, binary=installed / "bin" / "orvane")
+    request.addfinalizer(orvane.stop)
+    orvane.start()
+
+    site_address = f"http://127.0.0.1:{SITE_PORT}"
+    offered = wait_until(lambda: offer(site_address), 60, what="the bundled site to answer /api/update")
+    assert offered["version"] == NEW_VERSION, offered
+    assert offered["url"] == f"{site_address}/releases/Orvane-{NEW_VERSION}-linux-x86_64.zip"
+    servers[:] = site_servers_in(site_folder)
+    assert len(servers) == 1, servers
+    old_server = servers[0]
+
+    # The library page shows the offer as a full-width button at the top of
+    # the page, right under the window's menu bar (about 25 px); a click on
+    # it sends "updateApp" (a click that lands before the button is shown
+    # hits the page's title bar and does nothing).
+    library = orvane.wait_for_window("library")
+    home.wait_for_log(lambda m: m == "message: hello", timeout=60)
+    width = desktop.window_info(library)["width"]
+
+    def clicked():
+        if "message: updateApp" in home.log_messages():
+            return True
+        orvane.click_in_window(library, width // 2, 44)
+        return None
+    wait_until(clicked, 30, interval=1.0, what="the Update available button to send updateApp")
+
+    wait_until(lambda: "update: installed, relaunching" in home.log_messages() or
+               any(m.startswith("update failed") for m in home.log_messages()),
+               UPDATE_TIMEOUT, what="the update to end")
+    assert [m for m in home.log_messages() if m.startswith("update")] == \
+        ["update: " + s for s in STAGES] + ["update: installed, relaunching"]
+    assert orvane.proc.wait(timeout=30) == 0
+    # The old copy's site server is ended with it.
+    assert f"bundled site: ended its server (pid {old_server}) that ran from the old copy" in \
+        home.log_messages()
+    wait_until(lambda: not pid_alive(old_server), 15, what="the old copy's site server to end")
+
+    # The new copy starts from the same path and brings up its own site.
+    executable = installed / "bin" / "orvane"
+    new_pids = wait_until(lambda: [p for p in pids_running(executable) if p != orvane.proc.pid], 30,
+                          what=f"a new orvane from {executable}")
+    request.addfinalizer(lambda: terminate_pids(new_pids))
+    assert len(new_pids) == 1, new_pids
+    assert manifest_version(installed) == f"version {NEW_VERSION}"
+    new_servers = wait_until(lambda: [p for p in site_servers_in(site_folder) if p != old_server], 60,
+                             what="the new copy's site server")
+    servers[:] = new_servers
+    # It serves from the new folder: the same offer, which now is the
+    # running release, so no button is shown (the page sees release 2.0.0).
+    assert wait_until(lambda: offer(site_address), 60, what="the new site")["version"] == NEW_VERSION
+    assert (Path(f"/proc/{new_servers[0]}/cwd").resolve()) == site_folder
+    verified = run(SIGN_TOOL, "verify", installed)
+    assert verified.returncode == 0, verified.stderr
+    assert wait_until(lambda: len(banners(home)) == 2, 30, what="the relaunched copy's start banner")

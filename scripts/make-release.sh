@@ -68,14 +68,18 @@ sed -e 's|^Exec=orvane |Exec=/opt/orvane/bin/orvane |' \
 cp "$app/share/icons/hicolor/scalable/apps/com.tarnwick.orvane.svg" \
   "$deb_root/usr/share/icons/hicolor/scalable/apps/"
 for script in postinst postrm; do
+  # DPKG_ROOT is set when dpkg installs into another root without chroot
+  # (--root with --force-script-chrootless): the caches of that root are
+  # refreshed, never the running system's.
   cat > "$stage/$script" <<'EOF'
 #!/bin/sh
 set -e
+root="${DPKG_ROOT:-}"
 if command -v update-desktop-database >/dev/null; then
-  update-desktop-database -q /usr/share/applications || true
+  update-desktop-database -q "$root/usr/share/applications" || true
 fi
 if command -v gtk-update-icon-cache >/dev/null; then
-  gtk-update-icon-cache -q -t /usr/share/icons/hicolor || true
+  gtk-update-icon-cache -q -t "$root/usr/share/icons/hicolor" || true
 fi
 EOF
   chmod 755 "$stage/$script"

@@ -11,6 +11,7 @@ build/ holds no program.
 
 from __future__ import annotations
 
+import hashlib
 import json
 import os
 import re
@@ -154,6 +155,60 @@ def test_deb_installs_the_same_folder_under_opt(release, unzipped, tmp_path):
     assert "\nIcon=com.tarnwick.orvane\n" in desktop
     folder_desktop = (unzipped / "share/applications/com.tarnwick.orvane.desktop").read_text()
     assert "\nExec=orvane %F\n" in folder_desktop
+
+
+def dpkg_in(root: Path, *args) -> subprocess.CompletedProcess:
+    """dpkg acting on the throwaway root; maintainer scripts run without a
+    chroot and are told the root through DPKG_ROOT."""
+    return run("dpkg", f"--root={root}", "--log=/dev/null", "--force-script-chrootless", *args)
+
+
+def file_digest(path: Path) -> str | None:
+    return hashlib.sha256(path.read_bytes()).hexdigest() if path.exists() else None
+
+
+def test_deb_installs_with_dpkg_into_a_throwaway_root_and_removes_cleanly(release, unzipped, tmp_path):
+    deb = release["out"] / f"orvane_{VERSION}_amd64.deb"
+    root = tmp_path / "root"
+    admin = root / "var/lib/dpkg"
+    for folder in ("info", "updates", "triggers"):
+        (admin / folder).mkdir(parents=True)
+    (admin / "status").touch()
+    (admin / "available").touch()
+    host_cache = Path("/usr/share/applications/mimeinfo.cache")
+    host_before = file_digest(host_cache)
+
+    # The packages it depends on are Debian's, and this machine runs them.
+    depends = run("dpkg-deb", "-f", deb, "Depends").stdout.strip()
+    names = [d.strip().split()[0] for d in depends.split(",") if d.strip()]
+    assert "libwebkit2gtk-4.1-0" in names and "libsodium23" in names, names
+    for name in names:
+        status = run("dpkg-query", "-W", "-f=${Status}", name)
+        assert status.stdout == "install ok installed", (name, status.stdout, status.stderr)
+
+    # The throwaway root holds none of them, hence --force-depends.
+    installed = dpkg_in(root, "--force-depends", "-i", deb)
+    assert installed.returncode == 0, installed.stdout + installed.stderr
+    status = dpkg_in(root, "-s", "orvane")
+    assert "Status: install ok installed" in status.stdout
+    assert f"Version: {VERSION}" in status.stdout
+    # dpkg's own record of the files is the same folder under /opt.
+    listed = dpkg_in(root, "-L", "orvane").stdout.splitlines()
+    in_opt = {p[len("/opt/orvane/"):] for p in listed if p.startswith("/opt/orvane/")}
+    assert set(listing(unzipped)) <= in_opt, sorted(set(listing(unzipped)) - in_opt)
+    assert listing(root / "opt/orvane") == listing(unzipped)
+    assert verify(root / "opt/orvane", tool=SIGN_TOOL).returncode == 0
+    # Its postinst registered it for PDFs in that root, not on this machine.
+    cache = (root / "usr/share/applications/mimeinfo.cache").read_text()
+    assert "application/pdf=com.tarnwick.orvane.desktop;" in cache
+    assert file_digest(host_cache) == host_before
+
+    removed = dpkg_in(root, "-r", "orvane")
+    assert removed.returncode == 0, removed.stdout + removed.stderr
+    assert not (root / "opt/orvane").exists()
+    assert not (root / "usr/share/applications/com.tarnwick.orvane.desktop").exists()
+    assert "com.tarnwick.orvane" not in (root / "usr/share/applications/mimeinfo.cache").read_text()
+    assert file_digest(host_cache) == host_before
 
 
 # --------------------------------------------------------------------------

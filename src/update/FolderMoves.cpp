@@ -102,6 +102,16 @@ std::string CopyEntries(const std::string& from, const std::string& to, mode_t m
 
 } // namespace
 
+std::set<std::string> NamesIn(const std::string& folder) {
+  std::set<std::string> names;
+  if (GDir* dir = g_dir_open(folder.c_str(), 0, nullptr)) {
+    while (const char* name = g_dir_read_name(dir))
+      names.insert(name);
+    g_dir_close(dir);
+  }
+  return names;
+}
+
 void RemoveTree(const std::string& path) {
   struct stat info;
   if (lstat(path.c_str(), &info) != 0)

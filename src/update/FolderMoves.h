@@ -4,9 +4,13 @@
 #pragma once
 
 #include <optional>
+#include <set>
 #include <string>
 
 namespace orvane {
+
+// The names in a folder, sorted; none when it cannot be read.
+std::set<std::string> NamesIn(const std::string& folder);
 
 // Removes a file or a folder with everything in it, never following links.
 void RemoveTree(const std::string& path);

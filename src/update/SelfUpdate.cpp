@@ -45,16 +45,6 @@ bool IsRegularNoLink(const std::string& path) {
   return lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
 }
 
-std::set<std::string> NamesIn(const std::string& folder) {
-  std::set<std::string> names;
-  if (GDir* dir = g_dir_open(folder.c_str(), 0, nullptr)) {
-    while (const char* name = g_dir_read_name(dir))
-      names.insert(name);
-    g_dir_close(dir);
-  }
-  return names;
-}
-
 // The trash folders a folder can land in: the home trash and the trash at
 // the top of each folder above it (GLib picks the one on its file system).
 std::vector<std::string> TrashFileFolders(const std::string& folder) {

@@ -14,6 +14,7 @@ holds; no timing is ever asserted.
 from __future__ import annotations
 
 import contextlib
+import hashlib
 import json
 import os
 import re
@@ -21,6 +22,7 @@ import select
 import shutil
 import signal
 import socket
+import stat
 import subprocess
 import tempfile
 import threading
@@ -1624,6 +1626,26 @@ SIGN_TOOL = REPO_ROOT / "build" / "orvane-sign"
 
 def run(*args: Any, **kwargs: Any) -> subprocess.CompletedProcess:
     return subprocess.run([str(a) for a in args], capture_output=True, text=True, **kwargs)
+
+
+def folder_snapshot(folder: Path) -> dict[str, tuple]:
+    """Everything under folder: path -> (kind, mode, sha256 or link target)."""
+    found = {}
+    for dirpath, dirnames, filenames in os.walk(folder):
+        for name in dirnames + filenames:
+            path = Path(dirpath) / name
+            rel = str(path.relative_to(folder))
+            info = path.lstat()
+            mode = stat.S_IMODE(info.st_mode)
+            if stat.S_ISLNK(info.st_mode):
+                found[rel] = ("link", mode, os.readlink(path))
+            elif stat.S_ISDIR(info.st_mode):
+                found[rel] = ("dir", mode, None)
+            elif stat.S_ISREG(info.st_mode):
+                found[rel] = ("file", mode, hashlib.sha256(path.read_bytes()).hexdigest())
+            else:
+                found[rel] = ("other", mode, None)
+    return found
 
 
 def make_release(work: Path, version: str = RELEASE_VERSION) -> dict[str, Path]:

@@ -28,6 +28,7 @@ from harness import (
     RELEASE_VERSION,
     SIGN_TOOL,
     DevProject,
+    folder_snapshot,
     Orvane,
     pid_alive,
     port_is_free,
@@ -43,17 +44,9 @@ VERSION = RELEASE_VERSION
 
 def listing(folder: Path) -> dict[str, str]:
     """Every file and link under folder: path -> 'file MODE' or 'link TARGET'."""
-    found = {}
-    for dirpath, dirnames, filenames in os.walk(folder):
-        for name in dirnames + filenames:
-            path = Path(dirpath) / name
-            rel = str(path.relative_to(folder))
-            info = path.lstat()
-            if stat.S_ISLNK(info.st_mode):
-                found[rel] = "link " + os.readlink(path)
-            elif stat.S_ISREG(info.st_mode):
-                found[rel] = "file %o" % stat.S_IMODE(info.st_mode)
-    return found
+    return {path: ("file %o" % mode if kind == "file" else "link " + target)
+            for path, (kind, mode, target) in folder_snapshot(folder).items()
+            if kind in ("file", "link")}
 
 
 @pytest.fixture

@@ -26,6 +26,7 @@ import pytest
 from harness import (
     SIGN_TOOL,
     Orvane,
+    folder_snapshot as snapshot,
     pid_alive,
     port_is_free,
     run,
@@ -41,26 +42,6 @@ NOT_SIGNED_LIKE_THIS = "the downloaded app is not signed like this one (code {})
 
 # --------------------------------------------------------------------------
 # folders and archives
-
-
-def snapshot(folder: Path) -> dict[str, tuple]:
-    """Everything under folder: path -> (kind, mode, sha256 or link target)."""
-    found = {}
-    for dirpath, dirnames, filenames in os.walk(folder):
-        for name in dirnames + filenames:
-            path = Path(dirpath) / name
-            rel = str(path.relative_to(folder))
-            info = path.lstat()
-            mode = stat.S_IMODE(info.st_mode)
-            if stat.S_ISLNK(info.st_mode):
-                found[rel] = ("link", mode, os.readlink(path))
-            elif stat.S_ISDIR(info.st_mode):
-                found[rel] = ("dir", mode, None)
-            elif stat.S_ISREG(info.st_mode):
-                found[rel] = ("file", mode, hashlib.sha256(path.read_bytes()).hexdigest())
-            else:
-                found[rel] = ("other", mode, None)
-    return found
 
 
 def sign(key: Path, folder: Path, *options: str) -> None:

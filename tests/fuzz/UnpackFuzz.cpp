@@ -29,23 +29,13 @@ void Require(bool holds) {
     std::abort();
 }
 
-std::set<std::string> NamesIn(const std::string& folder) {
-  std::set<std::string> names;
-  if (GDir* dir = g_dir_open(folder.c_str(), 0, nullptr)) {
-    while (const char* name = g_dir_read_name(dir))
-      names.insert(name);
-    g_dir_close(dir);
-  }
-  return names;
-}
-
 // Archives may make folders nobody can enter or write: opens each up.
 void OpenUp(const std::string& path) {
   struct stat info;
   if (lstat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
     return;
   chmod(path.c_str(), 0700);
-  for (const std::string& name : NamesIn(path))
+  for (const std::string& name : orvane::NamesIn(path))
     OpenUp(path + "/" + name);
 }
 
@@ -55,7 +45,7 @@ void RemoveTree(const std::string& path) {
     return;
   if (S_ISDIR(info.st_mode)) {
     chmod(path.c_str(), 0700);
-    for (const std::string& name : NamesIn(path))
+    for (const std::string& name : orvane::NamesIn(path))
       RemoveTree(path + "/" + name);
     g_rmdir(path.c_str());
   } else {
@@ -97,7 +87,7 @@ struct Walk {
   uint64_t file_bytes = 0;
 
   void visit(const std::string& folder) {
-    for (const std::string& name : NamesIn(folder)) {
+    for (const std::string& name : orvane::NamesIn(folder)) {
       std::string path = folder + "/" + name;
       struct stat info;
       Require(lstat(path.c_str(), &info) == 0);
@@ -154,8 +144,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   bool unpacked = orvane::UnpackArchive(fixture.archive, target, kLimits);
   (void)unpacked; // a refusal and an unreadable archive both leave a safe folder
 
-  Require(NamesIn(parent) == std::set<std::string>{"neighbour", "unpacked"});
-  Require(NamesIn(neighbour) == std::set<std::string>{"secret"});
+  Require(orvane::NamesIn(parent) == std::set<std::string>{"neighbour", "unpacked"});
+  Require(orvane::NamesIn(neighbour) == std::set<std::string>{"secret"});
   struct stat secret;
   Require(lstat((neighbour + "/secret").c_str(), &secret) == 0);
   Require(S_ISREG(secret.st_mode) && secret.st_nlink == 1);

@@ -68,6 +68,24 @@ std::string BundledSiteFolder() {
   return install.empty() ? std::string(kBundledSiteFolder) : JoinPath(install, "share/orvane/site");
 }
 
+std::string FileName(const std::string& path) {
+  size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string LowerExtension(const std::string& path) {
+  std::string name = FileName(path);
+  size_t dot = name.rfind('.');
+  // A leading dot alone marks a hidden file, not an extension.
+  if (dot == std::string::npos || dot == 0)
+    return "";
+  std::string extension = name.substr(dot + 1);
+  for (char& c : extension)
+    if (c >= 'A' && c <= 'Z')
+      c = char(c - 'A' + 'a');
+  return extension;
+}
+
 std::string JoinPath(const std::string& folder, const std::string& name) {
   if (folder.empty())
     return name;

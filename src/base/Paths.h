@@ -35,6 +35,13 @@ std::string RunningInstallFolder();
 // installed copy, else the site folder of the source tree it was built from.
 std::string BundledSiteFolder();
 
+// The last path component: what follows the last "/" (all of a path
+// without one).
+std::string FileName(const std::string& path);
+// The extension of a path's file name, lower-cased ("" when none; a leading
+// dot marks a hidden file, not an extension).
+std::string LowerExtension(const std::string& path);
+
 // Joins two path pieces with exactly one "/" between them.
 std::string JoinPath(const std::string& folder, const std::string& name);
 

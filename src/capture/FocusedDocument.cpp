@@ -46,11 +46,6 @@ private:
   std::set<std::pair<dev_t, ino_t>> seen_;
 };
 
-std::string BaseName(const std::string& path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
 bool StartsWith(const std::string& text, const std::string& prefix) {
   return !prefix.empty() && text.compare(0, prefix.size(), prefix) == 0;
 }
@@ -58,7 +53,7 @@ bool StartsWith(const std::string& text, const std::string& prefix) {
 // How much of the title a candidate's file name, or its name without the
 // extension, covers from the start; 0 when the title begins with neither.
 size_t TitleMatch(const std::string& title, const std::string& path) {
-  std::string name = BaseName(path);
+  std::string name = FileName(path);
   if (StartsWith(title, name))
     return name.size();
   size_t dot = name.rfind('.');

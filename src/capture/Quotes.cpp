@@ -1,11 +1,11 @@
 #include "capture/Quotes.h"
 
+#include "base/Paths.h"
 #include "base/SparLog.h"
 #include "base/Text.h"
 #include "capture/ScreenContainingPoint.h"
 
 #include <algorithm>
-#include <cctype>
 #include <fcntl.h>
 #include <glib.h>
 #include <nlohmann/json.hpp>
@@ -14,28 +14,8 @@
 
 namespace orvane {
 
-namespace {
-std::string LastPathComponent(const std::string& path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-// The extension of the file name, lower-cased; a leading dot is part of the
-// name, not an extension.
-std::string LowerExtension(const std::string& path) {
-  std::string name = LastPathComponent(path);
-  size_t dot = name.rfind('.');
-  if (dot == std::string::npos || dot == 0)
-    return "";
-  std::string extension = name.substr(dot + 1);
-  std::transform(extension.begin(), extension.end(), extension.begin(),
-                 [](unsigned char c) { return char(std::tolower(c)); });
-  return extension;
-}
-} // namespace
-
 std::string PaperIdOfFile(const std::string& pdf_path) {
-  std::string name = LastPathComponent(pdf_path);
+  std::string name = FileName(pdf_path);
   size_t dot = name.rfind('.');
   if (dot != std::string::npos && dot > 0)
     name.erase(dot);
@@ -178,9 +158,8 @@ void Quotes::askDesktopWith(const std::optional<std::string>& text, const std::s
   std::string quote = text.value_or("");
   // Nothing to search for without a quote.
   int page = quote.empty() ? 0 : context_.capture.pageOfQuote(doc, quote);
-  nlohmann::json ask = {{"path", doc},       {"title", LastPathComponent(doc)},
-                        {"quote", quote},    {"page", page},
-                        {"x", point.x},      {"y", point.y},
+  nlohmann::json ask = {{"path", doc},       {"title", FileName(doc)}, {"quote", quote},
+                        {"page", page},      {"x", point.x},           {"y", point.y},
                         {"splitX", split_x}, {"splitW", split_w}};
   std::string object;
   try {
@@ -189,7 +168,7 @@ void Quotes::askDesktopWith(const std::optional<std::string>& text, const std::s
     return; // text that is not UTF-8: nothing is posted, nothing logged
   }
   context_.bus.post(kAskNotification, object);
-  SparLog("ask: %@, %lu chars quoted, to the desktop (split %.3f+%.3f)", LastPathComponent(doc),
+  SparLog("ask: %@, %lu chars quoted, to the desktop (split %.3f+%.3f)", FileName(doc),
           Utf16Length(quote), split_x, split_w);
 }
 

@@ -105,24 +105,6 @@ bool CompletePdf(const std::string& path) {
   return tail.find("%%EOF") != std::string::npos;
 }
 
-std::string FileName(const std::string& path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-std::string LowerExtension(const std::string& path) {
-  std::string name = FileName(path);
-  size_t dot = name.rfind('.');
-  // A leading dot alone marks a hidden file, not an extension.
-  if (dot == std::string::npos || dot == 0)
-    return "";
-  std::string extension = name.substr(dot + 1);
-  for (char& c : extension)
-    if (c >= 'A' && c <= 'Z')
-      c = char(c - 'A' + 'a');
-  return extension;
-}
-
 bool WriteFileAtomically(const std::string& path, const std::string& bytes, double mtime) {
   // mkstemp creates the temporary file exclusively: it never opens an
   // existing name, so never a link planted there.

@@ -4,6 +4,8 @@
 // a device or a folder under a PDF's or a sidecar's name counts as no file.
 #pragma once
 
+#include "base/Paths.h"
+
 #include <cstdint>
 #include <string>
 #include <sys/stat.h>
@@ -27,11 +29,6 @@ double ModificationTime(const struct stat& info);
 // Whether the file looks like a whole PDF: it begins "%PDF-", is longer
 // than 31 bytes and has "%%EOF" within its last 2048 bytes.
 bool CompletePdf(const std::string& path);
-
-// The extension of a path's file name, lower-cased ("" when none).
-std::string LowerExtension(const std::string& path);
-// The last path component.
-std::string FileName(const std::string& path);
 
 // Writes the bytes to a fresh temporary file beside the target, gives it the
 // modification time, and renames it over the target, so readers see the old

@@ -1,15 +1,9 @@
 #include "placement/PaperSplits.h"
 
+#include "base/Paths.h"
 #include "base/SparLog.h"
 
 namespace orvane {
-
-namespace {
-std::string FileName(const std::string& path) {
-  size_t slash = path.rfind('/');
-  return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-} // namespace
 
 Rect LeftHalf(const Rect& vf) {
   return {vf.x, vf.y, vf.width * 0.5, vf.height};

@@ -1,5 +1,6 @@
 #include "placement/WindowOperations.h"
 
+#include "base/Paths.h"
 #include "base/SparLog.h"
 #include "base/Text.h"
 
@@ -16,10 +17,6 @@ namespace fs = std::filesystem;
 // Titles come from other programs: a line break in one must not start a
 // line of its own in the log.
 constexpr size_t kLoggedTitleLength = 1000;
-
-std::string FileName(const std::string& path) {
-  return fs::path(path).filename().string();
-}
 
 std::string NameWithoutExtension(const std::string& path) {
   return fs::path(path).stem().string();

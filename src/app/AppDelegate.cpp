@@ -580,11 +580,8 @@ void AppDelegate::updateFrom(const std::string& address) {
     // A run from the build tree has no install folder: its bundle is the
     // build folder, which carries no signature, so an update stops there.
     std::string bundle = RunningInstallFolder();
-    if (bundle.empty()) {
-      GCharPtr executable(g_file_read_link("/proc/self/exe", nullptr));
-      GCharPtr folder(g_path_get_dirname(executable ? executable.get() : "."));
-      bundle = folder.get();
-    }
+    if (bundle.empty())
+      bundle = ParentFolder(RunningExecutable());
     self_update_ = std::make_unique<SelfUpdate>(SelfUpdateSeams{
         bundle, g_get_tmp_dir(), *seams_.scheduler, [this](const Event& e) { sendEvent(e); },
         [this] { g_application_quit(G_APPLICATION(application_)); }, nullptr});

@@ -53,12 +53,20 @@ std::string InstallFolderOf(const std::string& executable) {
   return install;
 }
 
-std::string RunningInstallFolder() {
+std::string RunningExecutable() {
   // Read once: the executable does not move under a running program, and a
   // moved folder (an update) is a new process.
+  static const std::string executable = [] {
+    GCharPtr path(g_file_read_link("/proc/self/exe", nullptr));
+    return path ? std::string(path.get()) : std::string();
+  }();
+  return executable;
+}
+
+std::string RunningInstallFolder() {
   static const std::string folder = [] {
-    GCharPtr executable(g_file_read_link("/proc/self/exe", nullptr));
-    return executable ? InstallFolderOf(executable.get()) : std::string();
+    std::string executable = RunningExecutable();
+    return executable.empty() ? std::string() : InstallFolderOf(executable);
   }();
   return folder;
 }
@@ -71,6 +79,11 @@ std::string BundledSiteFolder() {
 std::string FileName(const std::string& path) {
   size_t slash = path.rfind('/');
   return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string ParentFolder(const std::string& path) {
+  GCharPtr parent(g_path_get_dirname(path.c_str()));
+  return parent.get();
 }
 
 std::string LowerExtension(const std::string& path) {

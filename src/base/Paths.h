@@ -28,6 +28,8 @@ std::string WebsiteCacheFolder();
 // its bin/ folder when that parent holds share/orvane/; else empty (a run
 // from the build tree).
 std::string InstallFolderOf(const std::string& executable);
+// This running program's executable, from /proc/self/exe ("" if unreadable).
+std::string RunningExecutable();
 // The install folder of this running program, found from /proc/self/exe so
 // that a copy works wherever its folder was unpacked; empty in a build tree.
 std::string RunningInstallFolder();
@@ -38,6 +40,8 @@ std::string BundledSiteFolder();
 // The last path component: what follows the last "/" (all of a path
 // without one).
 std::string FileName(const std::string& path);
+// The folder a path lies in (g_path_get_dirname: "." for a bare name).
+std::string ParentFolder(const std::string& path);
 // The extension of a path's file name, lower-cased ("" when none; a leading
 // dot marks a hidden file, not an extension).
 std::string LowerExtension(const std::string& path);

@@ -1,5 +1,7 @@
 #include "base/Text.h"
 
+#include "base/GObjectPtr.h"
+
 #include <glib.h>
 
 namespace orvane {
@@ -71,6 +73,14 @@ std::string LogSafeText(const std::string& text, size_t max_characters) {
     p = next;
   }
   return result;
+}
+
+std::string NewUpperCaseUuid() {
+  GCharPtr uuid(g_uuid_string_random());
+  std::string text = uuid.str();
+  for (char& c : text)
+    c = g_ascii_toupper(c);
+  return text;
 }
 
 } // namespace orvane

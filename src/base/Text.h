@@ -15,4 +15,7 @@ size_t Utf16Length(const std::string& text);
 // \xNN or \u{NNNN}.
 std::string LogSafeText(const std::string& text, size_t max_characters);
 
+// A random UUID in upper-case text form, 36 characters.
+std::string NewUpperCaseUuid();
+
 } // namespace orvane

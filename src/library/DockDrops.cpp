@@ -2,19 +2,12 @@
 
 #include "base/GObjectPtr.h"
 #include "base/SparLog.h"
+#include "base/Text.h"
 #include "library/PdfFiles.h"
 
 #include <sys/stat.h>
 
 namespace orvane {
-
-std::string NewUpperCaseUuid() {
-  GCharPtr uuid(g_uuid_string_random());
-  std::string text = uuid.str();
-  for (char& c : text)
-    c = g_ascii_toupper(c);
-  return text;
-}
 
 void DockDrops::openFiles(const std::vector<std::string>& paths) {
   for (const std::string& path : paths) {

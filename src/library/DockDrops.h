@@ -32,7 +32,4 @@ private:
   std::map<std::string, std::string> drops_;
 };
 
-// A random UUID in upper-case text form, 36 characters.
-std::string NewUpperCaseUuid();
-
 } // namespace orvane

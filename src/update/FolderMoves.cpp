@@ -2,13 +2,16 @@
 
 #include "base/GObjectPtr.h"
 #include "base/Paths.h"
+#include "base/Text.h"
 
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <gio/gio.h>
 #include <glib/gstdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace orvane {
 namespace {
@@ -100,6 +103,20 @@ std::string CopyEntries(const std::string& from, const std::string& to, mode_t m
   return problem;
 }
 
+// The trash folders a folder can land in: the home trash and the trash at
+// the top of each folder above it (GLib picks the one on its file system).
+std::vector<std::string> TrashFileFolders(const std::string& folder) {
+  std::vector<std::string> folders = {JoinPath(DataFolder(), "Trash/files")};
+  std::string uid = std::to_string(getuid());
+  for (std::string above = ParentFolder(folder);; above = ParentFolder(above)) {
+    folders.push_back(JoinPath(above, ".Trash-" + uid + "/files"));
+    folders.push_back(JoinPath(above, ".Trash/" + uid + "/files"));
+    if (above == "/" || above == ".")
+      break;
+  }
+  return folders;
+}
+
 } // namespace
 
 std::set<std::string> NamesIn(const std::string& folder) {
@@ -147,6 +164,43 @@ std::string CopyFolder(const std::string& from, const std::string& to) {
   return problem;
 }
 
+MovedAside MoveAside(const std::string& folder) {
+  std::vector<std::string> trash_folders = TrashFileFolders(folder);
+  std::vector<std::set<std::string>> before;
+  for (const std::string& trash : trash_folders)
+    before.push_back(NamesIn(trash));
+
+  auto file = GObjectPtr<GFile>::adopt(g_file_new_for_path(folder.c_str()));
+  GError* error = nullptr;
+  if (g_file_trash(file.get(), nullptr, &error)) {
+    std::vector<std::string> appeared;
+    for (size_t i = 0; i < trash_folders.size(); ++i) {
+      for (const std::string& name : NamesIn(trash_folders[i])) {
+        if (!before[i].count(name))
+          appeared.push_back(JoinPath(trash_folders[i], name));
+      }
+    }
+    MovedAside moved;
+    if (appeared.size() == 1)
+      moved.location = appeared.front();
+    return moved;
+  }
+  std::string trash_error = error && error->message ? error->message : "?";
+  g_clear_error(&error);
+
+  std::string beside = folder + ".old-" + NewUpperCaseUuid();
+  if (g_rename(folder.c_str(), beside.c_str()) == 0)
+    return {beside, ""};
+  return {std::nullopt, trash_error};
+}
+
+void RemoveMovedAside(const std::string& location) {
+  RemoveTree(location);
+  std::string files = ParentFolder(location);
+  if (g_str_has_suffix(files.c_str(), "/files"))
+    g_unlink((ParentFolder(files) + "/info/" + FileName(location) + ".trashinfo").c_str());
+}
+
 std::string RenameFolder(const std::string& from, const std::string& to) {
   if (g_rename(from.c_str(), to.c_str()) == 0)
     return "";
@@ -155,15 +209,15 @@ std::string RenameFolder(const std::string& from, const std::string& to) {
 
 Staged StageBeside(const std::string& candidate, const std::string& install_folder,
                    const std::string& copy_name) {
-  GCharPtr parent(g_path_get_dirname(install_folder.c_str()));
+  std::string parent = ParentFolder(install_folder);
   struct stat from, to;
   if (lstat(candidate.c_str(), &from) != 0)
     return {"", ErrorText(candidate, errno), false};
-  if (stat(parent.get(), &to) != 0)
-    return {"", ErrorText(parent.get(), errno), false};
+  if (stat(parent.c_str(), &to) != 0)
+    return {"", ErrorText(parent, errno), false};
   if (from.st_dev == to.st_dev)
     return {candidate, "", false};
-  std::string copy = JoinPath(parent.get(), copy_name);
+  std::string copy = JoinPath(parent, copy_name);
   std::string problem = CopyFolder(candidate, copy);
   if (!problem.empty())
     return {"", problem, false};

@@ -20,6 +20,16 @@ void RemoveTree(const std::string& path);
 // socket) is refused. Empty or why not; a partial copy is removed.
 std::string CopyFolder(const std::string& from, const std::string& to);
 
+struct MovedAside {
+  std::optional<std::string> location; // where the old folder is now, when known
+  std::string error;                   // empty when it was moved
+};
+// Moves a folder to the trash, learning where it landed by what appeared
+// there; where the trash cannot take it, renames it beside itself.
+MovedAside MoveAside(const std::string& folder);
+// Deletes for good what MoveAside moved, with the trash's record of it.
+void RemoveMovedAside(const std::string& location);
+
 // Renames a folder on the same file system; empty or the error's text.
 std::string RenameFolder(const std::string& from, const std::string& to);
 

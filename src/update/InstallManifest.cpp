@@ -472,6 +472,10 @@ FolderScan ScanInstallFolder(const std::string& folder) {
   return result;
 }
 
+bool LinkStaysInsideByName(const std::string& link_path, const std::string& target) {
+  return LexicalTarget(link_path, target).has_value();
+}
+
 bool LinkLeadsOutside(const std::string& folder, const ManifestEntry& link) {
   if (!LexicalTarget(link.path, link.link_target))
     return true;

@@ -59,6 +59,10 @@ FolderScan ScanInstallFolder(const std::string& folder);
 
 // Whether a link at `path` (relative to `folder`) leads outside the folder.
 bool LinkLeadsOutside(const std::string& folder, const ManifestEntry& link);
+// Whether a relative link at `link_path` (relative to a folder) stays inside
+// that folder by its text alone: "..", resolved against the link's own
+// folder, never climbs above the top; absolute and empty targets do not.
+bool LinkStaysInsideByName(const std::string& link_path, const std::string& target);
 
 // The codes of a failed check; stable, documented in docs/releasing.md.
 enum class FolderCheckCode {

@@ -4,6 +4,7 @@
 #include "base/GObjectPtr.h"
 #include "base/Paths.h"
 #include "base/SparLog.h"
+#include "base/Text.h"
 #include "library/HttpTransfer.h"
 #include "update/FolderMoves.h"
 #include "update/InstallManifest.h"
@@ -25,17 +26,6 @@
 namespace orvane {
 namespace {
 
-std::string UpperCaseUuid() {
-  GCharPtr uuid(g_uuid_string_random());
-  GCharPtr upper(g_ascii_strup(uuid.get(), -1));
-  return upper.get();
-}
-
-std::string ParentOf(const std::string& path) {
-  GCharPtr parent(g_path_get_dirname(path.c_str()));
-  return parent.get();
-}
-
 bool IsDirectoryNoLink(const std::string& path) {
   struct stat info;
   return lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode);
@@ -43,82 +33,6 @@ bool IsDirectoryNoLink(const std::string& path) {
 bool IsRegularNoLink(const std::string& path) {
   struct stat info;
   return lstat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode);
-}
-
-// The trash folders a folder can land in: the home trash and the trash at
-// the top of each folder above it (GLib picks the one on its file system).
-std::vector<std::string> TrashFileFolders(const std::string& folder) {
-  std::vector<std::string> folders = {JoinPath(DataFolder(), "Trash/files")};
-  std::string uid = std::to_string(getuid());
-  for (std::string above = ParentOf(folder);; above = ParentOf(above)) {
-    folders.push_back(JoinPath(above, ".Trash-" + uid + "/files"));
-    folders.push_back(JoinPath(above, ".Trash/" + uid + "/files"));
-    if (above == "/" || above == ".")
-      break;
-  }
-  return folders;
-}
-
-struct MovedAside {
-  std::optional<std::string> location; // where the old folder is now, when known
-  std::string error;                   // empty when it was moved
-};
-
-// Moves the running folder to the trash, learning where it landed by what
-// appeared there; where the trash cannot take it, renames it beside itself.
-MovedAside MoveAside(const std::string& folder) {
-  std::vector<std::string> trash_folders = TrashFileFolders(folder);
-  std::vector<std::set<std::string>> before;
-  for (const std::string& trash : trash_folders)
-    before.push_back(NamesIn(trash));
-
-  auto file = GObjectPtr<GFile>::adopt(g_file_new_for_path(folder.c_str()));
-  GError* error = nullptr;
-  if (g_file_trash(file.get(), nullptr, &error)) {
-    std::vector<std::string> appeared;
-    for (size_t i = 0; i < trash_folders.size(); ++i) {
-      for (const std::string& name : NamesIn(trash_folders[i])) {
-        if (!before[i].count(name))
-          appeared.push_back(JoinPath(trash_folders[i], name));
-      }
-    }
-    MovedAside moved;
-    if (appeared.size() == 1)
-      moved.location = appeared.front();
-    return moved;
-  }
-  std::string trash_error = error && error->message ? error->message : "?";
-  g_clear_error(&error);
-
-  std::string beside = folder + ".old-" + UpperCaseUuid();
-  if (g_rename(folder.c_str(), beside.c_str()) == 0)
-    return {beside, ""};
-  return {std::nullopt, trash_error};
-}
-
-// Lexically resolves `target` against the folder of `entry_path` (both
-// relative to the work folder) and says whether it stays inside.
-bool LinkStaysInside(const std::string& entry_path, const std::string& target) {
-  if (target.empty() || target.front() == '/')
-    return false;
-  std::vector<std::string> parts;
-  std::string joined = entry_path + "/../" + target;
-  size_t start = 0;
-  while (start <= joined.size()) {
-    size_t end = joined.find('/', start);
-    if (end == std::string::npos)
-      end = joined.size();
-    std::string part = joined.substr(start, end - start);
-    if (part == "..") {
-      if (parts.empty())
-        return false;
-      parts.pop_back();
-    } else if (!part.empty() && part != ".") {
-      parts.push_back(part);
-    }
-    start = end + 1;
-  }
-  return true;
 }
 
 std::string ReadSmallFile(const std::string& folder, const std::string& path) {
@@ -222,7 +136,7 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder,
       const char* symlink = archive_entry_symlink(entry);
       if (path.empty() || !IsSafeRelativePath(path) ||
           (hardlink && !IsSafeRelativePath(hardlink)) ||
-          (type == AE_IFLNK && (!symlink || !LinkStaysInside(path, symlink))) ||
+          (type == AE_IFLNK && (!symlink || !LinkStaysInsideByName(path, symlink))) ||
           (type != AE_IFREG && type != AE_IFDIR && type != AE_IFLNK)) {
         refused = true;
         break;
@@ -352,13 +266,13 @@ void SelfUpdate::updateFrom(const std::string& address) {
     updateFailed(kAppTranslocatedMessage);
     return;
   }
-  if (access(ParentOf(bundle).c_str(), W_OK) != 0) {
+  if (access(ParentFolder(bundle).c_str(), W_OK) != 0) {
     updateFailed(kFolderNotWritableMessage);
     return;
   }
   updateProgress("downloading");
 
-  std::string work_folder = JoinPath(seams_.temp_folder, "orvane-update-" + UpperCaseUuid());
+  std::string work_folder = JoinPath(seams_.temp_folder, "orvane-update-" + NewUpperCaseUuid());
   last_work_folder_ = work_folder;
   std::string download = work_folder + ".download";
   std::weak_ptr<bool> alive = alive_;
@@ -430,7 +344,7 @@ void SelfUpdate::install(const std::string& candidate, const std::string& work_f
   updateProgress("installing");
   std::string bundle = seams_.install_folder;
   GCharPtr name(g_path_get_basename(bundle.c_str()));
-  std::string copy_name = std::string(name.get()) + ".new-" + UpperCaseUuid();
+  std::string copy_name = std::string(name.get()) + ".new-" + NewUpperCaseUuid();
   // Staging copies the new app beside the old one when the work folder is on
   // another file system, before the old app is touched: a copy that fails
   // (a full disk, say) leaves the running app as it was.
@@ -463,14 +377,8 @@ void SelfUpdate::swap(const Staged& staged, const std::string& work_folder) {
     updateFailed("could not install the new app: " + move_error);
     return;
   }
-  if (aside.location) {
-    RemoveTree(*aside.location);
-    // The trash's record of it goes too.
-    std::string files = ParentOf(*aside.location);
-    GCharPtr name(g_path_get_basename(aside.location->c_str()));
-    if (g_str_has_suffix(files.c_str(), "/files"))
-      g_unlink((ParentOf(files) + "/info/" + name.get() + ".trashinfo").c_str());
-  }
+  if (aside.location)
+    RemoveMovedAside(*aside.location);
   RemoveTree(work_folder);
   seams_.send_event({{"type", "updateDone"}, {"ok", true}});
   SparLog("update: installed, relaunching");

@@ -5,8 +5,10 @@
 #include "base/Paths.h"
 
 #include <cstdlib>
+#include <fcntl.h>
 #include <glib/gstdio.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 namespace orvane {
@@ -21,23 +23,37 @@ std::string HandoffFile(const std::string& name) {
   return JoinPath(HandoffFolder(), name);
 }
 
-std::optional<std::string> TakeHandoffFile(const std::string& path) {
+std::optional<std::string> ReadHandoffOnce(const std::string& path, size_t max_bytes,
+                                           double* modified) {
+  int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+  std::optional<std::string> text;
   struct stat info;
-  if (stat(path.c_str(), &info) != 0)
-    return std::nullopt;
-  GCharPtr contents;
-  gsize length = 0;
-  bool read = g_file_get_contents(path.c_str(), contents.out(), &length, nullptr);
+  if (fd >= 0 && fstat(fd, &info) == 0 && S_ISREG(info.st_mode) &&
+      size_t(info.st_size) <= max_bytes) {
+    if (modified)
+      *modified = double(info.st_mtim.tv_sec) + double(info.st_mtim.tv_nsec) / 1e9;
+    std::string bytes;
+    char buffer[65536];
+    ssize_t got = 0;
+    // Bounded even when the file grows while it is read.
+    while (bytes.size() <= max_bytes && (got = read(fd, buffer, sizeof buffer)) > 0)
+      bytes.append(buffer, size_t(got));
+    if (got == 0 && bytes.size() <= max_bytes &&
+        g_utf8_validate(bytes.data(), bytes.size(), nullptr))
+      text = std::move(bytes);
+  }
+  if (fd >= 0)
+    close(fd);
   g_unlink(path.c_str());
+  return text;
+}
+
+std::optional<std::string> TakeHandoffFile(const std::string& path) {
+  double modified = 0;
+  std::optional<std::string> text = ReadHandoffOnce(path, kMaxHandoffBytes, &modified);
   double now_seconds = double(g_get_real_time()) / 1e6;
-  double modified = double(info.st_mtim.tv_sec) + double(info.st_mtim.tv_nsec) / 1e9;
-  if (now_seconds - modified > kHandoffMaxAge)
-    return std::nullopt; // a stale hand-off from an earlier capture
-  if (!read || length == 0)
-    return std::nullopt;
-  std::string text(contents.get(), length);
-  if (!g_utf8_validate(text.data(), text.size(), nullptr))
-    return std::nullopt;
+  if (!text || text->empty() || now_seconds - modified > kHandoffMaxAge)
+    return std::nullopt; // nothing, or a stale hand-off from an earlier capture
   return text;
 }
 

@@ -3,14 +3,12 @@
 #include "base/Paths.h"
 #include "base/SparLog.h"
 #include "base/Text.h"
+#include "capture/HandoffFolder.h"
 #include "capture/ScreenContainingPoint.h"
 
 #include <algorithm>
-#include <fcntl.h>
 #include <glib.h>
 #include <nlohmann/json.hpp>
-#include <sys/stat.h>
-#include <unistd.h>
 
 namespace orvane {
 
@@ -32,27 +30,7 @@ std::string SparQuoteScript(const std::string& text) {
 }
 
 std::optional<std::string> TakeQuoteFile(const std::string& path, size_t max_bytes) {
-  // Opened without blocking and without following a link, so a FIFO or a
-  // device put in its place cannot stall the main loop.
-  int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
-  std::optional<std::string> text;
-  struct stat info;
-  if (fd >= 0 && fstat(fd, &info) == 0 && S_ISREG(info.st_mode) &&
-      size_t(info.st_size) <= max_bytes) {
-    std::string bytes;
-    char buffer[65536];
-    ssize_t got = 0;
-    // Bounded even when the file grows while it is read.
-    while (bytes.size() <= max_bytes && (got = read(fd, buffer, sizeof buffer)) > 0)
-      bytes.append(buffer, size_t(got));
-    if (got == 0 && bytes.size() <= max_bytes &&
-        g_utf8_validate(bytes.data(), bytes.size(), nullptr))
-      text = std::move(bytes);
-  }
-  if (fd >= 0)
-    close(fd);
-  unlink(path.c_str());
-  return text;
+  return ReadHandoffOnce(path, max_bytes);
 }
 
 Quotes::Quotes(QuotesContext context) : context_(std::move(context)) {}

@@ -7,6 +7,7 @@
 
 #include "bridge/EventDelivery.h"
 #include "capture/Capture.h"
+#include "capture/HandoffFolder.h"
 #include "desktop/MessageBus.h"
 #include "desktop/Screens.h"
 
@@ -23,7 +24,7 @@ inline constexpr char kNotLibraryPdfMessage[] =
     "the library first.";
 // A "quote.txt" larger than this is not read: no selection is that long,
 // and the whole text would go into one script.
-inline constexpr size_t kMaxQuoteFileBytes = 16 * 1024 * 1024;
+inline constexpr size_t kMaxQuoteFileBytes = kMaxHandoffBytes;
 
 // The sparring chat as quotes reach it.
 class QuoteChat {

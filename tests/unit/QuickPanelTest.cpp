@@ -6,7 +6,9 @@
 #include "support/TempDir.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/time.h>
+#include <unistd.h>
 
 namespace orvane {
 namespace {
@@ -60,6 +62,20 @@ TEST_F(HandoffTest, SixteenSecondOldFileIsDeletedAndIgnored) {
   std::string path = write("selection.txt", "stale", 16);
   EXPECT_EQ(TakeHandoffFile(path), std::nullopt);
   EXPECT_FALSE(g_file_test(path.c_str(), G_FILE_TEST_EXISTS));
+}
+
+TEST_F(HandoffTest, AFifoOrALinkInItsPlaceGivesNothingWithoutWaitingAndIsRemoved) {
+  std::string fifo = dir.file("selection.txt");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  EXPECT_EQ(TakeHandoffFile(fifo), std::nullopt); // a writer never comes: no wait
+  EXPECT_FALSE(g_file_test(fifo.c_str(), G_FILE_TEST_EXISTS));
+
+  std::string outside = write("outside.txt", "not a hand-off", 1);
+  std::string link = dir.file("quote.txt");
+  ASSERT_EQ(symlink(outside.c_str(), link.c_str()), 0);
+  EXPECT_EQ(TakeHandoffFile(link), std::nullopt);
+  EXPECT_FALSE(g_file_test(link.c_str(), G_FILE_TEST_IS_SYMLINK));
+  EXPECT_EQ(TempDir::Read(outside), "not a hand-off");
 }
 
 TEST_F(HandoffTest, EmptyFileGivesNothing) {

@@ -597,10 +597,19 @@ class Desktop:
         ).stdout.strip()
         return out == "(true,)"
 
+    def _visible_windows_where(self, *criteria: str) -> list[int]:
+        """Ids of viewable (mapped) windows that `xdotool search` finds by
+        `criteria`, e.g. ("--class", "orvane")."""
+        result = self.run_tool("xdotool", "search", "--onlyvisible", *criteria)
+        return [int(line) for line in result.stdout.split() if line.strip().isdigit()]
+
     def visible_windows(self, class_name: str) -> list[int]:
         """Ids of viewable (mapped) windows whose WM_CLASS matches."""
-        result = self.run_tool("xdotool", "search", "--onlyvisible", "--class", class_name)
-        return [int(line) for line in result.stdout.split() if line.strip().isdigit()]
+        return self._visible_windows_where("--class", class_name)
+
+    def windows_titled(self, title: str) -> list[int]:
+        """Viewable windows whose title is `title` (a whole-title pattern)."""
+        return self._visible_windows_where("--name", f"^{title}$")
 
     def window_property(self, win: int, prop: str) -> str | None:
         """The value text of one property as xprop prints it (quotes removed
@@ -719,8 +728,7 @@ class Desktop:
 
     def windows_of_pid(self, pid: int) -> list[int]:
         """Viewable windows whose _NET_WM_PID is `pid`."""
-        result = self.run_tool("xdotool", "search", "--onlyvisible", "--pid", str(pid))
-        return [int(line) for line in result.stdout.split() if line.strip().isdigit()]
+        return self._visible_windows_where("--pid", str(pid))
 
     def selection_targets(self, selection: str = "clipboard") -> list[str]:
         """The TARGETS that the owner of a selection ("primary",
@@ -2237,8 +2245,7 @@ class TrapTerminal(_Client):
             self._alive_or_fail("xterm")
             if not (self.state / "ready").exists():
                 return None
-            found = self.desktop.run_tool("xdotool", "search", "--onlyvisible", "--name", f"^{self.title}$")
-            ids = [int(x) for x in found.stdout.split() if x.isdigit()]
+            ids = self.desktop.windows_titled(self.title)
             return ids[0] if ids else None
         self.window = wait_until(shown, what="the xterm with its trap")
         self.desktop.activate_and_focus(self.window)

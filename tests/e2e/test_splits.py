@@ -47,8 +47,8 @@ def paper(home, name: str = "paper.pdf"):
 
 def window_titled(desktop, title: str) -> int:
     def found():
-        ids = desktop.run_tool("xdotool", "search", "--onlyvisible", "--name", f"^{title}$").stdout.split()
-        return int(ids[0]) if ids else None
+        ids = desktop.windows_titled(title)
+        return ids[0] if ids else None
     return wait_until(found, what=f"a window titled {title!r}")
 
 

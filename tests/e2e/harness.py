@@ -749,10 +749,8 @@ class Desktop:
     def close_with_wm(self, win: int) -> None:
         """Close the window the way a user does: activate it and press Alt+F4,
         which openbox turns into a WM_DELETE_WINDOW request to the client."""
-        self.activate(win)
-        wait_until(lambda: self.focused_window() == win, 10,
-                   what=f"window {win:#x} to have the keyboard focus")
-        self.run_tool("xdotool", "key", "--clearmodifiers", "alt+F4", check=True)
+        self.activate_and_focus(win, 10)
+        self.key("alt+F4")
 
 
 def _gvariant_string(text: str) -> str:

@@ -935,37 +935,29 @@ class Home:
     def calls_file(self, name: str) -> Path:
         return self.path / "calls" / f"{name}.jsonl"
 
+    def add_app(self, desktop_id: str, name: str, exec_line: str, mime_types: str = "") -> str:
+        """A desktop entry in this home's applications folder; returns its id."""
+        entry = (
+            "[Desktop Entry]\n"
+            "Type=Application\n"
+            f"Name={name}\n"
+            f"Exec={exec_line}\n"
+            f"MimeType={mime_types}\n"
+            "Terminal=false\n"
+        )
+        (self.path / ".local" / "share" / "applications" / desktop_id).write_text(entry, encoding="utf-8")
+        return desktop_id
+
     def install_fixture_apps(self) -> None:
         """Register a recording "browser", "PDF viewer" and "file manager"
         (the handler of folders) as this home's default applications."""
-        apps = self.path / ".local" / "share" / "applications"
-        browser = (
-            "[Desktop Entry]\n"
-            "Type=Application\n"
-            "Name=Orvane E2E Browser\n"
-            f'Exec={PYTHON} "{RECORDER}" "{self.calls_file("browser")}" %u\n'
-            "MimeType=x-scheme-handler/http;x-scheme-handler/https;text/html;\n"
-            "Terminal=false\n"
-        )
-        viewer = (
-            "[Desktop Entry]\n"
-            "Type=Application\n"
-            "Name=Orvane E2E PDF Viewer\n"
-            f'Exec={PYTHON} "{RECORDER}" "{self.calls_file("viewer")}" %f\n'
-            "MimeType=application/pdf;\n"
-            "Terminal=false\n"
-        )
-        file_manager = (
-            "[Desktop Entry]\n"
-            "Type=Application\n"
-            "Name=Orvane E2E File Manager\n"
-            f'Exec={PYTHON} "{RECORDER}" "{self.calls_file("filemanager")}" %u\n'
-            "MimeType=inode/directory;\n"
-            "Terminal=false\n"
-        )
-        (apps / BROWSER_DESKTOP_ID).write_text(browser, encoding="utf-8")
-        (apps / VIEWER_DESKTOP_ID).write_text(viewer, encoding="utf-8")
-        (apps / FILE_MANAGER_DESKTOP_ID).write_text(file_manager, encoding="utf-8")
+        self.add_app(BROWSER_DESKTOP_ID, "Orvane E2E Browser",
+                     f'{PYTHON} "{RECORDER}" "{self.calls_file("browser")}" %u',
+                     "x-scheme-handler/http;x-scheme-handler/https;text/html;")
+        self.add_app(VIEWER_DESKTOP_ID, "Orvane E2E PDF Viewer",
+                     f'{PYTHON} "{RECORDER}" "{self.calls_file("viewer")}" %f', "application/pdf;")
+        self.add_app(FILE_MANAGER_DESKTOP_ID, "Orvane E2E File Manager",
+                     f'{PYTHON} "{RECORDER}" "{self.calls_file("filemanager")}" %u', "inode/directory;")
         defaults = {
             "x-scheme-handler/http": BROWSER_DESKTOP_ID,
             "x-scheme-handler/https": BROWSER_DESKTOP_ID,
@@ -983,16 +975,8 @@ class Home:
         """One more recording application (not a default for anything), e.g.
         a second PDF viewer named by the PdfViewer setting. Its launches are
         read with `calls(calls_name)`."""
-        entry = (
-            "[Desktop Entry]\n"
-            "Type=Application\n"
-            f"Name=Orvane E2E {calls_name}\n"
-            f'Exec={PYTHON} "{RECORDER}" "{self.calls_file(calls_name)}" %f\n'
-            f"MimeType={mime_types}\n"
-            "Terminal=false\n"
-        )
-        (self.path / ".local" / "share" / "applications" / desktop_id).write_text(entry, encoding="utf-8")
-        return desktop_id
+        return self.add_app(desktop_id, f"Orvane E2E {calls_name}",
+                            f'{PYTHON} "{RECORDER}" "{self.calls_file(calls_name)}" %f', mime_types)
 
     def calls(self, name: str) -> list[dict[str, Any]]:
         return self._calls(name)

@@ -38,12 +38,8 @@ class SizedApp:
         self.state = state
         self.state.mkdir(parents=True)
         self.started: list[subprocess.Popen] = []
-        apps = home.path / ".local" / "share" / "applications"
         for desktop_id, extra in ((SIZED_ID, ""), (SIZED_NEW_ID, " --new-instance")):
-            (apps / desktop_id).write_text(
-                "[Desktop Entry]\nType=Application\nName=Orvane E2E Sized\n"
-                f'Exec={PYTHON} "{SIZED}" "{state}"{extra} %F\n'
-                "MimeType=text/plain;\nTerminal=false\n", encoding="utf-8")
+            home.add_app(desktop_id, "Orvane E2E Sized", f'{PYTHON} "{SIZED}" "{state}"{extra} %F', "text/plain;")
         mimeapps = home.path / ".config" / "mimeapps.list"
         text = mimeapps.read_text(encoding="utf-8")
         text = text.replace("[Default Applications]\n",

@@ -979,29 +979,19 @@ class Home:
                             f'{PYTHON} "{RECORDER}" "{self.calls_file(calls_name)}" %f', mime_types)
 
     def calls(self, name: str) -> list[dict[str, Any]]:
-        return self._calls(name)
-
-    def _calls(self, name: str) -> list[dict[str, Any]]:
-        path = self.calls_file(name)
-        if not path.exists():
-            return []
-        calls = []
-        for line in path.read_text(encoding="utf-8").splitlines():
-            if line.strip():
-                calls.append(json.loads(line))
-        return calls
+        return read_json_lines(self.calls_file(name))
 
     def browser_calls(self) -> list[dict[str, Any]]:
         """One record per launch of the fixture browser: {"argv": [...], "cwd", "pid", "time"}."""
-        return self._calls("browser")
+        return self.calls("browser")
 
     def viewer_calls(self) -> list[dict[str, Any]]:
-        return self._calls("viewer")
+        return self.calls("viewer")
 
     def file_manager_calls(self) -> list[dict[str, Any]]:
         """Launches of the fixture folder handler: {"argv": [...], ...}; GIO
         hands it a local folder as a plain path."""
-        return self._calls("filemanager")
+        return self.calls("filemanager")
 
     def wait_for_file_manager_call(self, count: int = 1, timeout: float = DEFAULT_TIMEOUT) -> list[dict[str, Any]]:
         return wait_until(
@@ -1832,10 +1822,7 @@ class DevProject:
             return None
 
     def requests(self) -> list[dict[str, Any]]:
-        path = self.path / "requests.jsonl"
-        if not path.exists():
-            return []
-        return [json.loads(line) for line in path.read_text().splitlines() if line.strip()]
+        return read_json_lines(self.path / "requests.jsonl")
 
     def stop(self) -> None:
         """End the server this project started, by its recorded pid."""
@@ -1893,10 +1880,7 @@ class StandInAgent:
         (self.state / name).write_text("go\n")
 
     def runs(self) -> list[dict[str, Any]]:
-        path = self.state / "runs.jsonl"
-        if not path.exists():
-            return []
-        return [json.loads(line) for line in path.read_text(encoding="utf-8").splitlines() if line.strip()]
+        return read_json_lines(self.state / "runs.jsonl")
 
     def wait_for_run(self, count: int = 1, timeout: float = DEFAULT_TIMEOUT) -> list[dict[str, Any]]:
         return wait_until(lambda: (lambda runs: runs if len(runs) >= count else None)(self.runs()),

@@ -50,8 +50,7 @@ class SizedApp:
         (self.state / "layout.json").write_text(json.dumps(frames), encoding="utf-8")
 
     def windows(self) -> list[dict]:
-        path = self.state / "windows.jsonl"
-        return read_json_lines(path) if path.exists() else []
+        return read_json_lines(self.state / "windows.jsonl")
 
     def wait_window(self, title: str) -> dict:
         return wait_until(

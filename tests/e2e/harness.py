@@ -2329,6 +2329,67 @@ class Program(_Client):
         return self
 
 
+SIZED_WINDOW = CAPTURE_FIXTURES / "sized_window.py"
+SIZED_ID = "orvane-e2e-sized.desktop"
+SIZED_NEW_ID = "orvane-e2e-sized-new.desktop"
+SIZED_WM_CLASS = "orvane-e2e-sized"
+
+
+class SizedApp:
+    """The placement tests' application (fixtures/bin/sized_window.py), a
+    real GTK program that runs once per session and opens the files of a
+    second start in the instance that runs. It is registered in the test's
+    home as the default application for plain text (SIZED_ID; SIZED_NEW_ID
+    starts a new instance), and `stop()` ends every process of it.
+    `layout({title: [x, y, width, height]})` says where its windows open."""
+
+    def __init__(self, home: Home, desktop: Desktop, state: Path):
+        self.home = home
+        self.desktop = desktop
+        self.state = state
+        self.state.mkdir(parents=True)
+        self.started: list[subprocess.Popen] = []
+        for desktop_id, extra in ((SIZED_ID, ""), (SIZED_NEW_ID, " --new-instance")):
+            home.add_app(desktop_id, "Orvane E2E Sized", f'{PYTHON} "{SIZED_WINDOW}" "{state}"{extra} %F',
+                         "text/plain;")
+        mimeapps = home.path / ".config" / "mimeapps.list"
+        text = mimeapps.read_text(encoding="utf-8")
+        text = text.replace("[Default Applications]\n",
+                            f"[Default Applications]\ntext/plain={SIZED_ID}\n", 1)
+        mimeapps.write_text(text, encoding="utf-8")
+
+    def layout(self, frames: dict[str, list[int]]) -> None:
+        (self.state / "layout.json").write_text(json.dumps(frames), encoding="utf-8")
+
+    def windows(self) -> list[dict]:
+        return read_json_lines(self.state / "windows.jsonl")
+
+    def wait_window(self, title: str) -> dict:
+        return wait_until(
+            lambda: next((w for w in self.windows() if w["title"] == title), None),
+            what=f"a window titled {title!r}")
+
+    def start(self, *files: str) -> subprocess.Popen:
+        """Starts the application directly (not through orvane)."""
+        proc = subprocess.Popen([PYTHON, str(SIZED_WINDOW), str(self.state), *files],
+                                env=self.home.env(), stdin=subprocess.DEVNULL,
+                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.started.append(proc)
+        return proc
+
+    def stop(self) -> None:
+        pids = {w["pid"] for w in self.windows()} | {p.pid for p in self.started}
+        for pid in pids:
+            if pid_alive(pid):
+                os.kill(pid, signal.SIGTERM)
+        for proc in self.started:
+            try:
+                proc.wait(timeout=5)
+            except subprocess.TimeoutExpired:
+                proc.kill()
+        wait_until(lambda: not any(pid_alive(pid) for pid in pids), what="the sized windows to close")
+
+
 class Clients:
     """Every fixture program a test starts, stopped at its end."""
 

@@ -1628,15 +1628,45 @@ def folder_snapshot(folder: Path) -> dict[str, tuple]:
     return found
 
 
+def new_key(keys: Path) -> Path:
+    """A throwaway key pair made by `orvane-sign keygen` in the new folder
+    `keys`; returns the secret key (keys/orvane-update.key)."""
+    keys.mkdir(parents=True)
+    made = run(SIGN_TOOL, "keygen", keys)
+    assert made.returncode == 0, made.stderr
+    return keys / "orvane-update.key"
+
+
+def sign_folder(key: Path, folder: Path, *options: str) -> None:
+    """`orvane-sign sign [options] key folder`, which must succeed."""
+    signed = run(SIGN_TOOL, "sign", *options, key, folder)
+    assert signed.returncode == 0, signed.stderr
+
+
+def sign_as_other_app(key: Path, folder: Path, app_id: str = "com.example.other") -> None:
+    """Rewrites the install folder's MANIFEST to name another app id and
+    signs it again with `key`."""
+    manifest = folder / "share/orvane/MANIFEST"
+    text = manifest.read_text()
+    assert text.startswith("app-id com.tarnwick.orvane\n")
+    manifest.write_text(text.replace("app-id com.tarnwick.orvane\n", f"app-id {app_id}\n", 1))
+    sign_folder(key, folder, "--manifest-only")
+
+
+def unzip_release(archive: Path, into: Path) -> Path:
+    """The release zip unpacked into `into`; returns its install folder, into/Orvane."""
+    done = run("unzip", "-q", archive, "-d", into)
+    assert done.returncode == 0, done.stderr
+    return into / "Orvane"
+
+
 def make_release(work: Path, version: str = RELEASE_VERSION) -> dict[str, Path]:
     """A throwaway key in work/keys and, made with it by
     scripts/make-release.sh, the release's zip and Debian package in work/out."""
     if not SIGN_TOOL.exists():
         raise FileNotFoundError(f"{SIGN_TOOL} is missing (build first)")
     keys = work / "keys"
-    keys.mkdir(parents=True)
-    made = run(SIGN_TOOL, "keygen", keys)
-    assert made.returncode == 0, made.stderr
+    new_key(keys)
     out = work / "out"
     result = run(REPO_ROOT / "scripts" / "make-release.sh", "--key", keys / "orvane-update.key",
                  "--version", version, "--out", out, cwd=REPO_ROOT, timeout=900)

@@ -191,6 +191,17 @@ def pids_with_env(entry: str) -> list[int]:
     return sorted(found)
 
 
+def end_processes_with_env(*entries: str) -> list[tuple[int, list[str]]]:
+    """End every process whose environment holds one of `entries` (see
+    `pids_with_env`); returns them as (pid, command line) pairs."""
+    found: dict[int, list[str]] = {}
+    for entry in entries:
+        for pid in pids_with_env(entry):
+            found.setdefault(pid, process_cmdline(pid))
+    terminate_pids(found)
+    return list(found.items())
+
+
 def process_cmdline(pid: int) -> list[str]:
     try:
         with open(f"/proc/{pid}/cmdline", "rb") as fh:
@@ -521,17 +532,12 @@ class Desktop:
         # Only markers that no one else can share: the bus address holds a
         # random guid and the scratch home is ours (a display number is reused
         # by the next X server that starts, possibly someone else's).
-        leftovers = []
         markers = []
         if self.bus_address:
             markers.append(f"DBUS_SESSION_BUS_ADDRESS={self.bus_address}")
         if self.scratch is not None:
             markers.append(f"HOME={self.scratch / 'home'}")
-        for marker in markers:
-            for pid in pids_with_env(marker):
-                if pid not in [p for p, _ in leftovers]:
-                    leftovers.append((pid, process_cmdline(pid)))
-        terminate_pids(pid for pid, _ in leftovers)
+        leftovers = end_processes_with_env(*markers)
         reap_orphans()
         self.leftovers = leftovers
         self.wm = self.xvfb = self.bus = None
@@ -1023,9 +1029,7 @@ class Home:
         deadline = time.monotonic() + grace
         while time.monotonic() < deadline and self.processes():
             time.sleep(0.1)
-        stragglers = [(pid, process_cmdline(pid)) for pid in self.processes()]
-        terminate_pids(pid for pid, _ in stragglers)
-        return stragglers
+        return end_processes_with_env(f"HOME={self.path}")
 
 
 def _keyfile_escape(value: str) -> str:
@@ -2107,12 +2111,9 @@ class SessionBus:
             if self.proc.stdout:
                 self.proc.stdout.close()
             self.proc = None
-        leftovers = []
-        if self.address:
-            leftovers = [(pid, process_cmdline(pid))
-                         for pid in pids_with_env(f"DBUS_SESSION_BUS_ADDRESS={self.address}")]
-            terminate_pids(pid for pid, _ in leftovers)
-        return leftovers
+        if not self.address:
+            return []
+        return end_processes_with_env(f"DBUS_SESSION_BUS_ADDRESS={self.address}")
 
 
 class _Client(_OwnProcess):

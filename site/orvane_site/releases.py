@@ -81,12 +81,8 @@ def _regular_file_inside(folder: Path, name: str) -> tuple[Path, os.stat_result]
         return None
 
 
-def release_named(name: str) -> Release | None:
-    """The archive of that exact name in the releases folder, or None."""
-    folder = releases_folder()
-    version = archive_version(name)
-    if folder is None or version is None:
-        return None
+def _release(folder: Path, name: str, version: str) -> Release | None:
+    """The archive `name` (of `version`) in `folder`, when it is a regular file inside it."""
     found = _regular_file_inside(folder, name)
     if found is None:
         return None
@@ -94,12 +90,21 @@ def release_named(name: str) -> Release | None:
     return Release(name, version, path, info.st_size)
 
 
+def release_named(name: str) -> Release | None:
+    """The archive of that exact name in the releases folder, or None."""
+    folder = releases_folder()
+    version = archive_version(name)
+    if folder is None or version is None:
+        return None
+    return _release(folder, name, version)
+
+
 def newest_release() -> Release | None:
     """The archive with the highest version in the releases folder, or None."""
     folder = releases_folder()
     if folder is None:
         return None
-    best_key, best_name = None, None
+    best_key, best = None, None
     try:
         with os.scandir(folder) as entries:
             for entry in entries:
@@ -110,8 +115,9 @@ def newest_release() -> Release | None:
                 # does not depend on the order the folder lists its files.
                 key = (version_order(version), entry.name)
                 if best_key is None or key > best_key:
-                    if _regular_file_inside(folder, entry.name) is not None:
-                        best_key, best_name = key, entry.name
+                    release = _release(folder, entry.name, version)
+                    if release is not None:
+                        best_key, best = key, release
     except (OSError, ValueError):
         return None
-    return release_named(best_name) if best_name is not None else None
+    return best

@@ -23,6 +23,8 @@
               the primary 1920 x 1080 and a 1440 x 900 one to its right; a
               module whose tests need it overrides `desktop` with it
 - `other_bus` one more private session bus on the shared display
+- `sized`     the placement tests' GTK application (a SizedApp), the test
+              home's default for plain text, ended at the test's end
 - `release`   one release made by scripts/make-release.sh with a throwaway key,
               shared by every module of the session: {"keys", "key", "out",
               "zip", "work"}
@@ -55,6 +57,7 @@ from harness import (  # noqa: E402
     Home,
     Orvane,
     ReferenceSite,
+    SizedApp,
     StandInAgent,
     become_subreaper,
     make_release,
@@ -156,6 +159,15 @@ def clients(desktop, tmp_path):
         yield started
     finally:
         started.stop()
+
+
+@pytest.fixture
+def sized(home, desktop, tmp_path):
+    app = SizedApp(home, desktop, tmp_path / "sized")
+    try:
+        yield app
+    finally:
+        app.stop()
 
 
 @pytest.fixture

@@ -191,6 +191,17 @@ def pids_with_env(entry: str) -> list[int]:
     return sorted(found)
 
 
+def end_processes_with_env(*entries: str) -> list[tuple[int, list[str]]]:
+    """End every process whose environment holds one of `entries` (see
+    `pids_with_env`); returns them as (pid, command line) pairs."""
+    found: dict[int, list[str]] = {}
+    for entry in entries:
+        for pid in pids_with_env(entry):
+            found.setdefault(pid, process_cmdline(pid))
+    terminate_pids(found)
+    return list(found.items())
+
+
 def process_cmdline(pid: int) -> list[str]:
     try:
         with open(f"/proc/{pid}/cmdline", "rb") as fh:
@@ -521,17 +532,12 @@ class Desktop:
         # Only markers that no one else can share: the bus address holds a
         # random guid and the scratch home is ours (a display number is reused
         # by the next X server that starts, possibly someone else's).
-        leftovers = []
         markers = []
         if self.bus_address:
             markers.append(f"DBUS_SESSION_BUS_ADDRESS={self.bus_address}")
         if self.scratch is not None:
             markers.append(f"HOME={self.scratch / 'home'}")
-        for marker in markers:
-            for pid in pids_with_env(marker):
-                if pid not in [p for p, _ in leftovers]:
-                    leftovers.append((pid, process_cmdline(pid)))
-        terminate_pids(pid for pid, _ in leftovers)
+        leftovers = end_processes_with_env(*markers)
         reap_orphans()
         self.leftovers = leftovers
         self.wm = self.xvfb = self.bus = None
@@ -597,10 +603,19 @@ class Desktop:
         ).stdout.strip()
         return out == "(true,)"
 
+    def _visible_windows_where(self, *criteria: str) -> list[int]:
+        """Ids of viewable (mapped) windows that `xdotool search` finds by
+        `criteria`, e.g. ("--class", "orvane")."""
+        result = self.run_tool("xdotool", "search", "--onlyvisible", *criteria)
+        return [int(line) for line in result.stdout.split() if line.strip().isdigit()]
+
     def visible_windows(self, class_name: str) -> list[int]:
         """Ids of viewable (mapped) windows whose WM_CLASS matches."""
-        result = self.run_tool("xdotool", "search", "--onlyvisible", "--class", class_name)
-        return [int(line) for line in result.stdout.split() if line.strip().isdigit()]
+        return self._visible_windows_where("--class", class_name)
+
+    def windows_titled(self, title: str) -> list[int]:
+        """Viewable windows whose title is `title` (a whole-title pattern)."""
+        return self._visible_windows_where("--name", f"^{title}$")
 
     def window_property(self, win: int, prop: str) -> str | None:
         """The value text of one property as xprop prints it (quotes removed
@@ -719,8 +734,7 @@ class Desktop:
 
     def windows_of_pid(self, pid: int) -> list[int]:
         """Viewable windows whose _NET_WM_PID is `pid`."""
-        result = self.run_tool("xdotool", "search", "--onlyvisible", "--pid", str(pid))
-        return [int(line) for line in result.stdout.split() if line.strip().isdigit()]
+        return self._visible_windows_where("--pid", str(pid))
 
     def selection_targets(self, selection: str = "clipboard") -> list[str]:
         """The TARGETS that the owner of a selection ("primary",
@@ -741,10 +755,8 @@ class Desktop:
     def close_with_wm(self, win: int) -> None:
         """Close the window the way a user does: activate it and press Alt+F4,
         which openbox turns into a WM_DELETE_WINDOW request to the client."""
-        self.activate(win)
-        wait_until(lambda: self.focused_window() == win, 10,
-                   what=f"window {win:#x} to have the keyboard focus")
-        self.run_tool("xdotool", "key", "--clearmodifiers", "alt+F4", check=True)
+        self.activate_and_focus(win, 10)
+        self.key("alt+F4")
 
 
 def _gvariant_string(text: str) -> str:
@@ -929,37 +941,29 @@ class Home:
     def calls_file(self, name: str) -> Path:
         return self.path / "calls" / f"{name}.jsonl"
 
+    def add_app(self, desktop_id: str, name: str, exec_line: str, mime_types: str = "") -> str:
+        """A desktop entry in this home's applications folder; returns its id."""
+        entry = (
+            "[Desktop Entry]\n"
+            "Type=Application\n"
+            f"Name={name}\n"
+            f"Exec={exec_line}\n"
+            f"MimeType={mime_types}\n"
+            "Terminal=false\n"
+        )
+        (self.path / ".local" / "share" / "applications" / desktop_id).write_text(entry, encoding="utf-8")
+        return desktop_id
+
     def install_fixture_apps(self) -> None:
         """Register a recording "browser", "PDF viewer" and "file manager"
         (the handler of folders) as this home's default applications."""
-        apps = self.path / ".local" / "share" / "applications"
-        browser = (
-            "[Desktop Entry]\n"
-            "Type=Application\n"
-            "Name=Orvane E2E Browser\n"
-            f'Exec={PYTHON} "{RECORDER}" "{self.calls_file("browser")}" %u\n'
-            "MimeType=x-scheme-handler/http;x-scheme-handler/https;text/html;\n"
-            "Terminal=false\n"
-        )
-        viewer = (
-            "[Desktop Entry]\n"
-            "Type=Application\n"
-            "Name=Orvane E2E PDF Viewer\n"
-            f'Exec={PYTHON} "{RECORDER}" "{self.calls_file("viewer")}" %f\n'
-            "MimeType=application/pdf;\n"
-            "Terminal=false\n"
-        )
-        file_manager = (
-            "[Desktop Entry]\n"
-            "Type=Application\n"
-            "Name=Orvane E2E File Manager\n"
-            f'Exec={PYTHON} "{RECORDER}" "{self.calls_file("filemanager")}" %u\n'
-            "MimeType=inode/directory;\n"
-            "Terminal=false\n"
-        )
-        (apps / BROWSER_DESKTOP_ID).write_text(browser, encoding="utf-8")
-        (apps / VIEWER_DESKTOP_ID).write_text(viewer, encoding="utf-8")
-        (apps / FILE_MANAGER_DESKTOP_ID).write_text(file_manager, encoding="utf-8")
+        self.add_app(BROWSER_DESKTOP_ID, "Orvane E2E Browser",
+                     f'{PYTHON} "{RECORDER}" "{self.calls_file("browser")}" %u',
+                     "x-scheme-handler/http;x-scheme-handler/https;text/html;")
+        self.add_app(VIEWER_DESKTOP_ID, "Orvane E2E PDF Viewer",
+                     f'{PYTHON} "{RECORDER}" "{self.calls_file("viewer")}" %f', "application/pdf;")
+        self.add_app(FILE_MANAGER_DESKTOP_ID, "Orvane E2E File Manager",
+                     f'{PYTHON} "{RECORDER}" "{self.calls_file("filemanager")}" %u', "inode/directory;")
         defaults = {
             "x-scheme-handler/http": BROWSER_DESKTOP_ID,
             "x-scheme-handler/https": BROWSER_DESKTOP_ID,
@@ -977,41 +981,23 @@ class Home:
         """One more recording application (not a default for anything), e.g.
         a second PDF viewer named by the PdfViewer setting. Its launches are
         read with `calls(calls_name)`."""
-        entry = (
-            "[Desktop Entry]\n"
-            "Type=Application\n"
-            f"Name=Orvane E2E {calls_name}\n"
-            f'Exec={PYTHON} "{RECORDER}" "{self.calls_file(calls_name)}" %f\n'
-            f"MimeType={mime_types}\n"
-            "Terminal=false\n"
-        )
-        (self.path / ".local" / "share" / "applications" / desktop_id).write_text(entry, encoding="utf-8")
-        return desktop_id
+        return self.add_app(desktop_id, f"Orvane E2E {calls_name}",
+                            f'{PYTHON} "{RECORDER}" "{self.calls_file(calls_name)}" %f', mime_types)
 
     def calls(self, name: str) -> list[dict[str, Any]]:
-        return self._calls(name)
-
-    def _calls(self, name: str) -> list[dict[str, Any]]:
-        path = self.calls_file(name)
-        if not path.exists():
-            return []
-        calls = []
-        for line in path.read_text(encoding="utf-8").splitlines():
-            if line.strip():
-                calls.append(json.loads(line))
-        return calls
+        return read_json_lines(self.calls_file(name))
 
     def browser_calls(self) -> list[dict[str, Any]]:
         """One record per launch of the fixture browser: {"argv": [...], "cwd", "pid", "time"}."""
-        return self._calls("browser")
+        return self.calls("browser")
 
     def viewer_calls(self) -> list[dict[str, Any]]:
-        return self._calls("viewer")
+        return self.calls("viewer")
 
     def file_manager_calls(self) -> list[dict[str, Any]]:
         """Launches of the fixture folder handler: {"argv": [...], ...}; GIO
         hands it a local folder as a plain path."""
-        return self._calls("filemanager")
+        return self.calls("filemanager")
 
     def wait_for_file_manager_call(self, count: int = 1, timeout: float = DEFAULT_TIMEOUT) -> list[dict[str, Any]]:
         return wait_until(
@@ -1043,9 +1029,7 @@ class Home:
         deadline = time.monotonic() + grace
         while time.monotonic() < deadline and self.processes():
             time.sleep(0.1)
-        stragglers = [(pid, process_cmdline(pid)) for pid in self.processes()]
-        terminate_pids(pid for pid, _ in stragglers)
-        return stragglers
+        return end_processes_with_env(f"HOME={self.path}")
 
 
 def _keyfile_escape(value: str) -> str:
@@ -1648,15 +1632,45 @@ def folder_snapshot(folder: Path) -> dict[str, tuple]:
     return found
 
 
+def new_key(keys: Path) -> Path:
+    """A throwaway key pair made by `orvane-sign keygen` in the new folder
+    `keys`; returns the secret key (keys/orvane-update.key)."""
+    keys.mkdir(parents=True)
+    made = run(SIGN_TOOL, "keygen", keys)
+    assert made.returncode == 0, made.stderr
+    return keys / "orvane-update.key"
+
+
+def sign_folder(key: Path, folder: Path, *options: str) -> None:
+    """`orvane-sign sign [options] key folder`, which must succeed."""
+    signed = run(SIGN_TOOL, "sign", *options, key, folder)
+    assert signed.returncode == 0, signed.stderr
+
+
+def sign_as_other_app(key: Path, folder: Path, app_id: str = "com.example.other") -> None:
+    """Rewrites the install folder's MANIFEST to name another app id and
+    signs it again with `key`."""
+    manifest = folder / "share/orvane/MANIFEST"
+    text = manifest.read_text()
+    assert text.startswith("app-id com.tarnwick.orvane\n")
+    manifest.write_text(text.replace("app-id com.tarnwick.orvane\n", f"app-id {app_id}\n", 1))
+    sign_folder(key, folder, "--manifest-only")
+
+
+def unzip_release(archive: Path, into: Path) -> Path:
+    """The release zip unpacked into `into`; returns its install folder, into/Orvane."""
+    done = run("unzip", "-q", archive, "-d", into)
+    assert done.returncode == 0, done.stderr
+    return into / "Orvane"
+
+
 def make_release(work: Path, version: str = RELEASE_VERSION) -> dict[str, Path]:
     """A throwaway key in work/keys and, made with it by
     scripts/make-release.sh, the release's zip and Debian package in work/out."""
     if not SIGN_TOOL.exists():
         raise FileNotFoundError(f"{SIGN_TOOL} is missing (build first)")
     keys = work / "keys"
-    keys.mkdir(parents=True)
-    made = run(SIGN_TOOL, "keygen", keys)
-    assert made.returncode == 0, made.stderr
+    new_key(keys)
     out = work / "out"
     result = run(REPO_ROOT / "scripts" / "make-release.sh", "--key", keys / "orvane-update.key",
                  "--version", version, "--out", out, cwd=REPO_ROOT, timeout=900)
@@ -1842,10 +1856,7 @@ class DevProject:
             return None
 
     def requests(self) -> list[dict[str, Any]]:
-        path = self.path / "requests.jsonl"
-        if not path.exists():
-            return []
-        return [json.loads(line) for line in path.read_text().splitlines() if line.strip()]
+        return read_json_lines(self.path / "requests.jsonl")
 
     def stop(self) -> None:
         """End the server this project started, by its recorded pid."""
@@ -1903,10 +1914,7 @@ class StandInAgent:
         (self.state / name).write_text("go\n")
 
     def runs(self) -> list[dict[str, Any]]:
-        path = self.state / "runs.jsonl"
-        if not path.exists():
-            return []
-        return [json.loads(line) for line in path.read_text(encoding="utf-8").splitlines() if line.strip()]
+        return read_json_lines(self.state / "runs.jsonl")
 
     def wait_for_run(self, count: int = 1, timeout: float = DEFAULT_TIMEOUT) -> list[dict[str, Any]]:
         return wait_until(lambda: (lambda runs: runs if len(runs) >= count else None)(self.runs()),
@@ -2103,12 +2111,9 @@ class SessionBus:
             if self.proc.stdout:
                 self.proc.stdout.close()
             self.proc = None
-        leftovers = []
-        if self.address:
-            leftovers = [(pid, process_cmdline(pid))
-                         for pid in pids_with_env(f"DBUS_SESSION_BUS_ADDRESS={self.address}")]
-            terminate_pids(pid for pid, _ in leftovers)
-        return leftovers
+        if not self.address:
+            return []
+        return end_processes_with_env(f"DBUS_SESSION_BUS_ADDRESS={self.address}")
 
 
 class _Client(_OwnProcess):
@@ -2237,8 +2242,7 @@ class TrapTerminal(_Client):
             self._alive_or_fail("xterm")
             if not (self.state / "ready").exists():
                 return None
-            found = self.desktop.run_tool("xdotool", "search", "--onlyvisible", "--name", f"^{self.title}$")
-            ids = [int(x) for x in found.stdout.split() if x.isdigit()]
+            ids = self.desktop.windows_titled(self.title)
             return ids[0] if ids else None
         self.window = wait_until(shown, what="the xterm with its trap")
         self.desktop.activate_and_focus(self.window)
@@ -2354,6 +2358,67 @@ class Program(_Client):
         wait_until(lambda: (self._alive_or_fail(self.argv[-1]), self.ready in self.output())[1],
                    what=f"{self.argv} to say {self.ready!r}")
         return self
+
+
+SIZED_WINDOW = CAPTURE_FIXTURES / "sized_window.py"
+SIZED_ID = "orvane-e2e-sized.desktop"
+SIZED_NEW_ID = "orvane-e2e-sized-new.desktop"
+SIZED_WM_CLASS = "orvane-e2e-sized"
+
+
+class SizedApp:
+    """The placement tests' application (fixtures/bin/sized_window.py), a
+    real GTK program that runs once per session and opens the files of a
+    second start in the instance that runs. It is registered in the test's
+    home as the default application for plain text (SIZED_ID; SIZED_NEW_ID
+    starts a new instance), and `stop()` ends every process of it.
+    `layout({title: [x, y, width, height]})` says where its windows open."""
+
+    def __init__(self, home: Home, desktop: Desktop, state: Path):
+        self.home = home
+        self.desktop = desktop
+        self.state = state
+        self.state.mkdir(parents=True)
+        self.started: list[subprocess.Popen] = []
+        for desktop_id, extra in ((SIZED_ID, ""), (SIZED_NEW_ID, " --new-instance")):
+            home.add_app(desktop_id, "Orvane E2E Sized", f'{PYTHON} "{SIZED_WINDOW}" "{state}"{extra} %F',
+                         "text/plain;")
+        mimeapps = home.path / ".config" / "mimeapps.list"
+        text = mimeapps.read_text(encoding="utf-8")
+        text = text.replace("[Default Applications]\n",
+                            f"[Default Applications]\ntext/plain={SIZED_ID}\n", 1)
+        mimeapps.write_text(text, encoding="utf-8")
+
+    def layout(self, frames: dict[str, list[int]]) -> None:
+        (self.state / "layout.json").write_text(json.dumps(frames), encoding="utf-8")
+
+    def windows(self) -> list[dict]:
+        return read_json_lines(self.state / "windows.jsonl")
+
+    def wait_window(self, title: str) -> dict:
+        return wait_until(
+            lambda: next((w for w in self.windows() if w["title"] == title), None),
+            what=f"a window titled {title!r}")
+
+    def start(self, *files: str) -> subprocess.Popen:
+        """Starts the application directly (not through orvane)."""
+        proc = subprocess.Popen([PYTHON, str(SIZED_WINDOW), str(self.state), *files],
+                                env=self.home.env(), stdin=subprocess.DEVNULL,
+                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.started.append(proc)
+        return proc
+
+    def stop(self) -> None:
+        pids = {w["pid"] for w in self.windows()} | {p.pid for p in self.started}
+        for pid in pids:
+            if pid_alive(pid):
+                os.kill(pid, signal.SIGTERM)
+        for proc in self.started:
+            try:
+                proc.wait(timeout=5)
+            except subprocess.TimeoutExpired:
+                proc.kill()
+        wait_until(lambda: not any(pid_alive(pid) for pid in pids), what="the sized windows to close")
 
 
 class Clients:

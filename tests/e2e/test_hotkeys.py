@@ -5,11 +5,10 @@ cannot grab the chords, ⌥B from the keyboard (with Caps Lock on too), and the
 from __future__ import annotations
 
 import contextlib
-import subprocess
 
 import pytest
 
-from harness import APP_ID, Orvane, holds_for, stop_process_group, wait_until
+from harness import APP_ID, Orvane, holds_for, wait_until
 
 ALL_REGISTERED = "hotkeys: ⌥B registered, ⌥C registered, ⌥Q registered, ⌥V registered"
 
@@ -22,11 +21,6 @@ def _launch_and_wait(home, site, launch) -> Orvane:
     return orvane
 
 
-def _press(desktop, chord: str) -> None:
-    # No --clearmodifiers: the lock state must travel with the press.
-    desktop.run_tool("xdotool", "key", chord, check=True)
-
-
 def _lock_state(desktop, name: str) -> str:
     out = desktop.run_tool("xset", "q").stdout
     after = out.split(f"{name}:", 1)[1].split()
@@ -37,14 +31,16 @@ def _lock_state(desktop, name: str) -> str:
 def _lock_on(desktop, key: str, name: str):
     """Turns a lock key on for the block and off again afterwards (the
     display is shared by the whole session)."""
+    # Pressed without clearing modifiers, so the lock state travels with
+    # the presses made in the block.
     if _lock_state(desktop, name) != "on":
-        _press(desktop, key)
+        desktop.press(key)
     wait_until(lambda: _lock_state(desktop, name) == "on", 10, what=f"{name} on")
     try:
         yield
     finally:
         if _lock_state(desktop, name) == "on":
-            _press(desktop, key)
+            desktop.press(key)
         wait_until(lambda: _lock_state(desktop, name) == "off", 10, what=f"{name} off")
 
 
@@ -59,7 +55,7 @@ def test_hotkeys_line_is_written_right_after_the_accessibility_line(home, site, 
 
 def test_alt_b_shows_the_panel_with_the_keyboard_and_again_hides_it(home, site, desktop, launch):
     orvane = _launch_and_wait(home, site, launch)
-    _press(desktop, "alt+b")
+    desktop.press("alt+b")
     panel = orvane.wait_for_window("quick-panel")
     home.wait_for_log(lambda m: m.startswith("panel shown:"))
     # Presented with the key press's time, so openbox gives it the focus.
@@ -75,7 +71,7 @@ def test_alt_b_shows_the_panel_with_the_keyboard_and_again_hides_it(home, site, 
     # Pressed again while the panel has the keyboard: hidden, once; the
     # menu's Alt+B does not fire as well and show it again.
     shown = sum(m.startswith("panel shown:") for m in home.log_messages())
-    _press(desktop, "alt+b")
+    desktop.press("alt+b")
     orvane.wait_window_hidden(panel)
     assert holds_for(lambda: not orvane.windows("quick-panel"), 1.5)
     assert sum(m.startswith("panel shown:") for m in home.log_messages()) == shown
@@ -86,30 +82,22 @@ def test_alt_b_shows_the_panel_with_the_keyboard_and_again_hides_it(home, site, 
 def test_alt_b_fires_with_a_lock_key_on(home, site, desktop, launch, lock_key, lock_name):
     orvane = _launch_and_wait(home, site, launch)
     with _lock_on(desktop, lock_key, lock_name):
-        _press(desktop, "alt+b")
+        desktop.press("alt+b")
         orvane.wait_for_window("quick-panel")
         home.wait_for_log(lambda m: m.startswith("panel shown:"))
 
 
-def test_send_quote_to_friend_action_quotes_the_clipboard(home, site, desktop, launch):
+def test_send_quote_to_friend_action_quotes_the_clipboard(home, site, desktop, launch, clients):
     _launch_and_wait(home, site, launch)
     text = "a “quoted” line"
-    # xclip owns the CLIPBOARD until another client takes it.
-    owner = subprocess.Popen(["xclip", "-selection", "clipboard", "-i"], stdin=subprocess.PIPE,
-                             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                             env=desktop.tool_env(), start_new_session=True)
-    try:
-        owner.stdin.write(text.encode())
-        owner.stdin.close()
-        wait_until(lambda: desktop.run_tool("xclip", "-selection", "clipboard", "-o").stdout == text,
-                   10, what="the clipboard to hold the text")
-        result = desktop.run_tool("gapplication", "action", APP_ID, "send-quote-to-friend")
-        assert result.returncode == 0, result.stderr
-        home.wait_for_log(f"friend-quote: {len(text)} chars via the Services menu")
-        # The placeholder capture knows no focused document yet.
-        home.wait_for_log("friend-quote: focused document (none) is not a library PDF")
-    finally:
-        stop_process_group(owner)
+    clients.clipboard_owner({"UTF8_STRING": text.encode(), "text/plain;charset=utf-8": text.encode()})
+    wait_until(lambda: desktop.read_selection("clipboard") == text.encode(),
+               10, what="the clipboard to hold the text")
+    result = desktop.run_tool("gapplication", "action", APP_ID, "send-quote-to-friend")
+    assert result.returncode == 0, result.stderr
+    home.wait_for_log(f"friend-quote: {len(text)} chars via the Services menu")
+    # No PDF viewer is open, so there is no focused document.
+    home.wait_for_log("friend-quote: focused document (none) is not a library PDF")
 
 
 def test_send_quote_to_friend_with_an_empty_clipboard(home, site, desktop, launch):

@@ -11,93 +11,15 @@ with the split tests.
 from __future__ import annotations
 
 import json
-import os
-import signal
-import subprocess
-from pathlib import Path
 
-import pytest
+from harness import FIXTURES, SIZED_NEW_ID, SIZED_WM_CLASS, holds_for, wait_until
 
-from harness import FIXTURES, PYTHON, holds_for, pid_alive, read_json_lines, wait_until
-
-SIZED = FIXTURES / "bin" / "sized_window.py"
 OBJECT = "/com/tarnwick/orvane"
 PLACE = "com.tarnwick.orvane.place"
-SIZED_ID = "orvane-e2e-sized.desktop"
-SIZED_NEW_ID = "orvane-e2e-sized-new.desktop"
-WM_CLASS = "orvane-e2e-sized"
-
-
-class SizedApp:
-    """The fixture application, registered in the test's home as the
-    default application for plain text, and every process of it."""
-
-    def __init__(self, home, desktop, state: Path):
-        self.home = home
-        self.desktop = desktop
-        self.state = state
-        self.state.mkdir(parents=True)
-        self.started: list[subprocess.Popen] = []
-        apps = home.path / ".local" / "share" / "applications"
-        for desktop_id, extra in ((SIZED_ID, ""), (SIZED_NEW_ID, " --new-instance")):
-            (apps / desktop_id).write_text(
-                "[Desktop Entry]\nType=Application\nName=Orvane E2E Sized\n"
-                f'Exec={PYTHON} "{SIZED}" "{state}"{extra} %F\n'
-                "MimeType=text/plain;\nTerminal=false\n", encoding="utf-8")
-        mimeapps = home.path / ".config" / "mimeapps.list"
-        text = mimeapps.read_text(encoding="utf-8")
-        text = text.replace("[Default Applications]\n",
-                            f"[Default Applications]\ntext/plain={SIZED_ID}\n", 1)
-        mimeapps.write_text(text, encoding="utf-8")
-
-    def layout(self, frames: dict[str, list[int]]) -> None:
-        (self.state / "layout.json").write_text(json.dumps(frames), encoding="utf-8")
-
-    def windows(self) -> list[dict]:
-        path = self.state / "windows.jsonl"
-        return read_json_lines(path) if path.exists() else []
-
-    def wait_window(self, title: str) -> dict:
-        return wait_until(
-            lambda: next((w for w in self.windows() if w["title"] == title), None),
-            what=f"a window titled {title!r}")
-
-    def start(self, *files: str) -> subprocess.Popen:
-        """Starts the application directly (not through orvane)."""
-        proc = subprocess.Popen([PYTHON, str(SIZED), str(self.state), *files],
-                                env=self.home.env(), stdin=subprocess.DEVNULL,
-                                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.started.append(proc)
-        return proc
-
-    def stop(self) -> None:
-        pids = {w["pid"] for w in self.windows()} | {p.pid for p in self.started}
-        for pid in pids:
-            if pid_alive(pid):
-                os.kill(pid, signal.SIGTERM)
-        for proc in self.started:
-            try:
-                proc.wait(timeout=5)
-            except subprocess.TimeoutExpired:
-                proc.kill()
-        wait_until(lambda: not any(pid_alive(pid) for pid in pids), what="the sized windows to close")
-
-
-@pytest.fixture
-def sized(home, desktop, tmp_path):
-    app = SizedApp(home, desktop, tmp_path / "sized")
-    try:
-        yield app
-    finally:
-        app.stop()
 
 
 def place(desktop, **payload) -> None:
     desktop.emit_signal(OBJECT, PLACE, json.dumps(payload))
-
-
-def outer_frame(desktop, window: int) -> tuple[int, int, int, int]:
-    return desktop.window_frame(window)
 
 
 def number_text(value: float) -> str:
@@ -131,7 +53,7 @@ def test_a_tiny_window_off_the_screen_gets_the_fallback_size_centred_and_activat
     paper.write_text("tiny\n")
     running = sized.start(str(paper))
     win = sized.wait_window("tiny.txt")
-    wait_until(lambda: outer_frame(desktop, win["window"])[0] > 1800, what="the tiny window off the edge")
+    wait_until(lambda: desktop.window_frame(win["window"])[0] > 1800, what="the tiny window off the edge")
     desktop.activate_and_focus(library)
     # Opening the file again hands it to the running viewer, which keeps its
     # window as it is: the window that shows the file is placed.
@@ -141,7 +63,7 @@ def test_a_tiny_window_off_the_screen_gets_the_fallback_size_centred_and_activat
     assert line.startswith(
         f"place: pid {running.pid} window to {{{{410, 160}}, {{1100, 760}}}}: placed (attempt ")
     # The outer frame, decorations included, is exactly where it was asked.
-    wait_until(lambda: outer_frame(desktop, win["window"]) == (410, 160, 1100, 760),
+    wait_until(lambda: desktop.window_frame(win["window"]) == (410, 160, 1100, 760),
                what="the window at 410,160 1100x760")
     # "AXRaise": the window manager gave it the focus.
     wait_until(lambda: desktop.focused_window() == win["window"],
@@ -158,8 +80,8 @@ def test_a_window_already_on_the_screen_is_left_where_it_is(launch, home, deskto
     win = sized.wait_window("calm.txt")
     wait_until(lambda: desktop.window_info(win["window"]).get("map_state") == "IsViewable",
                what="the window to be viewable")
-    before = outer_frame(desktop, win["window"])
-    assert holds_for(lambda: outer_frame(desktop, win["window"]) == before
+    before = desktop.window_frame(win["window"])
+    assert holds_for(lambda: desktop.window_frame(win["window"]) == before
                      and not any(m.startswith("place: pid") for m in home.log_messages()), 2.0)
     assert f"place: file {paper} on screen 0" in home.log_messages()
 
@@ -181,7 +103,7 @@ def test_a_file_handed_to_the_running_instance_is_found_and_placed(launch, home,
     assert win["pid"] == running.pid
     text, frame = centred(desktop, win["window"], (300, 200))
     home.wait_for_log(f"place: pid {running.pid} window to {text}: placed")
-    wait_until(lambda: outer_frame(desktop, win["window"]) == frame,
+    wait_until(lambda: desktop.window_frame(win["window"]) == frame,
                what=f"the handed-over window at {frame}")
     assert not any("gave up" in m for m in home.log_messages())
 
@@ -195,7 +117,7 @@ def test_an_application_started_from_its_desktop_file_is_placed_by_its_pid(launc
     win = sized.wait_window("Sized window")
     text, frame = centred(desktop, win["window"], (640, 480))
     home.wait_for_log(f"place: pid {win['pid']} window to {text}: placed")
-    wait_until(lambda: outer_frame(desktop, win["window"]) == frame,
+    wait_until(lambda: desktop.window_frame(win["window"]) == frame,
                what=f"the application's window at {frame}")
 
 
@@ -209,16 +131,16 @@ def test_front_waits_for_the_next_window_of_a_running_application(launch, home, 
     new.write_text("new\n")
     running = sized.start(str(old))
     old_win = sized.wait_window("old.txt")
-    old_frame = outer_frame(desktop, old_win["window"])
-    place(desktop, kind="front", path=WM_CLASS, screen=0)
-    home.wait_for_log(f"place: front {WM_CLASS} on screen 0")
+    old_frame = desktop.window_frame(old_win["window"])
+    place(desktop, kind="front", path=SIZED_WM_CLASS, screen=0)
+    home.wait_for_log(f"place: front {SIZED_WM_CLASS} on screen 0")
     sized.start(str(new))  # hands new.txt to the running instance
     win = sized.wait_window("new.txt")
     text, frame = centred(desktop, win["window"], (500, 300))
     home.wait_for_log(f"place: pid {running.pid} window to {text}: placed (attempt 0)")
-    wait_until(lambda: outer_frame(desktop, win["window"]) == frame,
+    wait_until(lambda: desktop.window_frame(win["window"]) == frame,
                what=f"the new window at {frame}")
-    assert outer_frame(desktop, old_win["window"]) == old_frame
+    assert desktop.window_frame(old_win["window"]) == old_frame
 
 
 def test_front_gives_up_when_no_new_window_comes(launch, home, desktop, sized, tmp_path):
@@ -228,7 +150,7 @@ def test_front_gives_up_when_no_new_window_comes(launch, home, desktop, sized, t
     only.write_text("only\n")
     running = sized.start(str(only))
     sized.wait_window("only.txt")
-    place(desktop, kind="front", path=WM_CLASS, screen=0)
+    place(desktop, kind="front", path=SIZED_WM_CLASS, screen=0)
     home.wait_for_log(f"place: pid {running.pid} made no new window in time")
     place(desktop, kind="front", path="org.example.Absent", screen=0)
     home.wait_for_log("place: org.example.Absent is not running")

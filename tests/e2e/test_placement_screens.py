@@ -9,13 +9,12 @@ xprop.
 """
 from __future__ import annotations
 
-import json
 import re
 
 import pytest
 
-import test_placement as placement
 from harness import holds_for, wait_until
+from test_placement import centred, place
 
 SECOND = (1920, 0, 1440, 900)  # the second monitor, X11 root coordinates
 PRIMARY_HEIGHT = 1080
@@ -24,19 +23,6 @@ PRIMARY_HEIGHT = 1080
 @pytest.fixture(scope="module")
 def desktop(two_monitor_desktop):
     return two_monitor_desktop
-
-
-@pytest.fixture
-def sized(home, desktop, tmp_path):
-    app = placement.SizedApp(home, desktop, tmp_path / "sized")
-    try:
-        yield app
-    finally:
-        app.stop()
-
-
-def place(desktop, **payload) -> None:
-    desktop.emit_signal(placement.OBJECT, placement.PLACE, json.dumps(payload))
 
 
 def stacking(desktop) -> list[int]:
@@ -68,7 +54,7 @@ def test_place_on_screen_1_moves_a_new_window_onto_the_second_monitor(launch, ho
     home.wait_for_log(f"place: file {paper} on screen 1")
     win = sized.wait_window("moved.txt")
     framed(desktop, win["window"])
-    text, frame = placement.centred(desktop, win["window"], (500, 400), SECOND, PRIMARY_HEIGHT)
+    text, frame = centred(desktop, win["window"], (500, 400), SECOND, PRIMARY_HEIGHT)
     line = home.wait_for_log(lambda m: m.startswith("place: pid "))
     assert line.startswith(f"place: pid {win['pid']} window to {text}: placed (attempt "), line
     wait_until(lambda: desktop.window_frame(win["window"]) == frame,

@@ -16,7 +16,6 @@ import json
 import os
 import re
 import shutil
-import socket
 import stat
 import subprocess
 import urllib.request
@@ -28,18 +27,21 @@ from harness import (
     RELEASE_VERSION,
     SIGN_TOOL,
     DevProject,
-    folder_snapshot,
     Orvane,
+    folder_snapshot,
+    free_port,
+    new_key,
     pid_alive,
     port_is_free,
-    terminate_pids,
     run,
+    sign_as_other_app,
+    sign_folder,
+    terminate_pids,
+    unzip_release,
     wait_until,
 )
 
 VERSION = RELEASE_VERSION
-
-
 
 
 def listing(folder: Path) -> dict[str, str]:
@@ -52,10 +54,7 @@ def listing(folder: Path) -> dict[str, str]:
 @pytest.fixture
 def unzipped(release, tmp_path):
     """A fresh copy of the release, unzipped into this test's folder."""
-    archive = release["zip"]
-    result = run("unzip", "-q", archive, "-d", tmp_path / "unpacked")
-    assert result.returncode == 0, result.stderr
-    return tmp_path / "unpacked" / "Orvane"
+    return unzip_release(release["zip"], tmp_path / "unpacked")
 
 
 def verify(folder: Path, tool: Path | None = None) -> subprocess.CompletedProcess:
@@ -237,8 +236,7 @@ def test_tampered_folders_fail_with_their_codes(unzipped, tmp_path):
 
     # Another key in the folder: the signature no longer verifies under it.
     keys = tmp_path / "other-keys"
-    keys.mkdir()
-    assert run(SIGN_TOOL, "keygen", keys).returncode == 0
+    new_key(keys)
     shutil.copy(keys / "orvane-update.pub", unzipped / "share/orvane/update-key.pub")
     result = verify(unzipped)
     assert result.returncode == 1, result.stderr
@@ -246,11 +244,7 @@ def test_tampered_folders_fail_with_their_codes(unzipped, tmp_path):
 
 
 def test_another_app_id_signed_by_the_same_key_fails_with_code_2(release, unzipped):
-    manifest = unzipped / "share/orvane/MANIFEST"
-    text = manifest.read_text()
-    manifest.write_text(text.replace("app-id com.tarnwick.orvane\n", "app-id com.example.other\n", 1))
-    signed = run(SIGN_TOOL, "sign", "--manifest-only", release["keys"] / "orvane-update.key", unzipped)
-    assert signed.returncode == 0, signed.stderr
+    sign_as_other_app(release["keys"] / "orvane-update.key", unzipped)
     result = verify(unzipped)
     assert result.returncode == 2, result.stderr
 
@@ -265,7 +259,7 @@ def test_verify_refuses_hostile_manifests_and_reads_nothing_outside(release, unz
     for body in (f"{digest} 644 ../secret.txt\n", f"{digest} 644 {secret}\n",
                  "garbage\n", "\n" * 1000, f"{digest} 644 a\n{digest} 644 a\n"):
         manifest.write_text(header + body)
-        assert run(SIGN_TOOL, "sign", "--manifest-only", key, unzipped).returncode == 0
+        sign_folder(key, unzipped, "--manifest-only")
         result = verify(unzipped)
         assert result.returncode == 1, (body, result.stderr)
         assert "the signed MANIFEST is malformed" in result.stderr
@@ -290,12 +284,6 @@ def test_signing_refuses_a_folder_with_a_link_outside(release, unzipped):
 
 # --------------------------------------------------------------------------
 # a moved copy
-
-
-def free_port() -> int:
-    with socket.socket() as sock:
-        sock.bind(("127.0.0.1", 0))
-        return sock.getsockname()[1]
 
 
 def test_moved_copys_venv_serves_the_bundled_site_and_leaves_it_signed(unzipped, tmp_path):

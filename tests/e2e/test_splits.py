@@ -32,10 +32,9 @@ def install_zathura(home) -> None:
     config = home.path / "zathura"
     config.mkdir(exist_ok=True)
     (config / "zathurarc").write_text('set window-title-basename true\nset guioptions ""\n')
-    entry = ("[Desktop Entry]\nType=Application\nName=zathura for the tests\n"
-             f'Exec=zathura --config-dir "{config}" --data-dir "{config}" --cache-dir "{config}" %f\n'
-             "MimeType=application/pdf;\nTerminal=false\n")
-    (home.path / ".local/share/applications" / ZATHURA_ID).write_text(entry)
+    home.add_app(ZATHURA_ID, "zathura for the tests",
+                 f'zathura --config-dir "{config}" --data-dir "{config}" --cache-dir "{config}" %f',
+                 "application/pdf;")
     home.write_settings(PdfViewer=ZATHURA_ID)
 
 
@@ -47,8 +46,8 @@ def paper(home, name: str = "paper.pdf"):
 
 def window_titled(desktop, title: str) -> int:
     def found():
-        ids = desktop.run_tool("xdotool", "search", "--onlyvisible", "--name", f"^{title}$").stdout.split()
-        return int(ids[0]) if ids else None
+        ids = desktop.windows_titled(title)
+        return ids[0] if ids else None
     return wait_until(found, what=f"a window titled {title!r}")
 
 
@@ -165,9 +164,8 @@ def test_a_viewer_that_hands_the_file_to_its_running_instance_is_still_found(
         home, site, desktop, launch, clients, tmp_path):
     socket_path = tmp_path / "viewer.sock"
     script = FIXTURES / "bin" / "single_instance_viewer.py"
-    entry = ("[Desktop Entry]\nType=Application\nName=a single-instance viewer\n"
-             f'Exec={PYTHON} "{script}" "{socket_path}" %f\nMimeType=application/pdf;\nTerminal=false\n')
-    (home.path / ".local/share/applications" / FORWARDING_ID).write_text(entry)
+    home.add_app(FORWARDING_ID, "a single-instance viewer", f'{PYTHON} "{script}" "{socket_path}" %f',
+                 "application/pdf;")
     home.write_settings(PdfViewer=FORWARDING_ID)
     instance = clients.program([PYTHON, str(script), str(socket_path)], ready="ready")
     pdf = paper(home, "handed.pdf")

@@ -11,7 +11,6 @@ compression, which keeps making them cheap.
 
 from __future__ import annotations
 
-import hashlib
 import json
 import os
 import shutil
@@ -27,10 +26,14 @@ from harness import (
     SIGN_TOOL,
     Orvane,
     folder_snapshot as snapshot,
+    new_key,
     pid_alive,
     port_is_free,
     run,
+    sign_as_other_app,
+    sign_folder,
     terminate_pids,
+    unzip_release,
     wait_until,
 )
 
@@ -42,11 +45,6 @@ NOT_SIGNED_LIKE_THIS = "the downloaded app is not signed like this one (code {})
 
 # --------------------------------------------------------------------------
 # folders and archives
-
-
-def sign(key: Path, folder: Path, *options: str) -> None:
-    signed = run(SIGN_TOOL, "sign", *options, key, folder)
-    assert signed.returncode == 0, signed.stderr
 
 
 def zip_folder(parent: Path, top: str, archive: Path) -> Path:
@@ -69,9 +67,7 @@ class Releases:
         self.key = release["key"]
         self.work = work
         self.made: dict[str, Path] = {}
-        self.unzipped = work / "unzipped" / "Orvane"
-        done = run("unzip", "-q", release["zip"], "-d", self.unzipped.parent)
-        assert done.returncode == 0, done.stderr
+        self.unzipped = unzip_release(release["zip"], work / "unzipped")
 
     def install(self, into: Path) -> Path:
         """A fresh installed copy at into/Orvane."""
@@ -84,7 +80,7 @@ class Releases:
         """A copy of the release re-signed as the newer version, at
         work/NAME/Orvane."""
         folder = self.install(self.work / name)
-        sign(self.key, folder, "--version", NEW_VERSION)
+        sign_folder(self.key, folder, "--version", NEW_VERSION)
         return folder
 
     def archive(self, name: str) -> Path:
@@ -102,11 +98,9 @@ class Releases:
         return zip_folder(folder.parent.parent, "Outer", self.work / "nested.zip")
 
     def _make_other_key(self) -> Path:
-        keys = self.work / "other-keys"
-        keys.mkdir()
-        assert run(SIGN_TOOL, "keygen", keys).returncode == 0
+        other_key = new_key(self.work / "other-keys")
         folder = self.install(self.work / "other-key")
-        sign(keys / "orvane-update.key", folder, "--version", NEW_VERSION)
+        sign_folder(other_key, folder, "--version", NEW_VERSION)
         return zip_folder(folder.parent, "Orvane", self.work / "other-key.zip")
 
     def _make_changed_file(self) -> Path:
@@ -122,11 +116,7 @@ class Releases:
 
     def _make_other_app_id(self) -> Path:
         folder = self.newer_folder("other-app-id")
-        manifest = folder / "share/orvane/MANIFEST"
-        text = manifest.read_text()
-        assert text.startswith("app-id com.tarnwick.orvane\n")
-        manifest.write_text(text.replace("app-id com.tarnwick.orvane\n", "app-id com.example.other\n", 1))
-        sign(self.key, folder, "--manifest-only")
+        sign_as_other_app(self.key, folder)
         return zip_folder(folder.parent, "Orvane", self.work / "other-app-id.zip")
 
 

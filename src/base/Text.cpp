@@ -75,6 +75,10 @@ std::string LogSafeText(const std::string& text, size_t max_characters) {
   return result;
 }
 
+bool BeginsWith(const std::string& text, const std::string& prefix) {
+  return !prefix.empty() && text.compare(0, prefix.size(), prefix) == 0;
+}
+
 std::string NewUpperCaseUuid() {
   GCharPtr uuid(g_uuid_string_random());
   std::string text = uuid.str();

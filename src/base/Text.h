@@ -15,6 +15,10 @@ size_t Utf16Length(const std::string& text);
 // \xNN or \u{NNNN}.
 std::string LogSafeText(const std::string& text, size_t max_characters);
 
+// Whether `text` begins with `prefix`, which must not be empty: an empty
+// name names nothing.
+bool BeginsWith(const std::string& text, const std::string& prefix);
+
 // A random UUID in upper-case text form, 36 characters.
 std::string NewUpperCaseUuid();
 

@@ -2,6 +2,7 @@
 
 #include "base/GObjectPtr.h"
 #include "base/Paths.h"
+#include "base/Text.h"
 #include "desktop/ProcessDocuments.h"
 
 #include <dirent.h>
@@ -23,10 +24,6 @@ constexpr size_t kMaxFolderEntries = 100000;
 constexpr size_t kMaxXbelBytes = size_t(256) << 20;
 constexpr size_t kMaxRecentFiles = 100000;
 
-struct Candidate {
-  std::string path;
-};
-
 class Candidates {
 public:
   // Adds the path when it names an existing regular file not yet listed
@@ -37,46 +34,40 @@ public:
       return;
     if (!seen_.insert({info.st_dev, info.st_ino}).second)
       return;
-    list_.push_back({path});
+    list_.push_back(path);
   }
-  const std::vector<Candidate>& list() const { return list_; }
+  const std::vector<std::string>& list() const { return list_; }
 
 private:
-  std::vector<Candidate> list_;
+  std::vector<std::string> list_;
   std::set<std::pair<dev_t, ino_t>> seen_;
 };
-
-bool StartsWith(const std::string& text, const std::string& prefix) {
-  return !prefix.empty() && text.compare(0, prefix.size(), prefix) == 0;
-}
 
 // How much of the title a candidate's file name, or its name without the
 // extension, covers from the start; 0 when the title begins with neither.
 size_t TitleMatch(const std::string& title, const std::string& path) {
   std::string name = FileName(path);
-  if (StartsWith(title, name))
+  if (BeginsWith(title, name))
     return name.size();
   size_t dot = name.rfind('.');
-  if (dot != std::string::npos && StartsWith(title, name.substr(0, dot)))
+  if (dot != std::string::npos && BeginsWith(title, name.substr(0, dot)))
     return dot;
   return 0;
 }
 
 // The candidate the title names; the longest match wins, the earlier on a tie.
-std::optional<std::string> MatchTitle(const std::vector<Candidate>& candidates,
+std::optional<std::string> MatchTitle(const std::vector<std::string>& candidates,
                                       const std::string& title) {
-  const Candidate* best = nullptr;
+  std::optional<std::string> best;
   size_t best_length = 0;
-  for (const Candidate& candidate : candidates) {
-    size_t length = TitleMatch(title, candidate.path);
+  for (const std::string& candidate : candidates) {
+    size_t length = TitleMatch(title, candidate);
     if (length > best_length) {
-      best = &candidate;
+      best = candidate;
       best_length = length;
     }
   }
-  if (!best)
-    return std::nullopt;
-  return best->path;
+  return best;
 }
 
 std::vector<std::string> FolderPdfs(const std::string& folder) {
@@ -158,7 +149,7 @@ std::optional<std::string> FocusedDocumentPath(int pid, const std::string& title
   if (!title.empty() && title[0] == '/')
     from_process.add(title);
   if (from_process.list().size() == 1)
-    return from_process.list().front().path;
+    return from_process.list().front();
   if (!from_process.list().empty())
     return MatchTitle(from_process.list(), title);
 

@@ -22,10 +22,6 @@ std::string NameWithoutExtension(const std::string& path) {
   return fs::path(path).stem().string();
 }
 
-bool BeginsWith(const std::string& text, const std::string& prefix) {
-  return !prefix.empty() && text.compare(0, prefix.size(), prefix) == 0;
-}
-
 bool IsExistingAbsoluteFile(const std::string& path) {
   if (path.empty() || path[0] != '/' || path.find('\0') != std::string::npos)
     return false;

@@ -76,26 +76,18 @@ bool X11Selections::servingClipboard() const {
   return served_ && served_->owned;
 }
 
-bool X11Selections::ownedByThisProcess(const char* selection) {
-  unsigned long owner = reader_->owner(selection);
-  if (owner == 0)
-    return false;
-  std::optional<int> pid = reader_->pidOfWindow(owner);
-  return pid && *pid == int(getpid());
+bool X11Selections::ownedByThisProcess(unsigned long owner) {
+  return reader_->pidOfWindow(owner) == int(getpid());
 }
 
 std::optional<int> X11Selections::primaryOwnerPid() {
-  unsigned long owner = reader_->owner("PRIMARY");
-  if (owner == 0)
-    return std::nullopt;
-  return reader_->pidOfWindow(owner);
+  return reader_->pidOfWindow(reader_->owner("PRIMARY"));
 }
 
 std::optional<std::string> X11Selections::readText(const char* selection) {
-  if (reader_->owner(selection) == 0)
-    return std::nullopt;
+  unsigned long owner = reader_->owner(selection);
   // Asking ourselves would wait for a main loop that is blocked right here.
-  if (ownedByThisProcess(selection))
+  if (owner == 0 || ownedByThisProcess(owner))
     return std::nullopt;
   // One deadline for both tries: an owner that never answers costs it once.
   Clock::time_point deadline = Clock::now() + limits_.read_timeout;
@@ -129,9 +121,10 @@ ClipboardContents X11Selections::saveClipboard() {
     return contents;
   }
   last_saved_.clear();
-  if (reader_->owner("CLIPBOARD") == 0)
+  unsigned long owner = reader_->owner("CLIPBOARD");
+  if (owner == 0)
     return contents;
-  if (ownedByThisProcess("CLIPBOARD")) {
+  if (ownedByThisProcess(owner)) {
     SparLog("clipboard: held by this program outside a restore, not saved");
     return contents;
   }

@@ -44,7 +44,8 @@ public:
 
 private:
   bool servingClipboard() const;
-  bool ownedByThisProcess(const char* selection);
+  // Whether the selection owner window belongs to this process.
+  bool ownedByThisProcess(unsigned long owner);
   std::optional<std::string> readText(const char* selection);
 
   X11SelectionLimits limits_;

@@ -1,8 +1,14 @@
 #include "base/Text.h"
 
+#include "base/GObjectPtr.h"
+
 #include <glib.h>
 
 namespace orvane {
+
+std::string ValidUtf8(std::string_view bytes) {
+  return GCharPtr(g_utf8_make_valid(bytes.data(), gssize(bytes.size()))).str();
+}
 
 size_t Utf16Length(const std::string& text) {
   const char* end = nullptr;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace orvane {
 
@@ -14,5 +15,9 @@ size_t Utf16Length(const std::string& text);
 // separators, bytes that are not UTF-8) written as an escape: \n, \r, \t,
 // \xNN or \u{NNNN}.
 std::string LogSafeText(const std::string& text, size_t max_characters);
+
+// Bytes from outside (an X property, a selection) as valid UTF-8: every
+// sequence that is not UTF-8 becomes U+FFFD, the rest stays as it is.
+std::string ValidUtf8(std::string_view bytes);
 
 } // namespace orvane

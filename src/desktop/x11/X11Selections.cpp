@@ -1,6 +1,7 @@
 #include "desktop/x11/X11Selections.h"
 
 #include "base/SparLog.h"
+#include "base/Text.h"
 #include "desktop/x11/ClipboardServer.h"
 #include "desktop/x11/XSelectionReader.h"
 
@@ -22,13 +23,6 @@ using Clock = XSelectionReader::Clock;
 bool IsMetaTarget(const std::string& target) {
   return target == "TARGETS" || target == "MULTIPLE" || target == "TIMESTAMP" ||
          target == "SAVE_TARGETS" || target == "DELETE" || target.rfind("INSERT_", 0) == 0;
-}
-
-std::string ValidUtf8(const std::string& bytes) {
-  gchar* valid = g_utf8_make_valid(bytes.data(), gssize(bytes.size()));
-  std::string text = valid;
-  g_free(valid);
-  return text;
 }
 
 std::optional<std::string> Latin1AsUtf8(const std::string& bytes) {

@@ -61,25 +61,30 @@ std::string OwnExecutable() {
 
 } // namespace
 
-X11Selections::X11Selections(X11SelectionLimits limits)
-    : limits_(std::move(limits)), reader_(std::make_unique<XSelectionReader>()) {}
+X11Selections::X11Selections(X11SelectionLimits limits) : limits_(std::move(limits)) {}
 
 X11Selections::~X11Selections() = default;
+
+XSelectionReader& X11Selections::reader() {
+  if (!reader_)
+    reader_ = std::make_unique<XSelectionReader>();
+  return *reader_;
+}
 
 bool X11Selections::servingClipboard() const {
   return served_ && served_->owned;
 }
 
 bool X11Selections::ownedByThisProcess(unsigned long owner) {
-  return reader_->pidOfWindow(owner) == int(getpid());
+  return reader().pidOfWindow(owner) == int(getpid());
 }
 
 std::optional<int> X11Selections::primaryOwnerPid() {
-  return reader_->pidOfWindow(reader_->owner("PRIMARY"));
+  return reader().pidOfWindow(reader().owner("PRIMARY"));
 }
 
 std::optional<std::string> X11Selections::readText(const char* selection) {
-  unsigned long owner = reader_->owner(selection);
+  unsigned long owner = reader().owner(selection);
   // Asking ourselves would wait for a main loop that is blocked right here.
   if (owner == 0 || ownedByThisProcess(owner))
     return std::nullopt;
@@ -87,7 +92,7 @@ std::optional<std::string> X11Selections::readText(const char* selection) {
   Clock::time_point deadline = Clock::now() + limits_.read_timeout;
   for (const char* target : {"UTF8_STRING", "STRING"}) {
     std::optional<SelectionAnswer> answer =
-        reader_->convert(selection, target, deadline, limits_.max_clipboard_bytes);
+        reader().convert(selection, target, deadline, limits_.max_clipboard_bytes);
     if (answer) {
       if (std::optional<std::string> text = TextOf(answer->type, answer->format, answer->bytes))
         return text;
@@ -103,7 +108,7 @@ std::optional<std::string> X11Selections::primaryText() {
 }
 
 uint64_t X11Selections::clipboardChangeCount() {
-  return reader_->clipboardChanges();
+  return reader().clipboardChanges();
 }
 
 ClipboardContents X11Selections::saveClipboard() {
@@ -115,7 +120,7 @@ ClipboardContents X11Selections::saveClipboard() {
     return contents;
   }
   last_saved_.clear();
-  unsigned long owner = reader_->owner("CLIPBOARD");
+  unsigned long owner = reader().owner("CLIPBOARD");
   if (owner == 0)
     return contents;
   if (ownedByThisProcess(owner)) {
@@ -124,7 +129,7 @@ ClipboardContents X11Selections::saveClipboard() {
   }
   Clock::time_point end = Clock::now() + limits_.save_budget;
   auto next_deadline = [&] { return std::min(end, Clock::now() + limits_.read_timeout); };
-  std::optional<std::vector<std::string>> names = reader_->targets("CLIPBOARD", next_deadline());
+  std::optional<std::vector<std::string>> names = reader().targets("CLIPBOARD", next_deadline());
   if (!names)
     return contents;
   size_t room = limits_.max_clipboard_bytes;
@@ -134,7 +139,7 @@ ClipboardContents X11Selections::saveClipboard() {
     if (Clock::now() >= end)
       break;
     std::optional<SelectionAnswer> answer =
-        reader_->convert("CLIPBOARD", name, next_deadline(), room);
+        reader().convert("CLIPBOARD", name, next_deadline(), room);
     if (!answer)
       continue;
     room -= answer->bytes.size();
@@ -179,7 +184,7 @@ void X11Selections::restoreClipboard(const ClipboardContents& contents) {
     // Nothing to offer: nobody owns the CLIPBOARD afterwards.
     if (servingClipboard())
       gtk_clipboard_clear(gtk_clipboard_get(GDK_SELECTION_CLIPBOARD));
-    reader_->disown("CLIPBOARD");
+    reader().disown("CLIPBOARD");
     served_.reset();
     return;
   }
@@ -189,12 +194,12 @@ void X11Selections::restoreClipboard(const ClipboardContents& contents) {
 }
 
 bool X11Selections::sendCopyChord(CopyChord chord) {
-  if (!reader_->connected())
+  if (!reader().connected())
     return false;
   // A chord sent while the hotkey's keys are still down would reach the
   // application with them (Ctrl+Alt+C copies nothing).
   Clock::time_point deadline = Clock::now() + limits_.keys_up_wait;
-  while (!reader_->noKeyHeld()) {
+  while (!reader().noKeyHeld()) {
     if (Clock::now() >= deadline) {
       SparLog("capture: keys still held, no copy chord sent");
       return false;
@@ -205,7 +210,7 @@ bool X11Selections::sendCopyChord(CopyChord chord) {
   if (chord == CopyChord::kControlShiftC)
     keys.push_back(XK_Shift_L);
   keys.push_back(XK_c);
-  return reader_->sendChord(keys);
+  return reader().sendChord(keys);
 }
 
 void X11Selections::pause(std::chrono::milliseconds duration) {
@@ -216,13 +221,13 @@ void X11Selections::keepClipboardAfterExit() {
   if (!servingClipboard())
     return;
   GtkClipboard* clipboard = gtk_clipboard_get(GDK_SELECTION_CLIPBOARD);
-  if (reader_->owner("CLIPBOARD_MANAGER") != 0) {
+  if (reader().owner("CLIPBOARD_MANAGER") != 0) {
     gtk_clipboard_set_can_store(clipboard, nullptr, 0);
     gtk_clipboard_store(clipboard);
     SparLog("clipboard: handed to the clipboard manager");
     return;
   }
-  KeptClipboard kept{served_->targets, reader_->owner("CLIPBOARD"), limits_.keeper_lifetime};
+  KeptClipboard kept{served_->targets, reader().owner("CLIPBOARD"), limits_.keeper_lifetime};
   std::string folder = KeptClipboardFolder();
   g_mkdir_with_parents(folder.c_str(), 0700);
   std::string path = folder + "/" + kKeptClipboardPrefix + "XXXXXX";

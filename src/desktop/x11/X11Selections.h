@@ -43,6 +43,9 @@ public:
   void keepClipboardAfterExit() override;
 
 private:
+  // The reader's X connection, opened on first use: a program that never
+  // captures never opens it.
+  XSelectionReader& reader();
   bool servingClipboard() const;
   // Whether the selection owner window belongs to this process.
   bool ownedByThisProcess(unsigned long owner);

@@ -6,6 +6,10 @@
 
 namespace orvane {
 
+std::string ValidUtf8(std::string_view bytes) {
+  return GCharPtr(g_utf8_make_valid(bytes.data(), gssize(bytes.size()))).str();
+}
+
 size_t Utf16Length(const std::string& text) {
   const char* end = nullptr;
   if (!g_utf8_validate(text.data(), gssize(text.size()), &end))

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace orvane {
 
@@ -21,5 +22,9 @@ bool BeginsWith(const std::string& text, const std::string& prefix);
 
 // A random UUID in upper-case text form, 36 characters.
 std::string NewUpperCaseUuid();
+
+// Bytes from outside (an X property, a selection) as valid UTF-8: every
+// sequence that is not UTF-8 becomes U+FFFD, the rest stays as it is.
+std::string ValidUtf8(std::string_view bytes);
 
 } // namespace orvane

@@ -53,8 +53,9 @@ std::optional<std::string> ReadLink(const std::string& path) {
 }
 
 // An argument as a file path: a file:// address decoded, a relative path
-// taken from the process's working folder.
-std::optional<std::string> ArgumentPath(const std::string& argument, const std::string& process) {
+// taken from the process's working folder (nothing when that is unknown).
+std::optional<std::string> ArgumentPath(const std::string& argument,
+                                        const std::optional<std::string>& folder) {
   if (g_ascii_strncasecmp(argument.c_str(), "file:", 5) == 0) {
     GCharPtr path(g_filename_from_uri(argument.c_str(), nullptr, nullptr));
     if (!path)
@@ -65,8 +66,7 @@ std::optional<std::string> ArgumentPath(const std::string& argument, const std::
     return std::nullopt;
   if (argument[0] == '/')
     return argument;
-  std::optional<std::string> folder = ReadLink(process + "/cwd");
-  if (!folder || folder->empty() || (*folder)[0] != '/')
+  if (!folder)
     return std::nullopt;
   return JoinPath(*folder, argument);
 }
@@ -91,6 +91,10 @@ private:
 
 void AddCommandLinePdfs(const std::string& process, ExistingPdfs& pdfs) {
   std::string command_line = ReadBounded(process + "/cmdline", kMaxCommandLineBytes);
+  // Read once for every relative argument; only an absolute folder counts.
+  std::optional<std::string> folder = ReadLink(process + "/cwd");
+  if (folder && (*folder)[0] != '/')
+    folder.reset();
   size_t start = 0;
   size_t arguments = 0;
   while (start < command_line.size() && arguments++ < kMaxArguments) {
@@ -99,7 +103,7 @@ void AddCommandLinePdfs(const std::string& process, ExistingPdfs& pdfs) {
       end = command_line.size();
     std::string argument = command_line.substr(start, end - start);
     start = end + 1;
-    if (std::optional<std::string> path = ArgumentPath(argument, process))
+    if (std::optional<std::string> path = ArgumentPath(argument, folder))
       pdfs.add(*path);
   }
 }

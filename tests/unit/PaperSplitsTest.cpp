@@ -1,8 +1,8 @@
 #include "placement/PaperSplits.h"
 
 #include "capture/Quotes.h"
-#include "support/FakeBus.h"
 #include "support/FakeCapture.h"
+#include "support/FakeMessageBus.h"
 #include "support/FakeScreens.h"
 #include "support/FakeWindows.h"
 #include "support/LogCapture.h"
@@ -55,8 +55,8 @@ protected:
   }
   // What the ask notification carried.
   nlohmann::json lastAsk() const {
-    EXPECT_FALSE(bus.posts.empty());
-    return bus.posts.empty() ? nlohmann::json() : nlohmann::json::parse(bus.posts.back().second);
+    EXPECT_FALSE(bus.posted.empty());
+    return bus.posted.empty() ? nlohmann::json() : nlohmann::json::parse(bus.posted.back().second);
   }
 
   LogCapture log;
@@ -66,7 +66,7 @@ protected:
   VirtualScheduler scheduler;
   FakeSplitChat chat;
   FakeCapture capture;
-  FakeBus bus;
+  FakeMessageBus bus;
   EventDelivery events{[] { return std::string("http://127.0.0.1:8000"); }};
   struct NoChat final : QuoteChat {
     bool exists() const override { return false; }
@@ -310,7 +310,7 @@ TEST_F(PaperSplitsTest, TheAskSplitWaitGivesUpWithItsOwnLabel) {
   EXPECT_EQ(log.messages(), (std::vector<std::string>{
                                 "ask split: looking for pid 4242 showing /home/u/papers/paper.pdf",
                                 "ask split: gave up waiting for Preview's window for paper.pdf"}));
-  EXPECT_TRUE(bus.posts.empty());
+  EXPECT_TRUE(bus.posted.empty());
 }
 
 TEST_F(PaperSplitsTest, TheAskSplitWithoutAViewerOrWithAFailedOpen) {
@@ -321,7 +321,7 @@ TEST_F(PaperSplitsTest, TheAskSplitWithoutAViewerOrWithAFailedOpen) {
   EXPECT_EQ(log.messages(),
             (std::vector<std::string>{"ask split: Preview not installed?",
                                       "ask split: open failed: Failed to execute child process"}));
-  EXPECT_TRUE(bus.posts.empty());
+  EXPECT_TRUE(bus.posted.empty());
 }
 
 TEST_F(PaperSplitsTest, APaperInFullScreenIsAskedToLeaveAndHeldForSixteenChecks) {

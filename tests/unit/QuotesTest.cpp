@@ -1,7 +1,7 @@
 #include "capture/Quotes.h"
 
-#include "support/FakeBus.h"
 #include "support/FakeCapture.h"
+#include "support/FakeMessageBus.h"
 #include "support/FakePage.h"
 #include "support/FakeScreens.h"
 #include "support/LogCapture.h"
@@ -59,7 +59,7 @@ protected:
   TempDir dir;
   FakeCapture capture;
   FakeScreens screens;
-  FakeBus bus;
+  FakeMessageBus bus;
   EventDelivery events{[] { return std::string(kSite); }};
   FakeChat chat;
   std::shared_ptr<FakePage> library = std::make_shared<FakePage>(std::string(kSite) + "/");
@@ -89,14 +89,14 @@ TEST_F(QuotesTest, QuoteWithTheChatOpenIsDeliveredIntoIt) {
   ASSERT_EQ(chat.scripts.size(), 1u);
   EXPECT_EQ(QuoteInScript(chat.scripts[0]), "a passage");
   EXPECT_EQ(log.messages(), std::vector<std::string>{"quote: delivered 9 chars"});
-  EXPECT_TRUE(bus.posts.empty());
+  EXPECT_TRUE(bus.posted.empty());
 }
 
 TEST_F(QuotesTest, QuoteWithTheChatOpenAndNothingSelectedIsLogged) {
   chat.made = chat.visible = true;
   quotes.hotkeyQuote();
   EXPECT_TRUE(chat.scripts.empty());
-  EXPECT_TRUE(bus.posts.empty());
+  EXPECT_TRUE(bus.posted.empty());
   EXPECT_EQ(log.messages(), std::vector<std::string>{"quote: nothing selected in Evince"});
   capture.front.reset();
   quotes.hotkeyQuote();
@@ -112,9 +112,9 @@ TEST_F(QuotesTest, QuoteWithTheChatHiddenGoesToTheDesktopApplication) {
   quotes.hotkeyQuote();
   EXPECT_TRUE(chat.scripts.empty());
   EXPECT_EQ(chat.brought_back, 0);
-  ASSERT_EQ(bus.posts.size(), 1u);
-  EXPECT_EQ(bus.posts[0].first, "nl.tarnwick.pendrel.ask");
-  auto ask = nlohmann::json::parse(bus.posts[0].second);
+  ASSERT_EQ(bus.posted.size(), 1u);
+  EXPECT_EQ(bus.posted[0].first, "nl.tarnwick.pendrel.ask");
+  auto ask = nlohmann::json::parse(bus.posted[0].second);
   EXPECT_EQ(ask["quote"], "hidden chat");
   EXPECT_EQ(ask["page"], 4);
   EXPECT_EQ(std::get<1>(tiles.at(0)), 4242);
@@ -127,7 +127,7 @@ TEST_F(QuotesTest, QuoteFromThisProgramDoesNothing) {
   quotes.hotkeyQuote();
   EXPECT_EQ(capture.selection_calls, 0);
   EXPECT_TRUE(chat.scripts.empty());
-  EXPECT_TRUE(bus.posts.empty());
+  EXPECT_TRUE(bus.posted.empty());
   EXPECT_TRUE(log.messages().empty());
 }
 
@@ -139,10 +139,10 @@ TEST_F(QuotesTest, AskObjectHasTheEightKeysWithTheirTypes) {
   capture.page = 3;
   capture.point = {2000.5, 300};
   quotes.hotkeyQuote();
-  ASSERT_EQ(bus.posts.size(), 1u);
+  ASSERT_EQ(bus.posted.size(), 1u);
   // Compact JSON: no blank after a colon or comma.
-  EXPECT_EQ(bus.posts[0].second.find(": "), std::string::npos);
-  auto ask = nlohmann::json::parse(bus.posts[0].second);
+  EXPECT_EQ(bus.posted[0].second.find(": "), std::string::npos);
+  auto ask = nlohmann::json::parse(bus.posted[0].second);
   ASSERT_TRUE(ask.is_object());
   EXPECT_EQ(ask.size(), 8u);
   EXPECT_EQ(ask["path"], "/home/u/Downloads/paper.pdf");
@@ -171,8 +171,8 @@ TEST_F(QuotesTest, NothingSelectedInAPdfViewerStillAsksWithAnEmptyQuoteAndPageZe
   capture.document = "/home/u/paper.pdf";
   capture.page = 7; // what a search would answer; nothing is searched for
   quotes.hotkeyQuote();
-  ASSERT_EQ(bus.posts.size(), 1u);
-  auto ask = nlohmann::json::parse(bus.posts[0].second);
+  ASSERT_EQ(bus.posted.size(), 1u);
+  auto ask = nlohmann::json::parse(bus.posted[0].second);
   EXPECT_EQ(ask["quote"], "");
   EXPECT_EQ(ask["page"], 0);
   EXPECT_TRUE(capture.page_queries.empty());
@@ -187,7 +187,7 @@ TEST_F(QuotesTest, ATiledPaperGivesTheFreeAreaAsFractionsOfTheScreen) {
   capture.document = "/p/a.pdf";
   capture.point = {2500, 10};
   quotes.askDesktopWith(std::string("q"), "/p/a.pdf", 99, capture.point);
-  auto ask = nlohmann::json::parse(bus.posts.at(0).second);
+  auto ask = nlohmann::json::parse(bus.posted.at(0).second);
   EXPECT_DOUBLE_EQ(ask["splitX"].get<double>(), 0.5);
   EXPECT_DOUBLE_EQ(ask["splitW"].get<double>(), 0.5);
   EXPECT_EQ(log.messages().back(),
@@ -199,7 +199,7 @@ TEST_F(QuotesTest, TilingWithoutScreensGivesNoSplit) {
   tile_free = {10, 10, 10, 10};
   screens.list.clear();
   quotes.askDesktopWith(std::string("q"), "/p/a.pdf", 99, {0, 0});
-  auto ask = nlohmann::json::parse(bus.posts.at(0).second);
+  auto ask = nlohmann::json::parse(bus.posted.at(0).second);
   EXPECT_DOUBLE_EQ(ask["splitX"].get<double>(), 0);
   EXPECT_DOUBLE_EQ(ask["splitW"].get<double>(), 0);
 }
@@ -211,7 +211,7 @@ TEST_F(QuotesTest, AFrontWindowWithoutAPdfAsksNothing) {
   quotes.askDesktopWith(std::string("q"), 1, {0, 0});
   capture.document = "/home/u/.pdf";
   quotes.askDesktopWith(std::string("q"), 1, {0, 0});
-  EXPECT_TRUE(bus.posts.empty());
+  EXPECT_TRUE(bus.posted.empty());
   EXPECT_EQ(log.messages(),
             (std::vector<std::string>{"ask: the front window is not a pdf (/home/u/notes.txt)",
                                       "ask: the front window is not a pdf (no document)",
@@ -220,7 +220,7 @@ TEST_F(QuotesTest, AFrontWindowWithoutAPdfAsksNothing) {
 
 TEST_F(QuotesTest, AQuoteThatIsNotUtf8PostsNothingAndLogsNothing) {
   quotes.askDesktopWith(std::string("bad \xff\xfe bytes"), "/p/a.pdf", 1, {0, 0});
-  EXPECT_TRUE(bus.posts.empty());
+  EXPECT_TRUE(bus.posted.empty());
   EXPECT_TRUE(log.messages().empty());
 }
 

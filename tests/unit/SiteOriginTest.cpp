@@ -124,5 +124,12 @@ TEST(LogSafeTextTest, BytesThatAreNotUtf8AreEscapedOneByOne) {
   EXPECT_EQ(LogSafeText("\xc3\xa9\xe2\x82", 200), "é\\xe2\\x82");
 }
 
+TEST(ValidUtf8Test, EverySequenceThatIsNotUtf8BecomesOneReplacementCharacter) {
+  EXPECT_EQ(ValidUtf8("Grüße ✓"), "Grüße ✓");
+  EXPECT_EQ(ValidUtf8("bad \xff summary"), "bad \xef\xbf\xbd summary");
+  EXPECT_EQ(ValidUtf8("Caf\xe9"), "Caf\xef\xbf\xbd");
+  EXPECT_EQ(ValidUtf8(""), "");
+}
+
 } // namespace
 } // namespace orvane

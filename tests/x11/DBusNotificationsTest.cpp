@@ -2,6 +2,7 @@
 // the private session bus.
 #include "desktop/x11/DBusNotifications.h"
 #include "support/TempDir.h"
+#include "support/TextLines.h"
 #include "x11/X11TestSupport.h"
 
 #include <gtest/gtest.h>
@@ -15,8 +16,8 @@ using namespace std::chrono_literals;
 class DBusNotificationsTest : public testing::Test {
 protected:
   std::unique_ptr<Child> startService(const char* mode) {
-    std::unique_ptr<Child> service = Child::Start(
-        {"/usr/bin/python3", SharedFixtureScript("notifications.py"), record(), mode});
+    std::unique_ptr<Child> service =
+        Child::Start({"/usr/bin/python3", SharedFixtureScript("notifications.py"), record(), mode});
     if (!service || service->readLine() != "ready")
       return nullptr;
     return service;
@@ -24,9 +25,7 @@ protected:
   std::string record() const { return dir_.file("calls.jsonl"); }
   std::vector<nlohmann::json> calls() const {
     std::vector<nlohmann::json> result;
-    std::istringstream in(TempDir::Read(record()));
-    std::string line;
-    while (std::getline(in, line))
+    for (const std::string& line : SplitLines(TempDir::Read(record())))
       result.push_back(nlohmann::json::parse(line));
     return result;
   }

@@ -59,12 +59,11 @@ void SetActiveWindowProperty(Atom type, long value) {
 
 TEST(X11FrontWindowsTest, AGtkWindowInFrontWithItsPidClassTitleAndFrame) {
   TempDir dir;
-  std::unique_ptr<Child> entry = Child::Start({"/usr/bin/python3", FixtureScript("entry_window.py"),
-                                               "Überschrift — ✓", "text", dir.file("keys.log")});
+  Window window = None;
+  std::unique_ptr<Child> entry = StartReady({"/usr/bin/python3", FixtureScript("entry_window.py"),
+                                             "Überschrift — ✓", "text", dir.file("keys.log")},
+                                            &window);
   ASSERT_TRUE(entry);
-  std::optional<std::string> ready = entry->readLine();
-  ASSERT_TRUE(ready && ready->rfind("ready ", 0) == 0);
-  Window window = std::stoul(ready->substr(6));
   ASSERT_TRUE(WaitUntilFront(window));
 
   std::optional<FrontWindow> front = X11FrontWindows().frontWindow();
@@ -85,12 +84,10 @@ TEST(X11FrontWindowsTest, AGtkWindowInFrontWithItsPidClassTitleAndFrame) {
 
 TEST(X11FrontWindowsTest, AnOldStyleWindowWithoutPidPropertyStillHasItsProcess) {
   // Only a Latin-1 WM_NAME and WM_CLASS; no _NET_WM_PID, no _NET_WM_NAME.
-  std::unique_ptr<Child> owner =
-      Child::Start({SelectionOwnerFixture(), "--window", "Caf\xe9 ancien", "oldstyle", "OldStyle"});
+  Window window = None;
+  std::unique_ptr<Child> owner = StartReady(
+      {SelectionOwnerFixture(), "--window", "Caf\xe9 ancien", "oldstyle", "OldStyle"}, &window);
   ASSERT_TRUE(owner);
-  std::optional<std::string> ready = owner->readLine();
-  ASSERT_TRUE(ready && ready->rfind("ready ", 0) == 0);
-  Window window = std::stoul(ready->substr(6));
   ASSERT_TRUE(WaitUntilFront(window));
   EXPECT_NE(RunTool({"xprop", "-id", std::to_string(window), "_NET_WM_PID"}).out.find("not found"),
             std::string::npos);

@@ -4,13 +4,13 @@
 #include "desktop/x11/X11Selections.h"
 #include "base/SparLog.h"
 #include "support/TempDir.h"
+#include "support/TextLines.h"
 #include "x11/X11TestSupport.h"
 
 #include <array>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <set>
-#include <sstream>
 
 namespace orvane {
 namespace {
@@ -38,13 +38,7 @@ protected:
   // The Xlib owner fixture, once it owns its selection.
   std::unique_ptr<Child> startOwner(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), SelectionOwnerFixture());
-    std::unique_ptr<Child> owner = Child::Start(arguments);
-    if (!owner)
-      return nullptr;
-    std::optional<std::string> line = owner->readLine();
-    if (!line || line->rfind("ready ", 0) != 0)
-      return nullptr;
-    return owner;
+    return StartReady(arguments);
   }
 
   // The owner fixture serving each (target, type, bytes) on the selection.
@@ -62,24 +56,11 @@ protected:
 
   // A GTK window whose entry holds the text, all selected and focused.
   std::unique_ptr<Child> startEntry(const std::string& text) {
-    std::unique_ptr<Child> entry = Child::Start(
+    return StartReady(
         {"/usr/bin/python3", FixtureScript("entry_window.py"), "Entry", text, keylog()});
-    if (!entry)
-      return nullptr;
-    std::optional<std::string> line = entry->readLine();
-    if (!line || line->rfind("ready ", 0) != 0)
-      return nullptr;
-    return entry;
   }
   std::string keylog() const { return dir_.file("keys.log"); }
-  std::vector<std::string> keyLines() const {
-    std::vector<std::string> lines;
-    std::istringstream in(TempDir::Read(keylog()));
-    std::string line;
-    while (std::getline(in, line))
-      lines.push_back(line);
-    return lines;
-  }
+  std::vector<std::string> keyLines() const { return SplitLines(TempDir::Read(keylog())); }
 
   // xclip holding the CLIPBOARD in the foreground (-quiet), so that it is
   // ours to end.

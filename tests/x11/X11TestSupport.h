@@ -130,6 +130,22 @@ private:
   std::string buffer_;
 };
 
+// Starts a fixture that prints "ready WINDOW" once it is up, and waits for
+// that line; `window` (when given) gets the window it reported. Nothing when
+// the fixture did not start or did not report.
+inline std::unique_ptr<Child> StartReady(const std::vector<std::string>& argv,
+                                         Window* window = nullptr) {
+  std::unique_ptr<Child> child = Child::Start(argv);
+  if (!child)
+    return nullptr;
+  std::optional<std::string> line = child->readLine();
+  if (!line || line->rfind("ready ", 0) != 0)
+    return nullptr;
+  if (window)
+    *window = std::stoul(line->substr(6));
+  return child;
+}
+
 struct ToolResult {
   int status = -1; // the wait status; -1 when it did not end in time
   std::string out;
@@ -167,19 +183,21 @@ public:
     XSetSelectionOwner(display_, atom(selection), None, CurrentTime);
     XSync(display_, False);
   }
-  Window activeWindow() const {
+  Window activeWindow() const { return rootWindowProperty("_NET_ACTIVE_WINDOW"); }
+  // The window a root-window property of type WINDOW names; None without one.
+  Window rootWindowProperty(const char* name) const {
     Atom type = None;
     int format = 0;
     unsigned long items = 0, after = 0;
     unsigned char* data = nullptr;
-    Window active = None;
-    if (XGetWindowProperty(display_, DefaultRootWindow(display_), atom("_NET_ACTIVE_WINDOW"), 0, 1,
-                           False, XA_WINDOW, &type, &format, &items, &after, &data) == Success &&
+    Window value = None;
+    if (XGetWindowProperty(display_, DefaultRootWindow(display_), atom(name), 0, 1, False,
+                           XA_WINDOW, &type, &format, &items, &after, &data) == Success &&
         type == XA_WINDOW && items == 1)
-      active = Window(reinterpret_cast<long*>(data)[0]);
+      value = Window(reinterpret_cast<long*>(data)[0]);
     if (data)
       XFree(data);
-    return active;
+    return value;
   }
 
 private:
@@ -244,18 +262,7 @@ public:
 private:
   static bool WindowManagerRuns(const std::string& name) {
     TestDisplay display(name.c_str());
-    if (!display.get())
-      return false;
-    Atom type = None;
-    int format = 0;
-    unsigned long items = 0, after = 0;
-    unsigned char* data = nullptr;
-    XGetWindowProperty(display.get(), DefaultRootWindow(display.get()),
-                       display.atom("_NET_SUPPORTING_WM_CHECK"), 0, 1, False, XA_WINDOW, &type,
-                       &format, &items, &after, &data);
-    if (data)
-      XFree(data);
-    return items == 1;
+    return display.get() && display.rootWindowProperty("_NET_SUPPORTING_WM_CHECK") != None;
   }
 
   pid_t xvfb_ = 0, openbox_ = 0;

@@ -1,20 +1,11 @@
 #include "desktop/x11/DBusNotifications.h"
 
 #include "base/SparLog.h"
+#include "base/Text.h"
 
 #include <gio/gio.h>
 
 namespace orvane {
-
-namespace {
-// D-Bus strings must be valid UTF-8.
-std::string Valid(const std::string& text) {
-  gchar* valid = g_utf8_make_valid(text.data(), gssize(text.size()));
-  std::string result = valid;
-  g_free(valid);
-  return result;
-}
-} // namespace
 
 bool DBusNotifications::notify(const std::string& summary, const std::string& body) {
   GError* error = nullptr;
@@ -27,8 +18,9 @@ bool DBusNotifications::notify(const std::string& summary, const std::string& bo
   GVariant* reply = g_dbus_connection_call_sync(
       bus, "org.freedesktop.Notifications", "/org/freedesktop/Notifications",
       "org.freedesktop.Notifications", "Notify",
-      g_variant_new("(susssasa{sv}i)", "Orvane", 0u, "", Valid(summary).c_str(),
-                    Valid(body).c_str(), nullptr, nullptr, -1),
+      // D-Bus strings must be valid UTF-8.
+      g_variant_new("(susssasa{sv}i)", "Orvane", 0u, "", ValidUtf8(summary).c_str(),
+                    ValidUtf8(body).c_str(), nullptr, nullptr, -1),
       G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, int(reply_timeout_.count()), nullptr, &error);
   g_object_unref(bus);
   if (!reply) {

@@ -2,6 +2,7 @@
 
 #include "base/GObjectPtr.h"
 #include "desktop/x11/GioApps.h"
+#include "desktop/x11/RunningInstance.h"
 
 #include <gio/gdesktopappinfo.h>
 #include <memory>
@@ -143,15 +144,8 @@ void GioLauncher::reveal(const std::string& path, Completion completion) {
     }
     // The file manager that answered is the process whose window shows
     // the file.
-    GErrorPtr error;
-    GVariantPtr reply(g_dbus_connection_call_sync(
-        bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-        "GetConnectionUnixProcessID", g_variant_new("(s)", "org.freedesktop.FileManager1"),
-        G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, 2000, nullptr, error.out()));
-    guint32 pid = 0;
-    if (reply)
-      g_variant_get(reply.get(), "(u)", &pid);
-    Deliver(completion, LaunchOutcome{int(pid), std::nullopt});
+    int pid = PidOfBusName(bus, "org.freedesktop.FileManager1").value_or(0);
+    Deliver(completion, LaunchOutcome{pid, std::nullopt});
   });
 }
 

@@ -3,8 +3,6 @@
 #include "base/BuildInfo.h"
 #include "base/GObjectPtr.h"
 
-#include <gio/gio.h>
-
 namespace orvane {
 
 namespace {
@@ -12,14 +10,10 @@ namespace {
 constexpr int kBusCallTimeoutMs = 2000;
 } // namespace
 
-std::optional<int> RunningInstancePid() {
-  auto connection =
-      GObjectPtr<GDBusConnection>::adopt(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
-  if (!connection)
-    return std::nullopt;
+std::optional<int> PidOfBusName(GDBusConnection* bus, const char* name) {
   GVariantPtr reply(g_dbus_connection_call_sync(
-      connection.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-      "GetConnectionUnixProcessID", g_variant_new("(s)", kApplicationId), G_VARIANT_TYPE("(u)"),
+      bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+      "GetConnectionUnixProcessID", g_variant_new("(s)", name), G_VARIANT_TYPE("(u)"),
       G_DBUS_CALL_FLAGS_NONE, kBusCallTimeoutMs, nullptr, nullptr));
   if (!reply)
     return std::nullopt; // nobody owns the name
@@ -28,6 +22,14 @@ std::optional<int> RunningInstancePid() {
   if (pid == 0 || pid > guint32(G_MAXINT))
     return std::nullopt;
   return int(pid);
+}
+
+std::optional<int> RunningInstancePid() {
+  auto connection =
+      GObjectPtr<GDBusConnection>::adopt(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
+  if (!connection)
+    return std::nullopt;
+  return PidOfBusName(connection.get(), kApplicationId);
 }
 
 } // namespace orvane

@@ -1,5 +1,6 @@
 #include "desktop/x11/X11FrontWindows.h"
 
+#include "base/Text.h"
 #include "desktop/x11/X11Screens.h"
 #include "desktop/x11/XSelectionReader.h"
 
@@ -40,11 +41,8 @@ std::optional<std::string> Utf8Property(Display* display, Window window, const c
   int status = XGetWindowProperty(display, window, XInternAtom(display, name, False), 0, 4096,
                                   False, utf8, &actual, &format, &items, &after, &data);
   std::optional<std::string> result;
-  if (status == Success && actual == utf8 && format == 8 && data) {
-    gchar* valid = g_utf8_make_valid(reinterpret_cast<const char*>(data), gssize(items));
-    result = valid;
-    g_free(valid);
-  }
+  if (status == Success && actual == utf8 && format == 8 && data)
+    result = ValidUtf8({reinterpret_cast<const char*>(data), items});
   if (data)
     XFree(data);
   return result;
@@ -58,11 +56,8 @@ std::string LegacyTitle(Display* display, Window window) {
   char** list = nullptr;
   int count = 0;
   if (Xutf8TextPropertyToTextList(display, &property, &list, &count) >= Success && list &&
-      count > 0 && list[0]) {
-    gchar* valid = g_utf8_make_valid(list[0], -1);
-    title = valid;
-    g_free(valid);
-  }
+      count > 0 && list[0])
+    title = ValidUtf8(list[0]);
   if (list)
     XFreeStringList(list);
   XFree(property.value);

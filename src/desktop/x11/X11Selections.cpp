@@ -1,6 +1,7 @@
 #include "desktop/x11/X11Selections.h"
 
 #include "base/SparLog.h"
+#include "base/Text.h"
 #include "desktop/x11/ClipboardServer.h"
 #include "desktop/x11/XSelectionReader.h"
 
@@ -22,13 +23,6 @@ using Clock = XSelectionReader::Clock;
 bool IsMetaTarget(const std::string& target) {
   return target == "TARGETS" || target == "MULTIPLE" || target == "TIMESTAMP" ||
          target == "SAVE_TARGETS" || target == "DELETE" || target.rfind("INSERT_", 0) == 0;
-}
-
-std::string ValidUtf8(const std::string& bytes) {
-  gchar* valid = g_utf8_make_valid(bytes.data(), gssize(bytes.size()));
-  std::string text = valid;
-  g_free(valid);
-  return text;
 }
 
 std::optional<std::string> Latin1AsUtf8(const std::string& bytes) {
@@ -67,41 +61,38 @@ std::string OwnExecutable() {
 
 } // namespace
 
-X11Selections::X11Selections(X11SelectionLimits limits)
-    : limits_(std::move(limits)), reader_(std::make_unique<XSelectionReader>()) {}
+X11Selections::X11Selections(X11SelectionLimits limits) : limits_(std::move(limits)) {}
 
 X11Selections::~X11Selections() = default;
+
+XSelectionReader& X11Selections::reader() {
+  if (!reader_)
+    reader_ = std::make_unique<XSelectionReader>();
+  return *reader_;
+}
 
 bool X11Selections::servingClipboard() const {
   return served_ && served_->owned;
 }
 
-bool X11Selections::ownedByThisProcess(const char* selection) {
-  unsigned long owner = reader_->owner(selection);
-  if (owner == 0)
-    return false;
-  std::optional<int> pid = reader_->pidOfWindow(owner);
-  return pid && *pid == int(getpid());
+bool X11Selections::ownedByThisProcess(unsigned long owner) {
+  return reader().pidOfWindow(owner) == int(getpid());
 }
 
 std::optional<int> X11Selections::primaryOwnerPid() {
-  unsigned long owner = reader_->owner("PRIMARY");
-  if (owner == 0)
-    return std::nullopt;
-  return reader_->pidOfWindow(owner);
+  return reader().pidOfWindow(reader().owner("PRIMARY"));
 }
 
 std::optional<std::string> X11Selections::readText(const char* selection) {
-  if (reader_->owner(selection) == 0)
-    return std::nullopt;
+  unsigned long owner = reader().owner(selection);
   // Asking ourselves would wait for a main loop that is blocked right here.
-  if (ownedByThisProcess(selection))
+  if (owner == 0 || ownedByThisProcess(owner))
     return std::nullopt;
   // One deadline for both tries: an owner that never answers costs it once.
   Clock::time_point deadline = Clock::now() + limits_.read_timeout;
   for (const char* target : {"UTF8_STRING", "STRING"}) {
     std::optional<SelectionAnswer> answer =
-        reader_->convert(selection, target, deadline, limits_.max_clipboard_bytes);
+        reader().convert(selection, target, deadline, limits_.max_clipboard_bytes);
     if (answer) {
       if (std::optional<std::string> text = TextOf(answer->type, answer->format, answer->bytes))
         return text;
@@ -117,7 +108,7 @@ std::optional<std::string> X11Selections::primaryText() {
 }
 
 uint64_t X11Selections::clipboardChangeCount() {
-  return reader_->clipboardChanges();
+  return reader().clipboardChanges();
 }
 
 ClipboardContents X11Selections::saveClipboard() {
@@ -129,15 +120,16 @@ ClipboardContents X11Selections::saveClipboard() {
     return contents;
   }
   last_saved_.clear();
-  if (reader_->owner("CLIPBOARD") == 0)
+  unsigned long owner = reader().owner("CLIPBOARD");
+  if (owner == 0)
     return contents;
-  if (ownedByThisProcess("CLIPBOARD")) {
+  if (ownedByThisProcess(owner)) {
     SparLog("clipboard: held by this program outside a restore, not saved");
     return contents;
   }
   Clock::time_point end = Clock::now() + limits_.save_budget;
   auto next_deadline = [&] { return std::min(end, Clock::now() + limits_.read_timeout); };
-  std::optional<std::vector<std::string>> names = reader_->targets("CLIPBOARD", next_deadline());
+  std::optional<std::vector<std::string>> names = reader().targets("CLIPBOARD", next_deadline());
   if (!names)
     return contents;
   size_t room = limits_.max_clipboard_bytes;
@@ -147,7 +139,7 @@ ClipboardContents X11Selections::saveClipboard() {
     if (Clock::now() >= end)
       break;
     std::optional<SelectionAnswer> answer =
-        reader_->convert("CLIPBOARD", name, next_deadline(), room);
+        reader().convert("CLIPBOARD", name, next_deadline(), room);
     if (!answer)
       continue;
     room -= answer->bytes.size();
@@ -192,7 +184,7 @@ void X11Selections::restoreClipboard(const ClipboardContents& contents) {
     // Nothing to offer: nobody owns the CLIPBOARD afterwards.
     if (servingClipboard())
       gtk_clipboard_clear(gtk_clipboard_get(GDK_SELECTION_CLIPBOARD));
-    reader_->disown("CLIPBOARD");
+    reader().disown("CLIPBOARD");
     served_.reset();
     return;
   }
@@ -202,12 +194,12 @@ void X11Selections::restoreClipboard(const ClipboardContents& contents) {
 }
 
 bool X11Selections::sendCopyChord(CopyChord chord) {
-  if (!reader_->connected())
+  if (!reader().connected())
     return false;
   // A chord sent while the hotkey's keys are still down would reach the
   // application with them (Ctrl+Alt+C copies nothing).
   Clock::time_point deadline = Clock::now() + limits_.keys_up_wait;
-  while (!reader_->noKeyHeld()) {
+  while (!reader().noKeyHeld()) {
     if (Clock::now() >= deadline) {
       SparLog("capture: keys still held, no copy chord sent");
       return false;
@@ -218,7 +210,7 @@ bool X11Selections::sendCopyChord(CopyChord chord) {
   if (chord == CopyChord::kControlShiftC)
     keys.push_back(XK_Shift_L);
   keys.push_back(XK_c);
-  return reader_->sendChord(keys);
+  return reader().sendChord(keys);
 }
 
 void X11Selections::pause(std::chrono::milliseconds duration) {
@@ -229,13 +221,13 @@ void X11Selections::keepClipboardAfterExit() {
   if (!servingClipboard())
     return;
   GtkClipboard* clipboard = gtk_clipboard_get(GDK_SELECTION_CLIPBOARD);
-  if (reader_->owner("CLIPBOARD_MANAGER") != 0) {
+  if (reader().owner("CLIPBOARD_MANAGER") != 0) {
     gtk_clipboard_set_can_store(clipboard, nullptr, 0);
     gtk_clipboard_store(clipboard);
     SparLog("clipboard: handed to the clipboard manager");
     return;
   }
-  KeptClipboard kept{served_->targets, reader_->owner("CLIPBOARD"), limits_.keeper_lifetime};
+  KeptClipboard kept{served_->targets, reader().owner("CLIPBOARD"), limits_.keeper_lifetime};
   std::string folder = KeptClipboardFolder();
   g_mkdir_with_parents(folder.c_str(), 0700);
   std::string path = folder + "/" + kKeptClipboardPrefix + "XXXXXX";

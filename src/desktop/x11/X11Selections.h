@@ -43,8 +43,12 @@ public:
   void keepClipboardAfterExit() override;
 
 private:
+  // The reader's X connection, opened on first use: a program that never
+  // captures never opens it.
+  XSelectionReader& reader();
   bool servingClipboard() const;
-  bool ownedByThisProcess(const char* selection);
+  // Whether the selection owner window belongs to this process.
+  bool ownedByThisProcess(unsigned long owner);
   std::optional<std::string> readText(const char* selection);
 
   X11SelectionLimits limits_;

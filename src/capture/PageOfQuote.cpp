@@ -1,6 +1,7 @@
 #include "capture/PageOfQuote.h"
 
 #include "base/GObjectPtr.h"
+#include "base/Text.h"
 
 #include <glib.h>
 #include <poppler.h>
@@ -58,9 +59,9 @@ std::string Prefix(const std::string& text, size_t max_characters) {
 
 std::string QuoteNeedle(const std::string& quote) {
   // Text from another application may be anything; search what it means.
-  GCharPtr valid(g_utf8_make_valid(quote.data(), gssize(quote.size())));
+  std::string valid = ValidUtf8(quote);
   const Line* longest = nullptr;
-  std::vector<Line> lines = SplitLines(valid.str());
+  std::vector<Line> lines = SplitLines(valid);
   for (const Line& line : lines)
     if (!longest || line.characters > longest->characters)
       longest = &line;

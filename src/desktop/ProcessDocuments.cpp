@@ -89,23 +89,12 @@ private:
   std::set<std::pair<dev_t, ino_t>> seen_;
 };
 
-void AddCommandLinePdfs(const std::string& process, ExistingPdfs& pdfs) {
-  std::string command_line = ReadBounded(process + "/cmdline", kMaxCommandLineBytes);
-  // Read once for every relative argument; only an absolute folder counts.
-  std::optional<std::string> folder = ReadLink(process + "/cwd");
-  if (folder && (*folder)[0] != '/')
-    folder.reset();
-  size_t start = 0;
-  size_t arguments = 0;
-  while (start < command_line.size() && arguments++ < kMaxArguments) {
-    size_t end = command_line.find('\0', start);
-    if (end == std::string::npos)
-      end = command_line.size();
-    std::string argument = command_line.substr(start, end - start);
-    start = end + 1;
+void AddCommandLinePdfs(int pid, const std::string& proc_root, ExistingPdfs& pdfs) {
+  // Read once for every relative argument.
+  std::optional<std::string> folder = ProcessWorkingFolder(pid, proc_root);
+  for (const std::string& argument : ProcessArguments(pid, proc_root))
     if (std::optional<std::string> path = ArgumentPath(argument, folder))
       pdfs.add(*path);
-  }
 }
 
 void AddOpenPdfs(const std::string& process, ExistingPdfs& pdfs) {
@@ -128,6 +117,28 @@ void AddOpenPdfs(const std::string& process, ExistingPdfs& pdfs) {
 
 } // namespace
 
+std::vector<std::string> ProcessArguments(int pid, const std::string& proc_root) {
+  std::string process = JoinPath(proc_root, std::to_string(pid));
+  std::string command_line = ReadBounded(process + "/cmdline", kMaxCommandLineBytes);
+  std::vector<std::string> arguments;
+  size_t start = 0;
+  while (start < command_line.size() && arguments.size() < kMaxArguments) {
+    size_t end = command_line.find('\0', start);
+    if (end == std::string::npos)
+      end = command_line.size();
+    arguments.push_back(command_line.substr(start, end - start));
+    start = end + 1;
+  }
+  return arguments;
+}
+
+std::optional<std::string> ProcessWorkingFolder(int pid, const std::string& proc_root) {
+  std::optional<std::string> folder = ReadLink(JoinPath(proc_root, std::to_string(pid)) + "/cwd");
+  if (folder && (*folder)[0] != '/')
+    return std::nullopt;
+  return folder;
+}
+
 bool HasPdfExtension(const std::string& path) {
   return path.size() >= 4 && g_ascii_strcasecmp(path.c_str() + path.size() - 4, ".pdf") == 0;
 }
@@ -137,7 +148,7 @@ std::vector<std::string> PdfFilesOfProcess(int pid, const std::string& proc_root
   if (pid <= 0)
     return pdfs.take();
   std::string process = JoinPath(proc_root, std::to_string(pid));
-  AddCommandLinePdfs(process, pdfs);
+  AddCommandLinePdfs(pid, proc_root, pdfs);
   AddOpenPdfs(process, pdfs);
   return pdfs.take();
 }

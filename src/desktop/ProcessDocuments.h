@@ -4,10 +4,18 @@
 // file when placing or splitting).
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
 namespace orvane {
+
+// A process's command line, one string per argument, read within bounds
+// (4 MiB, 4096 arguments); none when the process is gone.
+std::vector<std::string> ProcessArguments(int pid, const std::string& proc_root = "/proc");
+// A process's working folder; nothing when it cannot be read or is not an
+// absolute path.
+std::optional<std::string> ProcessWorkingFolder(int pid, const std::string& proc_root = "/proc");
 
 // ".pdf" in any case at the end of the path.
 bool HasPdfExtension(const std::string& path);

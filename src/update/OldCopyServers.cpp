@@ -1,8 +1,8 @@
 #include "update/OldCopyServers.h"
 
-#include "base/GObjectPtr.h"
 #include "base/Paths.h"
 #include "base/SparLog.h"
+#include "desktop/ProcessDocuments.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -20,30 +20,10 @@ std::string RealPath(const std::string& path) {
   return out;
 }
 
-std::vector<std::string> CommandLine(const std::string& proc) {
-  gchar* text = nullptr;
-  gsize length = 0;
-  std::vector<std::string> args;
-  if (!g_file_get_contents((proc + "/cmdline").c_str(), &text, &length, nullptr))
-    return args;
-  std::string all(text, length);
-  g_free(text);
-  size_t start = 0;
-  while (start < all.size()) {
-    size_t end = all.find('\0', start);
-    if (end == std::string::npos)
-      end = all.size();
-    args.push_back(all.substr(start, end - start));
-    start = end + 1;
-  }
-  return args;
-}
-
 bool RunsTheSite(const std::vector<std::string>& args) {
   bool uvicorn = false, app = false;
   for (const std::string& arg : args) {
-    GCharPtr name(g_path_get_basename(arg.c_str()));
-    uvicorn = uvicorn || g_str_equal(name.get(), "uvicorn");
+    uvicorn = uvicorn || FileName(arg) == "uvicorn";
     app = app || arg == "main:app";
   }
   return uvicorn && app;
@@ -68,8 +48,7 @@ std::vector<pid_t> SiteServersOf(const std::string& install_folder) {
     struct stat info;
     if (stat(proc.c_str(), &info) != 0 || info.st_uid != getuid())
       continue;
-    GCharPtr cwd(g_file_read_link((proc + "/cwd").c_str(), nullptr));
-    if (cwd && site == cwd.get() && RunsTheSite(CommandLine(proc)))
+    if (ProcessWorkingFolder(int(pid)) == site && RunsTheSite(ProcessArguments(int(pid))))
       found.push_back(pid_t(pid));
   }
   g_dir_close(dir);

@@ -23,12 +23,23 @@ packages=(
   python3-pytest python3-gi gir1.2-webkit2-4.1 fonts-dejavu-extra xvfb xauth openbox xdotool x11-utils x11-xserver-utils
   xterm xclip zathura zathura-pdf-poppler
   imagemagick fonts-dejavu-core at-spi2-core
+  # two-monitor end-to-end tests: Xorg with the dummy video driver
+  xserver-xorg-core xserver-xorg-video-dummy
 )
+
+# Commands that some machines have from elsewhere than Debian's packages (a
+# newer Node.js, say): installed from Debian only when the command is missing.
+# node runs the site's script tests, npm installs the Claude Code CLI for the
+# end-to-end test that drives the real agent.
+declare -A commands=([node]=nodejs [npm]=npm)
 
 missing=()
 for package in "${packages[@]}"; do
   status=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)
   [ "$status" = "installed" ] || missing+=("$package")
+done
+for command in "${!commands[@]}"; do
+  command -v "$command" >/dev/null 2>&1 || missing+=("${commands[$command]}")
 done
 [ ${#missing[@]} -eq 0 ] && exit 0
 

@@ -8,7 +8,7 @@ FUZZ_DIR := build-fuzz
 FUZZ_SECONDS ?= 120
 FUZZ_RUNS ?=
 
-.PHONY: all deps build run test unit-asan fuzz bench format clean
+.PHONY: all deps build run test unit-asan fuzz bench format clean package-check
 
 all: build
 
@@ -45,6 +45,12 @@ fuzz: deps
 		-DORVANE_E2E=OFF -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
 	@cmake --build $(FUZZ_DIR) --target fuzz_targets
 	scripts/run-fuzzers.sh $(FUZZ_DIR)/fuzz $(FUZZ_SECONDS) $(FUZZ_RUNS)
+
+# A release installed on a clean, minimal Debian 12 (debootstrap) with apt,
+# started as an ordinary user and purged (scripts/package-check.sh). Needs
+# root and the network (about 330 MB); not part of `make test`.
+package-check: build
+	scripts/package-check.sh
 
 # Benchmarks print figures against floors measured in the same run.
 bench: build

@@ -10,8 +10,12 @@ packages=(
   nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev
   libkeybinder-3.0-dev libxtst-dev libxres-dev libxfixes-dev libpoppler-glib-dev
   libwnck-3-dev libsodium-dev libarchive-dev
-  # releases (scripts/make-release.sh)
-  zip unzip
+  # releases (scripts/make-release.sh: dpkg-shlibdeps from dpkg-dev, objdump
+  # from binutils) and their checks in the tests (lintian)
+  zip unzip dpkg-dev binutils lintian
+  # only for `make package-check` (scripts/package-check.sh): the minimal
+  # Debian root; Xvfb comes with the tests' packages below
+  debootstrap
   # fuzzing (make fuzz): clang with libFuzzer
   clang libclang-rt-14-dev
   # the program

@@ -4,11 +4,16 @@
 # Usage: scripts/make-release.sh --key KEYFILE --version V --out DIR
 #
 # Builds build/ when it holds no program yet, installs it into a staging
-# folder Orvane/, signs that folder with KEYFILE, and packs
-#   DIR/Orvane-V-linux-x86_64.zip   the folder Orvane/ at its top
+# folder, adds its release notes (README.txt: the Debian packages it needs,
+# as one apt-get command), signs that folder with KEYFILE, and packs
+#   DIR/Orvane-V-linux-x86_64.zip   the folder as Orvane/ at its top
 #   DIR/orvane_V_amd64.deb          the same folder under /opt/orvane, with
-#                                   the desktop file, icon and PDF handler
+#                                   /usr/bin/orvane, the desktop file, icon
+#                                   and PDF handler, copyright and changelog
+# The package's Depends come from the binaries (dpkg-shlibdeps: packages and
+# lowest versions), plus what the program runs (runtime_depends below).
 set -euo pipefail
+umask 022
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 fail() {
@@ -30,7 +35,7 @@ done
 [ -f "$key" ] || fail "no key file at $key"
 # The version names files and a Debian package: plain characters only.
 [[ "$version" =~ ^[0-9][A-Za-z0-9.+~-]*$ ]] || fail "the version must start with a digit and hold only A-Z a-z 0-9 . + ~ -"
-for tool in zip cpack; do
+for tool in zip dpkg-deb dpkg-shlibdeps objdump gzip; do
   command -v "$tool" >/dev/null || fail "$tool is missing (scripts/install-deps.sh)"
 done
 
@@ -45,33 +50,94 @@ out=$(cd "$out" && pwd)
 stage=$(mktemp -d "${TMPDIR:-/tmp}/orvane-release-XXXXXX")
 trap 'rm -rf "$stage"' EXIT
 
-# The install folder, signed.
-app="$stage/Orvane"
+# What the program needs besides the libraries it links: the bundled site's
+# interpreter and packages (it runs Debian's python3 -m uvicorn), GIO's MIME
+# data and the desktop's handlers for opening papers and folders, and the
+# tool that registers the desktop entry for PDFs.
+runtime_depends="python3, python3-fastapi, python3-uvicorn, python3-multipart, python3-cairo, shared-mime-info, xdg-utils, desktop-file-utils"
+# What only some features use: a PDF viewer (opening a paper, the splits)
+# and a D-Bus session bus (notifications, the file manager's reveal).
+recommends="evince | pdf-viewer, dbus-user-session | dbus-x11"
+
+# The package's root. The install folder is made in place, as
+# debian/orvane/opt/orvane, where dpkg-shlibdeps expects a package's files.
+mkdir -p "$stage/debian"
+printf 'Source: orvane\n\nPackage: orvane\nArchitecture: amd64\n' > "$stage/debian/control"
+deb_root="$stage/debian/orvane"
+app="$deb_root/opt/orvane"
+mkdir -p "$deb_root/opt"
 cmake --install "$build" --prefix "$app" --strip >/dev/null
+
+# Every ELF file of the folder: the packages of the libraries they link,
+# with the lowest versions that have the symbols they use.
+mapfile -t elves < <(find "$app" -type f -exec sh -c \
+  'for f; do objdump -p "$f" >/dev/null 2>&1 && echo "$f"; done' sh {} + | LC_ALL=C sort)
+[ ${#elves[@]} -gt 0 ] || fail "no binaries in the install folder"
+shlibs=$(cd "$stage" && dpkg-shlibdeps -O "${elves[@]/#/-e}" 2>"$stage/shlibdeps.err") \
+  || fail "dpkg-shlibdeps failed: $(cat "$stage/shlibdeps.err")"
+shlibs=${shlibs#shlibs:Depends=}
+[ -n "$shlibs" ] || fail "dpkg-shlibdeps found no libraries"
+depends="$shlibs, $runtime_depends"
+
+# The release notes: what to install on a minimal system, as one apt-get
+# command (the Depends' package names, the first of alternatives, and
+# unzip for the archive).
+packages=$(printf '%s\n' "$depends" | tr ',' '\n' | sed -e 's/|.*//' -e 's/(.*)//' -e 's/ //g' \
+  | grep -v '^$' | LC_ALL=C sort -u | tr '\n' ' ')
+packages="${packages}unzip"
+sed -e "s|@VERSION@|$version|g" -e "s|@PACKAGES@|$packages|" \
+  "$root/packaging/README.txt.in" > "$app/README.txt"
+chmod 644 "$app/README.txt"
+
+# The install folder, signed.
 "$build/orvane-sign" sign --version "$version" "$key" "$app"
 "$build/orvane-sign" verify "$app" >/dev/null
 
-# The archive: links stay links, modes are kept.
+# The archive: the folder as Orvane/; links stay links, modes are kept.
+mkdir -p "$stage/zip"
+cp -a "$app" "$stage/zip/Orvane"
 zip_file="$out/Orvane-$version-linux-x86_64.zip"
 rm -f "$zip_file"
-(cd "$stage" && zip -q -r -y "$zip_file" Orvane)
+(cd "$stage/zip" && zip -q -r -y "$zip_file" Orvane)
 
-# The Debian package: the same folder under /opt/orvane, and what makes the
-# desktop offer it for PDFs.
-deb_root="$stage/deb-root"
-mkdir -p "$deb_root/opt" "$deb_root/usr/share/applications" \
-  "$deb_root/usr/share/icons/hicolor/scalable/apps"
-cp -a "$app" "$deb_root/opt/orvane"
+# The Debian package: the same folder under /opt/orvane, the command on the
+# PATH, and what makes the desktop offer it for PDFs.
+mkdir -p "$deb_root/usr/bin" "$deb_root/usr/share/applications" \
+  "$deb_root/usr/share/icons/hicolor/scalable/apps" "$deb_root/usr/share/doc/orvane" \
+  "$deb_root/usr/share/lintian/overrides" "$deb_root/usr/share/man/man1"
+ln -s /opt/orvane/bin/orvane "$deb_root/usr/bin/orvane"
 sed -e 's|^Exec=orvane |Exec=/opt/orvane/bin/orvane |' \
   "$app/share/applications/com.tarnwick.orvane.desktop" \
   > "$deb_root/usr/share/applications/com.tarnwick.orvane.desktop"
 cp "$app/share/icons/hicolor/scalable/apps/com.tarnwick.orvane.svg" \
   "$deb_root/usr/share/icons/hicolor/scalable/apps/"
+cp "$root/packaging/copyright" "$deb_root/usr/share/doc/orvane/copyright"
+cp "$root/packaging/lintian-overrides" "$deb_root/usr/share/lintian/overrides/orvane"
+gzip -9n < "$root/packaging/orvane.1" > "$deb_root/usr/share/man/man1/orvane.1.gz"
+# A version with a Debian revision (1.1-2) makes a non-native package, whose
+# changelog is changelog.Debian.gz; a plain one is native (changelog.gz).
+changelog=changelog.gz
+[[ "$version" == *-* ]] && changelog=changelog.Debian.gz
+revision=$(git -C "$root" rev-parse --short=7 HEAD 2>/dev/null || echo unknown)
+{
+  printf 'orvane (%s) stable; urgency=medium\n\n' "$version"
+  printf '  * Release %s, built from revision %s.\n' "$version" "$revision"
+  printf '    Its release notes are /opt/orvane/README.txt.\n\n'
+  printf ' -- Orvane release <release@tarnwick.invalid>  %s\n' "$(LC_ALL=C date -R)"
+} | gzip -9n > "$deb_root/usr/share/doc/orvane/$changelog"
+chmod 644 "$deb_root/usr/share/doc/orvane/"* "$deb_root/usr/share/lintian/overrides/orvane" \
+  "$deb_root/usr/share/man/man1/orvane.1.gz" \
+  "$deb_root/usr/share/applications/com.tarnwick.orvane.desktop" \
+  "$deb_root/usr/share/icons/hicolor/scalable/apps/com.tarnwick.orvane.svg"
+
+mkdir -p "$deb_root/DEBIAN"
+# DPKG_ROOT is set when dpkg installs into another root without chroot
+# (--root with --force-script-chrootless): the caches of that root are
+# refreshed, never the running system's. desktop-file-utils is a
+# dependency; the command is still looked for, as a root installed with
+# --force-depends may lack it.
 for script in postinst postrm; do
-  # DPKG_ROOT is set when dpkg installs into another root without chroot
-  # (--root with --force-script-chrootless): the caches of that root are
-  # refreshed, never the running system's.
-  cat > "$stage/$script" <<'EOF'
+  cat > "$deb_root/DEBIAN/$script" <<'SCRIPT'
 #!/bin/sh
 set -e
 root="${DPKG_ROOT:-}"
@@ -81,29 +147,36 @@ fi
 if command -v gtk-update-icon-cache >/dev/null; then
   gtk-update-icon-cache -q -t "$root/usr/share/icons/hicolor" || true
 fi
-EOF
-  chmod 755 "$stage/$script"
+SCRIPT
+  chmod 755 "$deb_root/DEBIAN/$script"
 done
-cat > "$stage/CPackConfig.cmake" <<EOF
-set(CPACK_GENERATOR DEB)
-set(CPACK_PACKAGE_NAME orvane)
-set(CPACK_PACKAGE_VERSION "$version")
-set(CPACK_PACKAGE_FILE_NAME "orvane_${version}_amd64")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "A native home for your paper library")
-set(CPACK_PACKAGE_DESCRIPTION "Orvane keeps a library of papers (PDFs) and hosts its reference site.")
-set(CPACK_PACKAGE_CONTACT "Orvane release <release@tarnwick.invalid>")
-set(CPACK_PACKAGE_DIRECTORY "$stage/cpack")
-set(CPACK_INSTALLED_DIRECTORIES "$deb_root;/")
-set(CPACK_PACKAGING_INSTALL_PREFIX "/")
-set(CPACK_SET_DESTDIR OFF)
-set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE amd64)
-set(CPACK_DEBIAN_PACKAGE_SECTION misc)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "libgtk-3-0, libwebkit2gtk-4.1-0, libsoup-3.0-0, libkeybinder-3.0-0, libpoppler-glib8, libwnck-3-0, libsodium23, libxtst6, libxres1, python3, python3-fastapi, python3-uvicorn, python3-multipart, python3-cairo, xdg-utils")
-set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA "$stage/postinst;$stage/postrm")
-set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-EOF
-(cd "$stage" && cpack --config "$stage/CPackConfig.cmake" >/dev/null) || fail "cpack could not make the Debian package"
-mv "$stage/cpack/orvane_${version}_amd64.deb" "$out/orvane_${version}_amd64.deb"
+installed_size=$(du -sk --exclude=DEBIAN "$deb_root" | cut -f1)
+cat > "$deb_root/DEBIAN/control" <<CONTROL
+Package: orvane
+Version: $version
+Architecture: amd64
+Maintainer: Orvane release <release@tarnwick.invalid>
+Installed-Size: $installed_size
+Depends: $depends
+Recommends: $recommends
+Section: misc
+Priority: optional
+Description: native home for a library of papers
+ Orvane keeps a library of papers (PDFs) and hosts its reference library
+ site in a window of its own: it captures selected text and quotes from
+ other applications, opens papers beside their viewers and talks to an
+ agent about a paper.
+ .
+ The program and its bundled site are installed as one signed folder under
+ /opt/orvane; the command is /usr/bin/orvane.
+CONTROL
+(cd "$deb_root" && find . -path ./DEBIAN -prune -o -type f -printf '%P\0' | LC_ALL=C sort -z \
+  | xargs -0 md5sum) > "$deb_root/DEBIAN/md5sums"
+chmod 644 "$deb_root/DEBIAN/control" "$deb_root/DEBIAN/md5sums"
+deb_file="$out/orvane_${version}_amd64.deb"
+rm -f "$deb_file"
+dpkg-deb --root-owner-group -Zxz --build "$deb_root" "$deb_file" >/dev/null \
+  || fail "dpkg-deb could not make the Debian package"
 
 echo "$zip_file"
-echo "$out/orvane_${version}_amd64.deb"
+echo "$deb_file"

@@ -11,11 +11,15 @@
 #   (default: site/.venv)
 # Safe to run again and again; prints nothing when everything is in place.
 #
-# --relocatable makes the venv of an install folder, which must work wherever
-# the folder is unpacked and hold no link that leads out of it: the
-# interpreter is copied rather than linked, nothing names the folder's own
-# path, and uvicorn runs with -B so that running the site writes no
-# __pycache__ into the signed folder.
+# --relocatable makes the environment of an install folder. It must work
+# wherever the folder is unpacked, hold no link that leads out of it (the
+# signature refuses one, and so does the update's unpacking) and carry no
+# interpreter of its own: a copied python3 never gets Debian's security
+# updates. So it holds two small scripts, `bin/python` and `bin/uvicorn`,
+# that run Debian's /usr/bin/python3 itself (with -B, so that running the
+# site writes no __pycache__ into the signed folder). With nothing installed
+# into it, a venv with --system-site-packages sees exactly what Debian's
+# python3 sees, so nothing is lost.
 set -eu
 
 here=$(cd "$(dirname "$0")" && pwd)
@@ -49,15 +53,19 @@ venv_works() {
 }
 
 if [ "$relocatable" = yes ]; then
-    [ ! -e "$venv" ] || [ -f "$venv/pyvenv.cfg" ] || fail "$venv exists and is not a venv"
-    "$python" -m venv --clear --copies --system-site-packages --without-pip "$venv" \
-        || fail "could not create $venv"
-    # Only `python` is kept: the activate scripts name the folder's path,
-    # and the other interpreter names are copies nobody runs.
-    (cd "$venv/bin" && for name in *; do [ "$name" = python ] || rm -f -- "$name"; done)
-    sed -i '/^command *=/d' "$venv/pyvenv.cfg"
-    printf '%s\n' '#!/bin/sh' 'exec "$(dirname "$0")/python" -B -m uvicorn "$@"' > "$venv/bin/uvicorn"
-    chmod 755 "$venv/bin/uvicorn"
+    if [ -e "$venv" ]; then
+        # Only an environment this script made (or an old copied venv) is
+        # replaced; anything else is left alone.
+        [ -f "$venv/pyvenv.cfg" ] || [ -f "$venv/bin/uvicorn" ] \
+            || fail "$venv exists and is not a site environment"
+        rm -rf -- "$venv"
+    fi
+    mkdir -p "$venv/bin"
+    printf '%s\n' '#!/bin/sh' "# Debian's python3, which sees Debian's packages (python3-fastapi," \
+        "# python3-uvicorn, python3-cairo)." \
+        "exec $python -B \"\$@\"" > "$venv/bin/python"
+    printf '%s\n' '#!/bin/sh' "exec $python -B -m uvicorn \"\$@\"" > "$venv/bin/uvicorn"
+    chmod 755 "$venv/bin/python" "$venv/bin/uvicorn"
     venv_works || fail "$venv does not see Debian's fastapi/uvicorn/cairo"
     exit 0
 fi

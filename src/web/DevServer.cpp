@@ -63,8 +63,8 @@ std::string ServerStartCommand(const std::string& project_folder) {
   // Quoted for the shell, so that any folder name is one argument: a quote
   // or a ";" in the name can neither break the command nor add one.
   GCharPtr quoted(g_shell_quote(project_folder.c_str()));
-  return "cd " + quoted.str() +
-         " && nohup .venv/bin/uvicorn main:app --port 8000 > /tmp/shelfkeep.log 2>&1 &";
+  return "cd " + quoted.str() + " && nohup .venv/bin/uvicorn main:app --port 8000 > " +
+         kServerLogPath + " 2>&1 &";
 }
 
 DevServerActions RealDevServerActions() {
@@ -84,18 +84,19 @@ DevServerActions RealDevServerActions() {
   return actions;
 }
 
-void EnsureServer(const std::string& site_address, const std::string& project_folder,
-                  const DevServerActions& actions) {
+ServerOutcome EnsureServer(const std::string& site_address, const std::string& project_folder,
+                           const DevServerActions& actions) {
   if (!IsLocalSite(site_address))
-    return;
+    return ServerOutcome::Remote;
   if (actions.probe(site_address))
-    return;
+    return ServerOutcome::Answering;
   actions.runShell(ServerStartCommand(project_folder));
   for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
     actions.sleep(kStartAttemptDelay);
     if (actions.probe(site_address))
-      return;
+      return ServerOutcome::Started;
   }
+  return ServerOutcome::NoAnswer;
 }
 
 } // namespace orvane

@@ -15,6 +15,8 @@ inline constexpr double kProbeRequestTimeout = 1.0;
 inline constexpr double kProbeWait = 1.5;
 inline constexpr int kStartAttempts = 20;
 inline constexpr double kStartAttemptDelay = 0.25;
+// Where the start command sends the server's output (overwritten each start).
+inline constexpr char kServerLogPath[] = "/tmp/shelfkeep.log";
 
 // One probe: GET <site>/api/papers answered with exactly 200 within 1.5 s.
 bool ServerIsUp(const std::string& site_address);
@@ -33,9 +35,17 @@ struct DevServerActions {
 };
 DevServerActions RealDevServerActions();
 
+// What EnsureServer found.
+enum class ServerOutcome {
+  Remote,    // not a local site: nothing was done
+  Answering, // the server answered the first probe
+  Started,   // it was started and answered within the attempts
+  NoAnswer,  // it was started and did not answer within the attempts
+};
+
 // Probes and, for a local site that does not answer, starts the server and
 // waits for it: up to 20 attempts of a 0.25 s sleep and a probe.
-void EnsureServer(const std::string& site_address, const std::string& project_folder,
-                  const DevServerActions& actions = RealDevServerActions());
+ServerOutcome EnsureServer(const std::string& site_address, const std::string& project_folder,
+                           const DevServerActions& actions = RealDevServerActions());
 
 } // namespace orvane

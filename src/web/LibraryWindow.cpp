@@ -1,8 +1,10 @@
 #include "web/LibraryWindow.h"
 
 #include "base/Settings.h"
+#include "base/SparLog.h"
 #include "desktop/x11/WindowFrames.h"
 #include "web/DevServer.h"
+#include "web/ServerFailurePage.h"
 
 namespace orvane {
 
@@ -81,9 +83,21 @@ void LibraryWindow::scheduleFrameSave() {
 
 void LibraryWindow::showLibraryWindow() {
   std::string site = SiteAddress();
-  EnsureServer(site, ProjectDirectory());
-  if (!page_->hasLoadedAnything())
+  ServerOutcome outcome = EnsureServer(site, ProjectDirectory());
+  bool site_shown = page_->hasLoadedAnything() && !showing_server_failure_;
+  if (outcome == ServerOutcome::NoAnswer) {
+    SparLog("development server: no answer at %@ after its start — see %@", site,
+            std::string(kServerLogPath));
+    if (!site_shown) {
+      // Loaded as a document of its own (about:blank), never under the
+      // site's address: the bridge takes no message from it.
+      page_->loadHtml(ServerFailurePage(site, kServerLogPath, ServerLogTail(kServerLogPath)));
+      showing_server_failure_ = true;
+    }
+  } else if (!site_shown) {
     page_->load(site);
+    showing_server_failure_ = false;
+  }
   gtk_window_present(window_);
 }
 

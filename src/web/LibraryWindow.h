@@ -24,8 +24,12 @@ public:
   LibraryWindow& operator=(const LibraryWindow&) = delete;
 
   // Starts the local server when the site is local, loads the site the
-  // first time, and brings the window to the front with the keyboard.
+  // first time, and brings the window to the front with the keyboard. When
+  // a started server does not answer and no page of the site is shown, the
+  // window shows its own page with the server's last lines instead (and
+  // tries the site again at the next show).
   void showLibraryWindow();
+  bool isShowingServerFailure() const { return showing_server_failure_; }
 
   GtkWindow* gtkWindow() const { return window_; }
   const std::shared_ptr<WebPage>& page() const { return page_; }
@@ -42,6 +46,7 @@ private:
   Scheduler& scheduler_;
   Scheduler::TimerId save_timer_ = 0;
   bool frame_restored_ = false;
+  bool showing_server_failure_ = false;
 };
 
 } // namespace orvane

@@ -60,6 +60,10 @@ void WebPage::loadBlank() {
   webkit_web_view_load_html(view_, "", nullptr);
 }
 
+void WebPage::loadHtml(const std::string& html) {
+  webkit_web_view_load_html(view_, html.c_str(), nullptr);
+}
+
 bool WebPage::hasLoadedAnything() const {
   return webkit_web_view_get_uri(view_) != nullptr;
 }

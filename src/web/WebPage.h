@@ -32,6 +32,10 @@ public:
   void load(const std::string& address);
   // Replaces the page with an empty document, stopping its scripts.
   void loadBlank();
+  // Replaces the page with this HTML as an about:blank document (no base
+  // address: it can reach nothing by a relative address, and it is not of
+  // the site's origin).
+  void loadHtml(const std::string& html);
   bool hasLoadedAnything() const;
 
   WebKitWebView* view() const { return view_; }

@@ -42,7 +42,7 @@ struct Recorder {
 TEST(DevServerTest, RemoteSiteMakesNoRequest) {
   TestHttpServer server(Answering(200), "127.0.0.2");
   Recorder recorder;
-  EnsureServer(server.url(""), "/srv/site", recorder.actions());
+  EXPECT_EQ(EnsureServer(server.url(""), "/srv/site", recorder.actions()), ServerOutcome::Remote);
   EXPECT_EQ(server.requestCount(), 0u);
   EXPECT_THAT(recorder.commands, IsEmpty());
   EXPECT_THAT(recorder.sleeps, IsEmpty());
@@ -51,7 +51,8 @@ TEST(DevServerTest, RemoteSiteMakesNoRequest) {
 TEST(DevServerTest, ServerAnswering200CostsOneProbe) {
   TestHttpServer server(Answering(200));
   Recorder recorder;
-  EnsureServer(server.url(""), "/srv/site", recorder.actions());
+  EXPECT_EQ(EnsureServer(server.url(""), "/srv/site", recorder.actions()),
+            ServerOutcome::Answering);
   EXPECT_EQ(server.requestCount(), 1u);
   EXPECT_THAT(Paths(server), ElementsAre("/api/papers"));
   EXPECT_THAT(recorder.commands, IsEmpty());
@@ -60,7 +61,8 @@ TEST(DevServerTest, ServerAnswering200CostsOneProbe) {
 TEST(DevServerTest, NotFoundCountsAsDownAndAllAttemptsAreMade) {
   TestHttpServer server(Answering(404));
   Recorder recorder;
-  EnsureServer(server.url(""), "/srv/my site", recorder.actions());
+  EXPECT_EQ(EnsureServer(server.url(""), "/srv/my site", recorder.actions()),
+            ServerOutcome::NoAnswer);
   EXPECT_THAT(recorder.commands,
               ElementsAre("cd '/srv/my site' && nohup .venv/bin/uvicorn main:app --port 8000 > "
                           "/tmp/shelfkeep.log 2>&1 &"));
@@ -81,7 +83,7 @@ TEST(DevServerTest, WaitingStopsAtTheFirstSuccessfulProbe) {
   Recorder recorder;
   DevServerActions actions = recorder.actions();
   actions.probe = [&](const std::string&) { return ++probes == 4; };
-  EnsureServer("http://localhost:8000", "/srv/site", actions);
+  EXPECT_EQ(EnsureServer("http://localhost:8000", "/srv/site", actions), ServerOutcome::Started);
   EXPECT_EQ(probes, 4);
   EXPECT_EQ(recorder.sleeps.size(), 3u);
 }

@@ -145,7 +145,7 @@ done
 in_root python3 -c 'import fastapi, uvicorn, cairo, multipart' || fail "the site's Python packages are missing"
 grep -q '^application/pdf=.*com.tarnwick.orvane.desktop' "$root/usr/share/applications/mimeinfo.cache" \
   || fail "the desktop database does not offer Orvane for PDFs"
-in_root /opt/orvane/bin/orvane-sign verify /opt/orvane || fail "the installed folder does not verify"
+in_root /opt/orvane/bin/orvane-sign verify /opt/orvane >/dev/null || fail "the installed folder does not verify"
 say "libraries found, site packages importable, registered for PDFs, folder verifies"
 
 # 4. A start as an ordinary user with a throwaway home, on a display of

@@ -14,8 +14,9 @@ packages=(
   # from binutils) and their checks in the tests (lintian)
   zip unzip dpkg-dev binutils lintian
   # only for `make package-check` (scripts/package-check.sh): the minimal
-  # Debian root; Xvfb comes with the tests' packages below
-  debootstrap
+  # Debian root and the loopback of its network namespace (ip); Xvfb comes
+  # with the tests' packages below
+  debootstrap iproute2
   # fuzzing (make fuzz): clang with libFuzzer
   clang libclang-rt-14-dev
   # the program

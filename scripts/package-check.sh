@@ -219,13 +219,13 @@ cp "$deb" "$root/tmp/"
 say "apt-get install --no-install-recommends ./$(basename "$deb")"
 install_in_root "/tmp/$(basename "$deb")"
 [ "$(in_root dpkg-query -W -f='${db:Status-Status}' orvane)" = installed ] || fail "orvane is not installed"
-# What a user meets first: the command on the PATH, every library found,
+# What a user meets first: every library found, the command on the PATH,
 # the desktop registered for PDFs.
-[ "$(readlink "$root/usr/bin/orvane")" = /opt/orvane/bin/orvane ] || fail "no /usr/bin/orvane link"
 for binary in /opt/orvane/bin/orvane /opt/orvane/bin/orvane-sign /usr/bin/python3; do
   missing=$(in_root ldd "$binary" | grep 'not found' || true)
   [ -z "$missing" ] || fail "$binary lacks libraries: $missing"
 done
+[ "$(readlink "$root/usr/bin/orvane")" = /opt/orvane/bin/orvane ] || fail "no /usr/bin/orvane link"
 in_root python3 -c 'import fastapi, uvicorn, cairo, multipart' || fail "the site's Python packages are missing"
 grep -q '^application/pdf=.*com.tarnwick.orvane.desktop' "$root/usr/share/applications/mimeinfo.cache" \
   || fail "the desktop database does not offer Orvane for PDFs"

@@ -93,7 +93,9 @@ trap cleanup EXIT
 deb=${1:-}
 if [ -z "$deb" ]; then
   [ -x "$repo/build/orvane-sign" ] || fail "build/orvane-sign is missing (make build)"
-  "$repo/build/orvane-sign" keygen "$work/keys" >/dev/null
+  mkdir -p "$work/keys"
+  "$repo/build/orvane-sign" keygen "$work/keys" >/dev/null \
+    || fail "orvane-sign keygen failed"
   say "making release $version"
   "$repo/scripts/make-release.sh" --key "$work/keys/orvane-update.key" --version "$version" \
     --out "$work/out" >/dev/null

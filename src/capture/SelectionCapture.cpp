@@ -18,7 +18,7 @@ std::string WindowName(const std::optional<FrontWindow>& front) {
   if (!front)
     return "?";
   const std::string& name = front->wm_class.empty() ? front->wm_instance : front->wm_class;
-  return name.empty() ? "?" : LogSafeText(name, kLoggedNameLength);
+  return name.empty() ? "?" : ShortenedText(name, kLoggedNameLength);
 }
 
 // The once-per-account prompt: the trust test failed, say why and what to do.

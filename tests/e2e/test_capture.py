@@ -16,6 +16,8 @@ import stat
 import urllib.parse
 
 from harness import (
+    CAPTURE_FIXTURES,
+    PYTHON,
     Home,
     NotificationService,
     Orvane,
@@ -164,6 +166,32 @@ def test_application_without_primary_gets_a_copy_and_its_clipboard_is_restored(
     assert copies == [{"key": "c", "ctrl": True, "shift": False, "alt": False}], window.keys()
     assert owner.lost(), "the copy took the CLIPBOARD from its owner"
     assert_clipboard_restored(desktop, RICH_TARGETS)
+
+
+def test_a_page_is_answered_while_the_capture_waits_on_a_clipboard_owner_that_never_converts(
+        home, site, desktop, launch, clients):
+    orvane, library = started(home, site, launch)
+    # Four hundred targets listed, not one of them ever converted.
+    hostile = clients.program([PYTHON, str(CAPTURE_FIXTURES / "hostile_clipboard_owner.py"), "400"],
+                              ready="ready")
+    clients.text_window("nothing is selected here", select=(0, 0), no_primary=True)
+
+    desktop.press("alt+b")
+    # The capture is saving the CLIPBOARD and waits on the owner now.
+    wait_until(lambda: "asked " in hostile.output(), what="the capture to ask the hostile owner")
+    site.run_in_page([{"mark": "hello sent"}, {"post": {"action": "hello", "account": "alice"}},
+                      {"waitEvent": "claudeStatus"}], page=library.page)
+    home.wait_for_log(lambda m: m.startswith("clipboard: its owner stopped answering"))
+    orvane.wait_for_window("quick-panel")
+
+    messages = home.log_messages()
+    assert messages.index("message: hello") < messages.index(
+        "clipboard: its owner stopped answering, 0 of 400 targets saved"), messages
+    sent = next(r.time for r in site.records("mark") if r.data == "hello sent")
+    answered = next(r.time for r in site.event_records()
+                    if r.page == library.page and r.data.get("type") == "claudeStatus")
+    print(f"figure: hello answered {answered - sent:.3f} s after it was sent during the capture")
+    assert orvane.running()
 
 
 def test_application_whose_copy_changes_nothing_leaves_the_clipboard_alone(

@@ -292,6 +292,30 @@ def test_capture_selection_writes_its_files_and_the_restored_clipboard_outlives_
     assert desktop.read_selection("clipboard", "UTF8_STRING") == b"a later copy"
 
 
+def test_the_clipboard_of_the_front_application_outlives_the_capture_and_the_application(
+        home, desktop, clients):
+    # The application in front owns the old CLIPBOARD (its own earlier copy)
+    # and answers the capture's copy as well.
+    window = clients.text_window("old words, then the new ones", select=(0, 9), no_primary=True)
+    desktop.press("ctrl+c")
+    wait_until(lambda: desktop.read_selection("clipboard", "UTF8_STRING") == b"old words",
+               what="the application's own copy on the CLIPBOARD")
+    desktop.press("shift+End")
+    result = run_orvane(home, desktop, ["--capture-selection"])
+    assert result.returncode == 0, result
+    assert (home.handoff_dir / "selection.txt").read_text(encoding="utf-8") == ", then the new ones"
+    home.wait_for_log("clipboard: kept by a background process for 600 s")
+
+    # The application goes; what it had copied before stays on the CLIPBOARD.
+    window.stop()
+    assert desktop.read_selection("clipboard", "UTF8_STRING") == b"old words"
+    assert holds_for(lambda: desktop.read_selection("clipboard", "UTF8_STRING") == b"old words", 0.5)
+
+    clients.clipboard_owner({"UTF8_STRING": b"a later copy"})
+    home.wait_for_log("clipboard: the background keeper stepped aside for a new copy")
+    wait_until(lambda: home.processes() == [], what="the keeper to end")
+
+
 def test_capture_quote_writes_the_quote_and_signals(home, desktop, clients):
     recorder = clients.signal_recorder(["com.tarnwick.orvane.quote"])
     clients.text_window(AWKWARD)

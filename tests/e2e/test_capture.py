@@ -194,6 +194,27 @@ def test_a_page_is_answered_while_the_capture_waits_on_a_clipboard_owner_that_ne
     assert orvane.running()
 
 
+def test_text_copied_in_an_orvane_page_is_on_the_clipboard_again_after_a_capture(
+        home, site, desktop, launch, clients):
+    orvane, library = started(home, site, launch)
+    # The user copies in one of Orvane's own pages: the CLIPBOARD belongs to
+    # Orvane's process now.
+    desktop.activate_and_focus(orvane.wait_for_window("library"))
+    desktop.press("ctrl+a")
+    desktop.press("ctrl+c")
+    copied = wait_until(lambda: desktop.read_selection("clipboard", "UTF8_STRING"),
+                        what="the page's text on the CLIPBOARD")
+    assert b"Orvane fixture library" in copied, copied
+
+    clients.text_window(AWKWARD, no_primary=True)
+    desktop.press("alt+b")
+    orvane.wait_for_window("quick-panel")
+    add_load(site, AWKWARD)
+    wait_until(lambda: desktop.read_selection("clipboard", "UTF8_STRING") == copied,
+               what="the page's copy back on the CLIPBOARD")
+    assert "clipboard: held by this program outside a restore, not saved" not in home.log_messages()
+
+
 def test_application_whose_copy_changes_nothing_leaves_the_clipboard_alone(
         home, site, desktop, launch, clients):
     orvane, library = started(home, site, launch)

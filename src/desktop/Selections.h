@@ -53,8 +53,9 @@ public:
   virtual void pause(std::chrono::milliseconds duration) = 0;
 
   // For a process about to exit that owns the restored CLIPBOARD: hands it to
-  // the clipboard manager, or, without one, keeps it served in the
-  // background until another client takes it or ten minutes pass.
+  // the clipboard manager, or, without one, starts a background process that
+  // serves the bytes itself until another client takes it or ten minutes
+  // pass, and returns once that process has taken the CLIPBOARD over.
   virtual void keepClipboardAfterExit() = 0;
 };
 

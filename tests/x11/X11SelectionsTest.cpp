@@ -29,6 +29,9 @@ std::string AllByteValues(size_t size) {
   return bytes;
 }
 
+// The log lines of this test process and of the processes it started.
+std::string LogText();
+
 class X11SelectionsTest : public testing::Test {
 protected:
   void TearDown() override {
@@ -271,8 +274,11 @@ TEST_F(X11SelectionsTest, AnswersOfTheWrongTypeAreDropped) {
   std::unique_ptr<Child> owner =
       serve("CLIPBOARD", {{"UTF8_STRING", "UTF8_STRING", "text"}}, {"--wrong-type"});
   ASSERT_TRUE(owner);
+  size_t before = LogText().size();
   X11Selections selections;
   EXPECT_EQ(selections.saveClipboard(), ClipboardContents{}) << "TARGETS came as a STRING";
+  EXPECT_NE(LogText().find("clipboard: its owner gave no list of targets, nothing saved", before),
+            std::string::npos);
   EXPECT_EQ(selections.clipboardText(), std::nullopt) << "the text came as an INTEGER";
 }
 
@@ -363,8 +369,6 @@ template <typename Call> auto Timed(const char* what, Call call) {
   printf("[ figure   ] %s: %.3f s\n", what, seconds);
   return result;
 }
-
-std::string LogText();
 
 TEST_F(X11SelectionsTest, AnOwnerOfHundredsOfTargetsThatConvertsNoneCostsOneBudgetAndHoldsNothing) {
   std::unique_ptr<Child> owner = serve("CLIPBOARD", {{"UTF8_STRING", "UTF8_STRING", "never sent"}},

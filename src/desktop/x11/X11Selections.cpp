@@ -81,6 +81,7 @@ struct SavedClipboard {
   std::vector<ServedTarget> targets;
   size_t offered = 0;     // data targets the owner listed
   bool cut_short = false; // the owner fell silent before every target was read
+  bool no_list = false;   // the owner's answer to TARGETS was no list of atoms
 };
 
 // Every data target of the CLIPBOARD with its bytes, within the budget and
@@ -94,6 +95,7 @@ SavedClipboard SaveClipboardTargets(XSelectionReader& reader, const X11Selection
   std::optional<std::vector<std::string>> names = reader.targets("CLIPBOARD", budget);
   if (!names) {
     saved.cut_short = budget.spent();
+    saved.no_list = !saved.cut_short;
     return saved;
   }
   size_t room = limits.max_clipboard_bytes;
@@ -200,6 +202,8 @@ ClipboardContents X11Selections::saveClipboard() {
   if (saved.cut_short)
     SparLog("clipboard: its owner stopped answering, %lu of %lu targets saved",
             saved.targets.size(), saved.offered);
+  else if (saved.no_list)
+    SparLog("clipboard: its owner gave no list of targets, nothing saved");
   last_saved_ = std::move(saved.targets);
   for (const ServedTarget& target : last_saved_)
     contents.push_back({target.target, target.bytes});

@@ -8,6 +8,7 @@
 #include "x11/X11TestSupport.h"
 
 // After gtest (through X11TestSupport.h): Xlib's None and Bool macros.
+#include "desktop/x11/SelectionWorker.h"
 #include "desktop/x11/XSelectionReader.h"
 #include <gtk/gtk.h>
 
@@ -457,6 +458,37 @@ TEST_F(X11SelectionsTest, MalformedAnswersAreDroppedWithoutWaitingOnThem) {
   EXPECT_EQ(selections.saveClipboard(), ClipboardContents{});
   EXPECT_EQ(LogText().find("stopped answering", before), std::string::npos)
       << LogText().substr(before);
+}
+
+TEST_F(X11SelectionsTest, AWorkerDestroyedWhileItsConversationWaitsCancelsTheWait) {
+  std::unique_ptr<Child> hung =
+      serve("CLIPBOARD", {{"UTF8_STRING", "UTF8_STRING", "never sent"}}, {"--hang"});
+  ASSERT_TRUE(hung);
+  auto worker = std::make_unique<SelectionWorker>();
+  SelectionWorker* running = worker.get();
+  // Something the main loop runs while the conversation waits ends the
+  // worker (as a program that shuts down would).
+  g_timeout_add(
+      100,
+      [](gpointer data) -> gboolean {
+        static_cast<std::unique_ptr<SelectionWorker>*>(data)->reset();
+        return G_SOURCE_REMOVE;
+      },
+      &worker);
+  bool ran = false;
+  std::optional<SelectionAnswer> answer;
+  std::chrono::milliseconds stall_left{0};
+  running->run([&](XSelectionReader& reader) {
+    // Waits that would last a minute on their own.
+    WaitBudget budget(std::chrono::seconds(60), std::chrono::seconds(60), std::chrono::minutes(5));
+    answer = reader.convert("CLIPBOARD", "UTF8_STRING", budget, 1000);
+    stall_left = budget.stall;
+    ran = true;
+  });
+  EXPECT_TRUE(ran);
+  EXPECT_FALSE(answer);
+  EXPECT_EQ(worker, nullptr);
+  EXPECT_EQ(stall_left.count(), 0) << "the wait ran out by itself instead of being cancelled";
 }
 
 TEST_F(X11SelectionsTest, TextCopiedInThisProcessIsSavedWithEveryTargetAndRestored) {

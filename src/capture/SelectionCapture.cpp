@@ -79,6 +79,19 @@ CapturedSelection CopyThroughClipboard(const std::optional<FrontWindow>& front,
 CapturedSelection CaptureSelection(const std::optional<FrontWindow>& front,
                                    const SelectionCaptureSeams& seams,
                                    const std::string& handoff_folder) {
+  // The selection seam lets the main loop run while it waits on other
+  // clients, so a hotkey pressed meanwhile arrives here again: a second
+  // capture on top of the first would save the first's copy as the user's
+  // clipboard. It takes nothing instead.
+  static bool capturing = false;
+  if (capturing) {
+    SparLog("capture: another capture is still running, this one takes nothing");
+    return {};
+  }
+  capturing = true;
+  struct Done {
+    ~Done() { capturing = false; }
+  } done;
   g_mkdir_with_parents(handoff_folder.c_str(), 0700);
   if (!seams.accessibility.isTrusted()) {
     AskForTrustOnce(seams, handoff_folder);

@@ -351,6 +351,33 @@ TEST(AttentionPointTest, ZeroWidthOrHeightWindowGivesThePointer) {
     EXPECT_EQ(line, "capture: attention at {12.25, -40} from pointer");
 }
 
+TEST_F(SelectionCaptureTest, AHotkeyDuringTheCopyWaitStartsNoSecondCaptureOnTopOfTheFirst) {
+  selections.clipboard = kUserClipboard;
+  selections.copy_puts = FakeSelections::TextContents("copied once");
+  selections.copy_lands_after_pauses = 2;
+  // The key is pressed again while the first capture waits for its copy.
+  std::optional<CapturedSelection> second;
+  selections.on_pause = [&] {
+    if (!second)
+      second = capture();
+  };
+  CapturedSelection first = capture();
+  EXPECT_EQ(first.text, "copied once");
+  ASSERT_TRUE(second);
+  EXPECT_EQ(second->text, std::nullopt);
+  EXPECT_FALSE(second->restored_clipboard);
+  EXPECT_THAT(selections.chords_sent, ElementsAre(CopyChord::kControlC));
+  ASSERT_EQ(selections.restores.size(), 1u);
+  EXPECT_EQ(selections.restores[0], kUserClipboard);
+  EXPECT_THAT(log.messages(),
+              ElementsAre("capture: another capture is still running, this one takes nothing"));
+
+  // Once the first is over, the next capture runs as usual.
+  selections.on_pause = nullptr;
+  selections.copy_puts = FakeSelections::TextContents("copied again");
+  EXPECT_EQ(capture().text, "copied again");
+}
+
 class DesktopCaptureTest : public ::testing::Test, protected FakeCaptureDesktop {
 protected:
   DesktopCaptureSeams seams() { return FakeCaptureDesktop::seams(kAppPid, dir.path()); }

@@ -48,6 +48,10 @@ trap 'rm -rf "$stage"' EXIT
 # The install folder, signed.
 app="$stage/Orvane"
 cmake --install "$build" --prefix "$app" --strip >/dev/null
+# What is installed is writable by its owner only, and holds no empty folder:
+# the signature refuses both (the MANIFEST lists files and links, not folders).
+chmod -R go-w,u-s,g-s,-t "$app"
+find "$app" -depth -mindepth 1 -type d -empty -delete
 "$build/orvane-sign" sign --version "$version" "$key" "$app"
 "$build/orvane-sign" verify "$app" >/dev/null
 

@@ -58,12 +58,12 @@ void PanelWindow::makeKeyAndOrderFront(uint32_t timestamp) {
   // A hidden panel is mapped with the key press's time as its user time;
   // a shown one is raised and asked to take the keyboard.
   gtk_window_present_with_time(window_, timestamp);
-  // The activation request GTK sends right after mapping can reach the
-  // window manager before it manages the window, and then counts for
-  // nothing; the map itself may be refused the focus by focus-stealing
-  // prevention, since the user has just typed into another window (the
-  // hotkey's modifier). So once the panel is on the screen, and still
-  // without the keyboard, the request is made again, as the user's.
+  // Mapping alone may leave the keyboard where it was: focus-stealing
+  // prevention weighs the map against the user's latest input in another
+  // window (the hotkey's own modifier press), and an activation request
+  // that reaches the window manager before it manages the window is
+  // dropped. So once the panel is framed on the screen, and still without
+  // the keyboard, activation is asked for as the user's.
   unsigned presentation = ++presentation_;
   WhenOnScreen(window_, [this, presentation, timestamp] {
     if (presentation != presentation_ || !isVisible() || HasInputFocus(window_))

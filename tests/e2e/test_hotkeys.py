@@ -135,6 +135,10 @@ def test_every_summon_gives_the_panel_the_keyboard(home, site, desktop, launch, 
         panel = orvane.wait_for_window("quick-panel")
         wait_until(lambda: desktop.focused_window() == panel, 10,
                    what=f"the quick panel to have the keyboard after press {n}")
+        # And keeps it: the summon's own activation, however late, is not
+        # a reopen that brings the library window to the front.
+        assert holds_for(lambda: desktop.focused_window() == panel, 0.7), \
+            f"press {n}: the keyboard went to {desktop.focused_window()}, not the panel {panel}"
         assert desktop.active_window() == panel
         desktop.press("alt+b")
         orvane.wait_window_hidden(panel)

@@ -384,9 +384,10 @@ std::optional<std::string> AppDelegate::libraryFolderWithAccount() const {
 }
 
 void AppDelegate::applicationShouldHandleReopen() {
-  if (summon_ && summon_->hasPendingSummon())
-    summon_->takePendingSummon();
-  else if (g_file_test(HandoffFile("selection.txt").c_str(), G_FILE_TEST_EXISTS))
+  // A summon's own activation (or a pending summon) is the summon's.
+  if (summon_ && summon_->handleReopen())
+    return;
+  if (g_file_test(HandoffFile("selection.txt").c_str(), G_FILE_TEST_EXISTS))
     quick_panel_->showPanel();
   else
     showLibraryWindow();

@@ -4,6 +4,7 @@
 #include "base/SparLog.h"
 #include "base/Text.h"
 #include "capture/CopyChords.h"
+#include "desktop/ProcessDocuments.h"
 
 #include <glib.h>
 #include <glib/gstdio.h>
@@ -45,9 +46,11 @@ std::optional<std::string> NonEmpty(std::optional<std::string> text) {
 // The synthetic copy: the chord goes to the front window, and whatever it
 // put on the CLIPBOARD is read and replaced by what was there before.
 CapturedSelection CopyThroughClipboard(const std::optional<FrontWindow>& front,
-                                       Selections& selections) {
+                                       Selections& selections, const std::string& proc_root) {
   std::optional<CopyChord> chord =
-      front ? CopyChordFor(front->wm_instance, front->wm_class) : CopyChord::kControlC;
+      front ? CopyChordFor(front->wm_instance, front->wm_class,
+                           [&] { return HoldsPseudoTerminalMaster(front->pid, proc_root); })
+            : CopyChord::kControlC;
   if (!chord) {
     SparLog("capture: %@ has no copy chord — nothing sent", WindowName(front));
     return {};
@@ -107,7 +110,7 @@ CapturedSelection CaptureSelection(const std::optional<FrontWindow>& front,
         return {NonEmpty(std::move(primary)), false};
     }
   }
-  return CopyThroughClipboard(front, seams.selections);
+  return CopyThroughClipboard(front, seams.selections, seams.proc_root);
 }
 
 Point AttentionPoint(const std::optional<FrontWindow>& front, const Screens& screens) {

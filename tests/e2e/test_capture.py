@@ -250,6 +250,29 @@ def test_xterm_in_front_with_nothing_selected_receives_no_keystroke(
     assert not any(" chars from " in m for m in home.log_messages()), home.log_messages()
 
 
+def test_unknown_terminal_in_front_gets_no_copy_keystroke_and_its_shell_no_sigint(
+        home, site, desktop, launch, clients):
+    orvane, library = started(home, site, launch)
+    terminal = clients.pty_terminal()
+
+    desktop.press("alt+b")
+    orvane.wait_for_window("quick-panel")
+    panel = site.wait_for_load(lambda r: r.page != library.page)
+
+    def ctrl_c_keys():
+        return [k for k in terminal.keys() if k["ctrl"] and k["key"] in ("c", "C")]
+    assert holds_for(lambda: ctrl_c_keys() == [] and terminal.interrupts() == [], 1.0), \
+        (terminal.keys(), terminal.interrupts())
+    assert terminal.running()
+    assert panel.href == site.url + "/", "nothing was captured, so the panel opens without add="
+    home.wait_for_log(f"capture: {terminal.WM_CLASS} has no copy chord \u2014 nothing sent")
+
+    # The fixture is a real terminal: Ctrl+C typed into it does interrupt.
+    desktop.activate_and_focus(terminal.window)
+    desktop.press("ctrl+c")
+    wait_until(lambda: terminal.interrupts() == ["SIGINT"], what="the typed Ctrl+C to reach the shell")
+
+
 def test_second_orvane_on_another_bus_fails_the_four_hotkeys_and_still_starts(
         home, site, desktop, launch, other_bus, tmp_path, clients):
     first, _ = started(home, site, launch)

@@ -89,7 +89,11 @@ sed -e "s|@VERSION@|$version|g" -e "s|@PACKAGES@|$packages|" \
   "$root/packaging/README.txt.in" > "$app/README.txt"
 chmod 644 "$app/README.txt"
 
-# The install folder, signed.
+# The install folder, signed. What is installed is writable by its owner
+# only, and holds no empty folder: the signature refuses both (the MANIFEST
+# lists files and links, not folders).
+chmod -R go-w,u-s,g-s,-t "$app"
+find "$app" -depth -mindepth 1 -type d -empty -delete
 "$build/orvane-sign" sign --version "$version" "$key" "$app"
 "$build/orvane-sign" verify "$app" >/dev/null
 

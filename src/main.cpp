@@ -4,9 +4,17 @@
 #include "capture/CaptureModes.h"
 #include "desktop/x11/ClipboardServer.h"
 
+#include <gdk/gdk.h>
+
 #include <cstring>
 
 int main(int argc, char** argv) {
+  // Every mode places or reads windows through X11; under Wayland it runs
+  // through XWayland. GDK_BACKEND (often "wayland" in a Wayland session)
+  // would override the allowed backends and leave GDK no display to open,
+  // so it goes, for this process and the programs it starts.
+  g_unsetenv("GDK_BACKEND");
+  gdk_set_allowed_backends("x11");
   // Defaults first, so that they hold in the capture modes too.
   orvane::RegisterDefaultSettings();
   if (orvane::IsCaptureArgument(argc, argv))

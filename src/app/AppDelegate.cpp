@@ -169,6 +169,12 @@ public:
     GtkWindow* window = spar_.gtkWindow();
     return window ? WindowFrame(window) : Rect{};
   }
+  void whenFrameApplied(const Rect& frame, std::function<void()> applied) override {
+    // The caller logs after its own short wait when the window manager is
+    // slower; the configure handler is dropped a while after that.
+    if (GtkWindow* window = spar_.gtkWindow())
+      WhenFrameIs(window, frame, 2000, std::move(applied));
+  }
 
 private:
   // Runs the task once, on the first state change that finds the window out
@@ -378,9 +384,10 @@ std::optional<std::string> AppDelegate::libraryFolderWithAccount() const {
 }
 
 void AppDelegate::applicationShouldHandleReopen() {
-  if (summon_ && summon_->hasPendingSummon())
-    summon_->takePendingSummon();
-  else if (g_file_test(HandoffFile("selection.txt").c_str(), G_FILE_TEST_EXISTS))
+  // A summon's own activation (or a pending summon) is the summon's.
+  if (summon_ && summon_->handleReopen())
+    return;
+  if (g_file_test(HandoffFile("selection.txt").c_str(), G_FILE_TEST_EXISTS))
     quick_panel_->showPanel();
   else
     showLibraryWindow();
@@ -648,7 +655,7 @@ void AppDelegate::logDroppedAddress(WebKitWebView* view, bool user_gesture, std:
     return;
   if (held_back > 0)
     SparLog("web: %ld more addresses not opened since the last line", held_back);
-  SparLog(format, LogSafeText(address, kLoggedAddressLength));
+  SparLog(format, ShortenedText(address, kLoggedAddressLength));
 }
 
 GtkWidget* AppDelegate::createWebView(WebKitWebView* view, WebKitNavigationAction* action) {

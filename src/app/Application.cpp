@@ -2,8 +2,13 @@
 
 #include "app/AppDelegate.h"
 #include "base/BuildInfo.h"
+#include "base/SparLog.h"
+#include "base/Text.h"
 
 #include <gtk/gtk.h>
+
+#include <cstdio>
+#include <string>
 
 namespace orvane {
 
@@ -27,11 +32,22 @@ struct Run {
 } // namespace
 
 int RunApplication(int argc, char** argv) {
-  // Orvane places its own windows and reads other windows through X11;
-  // under Wayland it runs through XWayland.
-  gdk_set_allowed_backends("x11");
+  // GDK is held to X11 by main(), before any mode starts.
   g_set_prgname("orvane");
   g_set_application_name("Orvane");
+  // Opened here, not by the application's start-up, which would end the
+  // process with no more than a line on its standard error.
+  if (!gtk_init_check(&argc, &argv)) {
+    const char* variable = g_getenv("DISPLAY");
+    std::string display = variable && *variable ? LogSafeText(variable, 80) : "unset";
+    SparLog("no X display could be opened (DISPLAY=%@); Orvane needs an X11 session or XWayland",
+            display);
+    std::fprintf(stderr,
+                 "orvane: no X display could be opened (DISPLAY=%s); Orvane needs an X11 "
+                 "session or XWayland\n",
+                 display.c_str());
+    return 1;
+  }
 
   GtkApplication* application = gtk_application_new(kApplicationId, G_APPLICATION_HANDLES_OPEN);
   Run run;

@@ -490,10 +490,8 @@ void Settings::edit(const std::string& key, const std::optional<std::string>& va
   }
   std::optional<std::string> edited = EditSettingsText(file.text, key, value);
   if (!edited) {
-    // A key that is not storable may hold a line feed; it is shown escaped.
-    GCharPtr shown(g_strescape(key.c_str(), nullptr));
-    SparLog("settings: %@ cannot be stored in settings.ini, not saved",
-            IsStorableSettingKey(key) ? key : shown.str());
+    // A key that is not storable may hold a line feed; the log escapes it.
+    SparLog("settings: %@ cannot be stored in settings.ini, not saved", key);
     return;
   }
   if (*edited == file.text)

@@ -1,6 +1,7 @@
 #include "base/SparLog.h"
 
 #include "base/Paths.h"
+#include "base/Text.h"
 
 #include <cerrno>
 #include <cinttypes>
@@ -125,9 +126,17 @@ std::string FormatLogMessage(std::string_view format, std::initializer_list<LogA
       out += '%';
       break;
     case '@':
-    case 's':
-      out += take().describe();
+    case 's': {
+      // Text comes from anywhere (the bus, a page, /proc, a dropped file's
+      // name): escaped here, once for every caller, so that nothing in it
+      // can end the line or start one of its own choosing.
+      const LogArg& arg = take();
+      if (arg.kind() == LogArg::Kind::Text)
+        out += LogEscapedText(arg.describe());
+      else
+        out += arg.describe();
       break;
+    }
     case 'd':
     case 'i': {
       const LogArg& arg = take();

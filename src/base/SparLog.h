@@ -50,7 +50,11 @@ private:
 
 // Expands a printf-style format with "%@" for strings and objects, "%s",
 // "%d %ld %lu %lld %llu %u", "%f" with a precision such as "%.0f" or
-// "%.3f", and "%%". Text in the arguments is never interpreted.
+// "%.3f", and "%%". Text in the arguments is never interpreted, and is
+// written as LogEscapedText shows it: a control character, a line or
+// paragraph separator or a byte that is not UTF-8 becomes a visible escape
+// and a backslash is doubled, so every message stays one line that no
+// argument can forge. The format itself is the program's own text.
 std::string FormatLogMessage(std::string_view format, std::initializer_list<LogArg> args);
 
 // Appends "HH:MM:SS  message\n" to the log in one write. Missing folders on

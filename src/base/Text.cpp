@@ -53,13 +53,33 @@ std::string Escape(gunichar c) {
 }
 } // namespace
 
-std::string LogSafeText(const std::string& text, size_t max_characters) {
-  std::string result;
+std::string ShortenedText(const std::string& text, size_t max_characters) {
   size_t characters = 0;
   const char* p = text.data();
   const char* end = text.data() + text.size();
   while (p < end && characters < max_characters) {
     ++characters;
+    gunichar c = g_utf8_get_char_validated(p, end - p);
+    p = (c == gunichar(-1) || c == gunichar(-2)) ? p + 1 : g_utf8_next_char(p);
+  }
+  return std::string(text.data(), size_t(p - text.data()));
+}
+
+std::string LogEscapedText(std::string_view text) {
+  std::string result;
+  result.reserve(text.size());
+  const char* p = text.data();
+  const char* end = text.data() + text.size();
+  while (p < end) {
+    unsigned char byte = static_cast<unsigned char>(*p);
+    if (byte >= 0x20 && byte < 0x7f) {
+      // Plain ASCII, the common case: itself, the backslash doubled.
+      if (byte == '\\')
+        result += '\\';
+      result += char(byte);
+      ++p;
+      continue;
+    }
     gunichar c = g_utf8_get_char_validated(p, end - p);
     if (c == gunichar(-1) || c == gunichar(-2)) {
       // Not UTF-8: the byte itself, escaped.

@@ -30,7 +30,7 @@ void EventDelivery::pageCommitted(const PageRef& page) {
     return;
   primary_web_.reset();
   SparLog("bridge: the primary page left the site for %@ — events wait for the next hello",
-          LogSafeText(page->committedAddress(), kLoggedAddressLength));
+          ShortenedText(page->committedAddress(), kLoggedAddressLength));
 }
 
 std::string EventDelivery::EventScript(const Event& event) {

@@ -54,7 +54,7 @@ void MessageDispatcher::logRefusal(const PageRef& from, const std::string& addre
     return;
   if (held_back > 0)
     SparLog("bridge: %ld more messages from off-site pages ignored since the last line", held_back);
-  SparLog("message from off-site page %@ — ignored", LogSafeText(address, kRefusalAddressLength));
+  SparLog("message from off-site page %@ — ignored", ShortenedText(address, kRefusalAddressLength));
 }
 
 void MessageDispatcher::didReceiveScriptMessage(const std::string& name, const nlohmann::json& body,

@@ -13,20 +13,40 @@ struct TerminalChord {
   std::optional<CopyChord> chord;
 };
 
-// Terminal emulators by WM_CLASS. Those with no copy keystroke (copying is
-// selecting there) get no chord: anything sent would reach the shell.
+// Terminal emulators by WM_CLASS (both parts as they really are, lower
+// case). Those with no copy keystroke (copying is selecting there) get no
+// chord: anything sent would reach the shell.
 const TerminalChord kTerminals[] = {
     {"xterm", std::nullopt},
     {"uxterm", std::nullopt},
     {"urxvt", std::nullopt},
+    {"rxvt", std::nullopt},
     {"rxvt-unicode", std::nullopt},
     {"st", std::nullopt},
     {"st-256color", std::nullopt},
+    {"mlterm", std::nullopt},
+    {"aterm", std::nullopt},
+    {"eterm", std::nullopt},
+    {"kterm", std::nullopt},
+    {"zutty", std::nullopt},
     {"gnome-terminal", CopyChord::kControlShiftC},
     {"gnome-terminal-server", CopyChord::kControlShiftC},
+    {"kgx", CopyChord::kControlShiftC},
+    {"org.gnome.console", CopyChord::kControlShiftC},
+    {"ptyxis", CopyChord::kControlShiftC},
+    {"org.gnome.ptyxis", CopyChord::kControlShiftC},
+    {"ghostty", CopyChord::kControlShiftC},
+    {"com.mitchellh.ghostty", CopyChord::kControlShiftC},
     {"konsole", CopyChord::kControlShiftC},
+    {"yakuake", CopyChord::kControlShiftC},
     {"xfce4-terminal", CopyChord::kControlShiftC},
+    {"guake", CopyChord::kControlShiftC},
+    {"tilda", CopyChord::kControlShiftC},
+    {"sakura", CopyChord::kControlShiftC},
+    {"roxterm", CopyChord::kControlShiftC},
     {"tilix", CopyChord::kControlShiftC},
+    {"com.gexperts.tilix", CopyChord::kControlShiftC},
+    {"terminix", CopyChord::kControlShiftC},
     {"terminator", CopyChord::kControlShiftC},
     {"alacritty", CopyChord::kControlShiftC},
     {"kitty", CopyChord::kControlShiftC},
@@ -38,6 +58,18 @@ const TerminalChord kTerminals[] = {
     {"mate-terminal", CopyChord::kControlShiftC},
     {"qterminal", CopyChord::kControlShiftC},
     {"terminology", CopyChord::kControlShiftC},
+    {"cool-retro-term", CopyChord::kControlShiftC},
+    {"contour", CopyChord::kControlShiftC},
+    {"org.contourterminal.contour", CopyChord::kControlShiftC},
+    {"rio", CopyChord::kControlShiftC},
+    {"termite", CopyChord::kControlShiftC},
+    {"deepin-terminal", CopyChord::kControlShiftC},
+    {"io.elementary.terminal", CopyChord::kControlShiftC},
+    {"pantheon-terminal", CopyChord::kControlShiftC},
+    {"com.raggesilver.blackbox", CopyChord::kControlShiftC},
+    {"lilyterm", CopyChord::kControlShiftC},
+    {"tabby", CopyChord::kControlShiftC},
+    {"hyper", CopyChord::kControlShiftC},
 };
 
 const TerminalChord* TerminalNamed(const std::string& name) {
@@ -52,11 +84,18 @@ const TerminalChord* TerminalNamed(const std::string& name) {
 
 } // namespace
 
-std::optional<CopyChord> CopyChordFor(const std::string& wm_instance, const std::string& wm_class) {
+std::optional<CopyChord> CopyChordFor(const std::string& wm_instance, const std::string& wm_class,
+                                      const std::function<bool()>& holds_pseudo_terminal) {
   const TerminalChord* terminal = TerminalNamed(wm_instance);
   if (!terminal)
     terminal = TerminalNamed(wm_class);
-  return terminal ? terminal->chord : std::optional<CopyChord>(CopyChord::kControlC);
+  if (terminal)
+    return terminal->chord;
+  // A terminal the table does not know: its copy keystroke is unknown, and
+  // Ctrl+C would interrupt the program running in it.
+  if (holds_pseudo_terminal && holds_pseudo_terminal())
+    return std::nullopt;
+  return CopyChord::kControlC;
 }
 
 std::string CopyChordText(CopyChord chord) {

@@ -36,7 +36,7 @@ std::optional<FrontApplication> DesktopCapture::frontApplication() {
   FrontApplication application;
   application.pid = front->pid;
   // A window names its own class: kept to one safe line of text.
-  application.identifier = front->wm_class.empty() ? "?" : LogSafeText(front->wm_class, 80);
+  application.identifier = front->wm_class.empty() ? "?" : ShortenedText(front->wm_class, 80);
   application.is_this_program =
       front->pid > 0 && seams_.is_this_program && seams_.is_this_program(front->pid);
   return application;

@@ -46,19 +46,30 @@ PanelWindow::~PanelWindow() {
 }
 
 void PanelWindow::orderOut() {
+  ++presentation_;
   gtk_widget_hide(GTK_WIDGET(window_));
 }
 
 void PanelWindow::makeKeyAndOrderFront(uint32_t timestamp) {
-  gtk_widget_show(GTK_WIDGET(window_));
   // Sticky and keep-above must be asked for again after a hide on some
-  // window managers.
+  // window managers; asked before mapping, they are part of the map.
   gtk_window_stick(window_);
   gtk_window_set_keep_above(window_, TRUE);
-  if (timestamp != 0)
-    gtk_window_present_with_time(window_, timestamp);
-  else
-    gtk_window_present(window_);
+  // A hidden panel is mapped with the key press's time as its user time;
+  // a shown one is raised and asked to take the keyboard.
+  gtk_window_present_with_time(window_, timestamp);
+  // Mapping alone may leave the keyboard where it was: focus-stealing
+  // prevention weighs the map against the user's latest input in another
+  // window (the hotkey's own modifier press), and an activation request
+  // that reaches the window manager before it manages the window is
+  // dropped. So once the panel is framed on the screen, and still without
+  // the keyboard, activation is asked for as the user's.
+  unsigned presentation = ++presentation_;
+  WhenOnScreen(window_, [this, presentation, timestamp] {
+    if (presentation != presentation_ || !isVisible() || HasInputFocus(window_))
+      return;
+    RequestActivation(window_, timestamp);
+  });
 }
 
 bool PanelWindow::isVisible() const {

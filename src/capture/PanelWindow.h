@@ -35,6 +35,9 @@ public:
 
 private:
   GtkWindow* window_;
+  // Counts the presentations and hides, so that a late activation request
+  // of an earlier presentation is dropped.
+  unsigned presentation_ = 0;
 };
 
 } // namespace orvane

@@ -7,6 +7,8 @@
 #include "capture/ScreenContainingPoint.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <filesystem>
 #include <glib.h>
 #include <nlohmann/json.hpp>
 
@@ -31,6 +33,40 @@ std::string SparQuoteScript(const std::string& text) {
 
 std::optional<std::string> TakeQuoteFile(const std::string& path, size_t max_bytes) {
   return ReadHandoffOnce(path, max_bytes);
+}
+
+namespace {
+// The path as the file system resolves it (links followed, "." and ".."
+// gone); a path that does not resolve (a file that is not there) in its
+// lexical normal form, absolute and without "." and "..".
+std::string ResolvedPath(const std::string& path) {
+  if (path.find('\0') == std::string::npos) {
+    if (char* real = realpath(path.c_str(), nullptr)) {
+      std::string resolved(real);
+      free(real);
+      return resolved;
+    }
+  }
+  std::error_code error;
+  std::filesystem::path absolute = std::filesystem::absolute(path, error);
+  std::string normal = (error ? std::filesystem::path(path) : absolute).lexically_normal().string();
+  while (normal.size() > 1 && normal.back() == '/')
+    normal.pop_back();
+  return normal;
+}
+} // namespace
+
+std::optional<std::string> LibraryFileOf(const std::string& doc, const std::string& folder) {
+  if (doc.empty() || folder.empty())
+    return std::nullopt;
+  std::string file = ResolvedPath(doc);
+  std::string library = ResolvedPath(folder);
+  // The "/" keeps a sibling folder whose name merely begins with the
+  // library folder's out.
+  if (library.empty() || library == "/" || file.size() <= library.size() + 1 ||
+      file.compare(0, library.size() + 1, library + "/") != 0)
+    return std::nullopt;
+  return file;
 }
 
 Quotes::Quotes(QuotesContext context) : context_(std::move(context)) {}
@@ -89,16 +125,16 @@ void Quotes::sendQuoteToFriend(const std::optional<std::string>& clipboard_text)
 void Quotes::friendQuoteWithText(const std::optional<std::string>& text) {
   std::optional<std::string> doc = context_.capture.focusedDocumentPath();
   std::optional<std::string> folder = context_.library_folder();
-  // The "/" keeps a sibling folder whose name merely begins with the
-  // library folder's out.
-  bool in_library = doc && folder && !folder->empty() && doc->rfind(*folder + "/", 0) == 0;
-  std::string id = in_library ? PaperIdOfFile(*doc) : "";
-  if (in_library && !id.empty() && id.find('\0') == std::string::npos) {
+  std::optional<std::string> resolved;
+  if (doc && folder && !folder->empty())
+    resolved = LibraryFileOf(*doc, *folder);
+  std::string id = resolved ? PaperIdOfFile(*resolved) : "";
+  if (resolved && !id.empty() && id.find('\0') == std::string::npos) {
     if (!text || text->empty()) {
       SparLog("friend-quote: nothing selected");
       return;
     }
-    long page = context_.capture.pageOfQuote(*doc, *text);
+    long page = context_.capture.pageOfQuote(*resolved, *text);
     SparLog("friend-quote: %lu chars from %@ (page %ld)", Utf16Length(*text), id, page);
     context_.show_library();
     context_.events.sendEvent(

@@ -64,6 +64,12 @@ struct QuotesContext {
 // "_" read as "/".
 std::string PaperIdOfFile(const std::string& pdf_path);
 
+// The library file a focused document is: the document's path resolved
+// (links followed, "." and ".." gone; a path that does not resolve in its
+// lexical normal form) when it lies inside the resolved library folder;
+// nothing when it lies anywhere else.
+std::optional<std::string> LibraryFileOf(const std::string& doc, const std::string& folder);
+
 // The script that hands the quote to the sparring page; the quote travels
 // as the only element of a JSON array, all of it ASCII.
 std::string SparQuoteScript(const std::string& text);

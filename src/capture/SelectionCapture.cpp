@@ -4,6 +4,7 @@
 #include "base/SparLog.h"
 #include "base/Text.h"
 #include "capture/CopyChords.h"
+#include "desktop/ProcessDocuments.h"
 
 #include <glib.h>
 #include <glib/gstdio.h>
@@ -18,7 +19,7 @@ std::string WindowName(const std::optional<FrontWindow>& front) {
   if (!front)
     return "?";
   const std::string& name = front->wm_class.empty() ? front->wm_instance : front->wm_class;
-  return name.empty() ? "?" : LogSafeText(name, kLoggedNameLength);
+  return name.empty() ? "?" : ShortenedText(name, kLoggedNameLength);
 }
 
 // The once-per-account prompt: the trust test failed, say why and what to do.
@@ -45,9 +46,11 @@ std::optional<std::string> NonEmpty(std::optional<std::string> text) {
 // The synthetic copy: the chord goes to the front window, and whatever it
 // put on the CLIPBOARD is read and replaced by what was there before.
 CapturedSelection CopyThroughClipboard(const std::optional<FrontWindow>& front,
-                                       Selections& selections) {
+                                       Selections& selections, const std::string& proc_root) {
   std::optional<CopyChord> chord =
-      front ? CopyChordFor(front->wm_instance, front->wm_class) : CopyChord::kControlC;
+      front ? CopyChordFor(front->wm_instance, front->wm_class,
+                           [&] { return HoldsPseudoTerminalMaster(front->pid, proc_root); })
+            : CopyChord::kControlC;
   if (!chord) {
     SparLog("capture: %@ has no copy chord — nothing sent", WindowName(front));
     return {};
@@ -79,6 +82,19 @@ CapturedSelection CopyThroughClipboard(const std::optional<FrontWindow>& front,
 CapturedSelection CaptureSelection(const std::optional<FrontWindow>& front,
                                    const SelectionCaptureSeams& seams,
                                    const std::string& handoff_folder) {
+  // The selection seam lets the main loop run while it waits on other
+  // clients, so a hotkey pressed meanwhile arrives here again: a second
+  // capture on top of the first would save the first's copy as the user's
+  // clipboard. It takes nothing instead.
+  static bool capturing = false;
+  if (capturing) {
+    SparLog("capture: another capture is still running, this one takes nothing");
+    return {};
+  }
+  capturing = true;
+  struct Done {
+    ~Done() { capturing = false; }
+  } done;
   g_mkdir_with_parents(handoff_folder.c_str(), 0700);
   if (!seams.accessibility.isTrusted()) {
     AskForTrustOnce(seams, handoff_folder);
@@ -94,7 +110,7 @@ CapturedSelection CaptureSelection(const std::optional<FrontWindow>& front,
         return {NonEmpty(std::move(primary)), false};
     }
   }
-  return CopyThroughClipboard(front, seams.selections);
+  return CopyThroughClipboard(front, seams.selections, seams.proc_root);
 }
 
 Point AttentionPoint(const std::optional<FrontWindow>& front, const Screens& screens) {

@@ -26,6 +26,9 @@ struct SelectionCaptureSeams {
   Selections& selections;
   const Accessibility& accessibility;
   Notifications& notifications;
+  // Where the process table is read ("/proc"; unit tests give a folder of
+  // their own) to tell a terminal the table does not know.
+  std::string proc_root = "/proc";
 };
 
 struct CapturedSelection {

@@ -42,9 +42,15 @@ void Summon::hotkeySummon(uint32_t timestamp) {
   panel_.loadPage(text);
   setPendingSummon(screen, timestamp);
 
+  // The request's "activate" comes before its answer. Under load it can
+  // come after the fallback has shown the panel; it must then not count as
+  // a reopen, which would show the library window over the panel.
+  ++activations_in_flight_;
   activation_.requestActivation(timestamp, [this](std::optional<std::string> error) {
+    if (activations_in_flight_ > 0)
+      --activations_in_flight_;
     if (!error)
-      return; // the "activate" that follows takes the summon
+      return; // the "activate" before this answer took the summon
     SparLog("hotkey: LaunchServices refused (%@) — showing directly", *error);
     takePendingSummon();
   });
@@ -55,6 +61,13 @@ void Summon::setPendingSummon(std::optional<Screen> screen, uint32_t timestamp) 
   pending_screen_ = std::move(screen);
   pending_timestamp_ = timestamp;
   pending_summon_ = true;
+}
+
+bool Summon::handleReopen() {
+  if (!pending_summon_ && activations_in_flight_ == 0)
+    return false;
+  takePendingSummon();
+  return true;
 }
 
 void Summon::takePendingSummon() {

@@ -49,6 +49,12 @@ public:
   bool hasPendingSummon() const { return pending_summon_; }
   // Shows the pending summon once; nothing when none is pending.
   void takePendingSummon();
+  // The program's "activate" (its reopen event). While the summon's own
+  // activation request is unanswered, the activate is that request's: it
+  // shows the pending summon, unless the fallback already has, and nothing
+  // else. True when the activate was the summon's (own or with a summon
+  // pending); false when it is a reopen for the caller to handle.
+  bool handleReopen();
 
 private:
   Capture& capture_;
@@ -61,6 +67,8 @@ private:
   std::optional<Screen> pending_screen_;
   uint32_t pending_timestamp_ = 0;
   bool pending_summon_ = false;
+  // Activation requests sent and not yet answered.
+  unsigned activations_in_flight_ = 0;
 };
 
 } // namespace orvane

@@ -153,4 +153,28 @@ std::vector<std::string> PdfFilesOfProcess(int pid, const std::string& proc_root
   return pdfs.take();
 }
 
+bool HoldsPseudoTerminalMaster(int pid, const std::string& proc_root) {
+  if (pid <= 0)
+    return false;
+  std::string folder = JoinPath(JoinPath(proc_root, std::to_string(pid)), "fd");
+  DIR* dir = opendir(folder.c_str());
+  if (!dir)
+    return false;
+  bool found = false;
+  size_t entries = 0;
+  while (struct dirent* entry = readdir(dir)) {
+    if (++entries > kMaxPseudoTerminalScan)
+      break;
+    if (entry->d_name[0] == '.')
+      continue;
+    std::optional<std::string> target = ReadLink(folder + "/" + entry->d_name);
+    if (target && (*target == "/dev/ptmx" || *target == "/dev/pts/ptmx")) {
+      found = true;
+      break;
+    }
+  }
+  closedir(dir);
+  return found;
+}
+
 } // namespace orvane

@@ -29,4 +29,14 @@ bool HasPdfExtension(const std::string& path);
 // table lives ("/proc"; tests give a folder of their own).
 std::vector<std::string> PdfFilesOfProcess(int pid, const std::string& proc_root = "/proc");
 
+// How many open files HoldsPseudoTerminalMaster looks at, at most.
+inline constexpr size_t kMaxPseudoTerminalScan = 4096;
+
+// Whether the process holds a pseudo-terminal master open ("/dev/ptmx" or
+// "/dev/pts/ptmx" among its /proc/PID/fd links), as every terminal emulator
+// does for the shells it runs. Only the first kMaxPseudoTerminalScan entries
+// are read, each with readlink, so a process with a huge file table costs
+// little. False for a pid that is not positive, gone, or not readable.
+bool HoldsPseudoTerminalMaster(int pid, const std::string& proc_root = "/proc");
+
 } // namespace orvane

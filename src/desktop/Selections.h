@@ -36,7 +36,8 @@ public:
   // ownership timestamp).
   virtual uint64_t clipboardChangeCount() = 0;
   // Every target the CLIPBOARD owner offers, with its bytes; targets whose
-  // data cannot be read are left out. Empty when nobody owns it.
+  // data cannot be read are left out. Empty when nobody owns it. An owner in
+  // this very process is saved too.
   virtual ClipboardContents saveClipboard() = 0;
   // The CLIPBOARD as UTF-8 text, nothing when it holds none.
   virtual std::optional<std::string> clipboardText() = 0;
@@ -47,12 +48,14 @@ public:
   // not mix into the chord, then sends the chord to the focused window.
   // False when the chord could not be sent.
   virtual bool sendCopyChord(CopyChord chord) = 0;
-  // Blocks the calling thread; the copy wait polls through it.
+  // Lets the time pass; the copy wait polls through it. The reads, the save
+  // and the pauses may run the calling thread's main loop meanwhile.
   virtual void pause(std::chrono::milliseconds duration) = 0;
 
   // For a process about to exit that owns the restored CLIPBOARD: hands it to
-  // the clipboard manager, or, without one, keeps it served in the
-  // background until another client takes it or ten minutes pass.
+  // the clipboard manager, or, without one, starts a background process that
+  // serves the bytes itself until another client takes it or ten minutes
+  // pass, and returns once that process has taken the CLIPBOARD over.
   virtual void keepClipboardAfterExit() = 0;
 };
 

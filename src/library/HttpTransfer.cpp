@@ -71,7 +71,7 @@ bool WriteAll(int fd, const char* data, size_t length) {
 }
 
 void Download(const std::string& url, const std::string& file, unsigned idle_timeout_seconds,
-              TransferResult& result) {
+              DownloadFile how, TransferResult& result) {
   auto session = NewSession(idle_timeout_seconds);
   auto message = NewMessage("GET", url, result.error);
   if (!message)
@@ -86,7 +86,10 @@ void Download(const std::string& url, const std::string& file, unsigned idle_tim
     return;
   }
   if (result.status == SOUP_STATUS_OK) {
-    FileDescriptor fd(open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    FileDescriptor fd(
+        how == DownloadFile::kCreateNew
+            ? open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)
+            : open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (fd.get() < 0) {
       result.error = g_strerror(errno);
     } else {
@@ -327,11 +330,12 @@ void Upload(const UploadRequest& request, TransferResult& result) {
 } // namespace
 
 void DownloadToFile(const std::string& url, const std::string& file,
-                    std::function<void(TransferResult)> done, unsigned idle_timeout_seconds) {
+                    std::function<void(TransferResult)> done, unsigned idle_timeout_seconds,
+                    DownloadFile how) {
   std::thread(
       RunTransfer,
-      [url, file, idle_timeout_seconds](TransferResult& result) {
-        Download(url, file, idle_timeout_seconds, result);
+      [url, file, idle_timeout_seconds, how](TransferResult& result) {
+        Download(url, file, idle_timeout_seconds, how, result);
       },
       std::move(done))
       .detach();

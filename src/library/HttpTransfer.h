@@ -23,12 +23,18 @@ struct TransferResult {
 // A download that goes this long without a byte has failed.
 inline constexpr unsigned kDownloadIdleTimeout = 60;
 
-// GET `url`, following redirects, into `file` (created or truncated). The
-// body is written only when the status is exactly 200, and the download
-// succeeds only once the file is flushed to the disk.
+// How the downloaded file is made: created or truncated where it is, or
+// created new (readable by its owner only), never through a link and never
+// over anything that is there already.
+enum class DownloadFile { kCreateOrTruncate, kCreateNew };
+
+// GET `url`, following redirects, into `file`. The body is written only
+// when the status is exactly 200, and the download succeeds only once the
+// file is flushed to the disk.
 void DownloadToFile(const std::string& url, const std::string& file,
                     std::function<void(TransferResult)> done,
-                    unsigned idle_timeout_seconds = kDownloadIdleTimeout);
+                    unsigned idle_timeout_seconds = kDownloadIdleTimeout,
+                    DownloadFile how = DownloadFile::kCreateOrTruncate);
 
 struct UploadRequest {
   std::string url;

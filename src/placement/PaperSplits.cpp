@@ -3,6 +3,9 @@
 #include "base/Paths.h"
 #include "base/SparLog.h"
 
+#include <memory>
+#include <utility>
+
 namespace orvane {
 
 Rect LeftHalf(const Rect& vf) {
@@ -85,10 +88,26 @@ void PaperSplits::tileWithPreview(int pid, const std::string& path, int attempt)
                   seams_.chat.makeKeyAndOrderFront();
                   seams_.chat.setFrame(chat);
                   seams_.chat.orderFrontRegardless();
-                  SparLog("split: preview=%@ raise=%@, chat asked %@ got %@ (attempt %d)",
-                          placed ? "placed" : "REFUSED", raised ? "ok" : "failed", RectText(chat),
-                          RectText(seams_.chat.frame()), attempt);
+                  logChatFrame(placed, raised, chat, attempt);
                 });
+}
+
+void PaperSplits::logChatFrame(bool placed, bool raised, const Rect& asked, int attempt) {
+  // A frame set on X11 is a request to the window manager: what the chat
+  // got is read once the window manager applied it, or after a short wait
+  // when it does not, never before. Whichever comes first logs; the main
+  // loop runs on meanwhile.
+  auto logged = std::make_shared<bool>(false);
+  auto report = [this, logged, placed, raised, asked, attempt] {
+    if (std::exchange(*logged, true))
+      return;
+    SparLog("split: preview=%@ raise=%@, chat asked %@ got %@ (attempt %d)",
+            placed ? "placed" : "REFUSED", raised ? "ok" : "failed", RectText(asked),
+            RectText(seams_.chat.frame()), attempt);
+  };
+  seams_.chat.whenFrameApplied(asked, report);
+  if (!*logged)
+    seams_.scheduler.after(kChatFrameWait, report);
 }
 
 void PaperSplits::holdPreviewWindow(int pid, const std::string& path, const Rect& target,

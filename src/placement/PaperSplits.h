@@ -30,6 +30,9 @@ constexpr int kSplitWaitLastAttempt = 100;
 constexpr double kSplitHoldInterval = 0.3;
 constexpr int kSplitHoldChecks = 4;
 constexpr int kSplitHoldChecksAfterFullScreen = 16;
+// How long the viewer split waits for the window manager to apply the
+// chat's frame before it logs the frame the chat has.
+constexpr double kChatFrameWait = 0.3;
 
 // The halves of a visible frame: the paper on the left, the chat or the
 // free area on the right.
@@ -52,6 +55,10 @@ public:
   virtual void orderFrontRegardless() = 0;
   // The outer frame; zero when there is no window.
   virtual Rect frame() const = 0;
+  // Calls `applied` once the window manager has given the window that frame
+  // (at once when it has it already). It may never be called: the caller
+  // bounds the wait itself.
+  virtual void whenFrameApplied(const Rect& frame, std::function<void()> applied) = 0;
 };
 
 struct PaperSplitSeams {
@@ -96,6 +103,8 @@ private:
   void waitForViewer(const std::string& label, int pid, const std::string& path, int attempt,
                      std::function<void(int owner, const WindowInfo& window, int attempt)> found);
   std::optional<Screen> primaryScreen() const;
+  // Logs the viewer split's outcome with the frame the chat got.
+  void logChatFrame(bool placed, bool raised, const Rect& asked, int attempt);
 
   PaperSplitSeams seams_;
   WindowOperations operations_;

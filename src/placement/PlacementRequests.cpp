@@ -1,5 +1,6 @@
 #include "placement/PlacementRequests.h"
 
+#include "base/Paths.h"
 #include "base/SparLog.h"
 #include "base/Text.h"
 #include "bridge/Payload.h"
@@ -13,11 +14,11 @@ namespace orvane {
 
 namespace {
 // Paths and names come from other processes: a huge one is cut short in the
-// log, and a line break in one cannot start a line of its own.
+// log (which escapes what could break its line).
 constexpr size_t kLoggedTextLength = 4096;
 
 std::string Logged(const std::string& text) {
-  return LogSafeText(text, kLoggedTextLength);
+  return ShortenedText(text, kLoggedTextLength);
 }
 
 long ClampedToLong(double value) {
@@ -124,15 +125,16 @@ void PlacementRequests::placeRequested(const std::string& object) {
     return;
   }
 
-  // The windows there before the request: when the launched process hands
-  // its work to an instance that already runs, a window that is new is the
-  // one asked for.
+  // The process's windows there before the request, so that a new one of
+  // its own is placed before an older one; and what a window of another
+  // process must show to be this request's (the launched process may hand
+  // its work to an instance that already runs): the file, the application,
+  // or the folder a file manager shows the file in.
   Handoff handoff;
   handoff.windows_before.emplace();
   for (const auto& window : seams_.windows.normalWindows())
     handoff.windows_before->insert(window.id);
-  if (kind != "reveal" && kind != "app")
-    handoff.file = *path;
+  handoff.file = kind == "reveal" ? ParentFolder(*path) : *path;
   auto completion = [this, screen, handoff](LaunchOutcome outcome) {
     if (outcome.error) {
       SparLog("place: open failed: %@", Logged(*outcome.error));
@@ -191,14 +193,11 @@ std::optional<WindowInfo> PlacementRequests::windowToPlace(int pid, const Handof
     }
   if (first_own)
     return first_own;
-  // Handed over: the window that shows the file, else a window that was not
-  // there before the request.
-  if (handoff.file)
-    if (std::optional<WindowInfo> showing = operations_.CopyWindowForFile(0, *handoff.file))
-      return showing;
-  for (const auto& window : seams_.windows.normalWindows())
-    if (is_new(window))
-      return window;
+  // Handed over: only a window that shows the file, by its document or its
+  // title. Any other window that happens to appear meanwhile belongs to
+  // someone else and is neither moved nor focused.
+  if (handoff.file && !handoff.file->empty())
+    return operations_.CopyWindowForFile(0, *handoff.file);
   return std::nullopt;
 }
 

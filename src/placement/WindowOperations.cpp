@@ -7,6 +7,7 @@
 #include <cmath>
 #include <filesystem>
 #include <map>
+#include <sys/stat.h>
 #include <system_error>
 
 namespace orvane {
@@ -14,8 +15,8 @@ namespace orvane {
 namespace {
 namespace fs = std::filesystem;
 
-// Titles come from other programs: a line break in one must not start a
-// line of its own in the log.
+// Titles come from other programs: a huge one is cut short in the log
+// (which escapes what could break its line).
 constexpr size_t kLoggedTitleLength = 1000;
 
 std::string NameWithoutExtension(const std::string& path) {
@@ -29,15 +30,6 @@ bool IsExistingAbsoluteFile(const std::string& path) {
   return fs::is_regular_file(path, error);
 }
 
-// Two paths name the same file: equal once standardized, or the same file
-// on disk (one of them reached through a symbolic link).
-bool SameFile(const std::string& a, const std::string& b) {
-  std::string left = StandardizedPath(a), right = StandardizedPath(b);
-  if (left == right)
-    return true;
-  std::error_code error;
-  return fs::equivalent(left, right, error) && !error;
-}
 } // namespace
 
 std::string StandardizedPath(const std::string& path) {
@@ -60,26 +52,68 @@ bool TitleNamesFile(const std::string& title, const std::string& path) {
   return BeginsWith(title, NameWithoutExtension(StandardizedPath(path)));
 }
 
+std::string DocumentSet::IdentityOf(const std::string& path, size_t* stat_calls) {
+  if (stat_calls)
+    ++*stat_calls;
+  struct stat info;
+  if (!path.empty() && path.find('\0') == std::string::npos && stat(path.c_str(), &info) == 0)
+    return "i" + std::to_string(info.st_dev) + ":" + std::to_string(info.st_ino);
+  return "p" + StandardizedPath(path);
+}
+
+DocumentSet::DocumentSet(const std::vector<std::string>& candidates) {
+  size_t looked = 0;
+  for (const auto& candidate : candidates) {
+    if (++looked > kMaxDocumentsLooked)
+      break;
+    if (identities_.insert(IdentityOf(candidate, &stat_calls_)).second)
+      documents_.push_back(candidate);
+  }
+}
+
+bool DocumentSet::contains(const std::string& path) const {
+  return identities_.count(IdentityOf(path, &stat_calls_)) > 0;
+}
+
+std::optional<std::string> DocumentShownBy(const WindowInfo& window, const DocumentSet& documents) {
+  const std::vector<std::string>& known = documents.documents();
+  // The title itself, when it is the path of a file the process does not
+  // already name.
+  std::optional<std::string> titled;
+  if (IsExistingAbsoluteFile(window.title) && !documents.contains(window.title))
+    titled = window.title;
+  size_t count = known.size() + (titled ? 1 : 0);
+  if (count == 1)
+    return titled ? *titled : known.front();
+  // How much of the title the file's name, or its name without extension,
+  // covers; the longest wins ("paper-12.pdf" over "paper-1.pdf"), the
+  // earlier on a tie.
+  auto named = [&](const std::string& candidate) -> size_t {
+    std::string name = FileName(candidate);
+    if (BeginsWith(window.title, name))
+      return name.size();
+    std::string stem = NameWithoutExtension(candidate);
+    return BeginsWith(window.title, stem) ? stem.size() : 0;
+  };
+  std::optional<std::string> best;
+  size_t best_length = 0;
+  auto consider = [&](const std::string& candidate) {
+    size_t length = named(candidate);
+    if (length > best_length) {
+      best = candidate;
+      best_length = length;
+    }
+  };
+  for (const auto& candidate : known)
+    consider(candidate);
+  if (titled)
+    consider(*titled);
+  return best;
+}
+
 std::optional<std::string> DocumentShownBy(const WindowInfo& window,
                                            const std::vector<std::string>& candidates) {
-  std::vector<std::string> all = candidates;
-  if (IsExistingAbsoluteFile(window.title))
-    all.push_back(window.title);
-  std::vector<std::string> distinct;
-  for (const auto& candidate : all) {
-    bool seen = false;
-    for (const auto& kept : distinct)
-      seen = seen || SameFile(kept, candidate);
-    if (!seen)
-      distinct.push_back(candidate);
-  }
-  if (distinct.size() == 1)
-    return distinct.front();
-  for (const auto& candidate : distinct)
-    if (BeginsWith(window.title, FileName(candidate)) ||
-        BeginsWith(window.title, NameWithoutExtension(candidate)))
-      return candidate;
-  return std::nullopt;
+  return DocumentShownBy(window, DocumentSet(candidates));
 }
 
 double TopLeftY(const Rect& frame, double primary_top) {
@@ -114,14 +148,16 @@ long WindowOperations::StandardWindowCount(int pid) {
 
 std::optional<WindowInfo> WindowOperations::firstShowing(const std::vector<WindowInfo>& windows,
                                                          const std::string& path) {
-  // What each process tells of its documents, read once per search.
-  std::map<int, std::vector<std::string>> documents;
+  // What each process tells of its documents, read and sorted out once per
+  // search; the file asked for is looked at once.
+  std::map<int, DocumentSet> documents;
+  std::string target = DocumentSet::IdentityOf(path);
   for (const auto& window : windows) {
     auto known = documents.find(window.pid);
     if (known == documents.end())
-      known = documents.emplace(window.pid, windows_.documentsOfPid(window.pid)).first;
+      known = documents.emplace(window.pid, DocumentSet(windows_.documentsOfPid(window.pid))).first;
     std::optional<std::string> document = DocumentShownBy(window, known->second);
-    if (document && SameFile(*document, path))
+    if (document && DocumentSet::IdentityOf(*document) == target)
       return window;
     if (TitleNamesFile(window.title, path))
       return window;
@@ -174,15 +210,15 @@ void WindowOperations::LogWindowTitles(int pid, const std::string& label) {
   if (list->empty())
     return;
   SparLog("%@:   pid %d has %ld window(s)", label, pid, long(list->size()));
-  std::vector<std::string> documents = windows_.documentsOfPid(pid);
+  DocumentSet documents(windows_.documentsOfPid(pid));
   long index = 0;
   for (const auto& window : *list) {
     std::optional<std::string> title;
     if (!window.title.empty())
-      title = LogSafeText(window.title, kLoggedTitleLength);
+      title = ShortenedText(window.title, kLoggedTitleLength);
     std::optional<std::string> document = DocumentShownBy(window, documents);
     if (document)
-      document = LogSafeText(*document, kLoggedTitleLength);
+      document = ShortenedText(*document, kLoggedTitleLength);
     SparLog("%@:   [%ld] title=%@ doc=%@", label, index++, title.value_or("(none)"),
             document.value_or("(none)"));
   }

@@ -12,6 +12,7 @@
 
 #include <optional>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 namespace orvane {
@@ -23,10 +24,41 @@ constexpr double kDriftTolerance = 2.0;
 // The path made absolute and free of "." and ".." components.
 std::string StandardizedPath(const std::string& path);
 
+// At most this many of a process's documents are looked at in one search:
+// a process that names thousands of files costs a bounded amount of work.
+constexpr size_t kMaxDocumentsLooked = 8192;
+
+// A process's documents, each file once: two names of one file on disk
+// (the same device and inode: a link, a hard link, "." and "..") count as
+// one, under the first name met; a name that cannot be looked at is told
+// apart by its standardized path. Built in one pass, one stat per name, and
+// kept for one search so that each window of the process reuses it.
+class DocumentSet {
+public:
+  explicit DocumentSet(const std::vector<std::string>& candidates);
+
+  const std::vector<std::string>& documents() const { return documents_; }
+  // Whether the path names one of the documents (one stat).
+  bool contains(const std::string& path) const;
+  // How often the file system was asked, for tests of the work done.
+  size_t statCalls() const { return stat_calls_; }
+
+  // What identifies a file: its device and inode, else its standardized
+  // path. `stat_calls` is counted up.
+  static std::string IdentityOf(const std::string& path, size_t* stat_calls = nullptr);
+
+private:
+  std::vector<std::string> documents_;
+  std::unordered_set<std::string> identities_;
+  mutable size_t stat_calls_ = 0;
+};
+
 // The document a window shows, as the desktop tells it: of the PDFs its
-// process names or holds open (`candidates`) and the title itself when it is
+// process names or holds open (`documents`) and the title itself when it is
 // the absolute path of an existing file, the only one, else the one whose
-// file name or name without extension the title begins with.
+// file name or name without extension the title begins with (the longest
+// such name when several do).
+std::optional<std::string> DocumentShownBy(const WindowInfo& window, const DocumentSet& documents);
 std::optional<std::string> DocumentShownBy(const WindowInfo& window,
                                            const std::vector<std::string>& candidates);
 

@@ -3,6 +3,7 @@
 #include "base/GObjectPtr.h"
 #include "base/Paths.h"
 #include "base/Text.h"
+#include "update/InstallManifest.h"
 
 #include <cerrno>
 #include <cstring>
@@ -57,7 +58,7 @@ std::string CopyRegularFile(const std::string& from, const std::string& to, mode
   }
   // The permission bits are set last, so that a read-only file can still be
   // written while it is copied.
-  if (problem.empty() && fchmod(out, mode & 07777) != 0)
+  if (problem.empty() && fchmod(out, mode & kInstalledModeBits) != 0)
     problem = ErrorText(to, errno);
   if (close(out) != 0 && problem.empty())
     problem = ErrorText(to, errno);
@@ -98,7 +99,7 @@ std::string CopyEntries(const std::string& from, const std::string& to, mode_t m
       break;
   }
   g_dir_close(dir);
-  if (problem.empty() && chmod(to.c_str(), mode & 07777) != 0)
+  if (problem.empty() && chmod(to.c_str(), mode & kInstalledModeBits) != 0)
     problem = ErrorText(to, errno);
   return problem;
 }

@@ -16,8 +16,10 @@ std::set<std::string> NamesIn(const std::string& folder);
 void RemoveTree(const std::string& path);
 
 // Copies a folder to `to` (which must not exist): folders, regular files
-// with their permission bits, and links as links. Anything else (a device, a
-// socket) is refused. Empty or why not; a partial copy is removed.
+// with their permission bits, and links as links. The copy keeps only the
+// bits of kInstalledModeBits: it is never writable by the group or others
+// and has no set-id bit, whatever the source had. Anything else (a device,
+// a socket) is refused. Empty or why not; a partial copy is removed.
 std::string CopyFolder(const std::string& from, const std::string& to);
 
 struct MovedAside {

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <set>
 #include <sodium.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -221,6 +222,7 @@ bool IsSignatureFile(const std::string& path) {
 
 struct Scanner {
   std::vector<ManifestEntry> entries;
+  std::vector<std::string> folders;
   std::string error;
 
   void scan(int dir, const std::string& prefix, int depth) {
@@ -262,6 +264,7 @@ struct Scanner {
           error = "could not open " + path;
           break;
         }
+        folders.push_back(path);
         scan(sub, path, depth + 1);
         close(sub);
         continue;
@@ -352,7 +355,29 @@ std::string Describe(const ManifestEntry& entry) {
 }
 
 FolderCheck Fail(FolderCheckCode code, std::string message) {
-  return {code, std::move(message)};
+  return {code, std::move(message), ""};
+}
+
+bool ModeMayBeInstalled(unsigned mode) {
+  return (mode & ~kInstalledModeBits) == 0;
+}
+
+// The first of `folders` that holds none of `entries` at any depth, if any.
+std::optional<std::string> FolderWithoutEntries(const std::vector<std::string>& folders,
+                                                const std::vector<ManifestEntry>& entries) {
+  std::set<std::string_view> holding;
+  for (const ManifestEntry& entry : entries) {
+    std::string_view path = entry.path;
+    for (size_t slash = path.rfind('/'); slash != std::string_view::npos && slash > 0;
+         slash = path.rfind('/', slash - 1)) {
+      if (!holding.insert(path.substr(0, slash)).second)
+        break; // this folder, and so those above it, are known already
+    }
+  }
+  for (const std::string& folder : folders)
+    if (!holding.count(folder))
+      return folder;
+  return std::nullopt;
 }
 
 } // namespace
@@ -467,8 +492,10 @@ FolderScan ScanInstallFolder(const std::string& folder) {
   close(dir);
   result.error = scanner.error;
   result.entries = std::move(scanner.entries);
+  result.folders = std::move(scanner.folders);
   std::sort(result.entries.begin(), result.entries.end(),
             [](const ManifestEntry& a, const ManifestEntry& b) { return a.path < b.path; });
+  std::sort(result.folders.begin(), result.folders.end());
   return result;
 }
 
@@ -553,6 +580,13 @@ FolderCheck CheckInstallFolder(const std::string& folder, const std::string& tru
     if (on_disk == scan.entries.end() || on_disk->path != listed.path)
       return Fail(FolderCheckCode::kListedFileMissing,
                   "the listed file " + Escape(listed.path) + " is missing");
+    if (!differs && listed.kind == EntryKind::kFile && !ModeMayBeInstalled(listed.mode)) {
+      char mode[16];
+      snprintf(mode, sizeof mode, "%o", listed.mode);
+      differs = Fail(FolderCheckCode::kFileDiffers,
+                     "the MANIFEST gives the file " + Escape(listed.path) + " the mode " + mode +
+                         ", which is never installed (only modes within 755)");
+    }
     if (!(*on_disk == listed) && !differs)
       differs = Fail(FolderCheckCode::kFileDiffers, "the file " + Escape(listed.path) + " is " +
                                                         Describe(*on_disk) +
@@ -566,7 +600,12 @@ FolderCheck CheckInstallFolder(const std::string& folder, const std::string& tru
     return *differs;
   if (unlisted)
     return *unlisted;
-  return {};
+  if (std::optional<std::string> empty = FolderWithoutEntries(scan.folders, manifest.entries))
+    return Fail(FolderCheckCode::kUnlistedFile,
+                "the folder " + Escape(*empty) + " holds no file of the MANIFEST");
+  FolderCheck valid;
+  valid.version = manifest.version;
+  return valid;
 }
 
 std::optional<KeyPair> GenerateKeyPair() {
@@ -645,7 +684,15 @@ std::string SignInstallFolder(const std::string& folder, const std::string& secr
         return "refusing to sign " + Escape(entry.path) + ": neither a file nor a link";
       if (entry.kind == EntryKind::kLink && LinkLeadsOutside(folder, entry))
         return "refusing to sign " + Escape(entry.path) + ": the link leads outside the folder";
+      if (entry.kind == EntryKind::kFile && !ModeMayBeInstalled(entry.mode)) {
+        char mode[16];
+        snprintf(mode, sizeof mode, "%o", entry.mode);
+        return "refusing to sign " + Escape(entry.path) + ": its mode " + mode +
+               " is never installed (only modes within 755)";
+      }
     }
+    if (std::optional<std::string> empty = FolderWithoutEntries(scan.folders, scan.entries))
+      return "refusing to sign " + Escape(*empty) + ": a folder that holds no file";
     Manifest manifest{app_id, version, build, std::move(scan.entries)};
     text = ManifestText(manifest);
     if (!WriteBelow(folder, kManifestPath, text, 0644))

@@ -15,6 +15,10 @@ inline constexpr char kManifestSignaturePath[] = "share/orvane/MANIFEST.sig";
 inline constexpr char kUpdateKeyPath[] = "share/orvane/update-key.pub";
 // A MANIFEST larger than this is refused unread.
 inline constexpr size_t kManifestSizeLimit = 32 * 1024 * 1024;
+// The permission bits an installed file may have: nothing that lets the
+// group or others write it, and no set-id or sticky bit. Folders are made
+// with exactly these.
+inline constexpr unsigned kInstalledModeBits = 0755;
 
 enum class EntryKind { kFile, kLink, kOther };
 
@@ -51,10 +55,12 @@ bool IsSafeRelativePath(std::string_view path);
 
 struct FolderScan {
   std::vector<ManifestEntry> entries; // sorted by path
+  std::vector<std::string> folders;   // every folder below the top, sorted by path
   std::string error;                  // empty when the folder could be read
 };
-// Every file and link of the folder, read without following links (so
-// nothing outside it is ever read). MANIFEST and MANIFEST.sig are left out.
+// Every file, link and folder of the folder, read without following links
+// (so nothing outside it is ever read). MANIFEST and MANIFEST.sig are left
+// out of the entries.
 FolderScan ScanInstallFolder(const std::string& folder);
 
 // Whether a link at `path` (relative to `folder`) leads outside the folder.
@@ -78,12 +84,16 @@ enum class FolderCheckCode {
 struct FolderCheck {
   FolderCheckCode code = FolderCheckCode::kValid;
   std::string message;
+  std::string version; // the signed MANIFEST's version, when the check passed
   bool ok() const { return code == FolderCheckCode::kValid; }
 };
 
 // Checks an install folder: its MANIFEST.sig verifies under the trusted key
 // (base64), the MANIFEST names `app_id`, and the folder holds exactly the
 // listed files with those hashes and modes, and no link that leads outside.
+// A listed mode outside kInstalledModeBits is refused like a file that
+// differs (4); a folder that holds nothing the MANIFEST lists like a file
+// that is not listed (5).
 FolderCheck CheckInstallFolder(const std::string& folder, const std::string& trusted_public_key,
                                const std::string& app_id);
 

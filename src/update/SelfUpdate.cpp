@@ -9,12 +9,15 @@
 #include "update/FolderMoves.h"
 #include "update/InstallManifest.h"
 #include "update/OldCopyServers.h"
+#include "update/ReleaseVersion.h"
 
 #include <algorithm>
 #include <archive.h>
 #include <archive_entry.h>
 #include <cerrno>
 #include <cstdlib>
+#include <dirent.h>
+#include <fcntl.h>
 #include <gio/gio.h>
 #include <glib/gstdio.h>
 #include <set>
@@ -57,8 +60,30 @@ struct RequirementCheck {
   std::string detail;
 };
 
+// The running copy's signature: why it is not valid (empty when it is) and
+// the version its MANIFEST names.
+struct OwnSignature {
+  std::string problem;
+  std::string version;
+};
+
+OwnSignature ReadOwnSignature(const std::string& install_folder) {
+  std::string manifest = ReadSmallFile(install_folder, kManifestPath);
+  std::string signature = Trimmed(ReadSmallFile(install_folder, kManifestSignaturePath));
+  std::string key = Trimmed(ReadSmallFile(install_folder, kUpdateKeyPath));
+  if (manifest.empty() || signature.empty() || key.empty())
+    return {"no MANIFEST, signature or key", ""};
+  if (!SignatureVerifies(manifest, signature, key))
+    return {"the MANIFEST does not verify under its own key", ""};
+  ParsedManifest parsed = ParseManifest(manifest);
+  if (!parsed.manifest || parsed.manifest->app_id != kApplicationId)
+    return {"the MANIFEST names another application", ""};
+  return {"", parsed.manifest->version};
+}
+
 RequirementCheck CheckRequirement(const std::string& bundle, const std::string& candidate) {
-  if (!OwnSignatureProblem(bundle).empty())
+  OwnSignature own = ReadOwnSignature(bundle);
+  if (!own.problem.empty())
     return {"could not read this app's own signature", ""};
   if (!IsDirectoryNoLink(candidate))
     return {"the downloaded app is not readable", ""};
@@ -68,7 +93,49 @@ RequirementCheck CheckRequirement(const std::string& bundle, const std::string& 
     return {"the downloaded app is not signed like this one (code " +
                 std::to_string(static_cast<int>(check.code)) + ")",
             check.message};
+  // A correctly signed older release would bring back what a newer one
+  // fixed; the same release may be installed again as a repair.
+  if (CompareReleaseVersions(check.version, own.version) < 0)
+    return {"the download is older than this app (" + ShownVersion(check.version) + " < " +
+                ShownVersion(own.version) + ")",
+            ""};
   return {};
+}
+
+// Gives every folder below `root` (not `root` itself) the mode 0755,
+// whatever the archive or the umask made of it; never follows a link.
+void SetFolderModesBelow(const std::string& root) {
+  int top = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (top < 0)
+    return;
+  std::vector<std::string> pending = {""};
+  while (!pending.empty()) {
+    std::string relative = std::move(pending.back());
+    pending.pop_back();
+    int dir = relative.empty()
+                  ? dup(top)
+                  : openat(top, relative.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (dir < 0)
+      continue;
+    if (!relative.empty())
+      fchmod(dir, kInstalledModeBits);
+    DIR* listing = fdopendir(dir);
+    if (!listing) {
+      close(dir);
+      continue;
+    }
+    while (dirent* item = readdir(listing)) {
+      std::string name = item->d_name;
+      if (name == "." || name == "..")
+        continue;
+      struct stat info;
+      if (fstatat(dirfd(listing), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+          S_ISDIR(info.st_mode))
+        pending.push_back(relative.empty() ? name : relative + "/" + name);
+    }
+    closedir(listing);
+  }
+  close(top);
 }
 
 // Runs `work` on a worker thread, then `then` with its result on the main
@@ -152,6 +219,13 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder,
       }
       if (type == AE_IFLNK)
         link_paths.insert(path);
+      // The archive's modes give nothing away: folders are ours to make
+      // 0755, and a file never gets a bit of group or others write or a
+      // set-id bit from it.
+      if (type == AE_IFDIR)
+        archive_entry_set_perm(entry, kInstalledModeBits);
+      else if (type == AE_IFREG)
+        archive_entry_set_perm(entry, archive_entry_perm(entry) & kInstalledModeBits);
       archive_entry_set_pathname(entry, JoinPath(root, path).c_str());
       if (hardlink)
         archive_entry_set_hardlink(entry, JoinPath(root, hardlink).c_str());
@@ -193,6 +267,9 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder,
       refused = true;
     }
   }
+  // Folders that no entry named (made on the way to a file) got the umask's
+  // mode, and the writer may have set others' modes late: all become 0755.
+  SetFolderModesBelow(root);
   return !refused;
 }
 
@@ -215,24 +292,61 @@ bool IsTranslocated(const std::string& install_folder) {
 }
 
 std::string OwnSignatureProblem(const std::string& install_folder) {
-  std::string manifest = ReadSmallFile(install_folder, kManifestPath);
-  std::string signature = Trimmed(ReadSmallFile(install_folder, kManifestSignaturePath));
-  std::string key = Trimmed(ReadSmallFile(install_folder, kUpdateKeyPath));
-  if (manifest.empty() || signature.empty() || key.empty())
-    return "no MANIFEST, signature or key";
-  if (!SignatureVerifies(manifest, signature, key))
-    return "the MANIFEST does not verify under its own key";
-  ParsedManifest parsed = ParseManifest(manifest);
-  if (!parsed.manifest || parsed.manifest->app_id != kApplicationId)
-    return "the MANIFEST names another application";
-  return "";
+  return ReadOwnSignature(install_folder).problem;
 }
 
-std::string RelaunchCommand(const std::string& executable, double delay_seconds) {
+std::vector<std::string> RelaunchArguments(const std::string& executable, double delay_seconds) {
   char seconds[G_ASCII_DTOSTR_BUF_SIZE];
   g_ascii_formatd(seconds, sizeof seconds, "%g", delay_seconds);
-  // The path goes between double quotes, as it is.
-  return std::string("sleep ") + seconds + "; \"" + executable + "\"";
+  // The path is the shell's $0: an argument, never part of the command
+  // text, so no character of it is ever read by the shell.
+  return {"/bin/sh", "-c", std::string("sleep ") + seconds + "; exec \"$0\"", executable};
+}
+
+namespace {
+// 0 when this call made the folder at `path` for us alone, else the errno.
+int MakeOwnFolder(const std::string& path, std::string& error) {
+  // mkdir never follows a link in the last place and fails on anything
+  // that is there: success means this call made the folder.
+  if (mkdir(path.c_str(), 0700) != 0) {
+    int failure = errno;
+    error = path + ": " + g_strerror(failure);
+    return failure;
+  }
+  int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  struct stat info;
+  bool ours = fd >= 0 && fstat(fd, &info) == 0 && info.st_uid == geteuid() &&
+              fchmod(fd, 0700) == 0; // whatever the umask left
+  if (fd >= 0)
+    close(fd);
+  if (!ours) {
+    error = path + ": not a folder of our own";
+    return EPERM;
+  }
+  return 0;
+}
+} // namespace
+
+bool MakeFolderOfOurOwn(const std::string& path, std::string& error) {
+  return MakeOwnFolder(path, error) == 0;
+}
+
+std::string MakePrivateFolder(const std::string& parent, const std::string& prefix,
+                              std::string* error) {
+  std::string why;
+  // A fresh UUID is never there already unless someone put it there; a few
+  // more tries get past that, then it is no use.
+  for (int attempt = 0; attempt < 8; ++attempt) {
+    std::string path = JoinPath(parent, prefix + NewUpperCaseUuid());
+    int failure = MakeOwnFolder(path, why);
+    if (failure == 0)
+      return path;
+    if (failure != EEXIST)
+      break;
+  }
+  if (error)
+    *error = why;
+  return "";
 }
 
 SelfUpdate::SelfUpdate(SelfUpdateSeams seams) : seams_(std::move(seams)) {
@@ -272,32 +386,41 @@ void SelfUpdate::updateFrom(const std::string& address) {
   }
   updateProgress("downloading");
 
-  std::string work_folder = JoinPath(seams_.temp_folder, "orvane-update-" + NewUpperCaseUuid());
+  // The work folder is made first, fresh and ours alone, and the download
+  // goes inside it: nothing in the shared temporary folder names it before
+  // it exists, and nobody else can put anything into it.
+  std::string folder_error;
+  std::string work_folder = MakePrivateFolder(seams_.temp_folder, "orvane-update-", &folder_error);
+  if (work_folder.empty()) {
+    updateFailed("could not make a work folder for the update: " + folder_error);
+    return;
+  }
   last_work_folder_ = work_folder;
-  std::string download = work_folder + ".download";
+  std::string archive = JoinPath(work_folder, "app.zip");
   std::weak_ptr<bool> alive = alive_;
-  DownloadToFile(address, download, [this, alive, download, work_folder](TransferResult result) {
-    if (alive.expired()) {
-      g_unlink(download.c_str());
-      return;
-    }
-    std::optional<std::string> error = result.error;
-    if (!error && result.cut_short)
-      error = "the download ended before its declared length";
-    downloaded(download, work_folder, error, result.status);
-  });
+  DownloadToFile(
+      address, archive,
+      [this, alive, archive, work_folder](TransferResult result) {
+        if (alive.expired()) {
+          RemoveTree(work_folder);
+          return;
+        }
+        std::optional<std::string> error = result.error;
+        if (!error && result.cut_short)
+          error = "the download ended before its declared length";
+        downloaded(archive, work_folder, error, result.status);
+      },
+      kDownloadIdleTimeout, DownloadFile::kCreateNew);
 }
 
-void SelfUpdate::downloaded(const std::string& download, const std::string& work_folder,
+void SelfUpdate::downloaded(const std::string& archive, const std::string& work_folder,
                             std::optional<std::string> error, long status) {
   if (error || status != 200) {
-    g_unlink(download.c_str());
+    // The work folder held only the partial download.
+    RemoveTree(work_folder);
     updateFailed(error ? *error : "download failed (HTTP " + std::to_string(status) + ")");
     return;
   }
-  g_mkdir_with_parents(work_folder.c_str(), 0700);
-  std::string archive = JoinPath(work_folder, "app.zip");
-  g_rename(download.c_str(), archive.c_str());
   updateProgress("unpacking");
 
   RunOffMainThread<UnpackOutcome>(
@@ -384,11 +507,14 @@ void SelfUpdate::swap(const Staged& staged, const std::string& work_folder) {
   SparLog("update: installed, relaunching");
   EndSiteServers(site_servers);
 
-  std::string command = RelaunchCommand(JoinPath(bundle, "bin/orvane"), seams_.relaunch_delay);
-  const char* argv[] = {"/bin/sh", "-c", command.c_str(), nullptr};
+  std::vector<std::string> relaunch =
+      RelaunchArguments(JoinPath(bundle, "bin/orvane"), seams_.relaunch_delay);
+  std::vector<char*> argv;
+  for (std::string& argument : relaunch)
+    argv.push_back(argument.data());
+  argv.push_back(nullptr);
   // A failure to start the shell is ignored: the quit happens anyway.
-  g_spawn_async(nullptr, const_cast<char**>(argv), nullptr, G_SPAWN_DEFAULT, nullptr, nullptr,
-                nullptr, nullptr);
+  g_spawn_async(nullptr, argv.data(), nullptr, G_SPAWN_DEFAULT, nullptr, nullptr, nullptr, nullptr);
   std::weak_ptr<bool> alive = alive_;
   seams_.scheduler.after(seams_.quit_delay, [this, alive] {
     if (!alive.expired())

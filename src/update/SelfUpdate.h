@@ -14,6 +14,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace orvane {
 
@@ -22,6 +23,15 @@ inline constexpr char kAppTranslocatedMessage[] =
 inline constexpr char kFolderNotWritableMessage[] =
     "This app's folder is not writable. Move it to your Applications folder and try again.";
 
+// Makes the folder at `path` for this user alone (0700), failing when
+// anything (a folder, a file, a link) is there already, so that a name
+// another user prepared is never taken over. False with the reason if not.
+bool MakeFolderOfOurOwn(const std::string& path, std::string& error);
+// A fresh folder of our own in `parent`, named `prefix` and a new UUID;
+// empty with the reason when none could be made.
+std::string MakePrivateFolder(const std::string& parent, const std::string& prefix,
+                              std::string* error = nullptr);
+
 // Unpacks a zip archive into `folder`. Entries that would land outside it
 // (absolute paths, ".." components), links that point outside it, and
 // entries that are neither files, folders nor links are refused: the result
@@ -29,7 +39,10 @@ inline constexpr char kFolderNotWritableMessage[] =
 // refusal: what could be unpacked stays, and the search for the app decides.
 // An archive that unpacks to more than `max_bytes` or holds more than
 // `max_entries` entries is refused the same way, so that a small download
-// cannot fill the disk.
+// cannot fill the disk. Modes are not the archive's to give: every folder
+// below `folder` is made 0755, and files keep only the bits of
+// kInstalledModeBits (the signature check then wants exactly the signed
+// mode).
 struct UnpackLimits {
   uint64_t max_bytes = uint64_t(4) << 30;
   size_t max_entries = 200000;
@@ -48,8 +61,10 @@ bool IsTranslocated(const std::string& install_folder);
 // names this application; else why not.
 std::string OwnSignatureProblem(const std::string& install_folder);
 
-// The shell command that starts the new program once the old one is gone.
-std::string RelaunchCommand(const std::string& executable, double delay_seconds);
+// The command line that starts the new program once the old one is gone:
+// /bin/sh waits, then runs the executable, whose path it gets as an
+// argument ($0) and never reads as part of its command text.
+std::vector<std::string> RelaunchArguments(const std::string& executable, double delay_seconds);
 
 struct SelfUpdateSeams {
   // The running bundle: the install folder, or the build folder of a run
@@ -82,7 +97,7 @@ public:
 private:
   void updateProgress(const std::string& stage);
   void updateFailed(const std::string& message);
-  void downloaded(const std::string& download, const std::string& work_folder,
+  void downloaded(const std::string& archive, const std::string& work_folder,
                   std::optional<std::string> error, long status);
   void unpacked(std::optional<std::string> candidate, bool unpacked,
                 const std::string& work_folder);

@@ -1597,7 +1597,9 @@ class _SiteHandler(BaseHTTPRequestHandler):
 
 
 def orvane_binary() -> Path:
-    return Path(os.environ.get("ORVANE_BIN") or REPO_ROOT / "build" / "orvane")
+    """$ORVANE_BIN (a relative one taken from the folder this process started
+    in, since Orvane itself runs in its throwaway home) or build/orvane."""
+    return Path(os.environ.get("ORVANE_BIN") or REPO_ROOT / "build" / "orvane").absolute()
 
 
 # --------------------------------------------------------------------------
@@ -2082,6 +2084,7 @@ class ReferenceSite:
 CAPTURE_FIXTURES = FIXTURES / "bin"
 TEXT_WINDOW = CAPTURE_FIXTURES / "text_window.py"
 CLIPBOARD_OWNER = CAPTURE_FIXTURES / "clipboard_owner.py"
+PTY_TERMINAL = CAPTURE_FIXTURES / "pty_terminal.py"
 SIGNAL_RECORDER = CAPTURE_FIXTURES / "signal_recorder.py"
 QUOTE_SIGNAL = "com.tarnwick.orvane.quote"
 ASK_SIGNAL = "nl.tarnwick.pendrel.ask"
@@ -2259,6 +2262,42 @@ class TrapTerminal(_Client):
             return (self.state / "typed").read_bytes()
         except FileNotFoundError:
             return b""
+
+
+class PtyTerminal(_Client):
+    """A terminal emulator no table knows (fixtures/bin/pty_terminal.py): a
+    GTK window of class "Orvane-e2e-pty" holding a pseudo-terminal master,
+    with a shell on its slave that records every SIGINT. Ctrl+C typed into
+    the window reaches the shell as SIGINT, as in a real terminal. `keys()`
+    are the key presses that reached the window."""
+
+    WM_CLASS = "Orvane-e2e-pty"
+
+    def __init__(self, desktop: Desktop, state: Path):
+        super().__init__(desktop, state)
+        self.window = 0
+        self.shell = 0
+
+    def start(self) -> "PtyTerminal":
+        self._spawn([PYTHON, str(PTY_TERMINAL), str(self.state)])
+
+        def ready():
+            self._alive_or_fail("the pty terminal")
+            return json.loads((self.state / "ready.json").read_text(encoding="utf-8"))
+        info = wait_until(ready, what="the pty terminal and its shell")
+        self.window = info["window"]
+        self.shell = info["shell"]
+        self.desktop.activate_and_focus(self.window)
+        return self
+
+    def keys(self) -> list[dict[str, Any]]:
+        return read_json_lines(self.state / "keys.jsonl")
+
+    def interrupts(self) -> list[str]:
+        try:
+            return (self.state / "interrupts").read_text().splitlines()
+        except FileNotFoundError:
+            return []
 
 
 class PdfViewerWindow(_Client):
@@ -2447,6 +2486,9 @@ class Clients:
 
     def trap_terminal(self) -> TrapTerminal:
         return self._keep(TrapTerminal(self.desktop, self._state("xterm"), f"orvane-e2e-xterm-{self._count}"))
+
+    def pty_terminal(self) -> PtyTerminal:
+        return self._keep(PtyTerminal(self.desktop, self._state("pty")))
 
     def pdf_viewer(self, pdf: Path, page: int = 1) -> PdfViewerWindow:
         return self._keep(PdfViewerWindow(self.desktop, self._state("zathura"), pdf, page))

@@ -16,6 +16,8 @@ import stat
 import urllib.parse
 
 from harness import (
+    CAPTURE_FIXTURES,
+    PYTHON,
     Home,
     NotificationService,
     Orvane,
@@ -166,6 +168,53 @@ def test_application_without_primary_gets_a_copy_and_its_clipboard_is_restored(
     assert_clipboard_restored(desktop, RICH_TARGETS)
 
 
+def test_a_page_is_answered_while_the_capture_waits_on_a_clipboard_owner_that_never_converts(
+        home, site, desktop, launch, clients):
+    orvane, library = started(home, site, launch)
+    # Four hundred targets listed, not one of them ever converted.
+    hostile = clients.program([PYTHON, str(CAPTURE_FIXTURES / "hostile_clipboard_owner.py"), "400"],
+                              ready="ready")
+    clients.text_window("nothing is selected here", select=(0, 0), no_primary=True)
+
+    desktop.press("alt+b")
+    # The capture is saving the CLIPBOARD and waits on the owner now.
+    wait_until(lambda: "asked " in hostile.output(), what="the capture to ask the hostile owner")
+    site.run_in_page([{"mark": "hello sent"}, {"post": {"action": "hello", "account": "alice"}},
+                      {"waitEvent": "claudeStatus"}], page=library.page)
+    home.wait_for_log(lambda m: m.startswith("clipboard: its owner stopped answering"))
+    orvane.wait_for_window("quick-panel")
+
+    messages = home.log_messages()
+    assert messages.index("message: hello") < messages.index(
+        "clipboard: its owner stopped answering, 0 of 400 targets saved"), messages
+    sent = next(r.time for r in site.records("mark") if r.data == "hello sent")
+    answered = next(r.time for r in site.event_records()
+                    if r.page == library.page and r.data.get("type") == "claudeStatus")
+    print(f"figure: hello answered {answered - sent:.3f} s after it was sent during the capture")
+    assert orvane.running()
+
+
+def test_text_copied_in_an_orvane_page_is_on_the_clipboard_again_after_a_capture(
+        home, site, desktop, launch, clients):
+    orvane, library = started(home, site, launch)
+    # The user copies in one of Orvane's own pages: the CLIPBOARD belongs to
+    # Orvane's process now.
+    desktop.activate_and_focus(orvane.wait_for_window("library"))
+    desktop.press("ctrl+a")
+    desktop.press("ctrl+c")
+    copied = wait_until(lambda: desktop.read_selection("clipboard", "UTF8_STRING"),
+                        what="the page's text on the CLIPBOARD")
+    assert b"Orvane fixture library" in copied, copied
+
+    clients.text_window(AWKWARD, no_primary=True)
+    desktop.press("alt+b")
+    orvane.wait_for_window("quick-panel")
+    add_load(site, AWKWARD)
+    wait_until(lambda: desktop.read_selection("clipboard", "UTF8_STRING") == copied,
+               what="the page's copy back on the CLIPBOARD")
+    assert "clipboard: held by this program outside a restore, not saved" not in home.log_messages()
+
+
 def test_application_whose_copy_changes_nothing_leaves_the_clipboard_alone(
         home, site, desktop, launch, clients):
     orvane, library = started(home, site, launch)
@@ -199,6 +248,29 @@ def test_xterm_in_front_with_nothing_selected_receives_no_keystroke(
         (terminal.interrupts(), terminal.typed())
     assert terminal.running()
     assert not any(" chars from " in m for m in home.log_messages()), home.log_messages()
+
+
+def test_unknown_terminal_in_front_gets_no_copy_keystroke_and_its_shell_no_sigint(
+        home, site, desktop, launch, clients):
+    orvane, library = started(home, site, launch)
+    terminal = clients.pty_terminal()
+
+    desktop.press("alt+b")
+    orvane.wait_for_window("quick-panel")
+    panel = site.wait_for_load(lambda r: r.page != library.page)
+
+    def ctrl_c_keys():
+        return [k for k in terminal.keys() if k["ctrl"] and k["key"] in ("c", "C")]
+    assert holds_for(lambda: ctrl_c_keys() == [] and terminal.interrupts() == [], 1.0), \
+        (terminal.keys(), terminal.interrupts())
+    assert terminal.running()
+    assert panel.href == site.url + "/", "nothing was captured, so the panel opens without add="
+    home.wait_for_log(f"capture: {terminal.WM_CLASS} has no copy chord \u2014 nothing sent")
+
+    # The fixture is a real terminal: Ctrl+C typed into it does interrupt.
+    desktop.activate_and_focus(terminal.window)
+    desktop.press("ctrl+c")
+    wait_until(lambda: terminal.interrupts() == ["SIGINT"], what="the typed Ctrl+C to reach the shell")
 
 
 def test_second_orvane_on_another_bus_fails_the_four_hotkeys_and_still_starts(
@@ -262,6 +334,33 @@ def test_capture_selection_writes_its_files_and_the_restored_clipboard_outlives_
     clients.clipboard_owner({"UTF8_STRING": b"a later copy"})
     wait_until(lambda: home.processes() == [], what="nothing of the capture to keep running")
     assert desktop.read_selection("clipboard", "UTF8_STRING") == b"a later copy"
+
+
+def test_the_clipboard_of_the_front_application_outlives_the_capture_and_the_application(
+        home, desktop, clients):
+    # The application in front owns the old CLIPBOARD (its own earlier copy)
+    # and answers the capture's copy as well.
+    window = clients.text_window("old words, then the new ones", select=(0, 9), no_primary=True)
+    desktop.press("ctrl+c")
+    wait_until(lambda: desktop.read_selection("clipboard", "UTF8_STRING") == b"old words",
+               what="the application's own copy on the CLIPBOARD")
+    desktop.press("shift+End")
+    result = run_orvane(home, desktop, ["--capture-selection"])
+    assert result.returncode == 0, result
+    assert (home.handoff_dir / "selection.txt").read_text(encoding="utf-8") == ", then the new ones"
+    # Served already when the capture process has returned: no moment
+    # without an owner in between.
+    assert desktop.read_selection("clipboard", "UTF8_STRING") == b"old words"
+
+    # The application goes; what it had copied before stays on the CLIPBOARD.
+    window.stop()
+    assert desktop.read_selection("clipboard", "UTF8_STRING") == b"old words"
+    assert holds_for(lambda: desktop.read_selection("clipboard", "UTF8_STRING") == b"old words", 0.5)
+    assert "clipboard: kept by a background process for 600 s" in home.log_messages()
+
+    clients.clipboard_owner({"UTF8_STRING": b"a later copy"})
+    home.wait_for_log("clipboard: the background keeper stepped aside for a new copy")
+    wait_until(lambda: home.processes() == [], what="the keeper to end")
 
 
 def test_capture_quote_writes_the_quote_and_signals(home, desktop, clients):

@@ -356,6 +356,41 @@ def test_second_start_shows_the_hidden_library_window(home, site, desktop, launc
     assert sum(m.startswith("=== Orvane") for m in home.log_messages()) == 1
 
 
+def test_starts_through_x11_whatever_gdk_backend_says(home, site, launch):
+    # Common in Wayland sessions; Orvane runs through XWayland there.
+    home.extra_env["GDK_BACKEND"] = "wayland"
+    home.write_settings(AppURL=site.url)
+    orvane = launch()
+    banner_of(home)
+    site.wait_for_load("/")
+    orvane.wait_for_window("library")
+    assert "cannot open display" not in orvane.output(), orvane.output()
+
+
+def test_capture_mode_reads_the_desktop_whatever_gdk_backend_says(home, site, desktop):
+    home.extra_env["GDK_BACKEND"] = "wayland"
+    home.write_settings(AppURL=site.url)
+    result = run_orvane(home, desktop, ["--capture-selection"])
+    assert result.returncode == 0, result
+    messages = home.log_messages()
+    assert any(m.startswith("capture: screen hint ") for m in messages), messages
+    assert not any(m.startswith("capture: no display") for m in messages), messages
+
+
+@pytest.mark.parametrize("display", ["", ":4093"], ids=["unset", "no-server"])
+def test_without_an_x_display_it_exits_with_a_log_line(home, site, desktop, display):
+    home.extra_env["DISPLAY"] = display
+    home.write_settings(AppURL=site.url)
+    result = run_orvane(home, desktop)
+    shown = display or "unset"
+    line = (f"no X display could be opened (DISPLAY={shown}); "
+            "Orvane needs an X11 session or XWayland")
+    assert result.returncode != 0, result
+    assert home.log_messages() == [line]
+    assert line in result.stderr, result.stderr
+    assert site.requests() == [], site.describe()
+
+
 @pytest.mark.parametrize("flag", ["--capture-quote", "--capture-selection"])
 def test_capture_mode_exits_without_starting_the_application(home, site, desktop, flag):
     home.write_settings(AppURL=site.url)

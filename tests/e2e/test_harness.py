@@ -18,10 +18,13 @@ import pytest
 from harness import (
     FIXTURES,
     PYTHON,
+    REPO_ROOT,
     Desktop,
     DevProject,
     FileManagerService,
     FixtureSite,
+    Home,
+    Orvane,
     pdf_file_name,
     pid_alive,
     port_is_free,
@@ -295,3 +298,12 @@ def test_two_monitor_desktop_shows_two_monitors_to_xrandr_and_gdk(two_monitor_de
     # XTest input reaches this server although it has no input devices of its own.
     assert d.run_tool("xdotool", "mousemove", "2500", "500", check=True).returncode == 0
     assert "x:2500 y:500" in d.run_tool("xdotool", "getmouselocation").stdout
+
+
+def test_a_relative_orvane_bin_is_taken_from_the_folder_the_run_started_in(monkeypatch, tmp_path):
+    # `make bench` passes build/orvane, and Orvane runs in its throwaway home.
+    monkeypatch.chdir(REPO_ROOT)
+    monkeypatch.setenv("ORVANE_BIN", "build/orvane")
+    orvane = Orvane(Home(tmp_path / "home", None), None)
+    assert orvane.binary == REPO_ROOT / "build" / "orvane"
+    assert orvane.binary.is_absolute()

@@ -120,3 +120,25 @@ def test_hostile_action_parameters_are_refused_and_the_program_stays_up(home, si
     result = desktop.run_tool("gapplication", "action", APP_ID, "send-quote-to-friend")
     assert result.returncode == 0, result.stderr
     home.wait_for_log(lambda m: "via the Services menu" in m)
+
+
+def test_every_summon_gives_the_panel_the_keyboard(home, site, desktop, launch, clients):
+    # The user types in another window right before each press, so the
+    # window manager's focus-stealing prevention weighs every summon against
+    # fresh input elsewhere.
+    orvane = _launch_and_wait(home, site, launch)
+    window = clients.text_window("where the user was typing")
+    for n in range(1, 21):
+        desktop.activate_and_focus(window.window)
+        desktop.press("shift")
+        desktop.press("alt+b")
+        panel = orvane.wait_for_window("quick-panel")
+        wait_until(lambda: desktop.focused_window() == panel, 10,
+                   what=f"the quick panel to have the keyboard after press {n}")
+        # And keeps it: the summon's own activation, however late, is not
+        # a reopen that brings the library window to the front.
+        assert holds_for(lambda: desktop.focused_window() == panel, 0.7), \
+            f"press {n}: the keyboard went to {desktop.focused_window()}, not the panel {panel}"
+        assert desktop.active_window() == panel
+        desktop.press("alt+b")
+        orvane.wait_window_hidden(panel)

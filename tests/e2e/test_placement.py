@@ -189,3 +189,53 @@ def test_hostile_place_payloads_leave_the_program_running(launch, home, desktop)
     assert any(m.startswith("place note: nothing to do (path xxxx") and
                m.endswith(", screen 9223372036854775807 of 1)") for m in messages)
     assert orvane.running()
+
+
+def test_an_application_that_shows_no_window_leaves_a_window_that_appears_meanwhile_alone(
+        launch, home, desktop, sized, tmp_path):
+    orvane = launch()
+    orvane.wait_for_window("library")
+    # Another program's window, its centre off the screen: a placement would
+    # move it onto the screen and give it the focus.
+    sized.layout({"unrelated.txt": [1850, 900, 300, 200]})
+    unrelated = tmp_path / "unrelated.txt"
+    unrelated.write_text("not asked for\n")
+    place(desktop, kind="app", path="/bin/true", screen=0)
+    home.wait_for_log("place: app /bin/true on screen 0")
+    sized.start(str(unrelated))
+    win = sized.wait_window("unrelated.txt")
+    wait_until(lambda: desktop.window_info(win["window"]).get("map_state") == "IsViewable",
+               what="the unrelated window to be viewable")
+    where = desktop.window_frame(win["window"])
+    assert where[0] > 1800, where
+    # /bin/true exits without a window: the request waits its four seconds
+    # and gives up; the unrelated window stays where it is all the while.
+
+    def unmoved_until_given_up() -> bool:
+        now = desktop.window_frame(win["window"])
+        assert now == where, (now, home.log_messages())
+        return any(m.startswith("place: gave up waiting for a window of pid ") for m in home.log_messages())
+
+    wait_until(unmoved_until_given_up, what="the request to give up")
+    assert holds_for(lambda: desktop.window_frame(win["window"]) == where, 0.5)
+    assert not any(m.startswith("place: pid ") for m in home.log_messages()), home.log_messages()
+
+
+def test_paths_and_ids_with_line_breaks_from_the_bus_each_write_one_log_line(launch, home, desktop):
+    orvane = launch()
+    orvane.wait_for_window("library")
+    forged = "00:00:00  update: installed version 99"
+    desktop.emit_signal(OBJECT, PLACE, json.dumps({"path": f"/nowhere/a\n{forged}.pdf", "screen": 7}))
+    desktop.emit_signal(OBJECT, "com.tarnwick.orvane.tile", f"/nowhere/b\r\n{forged}.pdf")
+    desktop.emit_signal(OBJECT, "com.tarnwick.orvane.spar", f"cs/1\n{forged}")
+    home.wait_for_log(lambda m: m.startswith("place note: nothing to do"))
+    home.wait_for_log(lambda m: m.startswith("tile note: "))
+    home.wait_for_log(lambda m: m.startswith("spar note: "))
+    messages = home.log_messages()
+    assert f"place note: nothing to do (path /nowhere/a\\n{forged}.pdf, screen 7 of 1)" in messages
+    assert f"tile note: /nowhere/b\\r\\n{forged}.pdf" in messages
+    assert f"spar note: cs/1\\n{forged}" in messages
+    # No line of the log begins with the forged text.
+    assert not any(m.startswith("update: installed") for m in messages), messages
+    assert not any(line.startswith("00:00:00") for line in home.log_lines()), home.log_lines()
+    assert orvane.running()

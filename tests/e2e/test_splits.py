@@ -51,6 +51,18 @@ def window_titled(desktop, title: str) -> int:
     return wait_until(found, what=f"a window titled {title!r}")
 
 
+def got_frame(line: str) -> str:
+    """The frame after "got " in a viewer split's line."""
+    return line.split(" got ", 1)[1].rsplit(" (attempt ", 1)[0]
+
+
+def as_logged(frame: tuple[int, int, int, int], primary_height: int = 1080) -> str:
+    """An X11 outer frame as the log writes it (y up from the primary's
+    bottom edge)."""
+    x, y, width, height = frame
+    return f"{{{{{x}, {primary_height - (y + height)}}}, {{{width}, {height}}}}}"
+
+
 def started_with_chat(home, site, launch):
     home.write_settings(AppURL=site.url)
     site.set_scenario([{"post": {"action": "hello", "account": "alice"}}, {"waitEvent": "claudeStatus"}])
@@ -76,6 +88,9 @@ def test_the_viewer_split_puts_zathura_left_and_the_chat_right(home, site, deskt
                what=f"zathura on the left half (it is at {desktop.window_frame(viewer)})")
     wait_until(lambda: desktop.window_frame(chat) == (960, 0, 960, 1080),
                what=f"the chat on the right half (it is at {desktop.window_frame(chat)})")
+    # "got" is the frame the window manager gave the chat, as the X server
+    # has it, not the one it had before.
+    assert got_frame(line) == as_logged(desktop.window_frame(chat)) == "{{960, 0}, {960, 1080}}", line
 
 
 def test_on_the_1440_wide_monitor_the_chat_takes_the_right_half_below_its_minimum_size(
@@ -106,6 +121,7 @@ def test_on_the_1440_wide_monitor_the_chat_takes_the_right_half_below_its_minimu
                what=f"zathura on the second monitor's left half (it is at {desktop.window_frame(viewer)})")
     wait_until(lambda: desktop.window_frame(chat) == (2640, 0, 720, 900),
                what=f"the chat on the second monitor's right half (it is at {desktop.window_frame(chat)})")
+    assert got_frame(line) == as_logged(desktop.window_frame(chat)) == "{{2640, 180}, {720, 900}}", line
     # The frame holds: nothing grows the chat back to its minimum later.
     assert holds_for(lambda: desktop.window_frame(chat) == (2640, 0, 720, 900), 1.0), desktop.window_frame(chat)
 

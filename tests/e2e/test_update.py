@@ -4,8 +4,9 @@ for "updateApp" with an archive served on loopback, and what happens is seen
 from outside: the page's events, the activity log, the install folder on
 disk, the work folders in TMPDIR and the processes that run.
 
-The newer release is the installed folder re-signed as 2.0.0 with the same
-key; the tampered archives are made from it. Archives are stored without
+The newer release is the installed folder (7.7.7) re-signed as 8.0.0 with
+the same key, the older one the same folder re-signed as 1.0.0; the tampered
+archives are made from the newer one. Archives are stored without
 compression, which keeps making them cheap.
 """
 
@@ -37,7 +38,8 @@ from harness import (
     wait_until,
 )
 
-NEW_VERSION = "2.0.0"
+NEW_VERSION = "8.0.0"
+OLD_VERSION = "1.0.0"
 UPDATE_TIMEOUT = 90.0
 STAGES = ["downloading", "unpacking", "checking signature", "installing"]
 NOT_SIGNED_LIKE_THIS = "the downloaded app is not signed like this one (code {})"
@@ -92,6 +94,11 @@ class Releases:
         folder = self.newer_folder("good")
         assert run(SIGN_TOOL, "verify", folder).returncode == 0
         return zip_folder(folder.parent, "Orvane", self.work / "good.zip")
+
+    def _make_older(self) -> Path:
+        folder = self.install(self.work / "older")
+        sign_folder(self.key, folder, "--version", OLD_VERSION)
+        return zip_folder(folder.parent, "Orvane", self.work / "older.zip")
 
     def _make_nested(self) -> Path:
         folder = self.newer_folder("nested/Outer")
@@ -213,7 +220,7 @@ def banners(home) -> list[str]:
 
 def check_good_update(run_: UpdateRun, releases: Releases, installed: Path, site) -> None:
     old = run_.orvane.proc
-    done = run_.update(serve(site, "Orvane-2.0.0.zip", releases.archive("good")))
+    done = run_.update(serve(site, f"Orvane-{NEW_VERSION}.zip", releases.archive("good")))
     assert done == {"type": "updateDone", "ok": True}, run_.home.log_messages()
     assert run_.update_events() == progress(*STAGES) + [done]
     # The old process quits by itself, normally.
@@ -245,9 +252,15 @@ def check_good_update(run_: UpdateRun, releases: Releases, installed: Path, site
         wait_until(lambda: not any(pid_alive(p) for p in new_pids), 15, what="the relaunched orvane to end")
 
 
+@pytest.mark.parametrize("apps", [
+    "apps",
+    # Every character of the path reaches the relaunch as it is: none is
+    # read by the shell.
+    "it's \"odd\" $HOME `false` $(false); a  b \\ & | > <",
+], ids=["plain", "shell-characters"])
 def test_good_update_swaps_the_folder_and_relaunches_from_the_same_path(
-        releases, home, desktop, site, request, tmp_path):
-    installed = releases.install(tmp_path / "apps")
+        releases, home, desktop, site, request, tmp_path, apps):
+    installed = releases.install(tmp_path / apps)
     run_ = UpdateRun(home, desktop, site, request, tmp_path, installed / "bin" / "orvane")
     check_good_update(run_, releases, installed, site)
 
@@ -350,6 +363,18 @@ def test_archive_not_signed_like_this_copy_is_refused_with_its_code(running_copy
     assert_untouched(run_, installed, before)
 
 
+def test_older_signed_release_is_refused_and_the_copy_kept(running_copy, releases, site):
+    run_, installed, before = running_copy
+    done = run_.update(serve(site, f"Orvane-{OLD_VERSION}.zip", releases.archive("older")))
+    message = f"the download is older than this app ({OLD_VERSION} < 7.7.7)"
+    assert done == failed(message)
+    assert run_.update_events() == progress("downloading", "unpacking", "checking signature") + [done]
+    assert run_.update_log() == ["update: downloading", "update: unpacking", "update: checking signature",
+                                 "update failed: " + message]
+    assert len(run_.work_folders()) == 1
+    assert_untouched(run_, installed, before)
+
+
 def hostile_zip(path: Path, entries: list[tuple[str, bytes, int]]) -> Path:
     """A zip whose entries are (name, data, unix mode); a mode with S_IFLNK
     makes the data the link's target."""
@@ -446,13 +471,13 @@ def test_read_only_install_asks_to_be_moved_before_any_download(
     pid = run_.orvane.proc.pid
     assert executable_of(pid) == str(mounted / "bin" / "orvane")
 
-    address = serve(site, "Orvane-2.0.0.zip", releases.archive("good"))
+    address = serve(site, f"Orvane-{NEW_VERSION}.zip", releases.archive("good"))
     done = run_.update(address)
     message = "Move Orvane into your Applications folder first, then update."
     assert done == failed(message)
     assert run_.update_events() == [done]
     assert run_.update_log() == ["update failed: " + message]
-    assert site.requests("/releases/Orvane-2.0.0.zip") == []
+    assert site.requests(f"/releases/Orvane-{NEW_VERSION}.zip") == []
     assert run_.work_folders() == []
     assert run_.still_running()
     assert snapshot(installed) == before
@@ -484,7 +509,7 @@ def test_failed_final_move_puts_the_old_copy_back(releases, home, desktop, site,
     inside = Path(f"/proc/{pid}/root{small}")
     assert snapshot(inside / "Orvane") == before
 
-    done = run_.update(serve(site, "Orvane-2.0.0.zip", releases.archive("good")))
+    done = run_.update(serve(site, f"Orvane-{NEW_VERSION}.zip", releases.archive("good")))
     assert done["type"] == "updateDone" and done["ok"] is False, done
     assert done["error"].startswith("could not install the new app: "), done
     assert run_.update_events() == progress(*STAGES) + [done]
@@ -604,7 +629,7 @@ def test_the_bundled_site_offers_the_newer_release_and_the_copy_updates_itself(
                              what="the new copy's site server")
     servers[:] = new_servers
     # It serves from the new folder: the same offer, which now is the
-    # running release, so no button is shown (the page sees release 2.0.0).
+    # running release, so no button is shown (the page sees release 8.0.0).
     assert wait_until(lambda: offer(site_address), 60, what="the new site")["version"] == NEW_VERSION
     assert (Path(f"/proc/{new_servers[0]}/cwd").resolve()) == site_folder
     verified = run(SIGN_TOOL, "verify", installed)

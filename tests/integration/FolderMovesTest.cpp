@@ -72,6 +72,50 @@ TEST(CopyFolderTest, ALinkIsNotAFolderToCopy) {
   EXPECT_FALSE(g_file_test(dir.file("to").c_str(), G_FILE_TEST_EXISTS));
 }
 
+TEST(CopyFolderTest, TheCopyIsNeverWritableByGroupOrOthers) {
+  TempDir dir;
+  dir.write("from/bin/orvane", "#!/bin/sh\n");
+  dir.write("from/share/a.txt", "a");
+  ASSERT_EQ(chmod(dir.file("from/bin/orvane").c_str(), 06777), 0);
+  ASSERT_EQ(chmod(dir.file("from/share/a.txt").c_str(), 0666), 0);
+  ASSERT_EQ(chmod(dir.file("from/share").c_str(), 01777), 0);
+  ASSERT_EQ(chmod(dir.file("from/bin").c_str(), 02775), 0);
+  ASSERT_EQ(chmod(dir.file("from").c_str(), 0777), 0);
+
+  ASSERT_EQ(CopyFolder(dir.file("from"), dir.file("to")), "");
+  EXPECT_EQ(ModeOf(dir.file("to")) & 07777, 0755u);
+  EXPECT_EQ(ModeOf(dir.file("to/bin")) & 07777, 0755u);
+  EXPECT_EQ(ModeOf(dir.file("to/share")) & 07777, 0755u);
+  EXPECT_EQ(ModeOf(dir.file("to/bin/orvane")) & 07777, 0755u);
+  EXPECT_EQ(ModeOf(dir.file("to/share/a.txt")) & 07777, 0644u);
+}
+
+TEST(StageBesideTest, ACopyOnAnotherFileSystemCarriesOnlySafeModes) {
+  TempDir dir;
+  char pattern[] = "/dev/shm/orvane-test-XXXXXX";
+  if (!g_mkdtemp(pattern))
+    GTEST_SKIP() << "no /dev/shm to put the candidate on another file system";
+  std::string other = pattern;
+  struct stat shm, here;
+  if (stat(other.c_str(), &shm) != 0 || stat(dir.path().c_str(), &here) != 0 ||
+      shm.st_dev == here.st_dev) {
+    RemoveTree(other);
+    GTEST_SKIP() << "/dev/shm is on the same file system as " << dir.path();
+  }
+  TempDir::WriteFile(other + "/Orvane/bin/orvane", "x");
+  chmod((other + "/Orvane/bin/orvane").c_str(), 0777);
+  chmod((other + "/Orvane/bin").c_str(), 0777);
+  chmod((other + "/Orvane").c_str(), 0777);
+  g_mkdir_with_parents(dir.file("apps/Orvane").c_str(), 0755);
+  Staged staged = StageBeside(other + "/Orvane", dir.file("apps/Orvane"), "Orvane.new-1");
+  RemoveTree(other);
+  ASSERT_EQ(staged.folder, dir.file("apps/Orvane.new-1")) << staged.error;
+  EXPECT_TRUE(staged.copied);
+  EXPECT_EQ(ModeOf(staged.folder) & 07777, 0755u);
+  EXPECT_EQ(ModeOf(staged.folder + "/bin") & 07777, 0755u);
+  EXPECT_EQ(ModeOf(staged.folder + "/bin/orvane") & 07777, 0755u);
+}
+
 TEST(StageBesideTest, OnOneFileSystemTheCandidateItselfIsStaged) {
   TempDir dir;
   dir.write("work/Orvane/bin/orvane", "x");

@@ -13,6 +13,7 @@
 #include "support/TempDir.h"
 #include "support/TestHttpServer.h"
 
+#include <algorithm>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -227,6 +228,17 @@ TEST_F(PdfActionsTest, FailedInboxUploadCannotBeRetriedWithTheSameToken) {
   SpinFor(0.2);
   EXPECT_EQ(events.size(), 2u);
   EXPECT_EQ(server.requestCount(), 1u);
+}
+
+TEST_F(PdfActionsTest, ADroppedFileWhoseNameHoldsALineBreakIsLoggedOnOneLine) {
+  TempDir files;
+  std::string dropped = files.write("a\n00:00:00  update: installed.pdf", "%PDF-1.4\n");
+  drops.openFiles({dropped});
+  ASSERT_EQ(events.size(), 1u);
+  EXPECT_EQ(events[0]["name"], "a\n00:00:00  update: installed.pdf"); // the page gets it whole
+  std::string text = TempDir::Read(log.path());
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+  EXPECT_THAT(log.messages(), ElementsAre("dock drop: a\\n00:00:00  update: installed.pdf"));
 }
 
 TEST_F(PdfActionsTest, SamePdfDroppedTwiceGivesTwoValidTokens) {

@@ -4,6 +4,7 @@
 
 #include "base/BuildInfo.h"
 #include "base/GObjectPtr.h"
+#include "base/Paths.h"
 #include "support/LogCapture.h"
 #include "support/MainLoop.h"
 #include "support/TempDir.h"
@@ -53,7 +54,7 @@ std::string MakeZip(const std::vector<ZipEntry>& entries) {
       archive_entry_set_perm(entry, 0777);
     } else if (e.folder) {
       archive_entry_set_filetype(entry, AE_IFDIR);
-      archive_entry_set_perm(entry, 0755);
+      archive_entry_set_perm(entry, e.mode);
     } else {
       archive_entry_set_filetype(entry, AE_IFREG);
       archive_entry_set_perm(entry, e.mode);
@@ -137,11 +138,11 @@ protected:
   }
 
   // A signed release folder "Orvane" under a folder of its own.
-  std::string MakeRelease(const std::string& secret_key,
-                          const std::string& app_id = kApplicationId) {
+  std::string MakeRelease(const std::string& secret_key, const std::string& app_id = kApplicationId,
+                          const std::string& version = "2.0", const std::string& name = "new") {
     std::string folder = scratch_.file("release-" + std::to_string(++releases_) + "/Orvane");
-    MakeApp(folder, "new", "2.0");
-    EXPECT_EQ(SignInstallFolder(folder, secret_key, app_id, "2.0", "b2", false), "");
+    MakeApp(folder, name, version);
+    EXPECT_EQ(SignInstallFolder(folder, secret_key, app_id, version, "b2", false), "");
     return folder;
   }
   std::string ZipOf(const std::string& folder, const std::string& prefix = "Orvane") {
@@ -228,9 +229,27 @@ TEST_F(SelfUpdateTest, AGoodUpdateSwapsTheFolderRelaunchesAndQuits) {
                                       "update: installed, relaunching"}));
 }
 
-TEST_F(SelfUpdateTest, RelaunchCommandQuotesThePathAndWaits) {
-  EXPECT_EQ(RelaunchCommand("/opt/my apps/Orvane/bin/orvane", 1.5),
-            "sleep 1.5; \"/opt/my apps/Orvane/bin/orvane\"");
+TEST_F(SelfUpdateTest, TheRelaunchGetsThePathAsAnArgumentNotAsCommandText) {
+  std::vector<std::string> argv = RelaunchArguments("/opt/my apps/Orvane/bin/orvane", 1.5);
+  EXPECT_EQ(argv, (std::vector<std::string>{"/bin/sh", "-c", "sleep 1.5; exec \"$0\"",
+                                            "/opt/my apps/Orvane/bin/orvane"}));
+  // Run for real: a program under a path full of what a shell would read
+  // starts, and nothing of its path is run.
+  std::string folder = scratch_.file("a'b\"c $HOME `touch x` $(touch y); d & e | f > g\\h");
+  std::string program = folder + "/orvane";
+  TempDir::WriteFile(program, "#!/bin/sh\necho \"started as $0\" > '" + marker_ + "'\n");
+  chmod(program.c_str(), 0755);
+  std::vector<std::string> run = RelaunchArguments(program, 0);
+  std::vector<char*> args;
+  for (std::string& a : run)
+    args.push_back(a.data());
+  args.push_back(nullptr);
+  int status = -1;
+  ASSERT_TRUE(g_spawn_sync(folder.c_str(), args.data(), nullptr, G_SPAWN_DEFAULT, nullptr, nullptr,
+                           nullptr, nullptr, &status, nullptr));
+  EXPECT_TRUE(g_spawn_check_wait_status(status, nullptr));
+  EXPECT_EQ(TempDir::Read(marker_), "started as " + program + "\n");
+  EXPECT_EQ(NamesIn(folder), std::set<std::string>{"orvane"});
 }
 
 TEST_F(SelfUpdateTest, NotFoundFailsWithTheStatusAndLeavesNoFile) {
@@ -559,6 +578,244 @@ TEST_F(SelfUpdateTest, ARefusedConnectionFailsWithTheTransportError) {
   EXPECT_EQ(events_.back()["ok"], false);
   EXPECT_NE(error(), "");
   EXPECT_EQ(error().find("download failed (HTTP"), std::string::npos);
+}
+
+// ---- a shared temporary folder: what another user there can do
+
+// What another local user can do in a shared temporary folder while the
+// update downloads: make the work folder first and put a signed copy of
+// their own in it ("ZZZ", last in name order), and lay a link where the
+// download would go. Neither may reach the install folder or the victim.
+TEST_F(SelfUpdateTest, AWorkFolderPlantedDuringTheDownloadIsNeverUsed) {
+  std::string planted = MakeRelease(key_.secret_key, kApplicationId, "2.0", "planted");
+  std::string release = MakeRelease(key_.secret_key);
+  std::string expected = Snapshot(release);
+  std::string victim = scratch_.write("victim", "precious\n");
+  // Names an earlier build would have used, already there before the update.
+  std::string old_work = temp_ + "/orvane-update-00000000-0000-0000-0000-000000000000";
+  ASSERT_EQ(g_mkdir(old_work.c_str(), 0777), 0);
+  ASSERT_EQ(CopyFolder(planted, old_work + "/ZZZ"), "");
+  ASSERT_EQ(symlink(victim.c_str(), (temp_ + "/orvane-update-X.download").c_str()), 0);
+  std::string zip = ZipOf(release);
+  bool planted_work_folder = false;
+  server_ = std::make_unique<TestHttpServer>([&](const HttpRequest&, HttpReply& r) {
+    std::string work = update_->lastWorkFolder();
+    // Another user can make a folder of that name only if it is not there yet.
+    if (g_mkdir(work.c_str(), 0777) == 0)
+      planted_work_folder = CopyFolder(planted, work + "/ZZZ").empty();
+    symlink(victim.c_str(), (work + ".download").c_str());
+    r.body = zip;
+  });
+  update_->updateFrom(server_->url("/Orvane-2.0-linux-x86_64.zip"));
+  ASSERT_TRUE(SpinUntil([this] { return done(); }));
+  EXPECT_FALSE(planted_work_folder) << "the work folder did not exist during the download";
+  ASSERT_EQ(events_.back()["ok"], true) << events_.back().dump();
+  EXPECT_EQ(Snapshot(install_), expected);
+  EXPECT_TRUE(TempDir::Read(victim) == "precious\n") << "the victim was written through a link";
+  ASSERT_TRUE(SpinUntil([this] { return TempDir::Read(marker_) == "new\n"; }));
+  // What was there before is left alone, and not used.
+  EXPECT_EQ(NamesIn(old_work), std::set<std::string>{"ZZZ"});
+}
+
+TEST_F(SelfUpdateTest, TheWorkFolderIsOursAloneBeforeTheDownloadStarts) {
+  std::string zip = ZipOf(MakeRelease(key_.secret_key));
+  struct stat during = {};
+  bool seen = false;
+  std::vector<std::string> names_during;
+  server_ = std::make_unique<TestHttpServer>([&](const HttpRequest&, HttpReply& r) {
+    seen = lstat(update_->lastWorkFolder().c_str(), &during) == 0;
+    names_during = TempNames();
+    r.body = zip;
+  });
+  update_->updateFrom(server_->url("/Orvane-2.0-linux-x86_64.zip"));
+  ASSERT_TRUE(SpinUntil([this] { return done(); }));
+  ASSERT_TRUE(seen) << "no work folder while downloading";
+  EXPECT_TRUE(S_ISDIR(during.st_mode));
+  EXPECT_EQ(during.st_uid, geteuid());
+  EXPECT_EQ(during.st_mode & 07777, 0700u);
+  // Nothing else in the temporary folder tells its name.
+  EXPECT_EQ(names_during, std::vector<std::string>{FileName(update_->lastWorkFolder())});
+  EXPECT_EQ(events_.back()["ok"], true) << events_.back().dump();
+}
+
+TEST(PrivateFolderTest, AnExistingFolderOrLinkIsNeverTakenOver) {
+  TempDir scratch;
+  std::string theirs = scratch.file("theirs");
+  ASSERT_EQ(g_mkdir(theirs.c_str(), 0777), 0);
+  struct stat before;
+  ASSERT_EQ(stat(theirs.c_str(), &before), 0);
+  ASSERT_EQ(symlink(theirs.c_str(), scratch.file("link").c_str()), 0);
+  ASSERT_EQ(symlink(scratch.file("nowhere").c_str(), scratch.file("dangling").c_str()), 0);
+  for (const char* name : {"theirs", "link", "dangling"}) {
+    std::string error;
+    EXPECT_FALSE(MakeFolderOfOurOwn(scratch.file(name), error)) << name;
+    EXPECT_NE(error, "") << name;
+  }
+  EXPECT_TRUE(NamesIn(theirs).empty());
+  EXPECT_FALSE(g_file_test(scratch.file("nowhere").c_str(), G_FILE_TEST_EXISTS));
+  struct stat info;
+  ASSERT_EQ(stat(theirs.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode, before.st_mode);
+
+  std::string error;
+  ASSERT_TRUE(MakeFolderOfOurOwn(scratch.file("ours"), error)) << error;
+  ASSERT_EQ(lstat(scratch.file("ours").c_str(), &info), 0);
+  EXPECT_TRUE(S_ISDIR(info.st_mode));
+  EXPECT_EQ(info.st_mode & 07777, 0700u);
+  EXPECT_EQ(info.st_uid, geteuid());
+}
+
+// ---- modes come from the signature, never from the archive
+
+// Every folder and file under `folder` with its mode, links left out.
+std::vector<std::pair<std::string, mode_t>> ModesUnder(const std::string& folder) {
+  std::vector<std::pair<std::string, mode_t>> out;
+  struct stat info;
+  if (lstat(folder.c_str(), &info) != 0 || S_ISLNK(info.st_mode))
+    return out;
+  out.push_back({folder, info.st_mode});
+  if (S_ISDIR(info.st_mode))
+    for (const std::string& name : NamesIn(folder))
+      for (auto& found : ModesUnder(folder + "/" + name))
+        out.push_back(found);
+  return out;
+}
+
+void ExpectNothingWritableByOthers(const std::string& folder) {
+  std::vector<std::pair<std::string, mode_t>> modes = ModesUnder(folder);
+  ASSERT_FALSE(modes.empty());
+  for (const auto& [path, mode] : modes) {
+    EXPECT_EQ(mode & 07022, 0u) << path << " has mode " << std::oct << (mode & 07777);
+    if (S_ISDIR(mode)) {
+      EXPECT_EQ(mode & 07777, 0755u) << path;
+    }
+  }
+}
+
+class ArchiveModesTest : public SelfUpdateTest {
+protected:
+  // The release as an archive whose folders (the top one too) say
+  // `folder_mode` and whose files carry `file_bits` besides their own.
+  std::string ZipWithModes(const std::string& release, mode_t folder_mode, mode_t file_bits) {
+    std::vector<ZipEntry> entries = {{"Orvane", "", folder_mode, std::nullopt, true}};
+    CollectEntries(release, "Orvane", entries);
+    for (ZipEntry& e : entries) {
+      if (e.folder)
+        e.mode = folder_mode;
+      else if (!e.link)
+        e.mode |= file_bits;
+    }
+    return MakeZip(entries);
+  }
+};
+
+TEST_F(ArchiveModesTest, FoldersThatTheArchiveMakes0777AreInstalled0755) {
+  std::string release = MakeRelease(key_.secret_key);
+  std::string expected = Snapshot(release);
+  UpdateWith(ZipWithModes(release, 0777, 0));
+  ASSERT_EQ(events_.back()["ok"], true) << events_.back().dump();
+  EXPECT_EQ(Snapshot(install_), expected);
+  ExpectNothingWritableByOthers(install_);
+  EXPECT_TRUE(SpinUntil([this] { return TempDir::Read(marker_) == "new\n"; }));
+}
+
+TEST_F(ArchiveModesTest, FilesGetTheSignedModeNotTheArchivesWriteBits) {
+  std::string release = MakeRelease(key_.secret_key);
+  std::string expected = Snapshot(release);
+  UpdateWith(ZipWithModes(release, 0775, 0022));
+  ASSERT_EQ(events_.back()["ok"], true) << events_.back().dump();
+  EXPECT_EQ(Snapshot(install_), expected);
+  EXPECT_TRUE(CheckInstallFolder(install_, key_.public_key, kApplicationId).ok());
+  ExpectNothingWritableByOthers(install_);
+  EXPECT_TRUE(SpinUntil([this] { return TempDir::Read(marker_) == "new\n"; }));
+}
+
+TEST_F(ArchiveModesTest, ArchiveFolderModesThatLockUsOutStillInstall0755) {
+  std::string release = MakeRelease(key_.secret_key);
+  UpdateWith(ZipWithModes(release, 0500, 0));
+  ASSERT_EQ(events_.back()["ok"], true) << events_.back().dump();
+  ExpectNothingWritableByOthers(install_);
+  EXPECT_TRUE(SpinUntil([this] { return TempDir::Read(marker_) == "new\n"; }));
+}
+
+TEST_F(RefusedUpdateTest, AFileThatTheManifestSignsGroupWritableIsCode4) {
+  std::string release = MakeRelease(key_.secret_key);
+  std::string manifest_path = release + "/" + kManifestPath;
+  std::string text = TempDir::Read(manifest_path);
+  std::string line = " 644 share/orvane/site/main.py\n";
+  size_t at = text.find(line);
+  ASSERT_NE(at, std::string::npos) << text;
+  text.replace(at, line.size(), " 664 share/orvane/site/main.py\n");
+  TempDir::WriteFile(manifest_path, text);
+  chmod((release + "/share/orvane/site/main.py").c_str(), 0664);
+  ASSERT_EQ(SignInstallFolder(release, key_.secret_key, kApplicationId, "", "", true), "");
+  ExpectRefused(ZipOf(release), "the downloaded app is not signed like this one (code 4)");
+}
+
+TEST_F(RefusedUpdateTest, AnEmptyFolderThatTheManifestDoesNotCoverIsCode5) {
+  std::vector<ZipEntry> entries;
+  CollectEntries(MakeRelease(key_.secret_key), "Orvane", entries);
+  entries.push_back({"Orvane/share/orvane/empty", "", 0755, std::nullopt, true});
+  ExpectRefused(MakeZip(entries), "the downloaded app is not signed like this one (code 5)");
+}
+
+TEST_F(RefusedUpdateTest, FoldersHoldingOnlyFoldersAreCode5) {
+  std::vector<ZipEntry> entries;
+  CollectEntries(MakeRelease(key_.secret_key), "Orvane", entries);
+  entries.push_back({"Orvane/lib", "", 0755, std::nullopt, true});
+  entries.push_back({"Orvane/lib/deeper", "", 0755, std::nullopt, true});
+  entries.push_back({"Orvane/lib/deeper/still", "", 0755, std::nullopt, true});
+  ExpectRefused(MakeZip(entries), "the downloaded app is not signed like this one (code 5)");
+}
+
+// ---- no downgrade
+
+TEST_F(RefusedUpdateTest, AnOlderSignedReleaseIsRefused) {
+  ExpectRefused(ZipOf(MakeRelease(key_.secret_key, kApplicationId, "0.9")),
+                "the download is older than this app (0.9 < 1.0)");
+  EXPECT_EQ(
+      stages(),
+      (std::vector<std::string>{
+          "downloading", "unpacking", "checking signature",
+          R"x({"error":"the download is older than this app (0.9 < 1.0)","ok":false,"type":"updateDone"})x"}));
+  EXPECT_EQ(log_.messages().back(),
+            "update failed: the download is older than this app (0.9 < 1.0)");
+}
+
+TEST_F(RefusedUpdateTest, AReleaseCandidateOfThisVersionIsOlder) {
+  ExpectRefused(ZipOf(MakeRelease(key_.secret_key, kApplicationId, "1.0-rc1")),
+                "the download is older than this app (1.0-rc1 < 1.0)");
+}
+
+TEST_F(SelfUpdateTest, TheSameVersionIsInstalledAgain) {
+  std::string release = MakeRelease(key_.secret_key, kApplicationId, "1.0");
+  std::string expected = Snapshot(release);
+  UpdateWith(ZipOf(release));
+  ASSERT_EQ(events_.back()["ok"], true) << events_.back().dump();
+  EXPECT_EQ(Snapshot(install_), expected);
+  ASSERT_TRUE(SpinUntil([this] { return TempDir::Read(marker_) == "new\n"; }));
+}
+
+TEST_F(SelfUpdateTest, ANewerVersionByNumberNotByTextIsInstalled) {
+  std::string release = MakeRelease(key_.secret_key, kApplicationId, "1.10");
+  UpdateWith(ZipOf(release));
+  ASSERT_EQ(events_.back()["ok"], true) << events_.back().dump();
+}
+
+// ---- the relaunch
+
+TEST_F(SelfUpdateTest, AnInstallPathFullOfShellCharactersRelaunches) {
+  std::string parent = scratch_.file("it's \"odd\" $HOME `false` $(false); a  b\\ & | > <");
+  install_ = parent + "/Orvane";
+  MakeApp(install_, "old", "1.0");
+  ASSERT_EQ(SignInstallFolder(install_, key_.secret_key, kApplicationId, "1.0", "b1", false), "");
+  update_ = std::make_unique<SelfUpdate>(seams());
+  UpdateWith(ZipOf(MakeRelease(key_.secret_key)));
+  ASSERT_EQ(events_.back()["ok"], true) << events_.back().dump();
+  EXPECT_TRUE(SpinUntil([this] { return TempDir::Read(marker_) == "new\n"; }))
+      << "the new program did not start from " << install_;
+  // Nothing the path holds ran: no file appeared beside the install folder.
+  EXPECT_EQ(NamesIn(parent), std::set<std::string>{"Orvane"});
 }
 
 TEST(UnpackLimitsTest, AnArchiveOverItsBoundsIsRefused) {

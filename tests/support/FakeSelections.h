@@ -6,6 +6,7 @@
 
 #include "desktop/Selections.h"
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -33,6 +34,8 @@ public:
   std::vector<std::chrono::milliseconds> pauses;
   int primary_reads = 0;
   int keep_after_exit_calls = 0;
+  // Runs at each pause, as the main loop does while the real seam waits.
+  std::function<void()> on_pause;
 
   std::optional<int> primaryOwnerPid() override { return primary_owner_pid; }
   std::optional<std::string> primaryText() override {
@@ -66,7 +69,11 @@ public:
     landPendingCopy();
     return true;
   }
-  void pause(std::chrono::milliseconds duration) override { pauses.push_back(duration); }
+  void pause(std::chrono::milliseconds duration) override {
+    pauses.push_back(duration);
+    if (on_pause)
+      on_pause();
+  }
   void keepClipboardAfterExit() override { ++keep_after_exit_calls; }
 
   // Text as an application offers it: two text targets.

@@ -209,6 +209,61 @@ TEST_F(InstallFolderTest, SigningRefusesALinkOutsideAndSpecialFiles) {
   EXPECT_EQ(sign(), "refusing to sign share/orvane/pipe: neither a file nor a link");
 }
 
+TEST_F(InstallFolderTest, SigningRefusesModesThatAreNeverInstalled) {
+  for (mode_t mode : {0664, 0646, 04755, 02755, 01644}) {
+    ASSERT_EQ(chmod((folder_ + "/share/orvane/site/main.py").c_str(), mode), 0);
+    char text[16];
+    snprintf(text, sizeof text, "%o", unsigned(mode));
+    EXPECT_EQ(sign(), std::string("refusing to sign share/orvane/site/main.py: its mode ") + text +
+                          " is never installed (only modes within 755)");
+  }
+  ASSERT_EQ(chmod((folder_ + "/share/orvane/site/main.py").c_str(), 0600), 0);
+  EXPECT_EQ(sign(), "");
+}
+
+TEST_F(InstallFolderTest, SigningRefusesAFolderThatHoldsNoFile) {
+  ASSERT_EQ(g_mkdir_with_parents((folder_ + "/share/empty/deeper").c_str(), 0755), 0);
+  EXPECT_EQ(sign(), "refusing to sign share/empty: a folder that holds no file");
+  write("share/empty/deeper/file", "x", 0644);
+  EXPECT_EQ(sign(), "");
+  EXPECT_TRUE(check().ok()) << check().message;
+}
+
+TEST_F(InstallFolderTest, AFolderHoldingNoListedFileGivesCode5) {
+  ASSERT_EQ(sign(), "");
+  ASSERT_EQ(g_mkdir((folder_ + "/share/orvane/site/empty").c_str(), 0755), 0);
+  FolderCheck result = check();
+  EXPECT_EQ(result.code, FolderCheckCode::kUnlistedFile);
+  EXPECT_EQ(result.message, "the folder share/orvane/site/empty holds no file of the MANIFEST");
+  ASSERT_EQ(g_mkdir((folder_ + "/share/orvane/site/empty/too").c_str(), 0755), 0);
+  EXPECT_EQ(check().code, FolderCheckCode::kUnlistedFile);
+  // A folder whose only content is a listed link is covered.
+  ASSERT_EQ(g_rmdir((folder_ + "/share/orvane/site/empty/too").c_str()), 0);
+  ASSERT_EQ(g_rmdir((folder_ + "/share/orvane/site/empty").c_str()), 0);
+  ASSERT_EQ(g_mkdir((folder_ + "/links").c_str(), 0755), 0);
+  link("../bin/orvane", "links/orvane");
+  ASSERT_EQ(sign(), "");
+  EXPECT_TRUE(check().ok()) << check().message;
+  EXPECT_EQ(check().version, "2.5");
+}
+
+TEST_F(InstallFolderTest, AListedModeThatIsNeverInstalledGivesCode4) {
+  ASSERT_EQ(sign(), "");
+  std::string text = manifest();
+  std::string line = " 640 share/orvane/site/main.py\n";
+  size_t at = text.find(line);
+  ASSERT_NE(at, std::string::npos);
+  text.replace(at, line.size(), " 660 share/orvane/site/main.py\n");
+  TempDir::WriteFile(folder_ + "/" + kManifestPath, text);
+  ASSERT_EQ(chmod((folder_ + "/share/orvane/site/main.py").c_str(), 0660), 0);
+  ASSERT_EQ(sign(true), "");
+  FolderCheck result = check();
+  EXPECT_EQ(result.code, FolderCheckCode::kFileDiffers);
+  EXPECT_EQ(result.message, "the MANIFEST gives the file share/orvane/site/main.py the mode 660, "
+                            "which is never installed (only modes within 755)");
+  EXPECT_EQ(result.version, "");
+}
+
 TEST_F(InstallFolderTest, SigningRefusesAFolderThatIsNoInstallFolder) {
   TempDir empty;
   EXPECT_EQ(SignInstallFolder(empty.path(), key_.secret_key, kApplicationId, "1", "b", false),

@@ -27,11 +27,32 @@ public:
   void makeKeyAndOrderFront() override { calls.push_back("makeKeyAndOrderFront"); }
   void setFrame(const Rect& to) override {
     calls.push_back("setFrame " + RectText(to));
-    frame_ = to;
+    if (slow_window_manager)
+      asked_ = to;
+    else
+      frame_ = to;
   }
   void orderFrontRegardless() override { calls.push_back("orderFrontRegardless"); }
   Rect frame() const override { return frame_; }
+  void whenFrameApplied(const Rect& to, std::function<void()> applied) override {
+    if (frame_ == to)
+      applied();
+    else
+      waiting_.emplace_back(to, std::move(applied));
+  }
+  // The window manager applies the frame asked for, later.
+  void applyFrame() {
+    frame_ = asked_;
+    auto waiting = std::move(waiting_);
+    for (auto& [to, applied] : waiting)
+      if (frame_ == to)
+        applied();
+  }
 
+  // A window manager that applies a frame only when the test says so.
+  bool slow_window_manager = false;
+  Rect asked_;
+  std::vector<std::pair<Rect, std::function<void()>>> waiting_;
   bool full_screen = false;
   std::optional<Screen> on_screen;
   std::vector<std::string> calls;
@@ -119,6 +140,48 @@ TEST_F(PaperSplitsTest, TheViewerGetsTheLeftHalfAndTheChatTheRightHalf) {
                 "split: looking for pid 4242 showing /home/u/papers/paper.pdf",
                 "split: preview=placed raise=ok, chat asked {{960, 0}, {960, 1050}} got {{960, "
                 "0}, {960, 1050}} (attempt 0)"}));
+}
+
+TEST_F(PaperSplitsTest, TheChatsFrameIsReadAfterTheWindowManagerAppliedIt) {
+  chat.slow_window_manager = true;
+  chat.frame_ = {80, 50, 1440, 900};
+  viewerWindow();
+  splits.tileWithPreview(kViewerPid, kPaper, 0);
+  // Asked, not yet applied: nothing is logged with the old frame.
+  EXPECT_EQ(log.messages(), (std::vector<std::string>{
+                                "split: looking for pid 4242 showing /home/u/papers/paper.pdf"}));
+  scheduler.advance(0.1);
+  chat.applyFrame();
+  EXPECT_EQ(log.messages().back(), "split: preview=placed raise=ok, chat asked {{960, 0}, {960, "
+                                   "1050}} got {{960, 0}, {960, 1050}} (attempt 0)");
+  // The wait's time limit passes later without a second line.
+  scheduler.advance(1.0);
+  EXPECT_EQ(log.messages().size(), 2u);
+}
+
+TEST_F(PaperSplitsTest, AWindowManagerThatNeverAppliesTheFrameIsWaitedForAShortWhile) {
+  chat.slow_window_manager = true;
+  chat.frame_ = {80, 50, 1440, 900};
+  viewerWindow();
+  splits.tileWithPreview(kViewerPid, kPaper, 0);
+  scheduler.advance(0.29);
+  EXPECT_EQ(log.messages().size(), 1u);
+  scheduler.advance(0.02);
+  ASSERT_EQ(log.messages().size(), 2u);
+  EXPECT_EQ(log.messages().back(), "split: preview=placed raise=ok, chat asked {{960, 0}, {960, "
+                                   "1050}} got {{80, 50}, {1440, 900}} (attempt 0)");
+  chat.applyFrame();
+  EXPECT_EQ(log.messages().size(), 2u);
+}
+
+TEST_F(PaperSplitsTest, APathWithALineBreakIsLookedForOnOneLogLine) {
+  const std::string evil = "/home/u/a\n00:00:00  update: installed.pdf";
+  splits.askDesktopForFile(evil, kViewerPid, {0, 0}, 0);
+  std::string text = TempDir::Read(log.path());
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+  EXPECT_EQ(log.messages(), (std::vector<std::string>{
+                                "ask split: looking for pid 4242 showing /home/u/a\\n00:00:00  "
+                                "update: installed.pdf"}));
 }
 
 TEST_F(PaperSplitsTest, AChatInFullScreenLeavesItBeforeItGetsItsHalf) {

@@ -226,18 +226,61 @@ TEST_F(PlacementRequestsTest, FileHandedToARunningInstanceIsFoundByItsTitle) {
             "place: pid 600 window to {{2160, 212}, {800, 600}}: placed (attempt 0)");
 }
 
-TEST_F(PlacementRequestsTest, UnknownPidTakesTheWindowThatAppearedAfterTheRequest) {
+TEST_F(PlacementRequestsTest, AnUnrelatedWindowThatAppearsMeanwhileIsNeitherMovedNorFocused) {
+  // An application that shows no window of its own (it exits at once);
+  // meanwhile another program opens a window.
   windows.add(600, "Old window", {10, 10, 800, 600});
-  placement.placeRequested(R"({"kind":"app","path":"org.example.Viewer","screen":1})");
-  launcher.answer({0, std::nullopt}); // started through D-Bus activation
+  placement.placeRequested(R"({"kind":"app","path":"/bin/true","screen":1})");
+  launcher.answer({700, std::nullopt});
+  scheduler.advance(0.2);
+  windows.add(600, "Unrelated window", {10, 10, 800, 600});
+  scheduler.runAll();
+  EXPECT_TRUE(windows.frame_writes.empty());
+  EXPECT_TRUE(windows.activations.empty());
+  EXPECT_EQ(log.messages(), (Lines{"place: app /bin/true on screen 1",
+                                   "place: gave up waiting for a window of pid 700",
+                                   "place:   could not address pid 700"}));
+}
+
+TEST_F(PlacementRequestsTest, AnApplicationStartedWithoutAPidIsFoundOnlyByItsName) {
+  // Started through D-Bus activation: no pid. A window that only appeared
+  // after the request is not the request's; one that the title rule names
+  // is.
+  placement.placeRequested(R"({"kind":"app","path":"/usr/bin/viewer","screen":1})");
+  launcher.answer({0, std::nullopt});
+  windows.add(600, "Another program", {10, 10, 800, 600});
   scheduler.advance(0.2);
   EXPECT_TRUE(windows.frame_writes.empty());
-  unsigned long fresh = windows.add(600, "Viewer", {10, 10, 800, 600});
+  unsigned long named = windows.add(610, "viewer — untitled", {10, 10, 800, 600});
   scheduler.advance(0.1);
   ASSERT_EQ(windows.frame_writes.size(), 1u);
-  EXPECT_EQ(windows.frame_writes[0].id, fresh);
+  EXPECT_EQ(windows.frame_writes[0].id, named);
+  EXPECT_EQ(windows.activations, (std::vector<unsigned long>{named}));
   EXPECT_EQ(log.messages().back(),
-            "place: pid 600 window to {{2160, 212}, {800, 600}}: placed (attempt 3)");
+            "place: pid 610 window to {{2160, 212}, {800, 600}}: placed (attempt 3)");
+}
+
+TEST_F(PlacementRequestsTest, AFileWhoseViewerShowsNoWindowLeavesNewWindowsAlone) {
+  windows.live_pids.insert(500);
+  placeFile(500);
+  scheduler.advance(0.3);
+  windows.add(600, "Some other program", {10, 10, 800, 600});
+  scheduler.runAll();
+  EXPECT_TRUE(windows.frame_writes.empty());
+  EXPECT_TRUE(windows.activations.empty());
+  EXPECT_EQ(log.messages()[1], "place: gave up waiting for a window of pid 500");
+}
+
+TEST_F(PlacementRequestsTest, RevealTakesTheFileManagerWindowOfTheFolder) {
+  // The file manager hands the request to its running instance, which
+  // shows the folder in a window titled with its name.
+  placement.placeRequested(R"({"kind":"reveal","path":"/u/papers/paper.pdf","screen":1})");
+  launcher.answer({800, std::nullopt});
+  windows.add(600, "Unrelated", {10, 10, 800, 600});
+  unsigned long folder = windows.add(900, "papers", {10, 10, 800, 600});
+  scheduler.advance(0.1);
+  ASSERT_EQ(windows.frame_writes.size(), 1u);
+  EXPECT_EQ(windows.frame_writes[0].id, folder);
 }
 
 TEST_F(PlacementRequestsTest, FrontOfAnApplicationThatIsNotRunning) {

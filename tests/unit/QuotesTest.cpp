@@ -7,7 +7,9 @@
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
 
+#include <algorithm>
 #include <fcntl.h>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -352,6 +354,69 @@ TEST_F(QuotesTest, ASiblingFolderWhoseNameBeginsLikeTheLibraryIsNotTheLibrary) {
   EXPECT_EQ(library_shown, 1);
   EXPECT_EQ(log.messages(), std::vector<std::string>{"friend-quote: focused document " +
                                                      *capture.document + " is not a library PDF"});
+}
+
+TEST_F(QuotesTest, APathThatLeavesTheLibraryThroughDotDotIsNotALibraryPdf) {
+  dir.write("Library/alice/cs_0101123.pdf", "%PDF-1.4\n");
+  dir.write("outside/x_y.pdf", "%PDF-1.4\n");
+  capture.selection = "text";
+  // Existing and missing files alike: the prefix alone would pass them.
+  for (const std::string& doc :
+       {*folder + "/../../outside/x_y.pdf", *folder + "/../../../outside/x_y.pdf",
+        *folder + "/./../alice2/x_y.pdf"}) {
+    capture.document = doc;
+    quotes.hotkeyFriendQuote();
+  }
+  EXPECT_TRUE(libraryEvents().empty());
+  EXPECT_EQ(primary->eventTypes(), (std::vector<std::string>(3, "error")));
+  EXPECT_EQ(log.messages().front(), "friend-quote: focused document " + *folder +
+                                        "/../../outside/x_y.pdf is not a library PDF");
+  EXPECT_EQ(LibraryFileOf(*folder + "/../../outside/x_y.pdf", *folder), std::nullopt);
+  EXPECT_EQ(LibraryFileOf(*folder + "/sub/../cs_0101123.pdf", *folder),
+            std::filesystem::canonical(*folder + "/cs_0101123.pdf").string());
+  EXPECT_EQ(LibraryFileOf(*folder + "/", *folder), std::nullopt);
+  EXPECT_EQ(LibraryFileOf(*folder, *folder), std::nullopt);
+}
+
+TEST_F(QuotesTest, ALinkInTheLibraryThatLeadsOutsideIsNotALibraryPdf) {
+  dir.write("Library/alice/keep.txt", "");
+  std::string outside = dir.write("outside/x_y.pdf", "%PDF-1.4\n");
+  ASSERT_EQ(symlink(outside.c_str(), (*folder + "/x_y.pdf").c_str()), 0);
+  ASSERT_EQ(symlink(dir.file("outside").c_str(), (*folder + "/escape").c_str()), 0);
+  capture.selection = "text";
+  capture.document = *folder + "/x_y.pdf";
+  quotes.hotkeyFriendQuote();
+  capture.document = *folder + "/escape/x_y.pdf";
+  quotes.hotkeyFriendQuote();
+  EXPECT_TRUE(libraryEvents().empty());
+  EXPECT_EQ(primary->eventTypes(), (std::vector<std::string>(2, "error")));
+}
+
+TEST_F(QuotesTest, ALibraryPdfReachedThroughALinkedLibraryFolderIsOne) {
+  std::string real = dir.write("data/alice/cs_0101123.pdf", "%PDF-1.4\n");
+  dir.write("Library/keep.txt", "");
+  ASSERT_EQ(symlink(dir.file("data/alice").c_str(), folder->c_str()), 0);
+  capture.selection = "text";
+  capture.page = 3;
+  capture.document = *folder + "/cs_0101123.pdf"; // as the viewer names it
+  quotes.hotkeyFriendQuote();
+  capture.document = real; // the same file by its real path
+  quotes.hotkeyFriendQuote();
+  ASSERT_EQ(libraryEvents().size(), 2u);
+  EXPECT_EQ(libraryEvents()[0]["id"], "cs/0101123");
+  EXPECT_EQ(libraryEvents()[1]["id"], "cs/0101123");
+}
+
+TEST_F(QuotesTest, AFocusedDocumentWithALineBreakIsLoggedOnOneLine) {
+  capture.document = dir.path() + "/evil\n00:00:00  friend-quote: 5 chars from cs/1 (page 1).pdf";
+  capture.selection = "text";
+  quotes.hotkeyFriendQuote();
+  std::string text = TempDir::Read(log.path());
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+  EXPECT_EQ(log.messages(), std::vector<std::string>{
+                                "friend-quote: focused document " + dir.path() +
+                                "/evil\\n00:00:00  friend-quote: 5 chars from cs/1 (page 1).pdf "
+                                "is not a library PDF"});
 }
 
 TEST_F(QuotesTest, WithoutAnAccountEveryFriendQuoteIsRefused) {

@@ -9,6 +9,7 @@
 #include "support/FakeScreens.h"
 #include "support/FakeSelections.h"
 #include "support/LogCapture.h"
+#include "support/ProcessTable.h"
 #include "support/TempDir.h"
 
 #include <gmock/gmock.h>
@@ -26,7 +27,8 @@ protected:
   SelectionCaptureTest() { windows.front = FakeFrontWindows::Window(kAppPid, "gedit", "Gedit"); }
 
   CapturedSelection capture() {
-    return CaptureSelection(windows.front, {selections, accessibility, notifications}, folder());
+    return CaptureSelection(windows.front,
+                            {selections, accessibility, notifications, processes.root()}, folder());
   }
   std::string folder() const { return dir.file("handoff"); }
   std::string marker() const { return folder() + "/asked-for-accessibility"; }
@@ -37,6 +39,8 @@ protected:
   FakeSelections selections;
   FakeAccessibility accessibility;
   FakeNotifications notifications;
+  // The front window's process as /proc shows it.
+  ProcessTable processes{kAppPid};
 };
 
 const ClipboardContents kUserClipboard = {
@@ -199,6 +203,38 @@ TEST_F(SelectionCaptureTest, TerminalWithoutCopyChordGetsNoKeystrokeAndKeepsTheC
   EXPECT_THAT(log.messages(), ElementsAre("capture: XTerm has no copy chord — nothing sent"));
 }
 
+TEST_F(SelectionCaptureTest, UnknownWindowRunningATerminalGetsNoKeystroke) {
+  windows.front = FakeFrontWindows::Window(kAppPid, "com.example.NewTerm", "NewTerm");
+  processes.holdOpen(0, "/dev/null");
+  processes.holdOpen(7, "/dev/ptmx");
+  selections.clipboard = kUserClipboard;
+  selections.copy_puts = FakeSelections::TextContents("would interrupt");
+  uint64_t count_before = selections.change_count;
+  EXPECT_EQ(capture().text, std::nullopt);
+  EXPECT_TRUE(selections.chords_sent.empty());
+  EXPECT_TRUE(selections.restores.empty());
+  EXPECT_EQ(selections.change_count, count_before);
+  EXPECT_THAT(log.messages(), ElementsAre("capture: NewTerm has no copy chord — nothing sent"));
+}
+
+TEST_F(SelectionCaptureTest, UnknownWindowWithoutATerminalGetsControlC) {
+  windows.front = FakeFrontWindows::Window(kAppPid, "com.example.Editor", "Editor");
+  // A terminal's other side, a slave, is no terminal emulator.
+  processes.holdOpen(0, "/dev/pts/3");
+  processes.holdOpen(1, "/dev/ptmx (deleted)");
+  selections.copy_puts = FakeSelections::TextContents("copied");
+  EXPECT_EQ(capture().text, "copied");
+  EXPECT_THAT(selections.chords_sent, ElementsAre(CopyChord::kControlC));
+}
+
+TEST_F(SelectionCaptureTest, KnownTerminalKeepsItsChordWhateverItHolds) {
+  windows.front = FakeFrontWindows::Window(kAppPid, "ghostty", "com.mitchellh.ghostty");
+  processes.holdOpen(5, "/dev/ptmx");
+  selections.copy_puts = FakeSelections::TextContents("ls");
+  EXPECT_EQ(capture().text, "ls");
+  EXPECT_THAT(selections.chords_sent, ElementsAre(CopyChord::kControlShiftC));
+}
+
 TEST_F(SelectionCaptureTest, TerminalOwningPrimaryIsReadDirectly) {
   // Selecting in xterm sets PRIMARY: that is how its text is captured.
   windows.front = FakeFrontWindows::Window(kAppPid, "xterm", "XTerm");
@@ -281,47 +317,107 @@ TEST_F(SelectionCaptureTest, FiftyMegabyteSelectionIsTakenWhole) {
   EXPECT_EQ(text->size(), huge.size());
 }
 
+bool NoPty() {
+  return false;
+}
+
 TEST(CopyChordsTest, TerminalsWithACopyChordGetControlShiftC) {
-  for (const char* name :
-       {"gnome-terminal", "gnome-terminal-server", "konsole", "xfce4-terminal", "tilix",
-        "terminator", "alacritty", "kitty", "wezterm", "org.wezfurlong.wezterm", "foot",
-        "lxterminal", "mate-terminal", "qterminal", "terminology"}) {
-    EXPECT_EQ(CopyChordFor(name, ""), CopyChord::kControlShiftC) << name;
-    EXPECT_EQ(CopyChordFor("", name), CopyChord::kControlShiftC) << name;
+  for (const char* name : {"gnome-terminal",
+                           "gnome-terminal-server",
+                           "konsole",
+                           "xfce4-terminal",
+                           "tilix",
+                           "terminator",
+                           "alacritty",
+                           "kitty",
+                           "wezterm",
+                           "org.wezfurlong.wezterm",
+                           "foot",
+                           "lxterminal",
+                           "mate-terminal",
+                           "qterminal",
+                           "terminology",
+                           "kgx",
+                           "org.gnome.Console",
+                           "ptyxis",
+                           "org.gnome.Ptyxis",
+                           "ghostty",
+                           "com.mitchellh.ghostty",
+                           "guake",
+                           "tilda",
+                           "yakuake",
+                           "sakura",
+                           "roxterm",
+                           "cool-retro-term",
+                           "contour",
+                           "rio"}) {
+    EXPECT_EQ(CopyChordFor(name, "", NoPty), CopyChord::kControlShiftC) << name;
+    EXPECT_EQ(CopyChordFor("", name, NoPty), CopyChord::kControlShiftC) << name;
   }
 }
 
 TEST(CopyChordsTest, RealWmClassPairsOfTerminals) {
-  EXPECT_EQ(CopyChordFor("gnome-terminal-server", "Gnome-terminal"), CopyChord::kControlShiftC);
-  EXPECT_EQ(CopyChordFor("konsole", "konsole"), CopyChord::kControlShiftC);
-  EXPECT_EQ(CopyChordFor("xfce4-terminal", "Xfce4-terminal"), CopyChord::kControlShiftC);
-  EXPECT_EQ(CopyChordFor("Alacritty", "Alacritty"), CopyChord::kControlShiftC);
-  EXPECT_EQ(CopyChordFor("org.wezfurlong.wezterm", "org.wezfurlong.wezterm"),
+  EXPECT_EQ(CopyChordFor("gnome-terminal-server", "Gnome-terminal", NoPty),
             CopyChord::kControlShiftC);
-  EXPECT_EQ(CopyChordFor("terminator", "Terminator"), CopyChord::kControlShiftC);
-  EXPECT_EQ(CopyChordFor("qterminal", "QTerminal"), CopyChord::kControlShiftC);
-  EXPECT_EQ(CopyChordFor("xterm", "XTerm"), std::nullopt);
-  EXPECT_EQ(CopyChordFor("xterm", "UXTerm"), std::nullopt);
-  EXPECT_EQ(CopyChordFor("urxvt", "URxvt"), std::nullopt);
-  EXPECT_EQ(CopyChordFor("st-256color", "st-256color"), std::nullopt);
+  EXPECT_EQ(CopyChordFor("konsole", "konsole", NoPty), CopyChord::kControlShiftC);
+  EXPECT_EQ(CopyChordFor("xfce4-terminal", "Xfce4-terminal", NoPty), CopyChord::kControlShiftC);
+  EXPECT_EQ(CopyChordFor("Alacritty", "Alacritty", NoPty), CopyChord::kControlShiftC);
+  EXPECT_EQ(CopyChordFor("org.wezfurlong.wezterm", "org.wezfurlong.wezterm", NoPty),
+            CopyChord::kControlShiftC);
+  EXPECT_EQ(CopyChordFor("terminator", "Terminator", NoPty), CopyChord::kControlShiftC);
+  EXPECT_EQ(CopyChordFor("qterminal", "QTerminal", NoPty), CopyChord::kControlShiftC);
+  EXPECT_EQ(CopyChordFor("xterm", "XTerm", NoPty), std::nullopt);
+  EXPECT_EQ(CopyChordFor("xterm", "UXTerm", NoPty), std::nullopt);
+  EXPECT_EQ(CopyChordFor("urxvt", "URxvt", NoPty), std::nullopt);
+  EXPECT_EQ(CopyChordFor("st-256color", "st-256color", NoPty), std::nullopt);
 }
 
 TEST(CopyChordsTest, TerminalsWithoutACopyChordGetNone) {
   for (const char* name : {"xterm", "uxterm", "urxvt", "rxvt-unicode", "URxvt", "st", "st-256color",
-                           "XTerm", "UXTerm"}) {
-    EXPECT_EQ(CopyChordFor(name, ""), std::nullopt) << name;
-    EXPECT_EQ(CopyChordFor("", name), std::nullopt) << name;
+                           "XTerm", "UXTerm", "mlterm"}) {
+    EXPECT_EQ(CopyChordFor(name, "", NoPty), std::nullopt) << name;
+    EXPECT_EQ(CopyChordFor("", name, NoPty), std::nullopt) << name;
   }
 }
 
 TEST(CopyChordsTest, EveryOtherWindowGetsControlC) {
-  EXPECT_EQ(CopyChordFor("gedit", "Gedit"), CopyChord::kControlC);
-  EXPECT_EQ(CopyChordFor("Navigator", "firefox-esr"), CopyChord::kControlC);
-  EXPECT_EQ(CopyChordFor("", ""), CopyChord::kControlC);
+  EXPECT_EQ(CopyChordFor("gedit", "Gedit", NoPty), CopyChord::kControlC);
+  EXPECT_EQ(CopyChordFor("Navigator", "firefox-esr", NoPty), CopyChord::kControlC);
+  EXPECT_EQ(CopyChordFor("", "", NoPty), CopyChord::kControlC);
   // Near misses are not terminals.
-  EXPECT_EQ(CopyChordFor("xterm2", "sterm"), CopyChord::kControlC);
-  EXPECT_EQ(CopyChordFor("kitty-docs", "my-konsole"), CopyChord::kControlC);
-  EXPECT_EQ(CopyChordFor(std::string("xterm\0x", 7), std::string("st\0", 3)), CopyChord::kControlC);
+  EXPECT_EQ(CopyChordFor("xterm2", "sterm", NoPty), CopyChord::kControlC);
+  EXPECT_EQ(CopyChordFor("kitty-docs", "my-konsole", NoPty), CopyChord::kControlC);
+  EXPECT_EQ(CopyChordFor(std::string("xterm\0x", 7), std::string("st\0", 3), NoPty),
+            CopyChord::kControlC);
+}
+
+// The whole decision, with whether the window's process holds a
+// pseudo-terminal master, and that /proc is read only for an unknown class.
+TEST(CopyChordsTest, DecisionTable) {
+  int asked = 0;
+  auto pty = [&asked] {
+    ++asked;
+    return true;
+  };
+  auto no_pty = [&asked] {
+    ++asked;
+    return false;
+  };
+  // A known class: its chord, whatever the process holds, and /proc unread.
+  EXPECT_EQ(CopyChordFor("kgx", "org.gnome.Console", pty), CopyChord::kControlShiftC);
+  EXPECT_EQ(CopyChordFor("konsole", "konsole", no_pty), CopyChord::kControlShiftC);
+  // A class of the "no copy keystroke" list: none.
+  EXPECT_EQ(CopyChordFor("mlterm", "mlterm", no_pty), std::nullopt);
+  EXPECT_EQ(CopyChordFor("xterm", "XTerm", pty), std::nullopt);
+  EXPECT_EQ(asked, 0);
+  // An unknown class that runs a terminal: none.
+  EXPECT_EQ(CopyChordFor("myterm", "MyTerm", pty), std::nullopt);
+  EXPECT_EQ(asked, 1);
+  // An unknown class without one: Ctrl+C.
+  EXPECT_EQ(CopyChordFor("gedit", "Gedit", no_pty), CopyChord::kControlC);
+  EXPECT_EQ(asked, 2);
+  // No way to ask: Ctrl+C.
+  EXPECT_EQ(CopyChordFor("gedit", "Gedit", nullptr), CopyChord::kControlC);
 }
 
 TEST(AttentionPointTest, CentreOfTheFocusedWindow) {
@@ -349,6 +445,33 @@ TEST(AttentionPointTest, ZeroWidthOrHeightWindowGivesThePointer) {
   EXPECT_EQ(log.messages().size(), 5u);
   for (const std::string& line : log.messages())
     EXPECT_EQ(line, "capture: attention at {12.25, -40} from pointer");
+}
+
+TEST_F(SelectionCaptureTest, AHotkeyDuringTheCopyWaitStartsNoSecondCaptureOnTopOfTheFirst) {
+  selections.clipboard = kUserClipboard;
+  selections.copy_puts = FakeSelections::TextContents("copied once");
+  selections.copy_lands_after_pauses = 2;
+  // The key is pressed again while the first capture waits for its copy.
+  std::optional<CapturedSelection> second;
+  selections.on_pause = [&] {
+    if (!second)
+      second = capture();
+  };
+  CapturedSelection first = capture();
+  EXPECT_EQ(first.text, "copied once");
+  ASSERT_TRUE(second);
+  EXPECT_EQ(second->text, std::nullopt);
+  EXPECT_FALSE(second->restored_clipboard);
+  EXPECT_THAT(selections.chords_sent, ElementsAre(CopyChord::kControlC));
+  ASSERT_EQ(selections.restores.size(), 1u);
+  EXPECT_EQ(selections.restores[0], kUserClipboard);
+  EXPECT_THAT(log.messages(),
+              ElementsAre("capture: another capture is still running, this one takes nothing"));
+
+  // Once the first is over, the next capture runs as usual.
+  selections.on_pause = nullptr;
+  selections.copy_puts = FakeSelections::TextContents("copied again");
+  EXPECT_EQ(capture().text, "copied again");
 }
 
 class DesktopCaptureTest : public ::testing::Test, protected FakeCaptureDesktop {
@@ -405,9 +528,14 @@ TEST_F(DesktopCaptureTest, HostileWindowClassCannotBreakALogLine) {
       FakeFrontWindows::Window(31, "x", "Evil\n12:00:00  forged line" + std::string(500, 'z'));
   std::optional<FrontApplication> front = capture->frontApplication();
   ASSERT_TRUE(front);
-  EXPECT_EQ(front->identifier.find('\n'), std::string::npos);
-  EXPECT_EQ(front->identifier.rfind("Evil\\n12:00:00  forged line", 0), 0u);
+  // Kept short; the log escapes what it prints.
+  EXPECT_EQ(front->identifier.rfind("Evil\n12:00:00  forged line", 0), 0u);
   EXPECT_LT(front->identifier.size(), 200u);
+  LogCapture log;
+  SparLog("quote: nothing selected in %@", front->identifier);
+  ASSERT_EQ(log.messages().size(), 1u);
+  EXPECT_EQ(log.messages()[0].rfind("quote: nothing selected in Evil\\n12:00:00  forged line", 0),
+            0u);
 }
 
 TEST_F(DesktopCaptureTest, CaptureRemembersThatItRestoredTheClipboard) {

@@ -105,23 +105,38 @@ TEST(SiteOriginTest, LocationOriginIsWrittenAsPagesReadIt) {
     EXPECT_EQ(LocationOrigin(address), std::nullopt) << address;
 }
 
-TEST(LogSafeTextTest, ControlCharactersAreEscaped) {
-  EXPECT_EQ(LogSafeText("a\nb\rc\td\x1b[31m\x7f", 200), "a\\nb\\rc\\td\\x1b[31m\\x7f");
-  EXPECT_EQ(LogSafeText(std::string("a\0b", 3), 200), "a\\x00b");
+TEST(LogEscapedTextTest, ControlCharactersAreEscaped) {
+  EXPECT_EQ(LogEscapedText("a\nb\rc\td\x1b[31m\x7f"), "a\\nb\\rc\\td\\x1b[31m\\x7f");
+  EXPECT_EQ(LogEscapedText(std::string("a\0b", 3)), "a\\x00b");
   // Line separators and direction overrides could disguise a line as well.
-  EXPECT_EQ(LogSafeText("x\u2028y\u202ez\u0085", 200), "x\\u{2028}y\\u{202e}z\\u{0085}");
+  EXPECT_EQ(LogEscapedText("x\u2028y\u202ez\u0085"), "x\\u{2028}y\\u{202e}z\\u{0085}");
 }
 
-TEST(LogSafeTextTest, TextIsCutToTheGivenNumberOfCharacters) {
-  EXPECT_EQ(LogSafeText(std::string(300, 'z'), 200), std::string(200, 'z'));
-  EXPECT_EQ(LogSafeText("ééééé", 3), "ééé");
-  EXPECT_EQ(LogSafeText("\n\n\n\n", 2), "\\n\\n");
-  EXPECT_EQ(LogSafeText("short", 200), "short");
+TEST(LogEscapedTextTest, ABackslashIsDoubledSoThatNoEscapeCanBeForged) {
+  EXPECT_EQ(LogEscapedText("C:\\n"), "C:\\\\n");
+  EXPECT_EQ(LogEscapedText("a\\\n"), "a\\\\\\n");
 }
 
-TEST(LogSafeTextTest, BytesThatAreNotUtf8AreEscapedOneByOne) {
-  EXPECT_EQ(LogSafeText("a\xff\xc3", 200), "a\\xff\\xc3");
-  EXPECT_EQ(LogSafeText("\xc3\xa9\xe2\x82", 200), "é\\xe2\\x82");
+TEST(LogEscapedTextTest, OrdinaryTextIsUnchanged) {
+  EXPECT_EQ(LogEscapedText("/home/u/Papers/x_y (2).pdf"), "/home/u/Papers/x_y (2).pdf");
+  EXPECT_EQ(LogEscapedText("ééé — ⌥B 論文"), "ééé — ⌥B 論文");
+}
+
+TEST(ShortenedTextTest, TextIsCutToTheGivenNumberOfCharacters) {
+  EXPECT_EQ(ShortenedText(std::string(300, 'z'), 200), std::string(200, 'z'));
+  EXPECT_EQ(ShortenedText("ééééé", 3), "ééé");
+  EXPECT_EQ(ShortenedText("\n\n\n\n", 2), "\n\n");
+  EXPECT_EQ(ShortenedText("short", 200), "short");
+  // A byte that is not UTF-8 counts as one character.
+  EXPECT_EQ(ShortenedText("a\xff\xc3"
+                          "b",
+                          3),
+            "a\xff\xc3");
+}
+
+TEST(LogEscapedTextTest, BytesThatAreNotUtf8AreEscapedOneByOne) {
+  EXPECT_EQ(LogEscapedText("a\xff\xc3"), "a\\xff\\xc3");
+  EXPECT_EQ(LogEscapedText("\xc3\xa9\xe2\x82"), "é\\xe2\\x82");
 }
 
 TEST(ValidUtf8Test, EverySequenceThatIsNotUtf8BecomesOneReplacementCharacter) {

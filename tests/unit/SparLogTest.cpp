@@ -2,6 +2,7 @@
 
 #include "support/LogCapture.h"
 
+#include <algorithm>
 #include <glib/gstdio.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -35,6 +36,37 @@ TEST(SparLogTest, IntegerAndRealPlaceholders) {
 
 TEST(SparLogTest, PercentSignsInArgumentsAreWrittenUnchanged) {
   EXPECT_EQ(FormatLogMessage("message: %@", {"50%@ of %d %s %%"}), "message: 50%@ of %d %s %%");
+}
+
+TEST(SparLogTest, TextArgumentsCannotBreakTheLine) {
+  EXPECT_EQ(FormatLogMessage("split: looking for pid %d showing %@",
+                             {42, "/tmp/a.pdf\n12:00:00  forged line"}),
+            "split: looking for pid 42 showing /tmp/a.pdf\\n12:00:00  forged line");
+  EXPECT_EQ(FormatLogMessage("%s|%@", {"a\r\tb", std::string("c\x1b[2Kd\x7f")}),
+            "a\\r\\tb|c\\x1b[2Kd\\x7f");
+  // C1 controls and the Unicode line and paragraph separators.
+  EXPECT_EQ(FormatLogMessage("%@", {"x\u0085y\u2028z\u2029"}), "x\\u{0085}y\\u{2028}z\\u{2029}");
+  EXPECT_EQ(FormatLogMessage("%@", {std::string("nul\0byte", 8)}), "nul\\x00byte");
+}
+
+TEST(SparLogTest, ABackslashInAnArgumentIsDoubled) {
+  // Otherwise a name holding the two characters \ and n would read as an
+  // escaped line break.
+  EXPECT_EQ(FormatLogMessage("dock drop: %@", {"a\\nb"}), "dock drop: a\\\\nb");
+}
+
+TEST(SparLogTest, TheFormatAndNumbersAreNotEscaped) {
+  EXPECT_EQ(FormatLogMessage("a\tb %d %@", {7, 2.5}), "a\tb 7 2.5");
+  EXPECT_EQ(FormatLogMessage("%@ %@", {"/home/u/Papers/x_y.pdf", "{{0, 0}, {960, 1080}}"}),
+            "/home/u/Papers/x_y.pdf {{0, 0}, {960, 1080}}");
+}
+
+TEST(SparLogTest, AnArgumentWithALineBreakWritesExactlyOneLine) {
+  LogCapture log;
+  SparLog("spar note: %@", "cs/0101123\n00:00:00  update: installed");
+  std::string text = TempDir::Read(log.path());
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+  EXPECT_THAT(log.messages(), ElementsAre("spar note: cs/0101123\\n00:00:00  update: installed"));
 }
 
 TEST(SparLogTest, LineIsTimeTwoSpacesAndMessage) {

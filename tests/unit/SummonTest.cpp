@@ -290,5 +290,41 @@ TEST_F(SummonTest, TheFallbackDelayIsAParameter) {
   EXPECT_EQ(panel.presented.size(), 1u);
 }
 
+// Under load the fallback can show the panel before the activation the
+// summon asked for arrives; that activate is the summon's own and must not
+// be handled as a reopen (which shows the library window over the panel).
+TEST_F(SummonTest, ALateActivateOfTheSummonsOwnRequestIsNotAReopen) {
+  summon.hotkeySummon(7);
+  scheduler.advance(kSummonFallbackDelay);
+  ASSERT_EQ(panel.presented.size(), 1u);
+  EXPECT_TRUE(summon.handleReopen());
+  EXPECT_EQ(panel.presented.size(), 1u);
+  activation.answer(std::nullopt);
+  // Answered: a later activate is a real reopen.
+  EXPECT_FALSE(summon.handleReopen());
+  EXPECT_EQ(panel.presented.size(), 1u);
+}
+
+TEST_F(SummonTest, TheActivateBeforeTheFallbackShowsThePanelOnce) {
+  summon.hotkeySummon(8);
+  EXPECT_TRUE(summon.handleReopen());
+  ASSERT_EQ(panel.presented.size(), 1u);
+  EXPECT_EQ(panel.presented[0].timestamp, 8u);
+  activation.answer(std::nullopt);
+  scheduler.runAll();
+  EXPECT_EQ(panel.presented.size(), 1u);
+  EXPECT_FALSE(summon.handleReopen());
+}
+
+TEST_F(SummonTest, AReopenWithoutASummonIsTheCallers) {
+  EXPECT_FALSE(summon.handleReopen());
+  EXPECT_TRUE(panel.presented.empty());
+  // A refused activation is answered too: nothing stays in flight.
+  summon.hotkeySummon(9);
+  activation.answer(std::string("refused"));
+  ASSERT_EQ(panel.presented.size(), 1u);
+  EXPECT_FALSE(summon.handleReopen());
+}
+
 } // namespace
 } // namespace orvane

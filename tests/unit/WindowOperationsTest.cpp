@@ -5,6 +5,7 @@
 #include "support/LogCapture.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 namespace orvane {
 namespace {
@@ -91,6 +92,73 @@ TEST_F(WindowOperationsTest, TitleThatIsTheAbsolutePathOfAnExistingFileIsItsDocu
   EXPECT_EQ(DocumentShownBy(window, {}), pdf);
   window.title = dir.file("x/missing.pdf");
   EXPECT_EQ(DocumentShownBy(window, {}), std::nullopt);
+}
+
+// A process that names thousands of PDFs (some of them twice, through
+// hard links): the windows that show them are still told apart, and the
+// search costs one look at each name.
+class ManyDocumentsTest : public WindowOperationsTest {
+protected:
+  static constexpr int kFiles = 3000, kLinks = 500;
+  void SetUp() override {
+    for (int i = 0; i < kFiles; ++i)
+      paths.push_back(dir.write("p/paper-" + std::to_string(i) + ".pdf", "%PDF-1.4\n"));
+    for (int i = 0; i < kLinks; ++i) {
+      std::string link = dir.file("p/link-" + std::to_string(i) + ".pdf");
+      ASSERT_EQ(::link(paths[size_t(i)].c_str(), link.c_str()), 0);
+      paths.push_back(link);
+    }
+    windows.documents[10] = paths;
+  }
+  TempDir dir;
+  std::vector<std::string> paths;
+};
+
+TEST_F(ManyDocumentsTest, TheWindowThatShowsAFileIsFoundAmongThousandsOfDocuments) {
+  windows.add(10, "paper-17.pdf — Viewer", {0, 0, 300, 300});
+  unsigned long shown = windows.add(10, "paper-2999.pdf — Viewer", {0, 0, 300, 300});
+  windows.add(10, "paper-5.pdf — Viewer", {0, 0, 300, 300});
+  auto found = ops.CopyWindowForFile(10, dir.file("p/paper-2999.pdf"));
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->id, shown);
+  // A hard link is the same document: the window whose title names the
+  // file under its first name shows it.
+  unsigned long linked = windows.add(10, "paper-499.pdf — Viewer", {0, 0, 300, 300});
+  found = ops.CopyWindowForFile(10, dir.file("p/link-499.pdf"));
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->id, linked);
+  EXPECT_FALSE(ops.CopyWindowForFile(10, dir.file("p/absent.pdf")));
+}
+
+TEST_F(ManyDocumentsTest, EachFileCountsOnceByDeviceAndInodeAfterOneStatPerName) {
+  DocumentSet set(paths);
+  EXPECT_EQ(set.documents().size(), size_t(kFiles));
+  EXPECT_EQ(set.documents().front(), paths.front());
+  EXPECT_EQ(set.statCalls(), size_t(kFiles + kLinks));
+  WindowInfo window;
+  window.title = "link-3.pdf";
+  // The link's first name is the paper's; the title names neither of the
+  // first names, so no document is told.
+  EXPECT_EQ(DocumentShownBy(window, set), std::nullopt);
+  window.title = "paper-3.pdf";
+  EXPECT_EQ(DocumentShownBy(window, set), paths[3]);
+  EXPECT_TRUE(set.contains(dir.file("p/link-3.pdf")));
+  EXPECT_TRUE(set.contains(dir.file("p/../p/paper-3.pdf")));
+  EXPECT_FALSE(set.contains(dir.file("p/paper-3000.pdf")));
+}
+
+TEST(DocumentSetTest, TheWorkIsBounded) {
+  std::vector<std::string> many;
+  for (size_t i = 0; i < kMaxDocumentsLooked + 100; ++i)
+    many.push_back("/nonexistent/orvane-test/" + std::to_string(i) + ".pdf");
+  DocumentSet set(many);
+  EXPECT_EQ(set.statCalls(), kMaxDocumentsLooked);
+  EXPECT_EQ(set.documents().size(), kMaxDocumentsLooked);
+}
+
+TEST(DocumentSetTest, NamesThatCannotBeLookedAtAreToldApartByTheirStandardizedPath) {
+  DocumentSet set({"/p/alpha.pdf", "/p/./alpha.pdf", "/p/x/../alpha.pdf", "/p/beta.pdf"});
+  EXPECT_EQ(set.documents(), (std::vector<std::string>{"/p/alpha.pdf", "/p/beta.pdf"}));
 }
 
 TEST_F(WindowOperationsTest, FileHandedToAnotherProcessIsFoundAmongEveryNormalWindow) {

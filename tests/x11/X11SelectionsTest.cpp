@@ -7,6 +7,11 @@
 #include "support/TextLines.h"
 #include "x11/X11TestSupport.h"
 
+// After gtest (through X11TestSupport.h): Xlib's None and Bool macros.
+#include "desktop/x11/SelectionWorker.h"
+#include "desktop/x11/XSelectionReader.h"
+#include <gtk/gtk.h>
+
 #include <array>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -24,6 +29,9 @@ std::string AllByteValues(size_t size) {
     bytes[i] = char((i * 7 + 3) % 256);
   return bytes;
 }
+
+// The log lines of this test process and of the processes it started.
+std::string LogText();
 
 class X11SelectionsTest : public testing::Test {
 protected:
@@ -173,14 +181,13 @@ TEST_F(X11SelectionsTest, OurOwnRestoredClipboardIsAnsweredFromMemory) {
   X11Selections selections;
   ClipboardContents contents{{"UTF8_STRING", "aus dem Speicher"}, {"text/html", "<i>x</i>"}};
   selections.restoreClipboard(contents);
-  // Asking the X server would reach this very process, whose main loop does
-  // not run during the call: only an answer from memory can be right.
   EXPECT_EQ(selections.saveClipboard(), contents);
   EXPECT_EQ(selections.clipboardText(), "aus dem Speicher");
-  // A second object of this process cannot read it and does not hang on it.
+  // A second object of this process reads it over the X server: the main
+  // loop answers it while the conversation runs on the worker.
   X11Selections other;
-  EXPECT_EQ(other.clipboardText(), std::nullopt);
-  EXPECT_EQ(other.saveClipboard(), ClipboardContents{});
+  EXPECT_EQ(other.clipboardText(), "aus dem Speicher");
+  EXPECT_EQ(other.saveClipboard(), contents);
 }
 
 TEST_F(X11SelectionsTest, OnlyRealTargetsAreServedByARestore) {
@@ -246,7 +253,8 @@ TEST_F(X11SelectionsTest, AnOwnerThatNeverAnswersGivesNothingAndLeavesTheReaderU
       serve("CLIPBOARD", {{"UTF8_STRING", "UTF8_STRING", "never sent"}}, {"--hang"});
   ASSERT_TRUE(hung);
   X11SelectionLimits limits;
-  limits.read_timeout = 300ms;
+  limits.idle_wait = 300ms;
+  limits.stall_budget = 300ms;
   X11Selections selections(limits);
   EXPECT_EQ(selections.saveClipboard(), ClipboardContents{});
   EXPECT_EQ(selections.clipboardText(), std::nullopt);
@@ -267,8 +275,11 @@ TEST_F(X11SelectionsTest, AnswersOfTheWrongTypeAreDropped) {
   std::unique_ptr<Child> owner =
       serve("CLIPBOARD", {{"UTF8_STRING", "UTF8_STRING", "text"}}, {"--wrong-type"});
   ASSERT_TRUE(owner);
+  size_t before = LogText().size();
   X11Selections selections;
   EXPECT_EQ(selections.saveClipboard(), ClipboardContents{}) << "TARGETS came as a STRING";
+  EXPECT_NE(LogText().find("clipboard: its owner gave no list of targets, nothing saved", before),
+            std::string::npos);
   EXPECT_EQ(selections.clipboardText(), std::nullopt) << "the text came as an INTEGER";
 }
 
@@ -313,20 +324,200 @@ TEST_F(X11SelectionsTest, AnEndlessIncrTransferIsAbandoned) {
   ASSERT_TRUE(owner);
   X11SelectionLimits limits;
   limits.max_clipboard_bytes = 1 << 20;
-  limits.read_timeout = 2000ms;
   X11Selections selections(limits);
   EXPECT_EQ(selections.saveClipboard(), ClipboardContents{});
   EXPECT_EQ(selections.clipboardText(), std::nullopt);
   owner.reset();
 
-  // ...tiny ones into the deadline.
+  // ...tiny ones, which never stall, into the ceiling.
   std::unique_ptr<Child> trickle =
       serve("CLIPBOARD", {{"UTF8_STRING", "UTF8_STRING", "x"}}, {"--endless-incr", "--chunk", "1"});
   ASSERT_TRUE(trickle);
   limits.max_clipboard_bytes = size_t(64) << 20;
-  limits.read_timeout = 300ms;
+  limits.ceiling = 500ms;
   X11Selections patient(limits);
   EXPECT_EQ(patient.clipboardText(), std::nullopt);
+}
+
+// Counts the ticks of a main-loop timer while it lives: a main loop that is
+// held does not tick.
+class MainLoopTicks {
+public:
+  MainLoopTicks() {
+    source_ = g_timeout_add(
+        10,
+        [](gpointer data) -> gboolean {
+          ++*static_cast<int*>(data);
+          return G_SOURCE_CONTINUE;
+        },
+        &ticks_);
+  }
+  ~MainLoopTicks() { g_source_remove(source_); }
+  MainLoopTicks(const MainLoopTicks&) = delete;
+  MainLoopTicks& operator=(const MainLoopTicks&) = delete;
+  int ticks() const { return ticks_; }
+
+private:
+  int ticks_ = 0;
+  guint source_ = 0;
+};
+
+// How long a call took, printed as a figure (never asserted).
+template <typename Call> auto Timed(const char* what, Call call) {
+  auto start = std::chrono::steady_clock::now();
+  auto result = call();
+  double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  printf("[ figure   ] %s: %.3f s\n", what, seconds);
+  return result;
+}
+
+TEST_F(X11SelectionsTest, AnOwnerOfHundredsOfTargetsThatConvertsNoneCostsOneBudgetAndHoldsNothing) {
+  std::unique_ptr<Child> owner = serve("CLIPBOARD", {{"UTF8_STRING", "UTF8_STRING", "never sent"}},
+                                       {"--many-targets", "400", "--hang-conversions"});
+  ASSERT_TRUE(owner);
+  size_t before = LogText().size();
+  X11Selections selections;
+  MainLoopTicks ticks;
+  EXPECT_EQ(Timed("save from a hostile owner", [&] { return selections.saveClipboard(); }),
+            ClipboardContents{});
+  EXPECT_GE(ticks.ticks(), 10) << "the main loop was held while the save waited";
+  EXPECT_NE(
+      LogText().find("clipboard: its owner stopped answering, 0 of 401 targets saved", before),
+      std::string::npos)
+      << LogText().substr(before);
+
+  // Reading its text likewise lets the main loop run.
+  MainLoopTicks read_ticks;
+  EXPECT_EQ(Timed("text from a hostile owner", [&] { return selections.clipboardText(); }),
+            std::nullopt);
+  EXPECT_GE(read_ticks.ticks(), 10) << "the main loop was held while the read waited";
+}
+
+TEST_F(X11SelectionsTest, AReadOfAnOwnerThatNeverAnswersLeavesTheMainLoopRunning) {
+  std::unique_ptr<Child> hung =
+      serve("PRIMARY", {{"UTF8_STRING", "UTF8_STRING", "never sent"}}, {"--hang"});
+  ASSERT_TRUE(hung);
+  X11Selections selections;
+  MainLoopTicks ticks;
+  EXPECT_EQ(selections.primaryText(), std::nullopt);
+  EXPECT_GE(ticks.ticks(), 10) << "the main loop was held while the read waited";
+}
+
+TEST_F(X11SelectionsTest, ASlowIncrTransferThatKeepsProgressingCompletes) {
+  // About thirty chunks, each sent 60 ms late: far longer in all than the
+  // owner may stay silent at once, yet never silent that long.
+  std::string big = AllByteValues(120000);
+  std::unique_ptr<Child> owner =
+      serve("CLIPBOARD", {{"application/x-slow", "application/octet-stream", big}},
+            {"--chunk", "4096", "--chunk-delay", "60"});
+  ASSERT_TRUE(owner);
+  X11Selections selections;
+  MainLoopTicks ticks;
+  EXPECT_EQ(Timed("slow INCR save", [&] { return selections.saveClipboard(); }),
+            (ClipboardContents{{"application/x-slow", big}}));
+  EXPECT_GE(ticks.ticks(), 10);
+}
+
+TEST_F(X11SelectionsTest, AnIncrTransferThatStallsIsCutTheOtherTargetsKept) {
+  std::unique_ptr<Child> owner =
+      serve("CLIPBOARD",
+            {{"UTF8_STRING", "UTF8_STRING", "klein"},
+             {"application/x-stalls", "application/octet-stream", AllByteValues(100000)}},
+            {"--chunk", "4096", "--stall-after", "3"});
+  ASSERT_TRUE(owner);
+  X11Selections selections;
+  EXPECT_EQ(selections.saveClipboard(), (ClipboardContents{{"UTF8_STRING", "klein"}}));
+}
+
+TEST_F(X11SelectionsTest, AnOwnerThatVanishesMidTransferGivesNothingAndTheNextOwnerIsRead) {
+  std::unique_ptr<Child> owner = serve(
+      "CLIPBOARD", {{"application/x-gone", "application/octet-stream", AllByteValues(100000)}},
+      {"--chunk", "4096", "--vanish-after", "2"});
+  ASSERT_TRUE(owner);
+  X11Selections selections;
+  EXPECT_EQ(selections.saveClipboard(), ClipboardContents{});
+  EXPECT_TRUE(owner->waitExit()) << "the owner went away in the middle";
+  std::unique_ptr<Child> xclip = xclipOwner("danach");
+  ASSERT_TRUE(xclip);
+  EXPECT_EQ(selections.clipboardText(), "danach");
+}
+
+TEST_F(X11SelectionsTest, MalformedAnswersAreDroppedWithoutWaitingOnThem) {
+  // INCR headers of the wrong format and size and a type the server never
+  // made: none is a transfer to wait for, so the budget stays whole and the
+  // save is not cut short.
+  std::unique_ptr<Child> owner = serve("CLIPBOARD",
+                                       {{"UTF8_STRING", "UTF8_STRING", "a"},
+                                        {"text/html", "text/html", "b"},
+                                        {"image/png", "image/png", "c"},
+                                        {"text/plain", "text/plain", "d"}},
+                                       {"--garbage-types"});
+  ASSERT_TRUE(owner);
+  size_t before = LogText().size();
+  X11Selections selections;
+  EXPECT_EQ(selections.saveClipboard(), ClipboardContents{});
+  EXPECT_EQ(LogText().find("stopped answering", before), std::string::npos)
+      << LogText().substr(before);
+}
+
+TEST_F(X11SelectionsTest, AWorkerDestroyedWhileItsConversationWaitsCancelsTheWait) {
+  std::unique_ptr<Child> hung =
+      serve("CLIPBOARD", {{"UTF8_STRING", "UTF8_STRING", "never sent"}}, {"--hang"});
+  ASSERT_TRUE(hung);
+  auto worker = std::make_unique<SelectionWorker>();
+  SelectionWorker* running = worker.get();
+  // Something the main loop runs while the conversation waits ends the
+  // worker (as a program that shuts down would).
+  g_timeout_add(
+      100,
+      [](gpointer data) -> gboolean {
+        static_cast<std::unique_ptr<SelectionWorker>*>(data)->reset();
+        return G_SOURCE_REMOVE;
+      },
+      &worker);
+  bool ran = false;
+  std::optional<SelectionAnswer> answer;
+  std::chrono::milliseconds stall_left{0};
+  running->run([&](XSelectionReader& reader) {
+    // Waits that would last a minute on their own.
+    WaitBudget budget(std::chrono::seconds(60), std::chrono::seconds(60), std::chrono::minutes(5));
+    answer = reader.convert("CLIPBOARD", "UTF8_STRING", budget, 1000);
+    stall_left = budget.stall;
+    ran = true;
+  });
+  EXPECT_TRUE(ran);
+  EXPECT_FALSE(answer);
+  EXPECT_EQ(worker, nullptr);
+  EXPECT_EQ(stall_left.count(), 0) << "the wait ran out by itself instead of being cancelled";
+}
+
+TEST_F(X11SelectionsTest, TextCopiedInThisProcessIsSavedWithEveryTargetAndRestored) {
+  // What a page of ours does when the user copies in it: GTK's clipboard of
+  // this very process owns the CLIPBOARD.
+  const std::string text = "aus einer eigenen Seite ✓";
+  gtk_clipboard_set_text(gtk_clipboard_get(GDK_SELECTION_CLIPBOARD), text.c_str(), -1);
+  TestDisplay display;
+  ASSERT_TRUE(SpinUntil([&] { return display.owner("CLIPBOARD") != None; }));
+  X11Selections selections;
+  ClipboardContents saved = selections.saveClipboard();
+  std::set<std::string> names;
+  for (const SelectionTarget& target : saved) {
+    names.insert(target.target);
+    if (target.target == "UTF8_STRING" || target.target == "text/plain;charset=utf-8") {
+      EXPECT_EQ(target.bytes, text) << target.target;
+    }
+  }
+  EXPECT_TRUE(names.count("UTF8_STRING")) << saved.size();
+  EXPECT_TRUE(names.count("text/plain;charset=utf-8")) << saved.size();
+
+  // Another application's copy replaces it; the restore brings ours back,
+  // and it stays once GTK's own data is gone.
+  std::unique_ptr<Child> xclip = xclipOwner("fremd");
+  ASSERT_TRUE(xclip);
+  selections.restoreClipboard(saved);
+  ASSERT_TRUE(xclip->waitExit());
+  EXPECT_EQ(xclipRead("UTF8_STRING").out, text);
+  EXPECT_EQ(xclipRead("text/plain;charset=utf-8").out, text);
 }
 
 TEST_F(X11SelectionsTest, TheCopyChordReachesTheFocusedApplicationWhichCopies) {
@@ -402,12 +593,12 @@ std::string LogText() {
   return TempDir::Read(LogFilePath());
 }
 
-std::optional<int> KeeperPid(const std::string& log) {
-  const std::string marker = "clipboard: kept in the background by process ";
-  size_t at = log.rfind(marker);
-  if (at == std::string::npos)
-    return std::nullopt;
-  return std::stoi(log.substr(at + marker.size()));
+constexpr char kKeptLine[] = "clipboard: kept by a background process for ";
+
+// The process that serves the CLIPBOARD now (XRes).
+std::optional<int> ClipboardOwnerPid() {
+  TestDisplay display;
+  return PidOfWindowClient(display.get(), display.owner("CLIPBOARD"));
 }
 
 bool ProcessGone(int pid) {
@@ -426,8 +617,10 @@ TEST_F(X11SelectionsTest, TheRestoredClipboardOutlivesTheProcessUntilAnotherClie
   ASSERT_TRUE(status);
   EXPECT_EQ(*status, 0);
 
-  std::optional<int> keeper;
-  ASSERT_TRUE(SpinUntil([&] { return (keeper = KeeperPid(LogText())).has_value(); })) << LogText();
+  ASSERT_NE(LogText().find(std::string(kKeptLine) + "600 s"), std::string::npos) << LogText();
+  // The caller waited for the keeper to take the CLIPBOARD before it exited.
+  std::optional<int> keeper = ClipboardOwnerPid();
+  ASSERT_TRUE(keeper);
   EXPECT_NE(*keeper, caller->pid());
   EXPECT_FALSE(ProcessGone(*keeper));
   EXPECT_EQ(xclipRead("UTF8_STRING").out, "überlebt den Prozess");
@@ -439,8 +632,7 @@ TEST_F(X11SelectionsTest, TheRestoredClipboardOutlivesTheProcessUntilAnotherClie
   std::unique_ptr<Child> xclip = xclipOwner("newer");
   ASSERT_TRUE(xclip);
   ASSERT_TRUE(SpinUntil([&] { return ProcessGone(*keeper); }));
-  EXPECT_NE(LogText().find("clipboard: the background keeper ends, another client took the "
-                           "clipboard"),
+  EXPECT_NE(LogText().find("clipboard: the background keeper stepped aside for a new copy"),
             std::string::npos);
   EXPECT_EQ(xclipRead("UTF8_STRING").out, "newer");
 }
@@ -451,14 +643,11 @@ TEST_F(X11SelectionsTest, TheBackgroundKeeperEndsWhenItsTimeIsUp) {
       Child::Start({"/proc/self/exe", "--restore-and-exit", "500", "UTF8_STRING", "nur kurz"});
   ASSERT_TRUE(caller);
   ASSERT_EQ(caller->waitExit(), 0);
-  std::optional<int> keeper;
   ASSERT_TRUE(SpinUntil([&] {
-    std::string log = LogText();
-    return log.size() > before.size() && (keeper = KeeperPid(log.substr(before.size())));
-  }));
-  ASSERT_TRUE(SpinUntil([&] { return ProcessGone(*keeper); }));
-  EXPECT_NE(LogText().find("clipboard: the background keeper ends, its time is up"),
-            std::string::npos);
+    return LogText().find("clipboard: the background keeper ends, its time is up", before.size()) !=
+           std::string::npos;
+  })) << LogText();
+  EXPECT_NE(LogText().find(std::string(kKeptLine) + "0 s", before.size()), std::string::npos);
   // The server lets the CLIPBOARD go once it has closed the keeper's connection.
   TestDisplay display;
   EXPECT_TRUE(SpinUntil([&] { return display.owner("CLIPBOARD") == None; }));
@@ -476,7 +665,7 @@ TEST_F(X11SelectionsTest, WithAClipboardManagerTheClipboardIsHandedToIt) {
   ASSERT_EQ(caller->waitExit(), 0);
   std::string log = LogText().substr(before.size());
   EXPECT_NE(log.find("clipboard: handed to the clipboard manager"), std::string::npos) << log;
-  EXPECT_EQ(log.find("kept in the background"), std::string::npos) << log;
+  EXPECT_EQ(log.find(kKeptLine), std::string::npos) << log;
   EXPECT_EQ(xclipRead("UTF8_STRING").out, "an den Verwalter");
   EXPECT_EQ(xclipRead("text/html").out, "<i>verwaltet</i>");
 }

@@ -165,9 +165,8 @@ int RunClipboardKeeper(const std::string& path) {
     SparLog("clipboard: the keeper could not take the clipboard");
     return 1;
   }
-  SparLog("clipboard: kept in the background by process %d (%lu targets, up to %lu s)",
-          int(getpid()), kept->targets.size(),
-          (unsigned long)std::chrono::duration_cast<std::chrono::seconds>(kept->lifetime).count());
+  SparLog("clipboard: kept by a background process for %d s",
+          int(std::chrono::duration_cast<std::chrono::seconds>(kept->lifetime).count()));
   struct Wait {
     GMainLoop* loop;
     bool time_up = false;
@@ -190,7 +189,7 @@ int RunClipboardKeeper(const std::string& path) {
   if (served->owned)
     SparLog("clipboard: the background keeper ends, its time is up");
   else
-    SparLog("clipboard: the background keeper ends, another client took the clipboard");
+    SparLog("clipboard: the background keeper stepped aside for a new copy");
   g_main_loop_unref(loop);
   return 0;
 }

@@ -39,4 +39,28 @@ bool HasInputFocus(GtkWindow* window) {
   return found;
 }
 
+void RequestActivation(GtkWindow* window, uint32_t timestamp) {
+  GdkWindow* gdk = gtk_widget_get_window(GTK_WIDGET(window));
+  if (!gdk || !GDK_IS_X11_WINDOW(gdk) || !gtk_widget_get_mapped(GTK_WIDGET(window)))
+    return;
+  GdkDisplay* gdk_display = gdk_window_get_display(gdk);
+  Display* display = GDK_WINDOW_XDISPLAY(gdk);
+  XEvent event = {};
+  event.xclient.type = ClientMessage;
+  event.xclient.send_event = True;
+  event.xclient.display = display;
+  event.xclient.window = GDK_WINDOW_XID(gdk);
+  event.xclient.message_type =
+      gdk_x11_get_xatom_by_name_for_display(gdk_display, "_NET_ACTIVE_WINDOW");
+  event.xclient.format = 32;
+  event.xclient.data.l[0] = 2; // source indication: a user action
+  event.xclient.data.l[1] = long(timestamp);
+  event.xclient.data.l[2] = None; // the requestor's active window: none
+  gdk_x11_display_error_trap_push(gdk_display);
+  XSendEvent(display, GDK_WINDOW_XID(gdk_screen_get_root_window(gdk_window_get_screen(gdk))), False,
+             SubstructureRedirectMask | SubstructureNotifyMask, &event);
+  XFlush(display);
+  gdk_x11_display_error_trap_pop_ignored(gdk_display);
+}
+
 } // namespace orvane

@@ -176,6 +176,69 @@ Rect WindowFrame(GtkWindow* window) {
                             primary);
 }
 
+namespace {
+constexpr double kFrameTolerance = 1.0;
+
+bool FrameIs(GtkWindow* window, const Rect& frame) {
+  if (!OnScreen(window))
+    return false;
+  Rect now = WindowFrame(window);
+  return std::fabs(now.x - frame.x) <= kFrameTolerance &&
+         std::fabs(now.y - frame.y) <= kFrameTolerance &&
+         std::fabs(now.width - frame.width) <= kFrameTolerance &&
+         std::fabs(now.height - frame.height) <= kFrameTolerance;
+}
+
+// One wait for a frame: the configure handler and the time limit, whichever
+// ends it removes the other.
+struct FrameWait {
+  GtkWindow* window;
+  Rect frame;
+  std::function<void()> task;
+  gulong handler = 0;
+  guint timeout = 0;
+};
+
+void EndFrameWait(FrameWait* wait) {
+  if (wait->handler)
+    g_signal_handler_disconnect(wait->window, wait->handler);
+  if (wait->timeout)
+    g_source_remove(wait->timeout);
+  g_object_unref(wait->window);
+  delete wait;
+}
+} // namespace
+
+void WhenFrameIs(GtkWindow* window, const Rect& frame, unsigned limit_ms,
+                 std::function<void()> task) {
+  if (FrameIs(window, frame)) {
+    task();
+    return;
+  }
+  auto* wait = new FrameWait{GTK_WINDOW(g_object_ref(window)), frame, std::move(task)};
+  wait->handler = g_signal_connect_after(
+      window, "configure-event",
+      G_CALLBACK(+[](GtkWidget* widget, GdkEvent*, gpointer data) -> gboolean {
+        auto* wait = static_cast<FrameWait*>(data);
+        if (FrameIs(GTK_WINDOW(widget), wait->frame)) {
+          std::function<void()> task = std::move(wait->task);
+          EndFrameWait(wait);
+          task();
+        }
+        return FALSE;
+      }),
+      wait);
+  wait->timeout = g_timeout_add(
+      limit_ms,
+      [](gpointer data) -> gboolean {
+        auto* wait = static_cast<FrameWait*>(data);
+        wait->timeout = 0;
+        EndFrameWait(wait);
+        return G_SOURCE_REMOVE;
+      },
+      wait);
+}
+
 Size ContentSizeOfFrame(GtkWindow* window, const Rect& frame) {
   Decorations d = KnownDecorations(window);
   return {double(std::max(1, int(std::lround(frame.width)) - d.extra_width)),

@@ -17,6 +17,13 @@ void TrackWindowFrame(GtkWindow* window);
 void WhenOnScreen(GtkWindow* window, std::function<void()> task);
 
 Rect WindowFrame(GtkWindow* window);
+// Runs the task once the window is on screen with that outer frame (within
+// a point), as the X server reports it after the window manager applied a
+// move or resize: at once when it is there already, else on the configure
+// notification that brings it. The wait is dropped after limit_ms without
+// running the task.
+void WhenFrameIs(GtkWindow* window, const Rect& frame, unsigned limit_ms,
+                 std::function<void()> task);
 // Places the outer frame; the content gets the frame less the decorations.
 void SetWindowFrame(GtkWindow* window, const Rect& frame);
 // The content size that frame gives the window: the frame less the

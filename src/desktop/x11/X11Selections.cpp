@@ -3,13 +3,13 @@
 #include "base/SparLog.h"
 #include "base/Text.h"
 #include "desktop/x11/ClipboardServer.h"
+#include "desktop/x11/SelectionWorker.h"
 #include "desktop/x11/XSelectionReader.h"
 
 #include <X11/keysym.h>
 #include <algorithm>
 #include <fcntl.h>
 #include <gtk/gtk.h>
-#include <thread>
 #include <unistd.h>
 
 namespace orvane {
@@ -52,6 +52,91 @@ std::string DefaultTypeFor(const std::string& target) {
   return target == "TEXT" ? "UTF8_STRING" : target;
 }
 
+WaitBudget BudgetOf(const X11SelectionLimits& limits) {
+  return WaitBudget(limits.idle_wait, limits.stall_budget, limits.ceiling);
+}
+
+// The selection as text, UTF8_STRING first, else STRING; both tries share
+// one budget. Runs on the worker thread.
+std::optional<std::string> ReadSelectionText(XSelectionReader& reader, const char* selection,
+                                             const X11SelectionLimits& limits) {
+  if (reader.owner(selection) == 0)
+    return std::nullopt;
+  WaitBudget budget = BudgetOf(limits);
+  for (const char* target : {"UTF8_STRING", "STRING"}) {
+    if (budget.spent())
+      break;
+    std::optional<SelectionAnswer> answer =
+        reader.convert(selection, target, budget, limits.max_clipboard_bytes);
+    if (answer) {
+      if (std::optional<std::string> text = TextOf(answer->type, answer->format, answer->bytes))
+        return text;
+    }
+  }
+  return std::nullopt;
+}
+
+// What a save of the CLIPBOARD got from its owner.
+struct SavedClipboard {
+  std::vector<ServedTarget> targets;
+  size_t offered = 0;     // data targets the owner listed
+  bool cut_short = false; // the owner fell silent before every target was read
+  bool no_list = false;   // the owner's answer to TARGETS was no list of atoms
+};
+
+// Every data target of the CLIPBOARD with its bytes, within the budget and
+// the size cap. Runs on the worker thread; an owner in this very process
+// (GTK's clipboard) is answered by the main loop meanwhile.
+SavedClipboard SaveClipboardTargets(XSelectionReader& reader, const X11SelectionLimits& limits) {
+  SavedClipboard saved;
+  if (reader.owner("CLIPBOARD") == 0)
+    return saved;
+  WaitBudget budget = BudgetOf(limits);
+  std::optional<std::vector<std::string>> names = reader.targets("CLIPBOARD", budget);
+  if (!names) {
+    saved.cut_short = budget.spent();
+    saved.no_list = !saved.cut_short;
+    return saved;
+  }
+  size_t room = limits.max_clipboard_bytes;
+  for (const std::string& name : *names) {
+    if (IsMetaTarget(name))
+      continue;
+    ++saved.offered;
+    if (budget.spent()) {
+      saved.cut_short = true;
+      continue;
+    }
+    std::optional<SelectionAnswer> answer = reader.convert("CLIPBOARD", name, budget, room);
+    if (!answer)
+      continue;
+    room -= answer->bytes.size();
+    saved.targets.push_back({name, answer->type, answer->format, std::move(answer->bytes)});
+  }
+  return saved;
+}
+
+// Runs the thread-default main context for a while: the waits of the copy
+// chord leave the main loop free.
+void RunMainContextFor(std::chrono::milliseconds duration) {
+  GMainContext* context = g_main_context_ref_thread_default();
+  bool done = false;
+  GSource* timer = g_timeout_source_new(guint(std::max<long long>(duration.count(), 0)));
+  g_source_set_callback(
+      timer,
+      [](gpointer data) -> gboolean {
+        *static_cast<bool*>(data) = true;
+        return G_SOURCE_REMOVE;
+      },
+      &done, nullptr);
+  g_source_attach(timer, context);
+  while (!done)
+    g_main_context_iteration(context, TRUE);
+  g_source_destroy(timer);
+  g_source_unref(timer);
+  g_main_context_unref(context);
+}
+
 std::string OwnExecutable() {
   gchar* link = g_file_read_link("/proc/self/exe", nullptr);
   std::string path = link ? link : "";
@@ -71,12 +156,14 @@ XSelectionReader& X11Selections::reader() {
   return *reader_;
 }
 
-bool X11Selections::servingClipboard() const {
-  return served_ && served_->owned;
+SelectionWorker& X11Selections::worker() {
+  if (!worker_)
+    worker_ = std::make_unique<SelectionWorker>();
+  return *worker_;
 }
 
-bool X11Selections::ownedByThisProcess(unsigned long owner) {
-  return reader().pidOfWindow(owner) == int(getpid());
+bool X11Selections::servingClipboard() const {
+  return served_ && served_->owned;
 }
 
 std::optional<int> X11Selections::primaryOwnerPid() {
@@ -84,23 +171,12 @@ std::optional<int> X11Selections::primaryOwnerPid() {
 }
 
 std::optional<std::string> X11Selections::readText(const char* selection) {
-  unsigned long owner = reader().owner(selection);
-  // Asking ourselves would wait for a main loop that is blocked right here.
-  if (owner == 0 || ownedByThisProcess(owner))
-    return std::nullopt;
-  // One deadline for both tries: an owner that never answers costs it once.
-  Clock::time_point deadline = Clock::now() + limits_.read_timeout;
-  for (const char* target : {"UTF8_STRING", "STRING"}) {
-    std::optional<SelectionAnswer> answer =
-        reader().convert(selection, target, deadline, limits_.max_clipboard_bytes);
-    if (answer) {
-      if (std::optional<std::string> text = TextOf(answer->type, answer->format, answer->bytes))
-        return text;
-    }
-    if (Clock::now() >= deadline)
-      break;
-  }
-  return std::nullopt;
+  std::optional<std::string> text;
+  X11SelectionLimits limits = limits_;
+  worker().run([&text, selection, limits](XSelectionReader& reader) {
+    text = ReadSelectionText(reader, selection, limits);
+  });
+  return text;
 }
 
 std::optional<std::string> X11Selections::primaryText() {
@@ -119,33 +195,18 @@ ClipboardContents X11Selections::saveClipboard() {
       contents.push_back({target.target, target.bytes});
     return contents;
   }
-  last_saved_.clear();
-  unsigned long owner = reader().owner("CLIPBOARD");
-  if (owner == 0)
-    return contents;
-  if (ownedByThisProcess(owner)) {
-    SparLog("clipboard: held by this program outside a restore, not saved");
-    return contents;
-  }
-  Clock::time_point end = Clock::now() + limits_.save_budget;
-  auto next_deadline = [&] { return std::min(end, Clock::now() + limits_.read_timeout); };
-  std::optional<std::vector<std::string>> names = reader().targets("CLIPBOARD", next_deadline());
-  if (!names)
-    return contents;
-  size_t room = limits_.max_clipboard_bytes;
-  for (const std::string& name : *names) {
-    if (IsMetaTarget(name))
-      continue;
-    if (Clock::now() >= end)
-      break;
-    std::optional<SelectionAnswer> answer =
-        reader().convert("CLIPBOARD", name, next_deadline(), room);
-    if (!answer)
-      continue;
-    room -= answer->bytes.size();
-    last_saved_.push_back({name, answer->type, answer->format, answer->bytes});
-    contents.push_back({name, std::move(answer->bytes)});
-  }
+  SavedClipboard saved;
+  X11SelectionLimits limits = limits_;
+  worker().run(
+      [&saved, limits](XSelectionReader& reader) { saved = SaveClipboardTargets(reader, limits); });
+  if (saved.cut_short)
+    SparLog("clipboard: its owner stopped answering, %lu of %lu targets saved",
+            saved.targets.size(), saved.offered);
+  else if (saved.no_list)
+    SparLog("clipboard: its owner gave no list of targets, nothing saved");
+  last_saved_ = std::move(saved.targets);
+  for (const ServedTarget& target : last_saved_)
+    contents.push_back({target.target, target.bytes});
   return contents;
 }
 
@@ -204,7 +265,7 @@ bool X11Selections::sendCopyChord(CopyChord chord) {
       SparLog("capture: keys still held, no copy chord sent");
       return false;
     }
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    RunMainContextFor(std::chrono::milliseconds(10));
   }
   std::vector<unsigned long> keys{XK_Control_L};
   if (chord == CopyChord::kControlShiftC)
@@ -214,12 +275,15 @@ bool X11Selections::sendCopyChord(CopyChord chord) {
 }
 
 void X11Selections::pause(std::chrono::milliseconds duration) {
-  std::this_thread::sleep_for(duration);
+  RunMainContextFor(duration);
 }
 
 void X11Selections::keepClipboardAfterExit() {
-  if (!servingClipboard())
+  if (!servingClipboard()) {
+    if (served_)
+      SparLog("clipboard: another client took the clipboard before this process ended");
     return;
+  }
   GtkClipboard* clipboard = gtk_clipboard_get(GDK_SELECTION_CLIPBOARD);
   if (reader().owner("CLIPBOARD_MANAGER") != 0) {
     gtk_clipboard_set_can_store(clipboard, nullptr, 0);
@@ -264,7 +328,16 @@ void X11Selections::keepClipboardAfterExit() {
     SparLog("clipboard: could not start the background keeper (%@)", error->message);
     g_clear_error(&error);
     unlink(path.c_str());
+    return;
   }
+  // The keeper takes the CLIPBOARD from this process: waiting for that means
+  // the user's clipboard is never without an owner between our exit and its
+  // start, and nothing the old owner does meanwhile can lose it.
+  Clock::time_point until = Clock::now() + kKeeperHandoverWait;
+  while (servingClipboard() && Clock::now() < until)
+    RunMainContextFor(std::chrono::milliseconds(20));
+  if (servingClipboard())
+    SparLog("clipboard: the background keeper did not take the clipboard in time");
 }
 
 } // namespace orvane

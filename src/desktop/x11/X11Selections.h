@@ -1,4 +1,7 @@
-// PRIMARY and CLIPBOARD on the X server, XTest for the copy chord.
+// PRIMARY and CLIPBOARD on the X server, XTest for the copy chord. Every
+// conversation with a selection's owner runs on a worker thread with an X
+// connection of its own; the calling (main) thread keeps running its main
+// loop until the answer comes back, so no owner can hold it.
 #pragma once
 
 #include "desktop/Selections.h"
@@ -8,15 +11,29 @@
 
 namespace orvane {
 
+class SelectionWorker;
 class XSelectionReader;
 struct ServedClipboard;
 
+// The budgets of one read or save of a selection (see WaitBudget).
+// How long an owner may stay silent before its answer or its next INCR chunk.
+inline constexpr std::chrono::milliseconds kSelectionIdleWait{500};
+// The silence one read or save puts up with in all: about what an owner that
+// never answers costs a capture.
+inline constexpr std::chrono::milliseconds kSelectionStallBudget{1000};
+// The longest one read or save may take however its owner progresses; only
+// an owner that trickles its data meets it.
+inline constexpr std::chrono::milliseconds kSelectionCeiling{20000};
+
+// How long a process that hands its restored CLIPBOARD to a background
+// keeper waits for the keeper to take it before it exits.
+inline constexpr std::chrono::milliseconds kKeeperHandoverWait{5000};
+
 // Bounds of the selection work; tests shorten the long ones.
 struct X11SelectionLimits {
-  // How long one read waits for the selection's owner.
-  std::chrono::milliseconds read_timeout{1000};
-  // How long saving every target of the CLIPBOARD may take in all.
-  std::chrono::milliseconds save_budget{3000};
+  std::chrono::milliseconds idle_wait = kSelectionIdleWait;
+  std::chrono::milliseconds stall_budget = kSelectionStallBudget;
+  std::chrono::milliseconds ceiling = kSelectionCeiling;
   // The most bytes the saved CLIPBOARD may hold; a target beyond is dropped.
   size_t max_clipboard_bytes = size_t(64) << 20;
   // How long the copy chord waits for the user's keys to come up.
@@ -43,16 +60,17 @@ public:
   void keepClipboardAfterExit() override;
 
 private:
-  // The reader's X connection, opened on first use: a program that never
-  // captures never opens it.
+  // The main thread's X connection (owners, change count, chord), opened on
+  // first use: a program that never captures never opens it.
   XSelectionReader& reader();
+  // The conversations' thread, likewise started on first use.
+  SelectionWorker& worker();
   bool servingClipboard() const;
-  // Whether the selection owner window belongs to this process.
-  bool ownedByThisProcess(unsigned long owner);
   std::optional<std::string> readText(const char* selection);
 
   X11SelectionLimits limits_;
   std::unique_ptr<XSelectionReader> reader_;
+  std::unique_ptr<SelectionWorker> worker_;
   std::shared_ptr<ServedClipboard> served_;
   // The targets of the last save with their property types and formats, so
   // that a restore of the same bytes answers with the same types.

@@ -4,8 +4,10 @@
 #include <X11/extensions/XRes.h>
 #include <X11/extensions/XTest.h>
 #include <X11/extensions/Xfixes.h>
+#include <algorithm>
 #include <climits>
 #include <cstring>
+#include <mutex>
 #include <poll.h>
 #include <set>
 
@@ -14,17 +16,25 @@ namespace orvane {
 namespace {
 
 // Catches the X errors of one display while it lives (a window that vanished
-// between two requests, a hostile atom); errors of other displays go to the
-// handler that was installed before (GDK's, in the application).
+// between two requests, a hostile atom). Xlib has one error handler for the
+// whole process, and readers run on more than one thread: ours stays
+// installed once set, each thread keeps its own chain of traps (Xlib calls
+// the handler on the thread that reads the failed reply), and errors of
+// other displays go on to the handler that was there before ours (GDK's, in
+// the application).
 class ErrorTrap {
 public:
   explicit ErrorTrap(Display* display) : display_(display), outer_(active_) {
+    {
+      std::lock_guard<std::mutex> lock(install_mutex_);
+      XErrorHandler previous = XSetErrorHandler(&ErrorTrap::Handle);
+      if (previous != &ErrorTrap::Handle)
+        fallback_.store(previous);
+    }
     active_ = this;
-    previous_ = XSetErrorHandler(&ErrorTrap::Handle);
   }
   ~ErrorTrap() {
     XSync(display_, False);
-    XSetErrorHandler(previous_);
     active_ = outer_;
   }
   ErrorTrap(const ErrorTrap&) = delete;
@@ -44,13 +54,15 @@ private:
         return 0;
       }
     }
-    return active_ && active_->previous_ ? active_->previous_(display, error) : 0;
+    XErrorHandler fallback = fallback_.load();
+    return fallback ? fallback(display, error) : 0;
   }
 
-  static inline ErrorTrap* active_ = nullptr;
+  static inline thread_local ErrorTrap* active_ = nullptr;
+  static inline std::mutex install_mutex_;
+  static inline std::atomic<XErrorHandler> fallback_{nullptr};
   Display* display_;
   ErrorTrap* outer_;
-  XErrorHandler previous_ = nullptr;
   int code_ = 0;
 };
 
@@ -87,12 +99,15 @@ bool IsOnWindow(const XEvent& event, Window window) {
 
 } // namespace
 
-XSelectionReader::XSelectionReader() {
+XSelectionReader::XSelectionReader(bool watch_clipboard, const std::atomic<bool>* cancelled)
+    : cancelled_(cancelled) {
   display_ = XOpenDisplay(nullptr);
   if (!display_)
     return;
   int error_base = 0;
-  if (XFixesQueryExtension(display_, &fixes_event_base_, &error_base)) {
+  if (!watch_clipboard) {
+    fixes_event_base_ = -1;
+  } else if (XFixesQueryExtension(display_, &fixes_event_base_, &error_base)) {
     int major = 0, minor = 0;
     XFixesQueryVersion(display_, &major, &minor);
     XFixesSelectSelectionInput(display_, DefaultRootWindow(display_), atom("CLIPBOARD"),
@@ -183,7 +198,7 @@ uint64_t XSelectionReader::clipboardChanges() {
   return changes_;
 }
 
-bool XSelectionReader::waitForEvent(Clock::time_point deadline, XEvent* event,
+bool XSelectionReader::waitForEvent(WaitBudget& budget, XEvent* event,
                                     bool (*match)(const XEvent&, const void*),
                                     const void* context) {
   struct Predicate {
@@ -194,16 +209,26 @@ bool XSelectionReader::waitForEvent(Clock::time_point deadline, XEvent* event,
     auto* p = reinterpret_cast<Predicate*>(data);
     return p->match(*candidate, p->context) ? True : False;
   };
+  Clock::time_point start = Clock::now();
+  Clock::time_point deadline =
+      std::min({start + budget.idle, start + budget.stall, budget.ceiling});
   for (;;) {
     if (XCheckIfEvent(display_, event, check, reinterpret_cast<XPointer>(&predicate)))
       return true;
-    auto remaining =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    if (remaining <= 0)
+    Clock::time_point now = Clock::now();
+    bool cancelled = cancelled_ && cancelled_->load();
+    if (now >= deadline || cancelled) {
+      // Silence costs the budget; a cancelled reader waits no more at all.
+      budget.stall -= std::chrono::duration_cast<std::chrono::milliseconds>(now - start);
+      if (cancelled)
+        budget.stall = std::chrono::milliseconds(0);
       return false;
+    }
+    auto remaining = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now).count();
     XFlush(display_);
     pollfd descriptor{ConnectionNumber(display_), POLLIN, 0};
-    poll(&descriptor, 1, int(std::min<long long>(remaining, 100)));
+    // Short slices, so that a cancellation is seen soon.
+    poll(&descriptor, 1, int(std::clamp<long long>(remaining, 1, 50)));
   }
 }
 
@@ -254,12 +279,11 @@ struct Wanted {
 
 std::optional<SelectionAnswer> XSelectionReader::readAnswer(unsigned long requestor,
                                                             unsigned long property,
-                                                            Clock::time_point deadline,
-                                                            size_t limit) {
+                                                            WaitBudget& budget, size_t limit) {
   Wanted wanted{requestor, property};
   XEvent event;
   bool notified = waitForEvent(
-      deadline, &event,
+      budget, &event,
       [](const XEvent& e, const void* w) {
         return e.type == SelectionNotify &&
                e.xselection.requestor == static_cast<const Wanted*>(w)->window;
@@ -277,14 +301,24 @@ std::optional<SelectionAnswer> XSelectionReader::readAnswer(unsigned long reques
     first.bytes = std::move(*bytes);
     return first;
   }
+  // The INCR header is one 32-bit size, a lower bound of what follows:
+  // anything else is no transfer to wait for, and a size beyond the limit
+  // would only be cut at the end.
+  if (first.format != 32 || bytes->size() != 4)
+    return std::nullopt;
+  uint32_t announced = 0;
+  memcpy(&announced, bytes->data(), 4);
+  if (announced > limit)
+    return std::nullopt;
   // INCR: the owner sends chunks, each after we delete the last; an empty
   // chunk ends the transfer. A PropertyNotify whose property is already gone
-  // (our own deletions, the INCR header itself) is skipped.
+  // (our own deletions, the INCR header itself) is skipped. Each chunk starts
+  // the idle wait anew.
   SelectionAnswer whole;
   whole.type.clear();
   for (;;) {
     bool more = waitForEvent(
-        deadline, &event,
+        budget, &event,
         [](const XEvent& e, const void* w) {
           auto* wanted = static_cast<const Wanted*>(w);
           return e.type == PropertyNotify && e.xproperty.window == wanted->window &&
@@ -292,19 +326,21 @@ std::optional<SelectionAnswer> XSelectionReader::readAnswer(unsigned long reques
         },
         &wanted);
     if (!more)
-      return std::nullopt; // the owner stopped, or never ends
+      return std::nullopt; // the owner stopped, went away, or never ends
     std::string type;
     int format = 8;
     bool chunk_exists = false;
     std::optional<std::string> chunk = readProperty(requestor, property, limit - whole.bytes.size(),
                                                     &type, &format, &chunk_exists);
     if (!chunk)
-      return std::nullopt; // over the limit
+      return std::nullopt; // over the limit, or malformed
     if (!chunk_exists)
       continue;
     if (whole.type.empty()) {
       whole.type = type;
       whole.format = format;
+    } else if (type != whole.type || format != whole.format) {
+      return std::nullopt; // chunks of one transfer change their kind
     }
     if (chunk->empty())
       return whole;
@@ -314,7 +350,7 @@ std::optional<SelectionAnswer> XSelectionReader::readAnswer(unsigned long reques
 
 std::optional<SelectionAnswer> XSelectionReader::convert(const char* selection,
                                                          const std::string& target,
-                                                         Clock::time_point deadline, size_t limit) {
+                                                         WaitBudget& budget, size_t limit) {
   if (!display_ || target.empty())
     return std::nullopt;
   ErrorTrap trap(display_);
@@ -327,7 +363,7 @@ std::optional<SelectionAnswer> XSelectionReader::convert(const char* selection,
   XConvertSelection(display_, atom(selection), atom(target.c_str()), property, requestor,
                     CurrentTime);
   XFlush(display_);
-  std::optional<SelectionAnswer> answer = readAnswer(requestor, property, deadline, limit);
+  std::optional<SelectionAnswer> answer = readAnswer(requestor, property, budget, limit);
   XDestroyWindow(display_, requestor);
   XSync(display_, False);
   // Events already queued for the window would otherwise stay forever.
@@ -344,9 +380,9 @@ std::optional<SelectionAnswer> XSelectionReader::convert(const char* selection,
   return answer;
 }
 
-std::optional<std::vector<std::string>>
-XSelectionReader::targets(const char* selection, Clock::time_point deadline, size_t max) {
-  std::optional<SelectionAnswer> answer = convert(selection, "TARGETS", deadline, max * 4);
+std::optional<std::vector<std::string>> XSelectionReader::targets(const char* selection,
+                                                                  WaitBudget& budget, size_t max) {
+  std::optional<SelectionAnswer> answer = convert(selection, "TARGETS", budget, max * 4);
   if (!answer || answer->format != 32 || (answer->type != "ATOM" && answer->type != "TARGETS"))
     return std::nullopt;
   std::vector<Atom> atoms;
@@ -357,10 +393,16 @@ XSelectionReader::targets(const char* selection, Clock::time_point deadline, siz
       atoms.push_back(Atom(value));
   }
   std::vector<std::string> names;
+  if (atoms.empty())
+    return names;
+  // One request for every name; an atom the server never made stays without.
+  std::vector<char*> found(atoms.size(), nullptr);
+  {
+    ErrorTrap trap(display_);
+    XGetAtomNames(display_, atoms.data(), int(atoms.size()), found.data());
+  }
   std::set<std::string> seen;
-  ErrorTrap trap(display_);
-  for (Atom a : atoms) {
-    char* name = XGetAtomName(display_, a);
+  for (char* name : found) {
     if (name && seen.insert(name).second)
       names.push_back(name);
     if (name)

@@ -1,11 +1,14 @@
 // Reads selections over a private Xlib connection of its own, never through
 // GTK: every wait polls that connection's socket with a deadline, so a read
 // neither re-enters the main loop nor hangs on an owner that never answers.
+// One reader belongs to one thread; readers on different threads share
+// nothing but the process's X error handler, which tells them apart.
 #pragma once
 
 #include "desktop/x11/KeptClipboard.h"
 
 #include <X11/Xlib.h>
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -26,11 +29,35 @@ struct SelectionAnswer {
 // Callers catch X errors themselves.
 std::optional<int> PidOfWindowClient(Display* display, unsigned long window);
 
+// How long the conversations of one read or save wait on the selection's
+// owner. The owner may stay silent `idle` at a time: its answer and each INCR
+// chunk start the wait anew, so a slow owner of a large selection finishes
+// while it keeps going. A wait that runs out takes its length from `stall`,
+// which every conversion of the read or save shares, so an owner that never
+// answers costs about that much in all. Nothing goes on past `ceiling`, which
+// only an owner that trickles its data ever meets.
+struct WaitBudget {
+  using Clock = std::chrono::steady_clock;
+  std::chrono::milliseconds idle{0};
+  std::chrono::milliseconds stall{0};
+  Clock::time_point ceiling;
+
+  WaitBudget(std::chrono::milliseconds idle_wait, std::chrono::milliseconds stall_budget,
+             std::chrono::milliseconds longest)
+      : idle(idle_wait), stall(stall_budget), ceiling(Clock::now() + longest) {}
+  // Whether no further wait is allowed.
+  bool spent() const { return stall.count() <= 0 || Clock::now() >= ceiling; }
+};
+
 class XSelectionReader {
 public:
   using Clock = std::chrono::steady_clock;
 
-  XSelectionReader();
+  // `watch_clipboard`: count the CLIPBOARD's changes of hands (XFixes).
+  // `cancelled`: when it turns true, every wait ends at once (a reader on a
+  // worker thread that is being shut down).
+  explicit XSelectionReader(bool watch_clipboard = true,
+                            const std::atomic<bool>* cancelled = nullptr);
   ~XSelectionReader();
   XSelectionReader(const XSelectionReader&) = delete;
   XSelectionReader& operator=(const XSelectionReader&) = delete;
@@ -49,12 +76,12 @@ public:
   uint64_t clipboardChanges();
 
   // Converts the selection to the target and reads the answer, INCR included.
-  // Nothing when the owner refuses, does not answer before the deadline, or
-  // sends more than `limit` bytes.
+  // Nothing when the owner refuses, stays silent past the budget's waits,
+  // answers with a malformed property, or sends more than `limit` bytes.
   std::optional<SelectionAnswer> convert(const char* selection, const std::string& target,
-                                         Clock::time_point deadline, size_t limit);
+                                         WaitBudget& budget, size_t limit);
   // The selection's targets (a TARGETS answer of atoms), at most `max` names.
-  std::optional<std::vector<std::string>> targets(const char* selection, Clock::time_point deadline,
+  std::optional<std::vector<std::string>> targets(const char* selection, WaitBudget& budget,
                                                   size_t max = 512);
 
   // Whether no key is held down on the keyboard right now.
@@ -65,15 +92,16 @@ public:
 
 private:
   unsigned long atom(const char* name);
-  bool waitForEvent(Clock::time_point deadline, XEvent* event,
-                    bool (*match)(const XEvent&, const void*), const void* context);
+  bool waitForEvent(WaitBudget& budget, XEvent* event, bool (*match)(const XEvent&, const void*),
+                    const void* context);
   std::optional<SelectionAnswer> readAnswer(unsigned long requestor, unsigned long property,
-                                            Clock::time_point deadline, size_t limit);
+                                            WaitBudget& budget, size_t limit);
   std::optional<std::string> readProperty(unsigned long window, unsigned long property,
                                           size_t limit, std::string* type, int* format,
                                           bool* exists);
 
   Display* display_ = nullptr;
+  const std::atomic<bool>* cancelled_ = nullptr;
   int fixes_event_base_ = -1;
   uint64_t changes_ = 0;
   unsigned long last_owner_ = 0;

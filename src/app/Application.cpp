@@ -39,13 +39,13 @@ int RunApplication(int argc, char** argv) {
   // process with no more than a line on its standard error.
   if (!gtk_init_check(&argc, &argv)) {
     const char* variable = g_getenv("DISPLAY");
-    std::string display = variable && *variable ? LogSafeText(variable, 80) : "unset";
+    std::string display = variable && *variable ? ShortenedText(variable, 80) : "unset";
     SparLog("no X display could be opened (DISPLAY=%@); Orvane needs an X11 session or XWayland",
             display);
     std::fprintf(stderr,
                  "orvane: no X display could be opened (DISPLAY=%s); Orvane needs an X11 "
                  "session or XWayland\n",
-                 display.c_str());
+                 LogEscapedText(display).c_str());
     return 1;
   }
 

@@ -1,6 +1,7 @@
 #include "capture/HotkeyTable.h"
 
 #include "base/SparLog.h"
+#include "capture/SelectionCapture.h"
 
 namespace orvane {
 
@@ -33,8 +34,15 @@ void RegisterHotkeys(Hotkeys& hotkeys, std::function<void(int id, uint32_t times
   std::array<const char*, kHotkeyTable.size()> status{};
   for (size_t row = 0; row < kHotkeyTable.size(); ++row) {
     int id = kHotkeyTable[row].id;
-    bool grabbed = hotkeys.bind(kHotkeyTable[row].accelerator,
-                                [handler, id](uint32_t timestamp) { handler(id, timestamp); });
+    bool grabbed = hotkeys.bind(kHotkeyTable[row].accelerator, [handler, id](uint32_t timestamp) {
+      // A capture lets the main loop run while it waits for the copy; a key
+      // pressed meanwhile would start a summon or quote without its text.
+      if (SelectionCaptureRunning()) {
+        SparLog("hotkey: pressed while a capture is still running — ignored");
+        return;
+      }
+      handler(id, timestamp);
+    });
     status[row] = grabbed ? "registered" : "FAILED";
   }
   SparLog("hotkeys: ⌥B %@, ⌥C %@, ⌥Q %@, ⌥V %@", status[0], status[1], status[2], status[3]);

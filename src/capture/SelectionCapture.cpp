@@ -13,6 +13,9 @@ namespace orvane {
 
 namespace {
 
+// Main thread only, as every capture is.
+bool capture_running = false;
+
 constexpr size_t kLoggedNameLength = 80;
 
 std::string WindowName(const std::optional<FrontWindow>& front) {
@@ -79,21 +82,24 @@ CapturedSelection CopyThroughClipboard(const std::optional<FrontWindow>& front,
 
 } // namespace
 
+bool SelectionCaptureRunning() {
+  return capture_running;
+}
+
 CapturedSelection CaptureSelection(const std::optional<FrontWindow>& front,
                                    const SelectionCaptureSeams& seams,
                                    const std::string& handoff_folder) {
   // The selection seam lets the main loop run while it waits on other
-  // clients, so a hotkey pressed meanwhile arrives here again: a second
+  // clients, so a capture can be asked for again meanwhile: a second
   // capture on top of the first would save the first's copy as the user's
   // clipboard. It takes nothing instead.
-  static bool capturing = false;
-  if (capturing) {
+  if (capture_running) {
     SparLog("capture: another capture is still running, this one takes nothing");
     return {};
   }
-  capturing = true;
+  capture_running = true;
   struct Done {
-    ~Done() { capturing = false; }
+    ~Done() { capture_running = false; }
   } done;
   g_mkdir_with_parents(handoff_folder.c_str(), 0700);
   if (!seams.accessibility.isTrusted()) {

@@ -47,6 +47,10 @@ CapturedSelection CaptureSelection(const std::optional<FrontWindow>& front,
                                    const SelectionCaptureSeams& seams,
                                    const std::string& handoff_folder);
 
+// True while a capture waits on other clients (the main loop runs
+// meanwhile), so that a key pressed again can be left for the first to end.
+bool SelectionCaptureRunning();
+
 // The centre of the front window's frame when it has an area, else the
 // pointer; logs which it was.
 Point AttentionPoint(const std::optional<FrontWindow>& front, const Screens& screens);

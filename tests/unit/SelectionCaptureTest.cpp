@@ -1,6 +1,7 @@
 #include "capture/SelectionCapture.h"
 #include "capture/CopyChords.h"
 #include "capture/DesktopCapture.h"
+#include "capture/HotkeyTable.h"
 
 #include "support/FakeAccessibility.h"
 #include "support/FakeCaptureDesktop.h"
@@ -14,6 +15,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <map>
 
 namespace orvane {
 namespace {
@@ -472,6 +475,56 @@ TEST_F(SelectionCaptureTest, AHotkeyDuringTheCopyWaitStartsNoSecondCaptureOnTopO
   selections.on_pause = nullptr;
   selections.copy_puts = FakeSelections::TextContents("copied again");
   EXPECT_EQ(capture().text, "copied again");
+}
+
+// Hotkeys whose bound chords a test presses by hand.
+class PressableHotkeys final : public Hotkeys {
+public:
+  bool bind(const std::string& accelerator, Handler handler) override {
+    handlers[accelerator] = std::move(handler);
+    return true;
+  }
+  void press(const std::string& accelerator, uint32_t timestamp) {
+    handlers.at(accelerator)(timestamp);
+  }
+  std::map<std::string, Handler> handlers;
+};
+
+TEST_F(SelectionCaptureTest, AKeyPressedWhileACaptureWaitsIsLeftForItToEnd) {
+  selections.clipboard = kUserClipboard;
+  selections.copy_puts = FakeSelections::TextContents("copied once");
+  selections.copy_lands_after_pauses = 2;
+  PressableHotkeys hotkeys;
+  std::vector<int> fired;
+  std::vector<std::optional<std::string>> captured;
+  RegisterHotkeys(hotkeys, [&](int id, uint32_t) {
+    fired.push_back(id);
+    captured.push_back(capture().text);
+  });
+  // ⌥B again, then ⌥C, while the first capture waits for its copy.
+  int pauses = 0;
+  selections.on_pause = [&] {
+    if (++pauses == 1) {
+      hotkeys.press("<Alt>b", 2);
+      hotkeys.press("<Alt>c", 3);
+    }
+  };
+  hotkeys.press("<Alt>b", 1);
+  EXPECT_EQ(fired, std::vector<int>{1});
+  EXPECT_THAT(captured, ElementsAre("copied once"));
+  EXPECT_THAT(selections.chords_sent, ElementsAre(CopyChord::kControlC));
+  EXPECT_THAT(log.messages(),
+              ElementsAre("hotkeys: ⌥B registered, ⌥C registered, ⌥Q registered, ⌥V registered",
+                          "hotkey: pressed while a capture is still running — ignored",
+                          "hotkey: pressed while a capture is still running — ignored"));
+  EXPECT_FALSE(SelectionCaptureRunning());
+
+  // Once it is over, the keys work again.
+  selections.on_pause = nullptr;
+  selections.copy_puts = FakeSelections::TextContents("copied again");
+  hotkeys.press("<Alt>c", 4);
+  EXPECT_EQ(fired, (std::vector<int>{1, 2}));
+  EXPECT_THAT(captured, ElementsAre("copied once", "copied again"));
 }
 
 class DesktopCaptureTest : public ::testing::Test, protected FakeCaptureDesktop {

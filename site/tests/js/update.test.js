@@ -47,6 +47,27 @@ test('hidden when the offered version is the running one', async () => {
   assert.equal(button.hidden, true);
 });
 
+test('hidden when the offered version is older than the running one', async () => {
+  for (const release of ['1.5.1', '1.10.0', '2.0', '1.5.0.1', '01.006.0']) {
+    const { button, banner } = setup({ release });
+    assert.equal(await banner.check(), false, release);
+    assert.equal(button.hidden, true, release);
+  }
+});
+
+test('shown only for a newer version, numbers compared part by part', async () => {
+  const cases = [
+    ['1.9.0', '1.10.0', true], ['1.5.0-rc1', '1.5.0', true], ['1.5.0', '1.5.0-rc1', false],
+    ['1.5.0-rc1', '1.5.0-rc2', true], ['1.5', '1.5.0', true], ['9'.repeat(40), '1' + '0'.repeat(40), true],
+    ['1.0', '1.0', false],
+  ];
+  for (const [release, offered, shown] of cases) {
+    const { button, banner } = setup({ release, fetchOffer: async () => ({ ...OFFER, version: offered }) });
+    assert.equal(await banner.check(), shown, `${release} -> ${offered}`);
+    assert.equal(button.hidden, !shown, `${release} -> ${offered}`);
+  }
+});
+
 test('hidden when /api/update fails or answers garbage', async () => {
   const answers = [
     async () => { throw new Error('HTTP 502'); },

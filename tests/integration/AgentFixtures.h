@@ -5,9 +5,11 @@
 
 namespace orvane {
 
+// The folder comes from the build as an absolute path, so the tests find
+// their agents from any working folder, whatever form the compiler gives
+// file names in.
 inline std::string AgentFixturePath(const std::string& name) {
-  std::string here = __FILE__;
-  return here.substr(0, here.rfind('/')) + "/agent_fixtures/" + name;
+  return std::string(ORVANE_AGENT_FIXTURES) + "/" + name;
 }
 
 } // namespace orvane

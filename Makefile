@@ -61,6 +61,7 @@ bench: build
 	$(BUILD_DIR)/orvane_agent_bench
 	NO_AT_BRIDGE=1 dbus-run-session -- xvfb-run -a $(BUILD_DIR)/orvane_agent_page_bench
 	ORVANE_BIN=$(abspath $(BUILD_DIR))/orvane /usr/bin/python3 bench/summon/summon_bench.py
+	ORVANE_BIN=$(abspath $(BUILD_DIR))/orvane /usr/bin/python3 bench/summon/hostile_clipboard_bench.py
 
 format:
 	clang-format -i $$(git ls-files 'src/*.cpp' 'src/*.h' 'tests/*.cpp' 'tests/*.h' 'bench/*.cpp')

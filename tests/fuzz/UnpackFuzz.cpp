@@ -140,16 +140,21 @@ struct Fixture {
   orvane::TempDir work;
   std::string archive = work.file("download.zip");
   // The folder the target folder and its neighbour are made in, resolved
-  // (no link on the way), so that what the links resolve to compares as text.
+  // (no link on the way), so that what the links resolve to compares as
+  // text. Its own temporary folder, so that its path is short: the unpacking
+  // walks every folder of the path for each entry.
+  orvane::TempDir made;
   std::string parent;
 
   Fixture() {
-    std::string made = work.file("p");
-    Require(g_mkdir(made.c_str(), 0700) == 0);
-    char* real_parent = realpath(made.c_str(), nullptr);
+    char* real_parent = realpath(made.path().c_str(), nullptr);
     Require(real_parent != nullptr);
     parent = real_parent;
     free(real_parent);
+    // Entry times are local times: with no zone given, each one reads
+    // /etc/localtime again.
+    if (!g_getenv("TZ"))
+      g_setenv("TZ", "UTC", FALSE);
   }
 };
 

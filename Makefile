@@ -7,6 +7,8 @@ FUZZ_DIR := build-fuzz
 # `make fuzz` runs each fuzz target this many seconds (or FUZZ_RUNS inputs).
 FUZZ_SECONDS ?= 120
 FUZZ_RUNS ?=
+# Only these fuzz targets (names, e.g. ManifestFuzz), when given.
+FUZZ_TARGETS ?=
 
 .PHONY: all deps build run test unit-asan fuzz bench format clean package-check
 
@@ -44,7 +46,7 @@ fuzz: deps
 	@cmake -S . -B $(FUZZ_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DORVANE_FUZZ=ON \
 		-DORVANE_E2E=OFF -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
 	@cmake --build $(FUZZ_DIR) --target fuzz_targets
-	scripts/run-fuzzers.sh $(FUZZ_DIR)/fuzz $(FUZZ_SECONDS) $(FUZZ_RUNS)
+	scripts/run-fuzzers.sh $(FUZZ_DIR)/fuzz $(FUZZ_SECONDS) "$(FUZZ_RUNS)" $(FUZZ_TARGETS)
 
 # A release installed on a clean, minimal Debian 12 (debootstrap) with apt,
 # started as an ordinary user and purged (scripts/package-check.sh). Needs

@@ -3,14 +3,21 @@
 // neighbour's file is neither changed nor linked to, every link left in the
 // folder resolves inside it, only files, folders and links are made, and the
 // files hold no more bytes than the limit allows.
+//
+// Every input starts from the same state: one parent folder, made once,
+// that is empty before each input and emptied after it; the target folder
+// and the neighbour are made anew inside it for each input.
 #include "FuzzFiles.h"
 #include "update/SelfUpdate.h"
 
 #include "support/TempDir.h"
 
+#include <cerrno>
 #include <climits>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <glib.h>
 #include <glib/gstdio.h>
 #include <set>
@@ -24,9 +31,13 @@ namespace {
 constexpr char kSecret[] = "the neighbour's own bytes\n";
 constexpr orvane::UnpackLimits kLimits{/*max_bytes=*/2048, /*max_entries=*/32};
 
-void Require(bool holds) {
-  if (!holds)
-    std::abort();
+// Says which requirement failed before aborting, so that a crash report
+// names it.
+void Require(bool holds, int line = __builtin_LINE()) {
+  if (holds)
+    return;
+  std::fprintf(stderr, "UnpackFuzz: line %d: requirement failed\n", line);
+  std::abort();
 }
 
 // Archives may make folders nobody can enter or write: opens each up.
@@ -111,9 +122,40 @@ struct Walk {
   }
 };
 
+void WriteBytes(const std::string& path, const void* bytes, size_t size) {
+  const char* data = static_cast<const char*>(bytes);
+  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  Require(fd >= 0);
+  size_t done = 0;
+  while (done < size) {
+    ssize_t put = write(fd, data + done, size - done);
+    Require(put > 0 || (put < 0 && errno == EINTR));
+    if (put > 0)
+      done += size_t(put);
+  }
+  Require(close(fd) == 0);
+}
+
 struct Fixture {
   orvane::TempDir work;
   std::string archive = work.file("download.zip");
+  // The folder the target folder and its neighbour are made in, resolved
+  // (no link on the way), so that what the links resolve to compares as
+  // text. Its own temporary folder, so that its path is short: the unpacking
+  // walks every folder of the path for each entry.
+  orvane::TempDir made;
+  std::string parent;
+
+  Fixture() {
+    char* real_parent = realpath(made.path().c_str(), nullptr);
+    Require(real_parent != nullptr);
+    parent = real_parent;
+    free(real_parent);
+    // Entry times are local times: with no zone given, each one reads
+    // /etc/localtime again.
+    if (!g_getenv("TZ"))
+      g_setenv("TZ", "UTC", FALSE);
+  }
 };
 
 } // namespace
@@ -125,21 +167,16 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static Fixture fixture;
-  orvane::TempDir::WriteFile(fixture.archive,
-                             std::string(reinterpret_cast<const char*>(data), size));
+  WriteBytes(fixture.archive, data, size);
 
-  // A fresh parent per run: the target folder and a neighbour with a file.
-  char* made = g_dir_make_tmp("orvane-unpack-XXXXXX", nullptr);
-  Require(made != nullptr);
-  char* real_parent = realpath(made, nullptr);
-  g_free(made);
-  Require(real_parent != nullptr);
-  const std::string parent = real_parent;
-  free(real_parent);
+  // The parent as every input finds it: empty. In it, a fresh target folder
+  // and a neighbour with a file.
+  const std::string& parent = fixture.parent;
+  Require(orvane::NamesIn(parent).empty());
   const std::string target = parent + "/unpacked";
   const std::string neighbour = parent + "/neighbour";
   Require(g_mkdir(target.c_str(), 0700) == 0 && g_mkdir(neighbour.c_str(), 0700) == 0);
-  orvane::TempDir::WriteFile(neighbour + "/secret", kSecret);
+  WriteBytes(neighbour + "/secret", kSecret, sizeof kSecret - 1);
 
   bool unpacked = orvane::UnpackArchive(fixture.archive, target, kLimits);
   (void)unpacked; // a refusal and an unreadable archive both leave a safe folder
@@ -158,6 +195,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   walk.visit(target);
   Require(walk.file_bytes <= kLimits.max_bytes);
 
-  RemoveTree(parent);
+  RemoveTree(target);
+  RemoveTree(neighbour);
+  Require(orvane::NamesIn(parent).empty());
   return 0;
 }

@@ -33,8 +33,14 @@ done
 [ -n "$key" ] && [ -n "$version" ] && [ -n "$out" ] \
   || fail "usage: scripts/make-release.sh --key KEYFILE --version V --out DIR"
 [ -f "$key" ] || fail "no key file at $key"
-# The version names files and a Debian package: plain characters only.
-[[ "$version" =~ ^[0-9][A-Za-z0-9.+~-]*$ ]] || fail "the version must start with a digit and hold only A-Z a-z 0-9 . + ~ -"
+# The version names files and a Debian package, and running copies compare
+# it to refuse older ones: numbers and dots, with an optional -suffix of
+# letters, digits and dots for a pre-release (1.5.0-rc1 comes before 1.5.0),
+# the grammar that the site and the update read.
+[[ "$version" =~ ^[0-9]+(\.[0-9]+)*(-[A-Za-z0-9.]+)?$ ]] \
+  || fail "the version must be numbers and dots with an optional -suffix of letters, digits and dots (1.5.0, 1.5.0-rc1)"
+# Debian orders a pre-release before its release when it is written with ~.
+deb_version=${version/-/\~}
 for tool in zip dpkg-deb dpkg-shlibdeps objdump gzip; do
   command -v "$tool" >/dev/null || fail "$tool is missing (scripts/install-deps.sh)"
 done
@@ -118,13 +124,11 @@ cp "$app/share/icons/hicolor/scalable/apps/com.tarnwick.orvane.svg" \
 cp "$root/packaging/copyright" "$deb_root/usr/share/doc/orvane/copyright"
 cp "$root/packaging/lintian-overrides" "$deb_root/usr/share/lintian/overrides/orvane"
 gzip -9n < "$root/packaging/orvane.1" > "$deb_root/usr/share/man/man1/orvane.1.gz"
-# A version with a Debian revision (1.1-2) makes a non-native package, whose
-# changelog is changelog.Debian.gz; a plain one is native (changelog.gz).
+# A native package: its version has no Debian revision.
 changelog=changelog.gz
-[[ "$version" == *-* ]] && changelog=changelog.Debian.gz
 revision=$(git -C "$root" rev-parse --short=7 HEAD 2>/dev/null || echo unknown)
 {
-  printf 'orvane (%s) stable; urgency=medium\n\n' "$version"
+  printf 'orvane (%s) stable; urgency=medium\n\n' "$deb_version"
   printf '  * Release %s, built from revision %s.\n' "$version" "$revision"
   printf '    Its release notes are /opt/orvane/README.txt.\n\n'
   printf ' -- Orvane release <release@tarnwick.invalid>  %s\n' "$(LC_ALL=C date -R)"
@@ -157,7 +161,7 @@ done
 installed_size=$(du -sk --exclude=DEBIAN "$deb_root" | cut -f1)
 cat > "$deb_root/DEBIAN/control" <<CONTROL
 Package: orvane
-Version: $version
+Version: $deb_version
 Architecture: amd64
 Maintainer: Orvane release <release@tarnwick.invalid>
 Installed-Size: $installed_size
@@ -177,7 +181,7 @@ CONTROL
 (cd "$deb_root" && find . -path ./DEBIAN -prune -o -type f -printf '%P\0' | LC_ALL=C sort -z \
   | xargs -0 md5sum) > "$deb_root/DEBIAN/md5sums"
 chmod 644 "$deb_root/DEBIAN/control" "$deb_root/DEBIAN/md5sums"
-deb_file="$out/orvane_${version}_amd64.deb"
+deb_file="$out/orvane_${deb_version}_amd64.deb"
 rm -f "$deb_file"
 dpkg-deb --root-owner-group -Zxz --build "$deb_root" "$deb_file" >/dev/null \
   || fail "dpkg-deb could not make the Debian package"

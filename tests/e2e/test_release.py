@@ -25,6 +25,7 @@ import pytest
 
 from harness import (
     RELEASE_VERSION,
+    REPO_ROOT,
     SIGN_TOOL,
     DevProject,
     Orvane,
@@ -538,3 +539,16 @@ def test_moved_copy_starts_its_bundled_site_as_the_development_server(unzipped, 
     wait_until(project.pid, what="the development server to start from the bundled site")
     assert project.call() == {"argv": ["main:app", "--port", "8000"], "cwd": str(site)}
     home.wait_for_log(lambda m: m.startswith("=== Orvane 1.0 ("))
+
+
+@pytest.mark.parametrize("version", ["1.1+b1", "1.2~rc1", "1.1-", "1..2", "v1.0", "1.0-rc 1", "1.0-rc-1"])
+def test_a_version_the_update_cannot_order_is_refused_before_anything_is_made(version, tmp_path):
+    # A running copy compares versions to refuse older downloads; a release
+    # whose version it would misread must not be made at all.
+    key = tmp_path / "key"
+    key.write_text("not used\n")
+    done = run(REPO_ROOT / "scripts" / "make-release.sh", "--key", key, "--version", version,
+               "--out", tmp_path / "out")
+    assert done.returncode != 0
+    assert "the version must be numbers and dots" in done.stderr
+    assert not (tmp_path / "out").exists()

@@ -156,9 +156,13 @@ std::optional<WindowInfo> WindowOperations::firstShowing(const std::vector<Windo
     auto known = documents.find(window.pid);
     if (known == documents.end())
       known = documents.emplace(window.pid, DocumentSet(windows_.documentsOfPid(window.pid))).first;
-    std::optional<std::string> document = DocumentShownBy(window, known->second);
-    if (document && DocumentSet::IdentityOf(*document) == target)
-      return window;
+    // A window whose document is known shows that file and no other; the
+    // title rule only decides for a window whose document is not known.
+    if (std::optional<std::string> document = DocumentShownBy(window, known->second)) {
+      if (DocumentSet::IdentityOf(*document) == target)
+        return window;
+      continue;
+    }
     if (TitleNamesFile(window.title, path))
       return window;
   }

@@ -147,6 +147,23 @@ TEST_F(ManyDocumentsTest, EachFileCountsOnceByDeviceAndInodeAfterOneStatPerName)
   EXPECT_FALSE(set.contains(dir.file("p/paper-3000.pdf")));
 }
 
+TEST_F(WindowOperationsTest, AWindowWhoseDocumentIsAnotherFileIsNotTakenByItsTitle) {
+  TempDir dir;
+  std::string wanted = dir.write("p/paper-1.pdf", "%PDF-1.4\n");
+  std::string longer = dir.write("p/paper-17.pdf", "%PDF-1.4\n");
+  std::string copy = dir.write("p/paper-1 (2).pdf", "%PDF-1.4\n");
+  windows.documents[10] = {longer, wanted, copy};
+  // Listed before the window of the file asked for; their titles begin with
+  // its name, but their documents are known and are other files.
+  windows.add(10, "paper-17.pdf — Viewer", {0, 0, 300, 300});
+  windows.add(10, "paper-1 (2).pdf — Viewer", {0, 0, 300, 300});
+  unsigned long shown = windows.add(10, "paper-1.pdf — Viewer", {0, 0, 300, 300});
+  auto found = ops.CopyWindowForFile(10, wanted);
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->id, shown);
+  EXPECT_EQ(found->title, "paper-1.pdf — Viewer");
+}
+
 TEST(DocumentSetTest, TheWorkIsBounded) {
   std::vector<std::string> many;
   for (size_t i = 0; i < kMaxDocumentsLooked + 100; ++i)

@@ -72,12 +72,58 @@ const TerminalChord kTerminals[] = {
     {"hyper", CopyChord::kControlShiftC},
 };
 
+// Programs whose own windows are editors or file managers but which may
+// hold a pseudo-terminal for a terminal pane they embed (IDEs, Kate and
+// Dolphin with Konsole's part, editors with a terminal plugin): their
+// window's copy keystroke is Ctrl+C, as it was before the pane was opened.
+// JetBrains IDEs all have a class "jetbrains-<product>".
+const char* const kEditorsWithTerminalPanes[] = {
+    "code",
+    "code-oss",
+    "vscodium",
+    "codium",
+    "kate",
+    "kwrite",
+    "dolphin",
+    "kdevelop",
+    "qtcreator",
+    "geany",
+    "gedit",
+    "org.gnome.gedit",
+    "org.gnome.builder",
+    "gnome-builder",
+    "emacs",
+    "gvim",
+    "dev.zed.zed",
+    "zed",
+    "sublime_text",
+    "pulsar",
+    "lite-xl",
+    "cursor",
+};
+constexpr char kJetBrainsClassPrefix[] = "jetbrains-";
+
+bool SameName(const std::string& name, const char* known) {
+  return name.size() == std::char_traits<char>::length(known) &&
+         g_ascii_strcasecmp(name.c_str(), known) == 0;
+}
+
+bool IsEditorWithTerminalPanes(const std::string& name) {
+  if (name.size() > sizeof kJetBrainsClassPrefix - 1 &&
+      g_ascii_strncasecmp(name.c_str(), kJetBrainsClassPrefix, sizeof kJetBrainsClassPrefix - 1) ==
+          0)
+    return true;
+  for (const char* editor : kEditorsWithTerminalPanes)
+    if (SameName(name, editor))
+      return true;
+  return false;
+}
+
 const TerminalChord* TerminalNamed(const std::string& name) {
   if (name.empty())
     return nullptr;
   for (const TerminalChord& terminal : kTerminals)
-    if (g_ascii_strcasecmp(name.c_str(), terminal.wm_class) == 0 &&
-        name.size() == std::char_traits<char>::length(terminal.wm_class))
+    if (SameName(name, terminal.wm_class))
       return &terminal;
   return nullptr;
 }
@@ -91,6 +137,8 @@ std::optional<CopyChord> CopyChordFor(const std::string& wm_instance, const std:
     terminal = TerminalNamed(wm_class);
   if (terminal)
     return terminal->chord;
+  if (IsEditorWithTerminalPanes(wm_instance) || IsEditorWithTerminalPanes(wm_class))
+    return CopyChord::kControlC;
   // A terminal the table does not know: its copy keystroke is unknown, and
   // Ctrl+C would interrupt the program running in it.
   if (holds_pseudo_terminal && holds_pseudo_terminal())

@@ -417,10 +417,33 @@ TEST(CopyChordsTest, DecisionTable) {
   EXPECT_EQ(CopyChordFor("myterm", "MyTerm", pty), std::nullopt);
   EXPECT_EQ(asked, 1);
   // An unknown class without one: Ctrl+C.
-  EXPECT_EQ(CopyChordFor("gedit", "Gedit", no_pty), CopyChord::kControlC);
+  EXPECT_EQ(CopyChordFor("Navigator", "firefox-esr", no_pty), CopyChord::kControlC);
   EXPECT_EQ(asked, 2);
   // No way to ask: Ctrl+C.
-  EXPECT_EQ(CopyChordFor("gedit", "Gedit", nullptr), CopyChord::kControlC);
+  EXPECT_EQ(CopyChordFor("Navigator", "firefox-esr", nullptr), CopyChord::kControlC);
+}
+
+TEST(CopyChordsTest, EditorsThatEmbedATerminalPaneKeepControlC) {
+  int asked = 0;
+  auto pty = [&asked] {
+    ++asked;
+    return true;
+  };
+  for (auto [instance, wm_class] : std::vector<std::pair<std::string, std::string>>{
+           {"code", "Code"},
+           {"jetbrains-idea", "jetbrains-idea"},
+           {"jetbrains-pycharm-ce", "jetbrains-pycharm-ce"},
+           {"kate", "kate"},
+           {"dolphin", "dolphin"},
+           {"geany", "Geany"},
+           {"gedit", "Gedit"},
+           {"emacs", "Emacs"}})
+    EXPECT_EQ(CopyChordFor(instance, wm_class, pty), CopyChord::kControlC) << wm_class;
+  EXPECT_EQ(asked, 0);
+  // The prefix alone, or a near miss, is no editor: the terminal check decides.
+  EXPECT_EQ(CopyChordFor("jetbrains-", "jetbrains-", pty), std::nullopt);
+  EXPECT_EQ(CopyChordFor("codex", "Codex", pty), std::nullopt);
+  EXPECT_EQ(asked, 2);
 }
 
 TEST(AttentionPointTest, CentreOfTheFocusedWindow) {

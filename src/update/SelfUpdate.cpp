@@ -103,11 +103,15 @@ RequirementCheck CheckRequirement(const std::string& bundle, const std::string& 
 }
 
 // Gives every folder below `root` (not `root` itself) the mode 0755,
-// whatever the archive or the umask made of it; never follows a link.
-void SetFolderModesBelow(const std::string& root) {
+// whatever the archive or the umask made of it; never follows a link. Each
+// folder is set from its parent before it is opened, so one the archive made
+// unreadable opens too. False when any folder could not be set or listed:
+// folder modes are not signed, so an unset one must not be installed.
+bool SetFolderModesBelow(const std::string& root) {
   int top = open(root.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (top < 0)
-    return;
+    return false;
+  bool all_set = true;
   std::vector<std::string> pending = {""};
   while (!pending.empty()) {
     std::string relative = std::move(pending.back());
@@ -115,27 +119,36 @@ void SetFolderModesBelow(const std::string& root) {
     int dir = relative.empty()
                   ? dup(top)
                   : openat(top, relative.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (dir < 0)
-      continue;
-    if (!relative.empty())
-      fchmod(dir, kInstalledModeBits);
-    DIR* listing = fdopendir(dir);
+    DIR* listing = dir < 0 ? nullptr : fdopendir(dir);
     if (!listing) {
-      close(dir);
+      if (dir >= 0)
+        close(dir);
+      all_set = false;
       continue;
     }
+    errno = 0;
     while (dirent* item = readdir(listing)) {
       std::string name = item->d_name;
-      if (name == "." || name == "..")
-        continue;
-      struct stat info;
-      if (fstatat(dirfd(listing), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
-          S_ISDIR(info.st_mode))
-        pending.push_back(relative.empty() ? name : relative + "/" + name);
+      if (name != "." && name != "..") {
+        struct stat info;
+        if (fstatat(dirfd(listing), name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) {
+          all_set = false;
+        } else if (S_ISDIR(info.st_mode)) {
+          // Not a link (looked at without following), in a folder only we
+          // can write to: the mode lands on that folder.
+          if (fchmodat(dirfd(listing), name.c_str(), kInstalledModeBits, 0) != 0)
+            all_set = false;
+          pending.push_back(relative.empty() ? name : relative + "/" + name);
+        }
+      }
+      errno = 0;
     }
+    if (errno != 0)
+      all_set = false;
     closedir(listing);
   }
   close(top);
+  return all_set;
 }
 
 // Runs `work` on a worker thread, then `then` with its result on the main
@@ -269,7 +282,8 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder,
   }
   // Folders that no entry named (made on the way to a file) got the umask's
   // mode, and the writer may have set others' modes late: all become 0755.
-  SetFolderModesBelow(root);
+  if (!SetFolderModesBelow(root))
+    refused = true;
   return !refused;
 }
 

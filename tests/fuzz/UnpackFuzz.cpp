@@ -122,6 +122,23 @@ struct Walk {
   }
 };
 
+// What an accepted archive leaves: folders 0755 whatever it said, and no
+// file with a bit outside 0755 (no write for others, no set-id or sticky).
+void RequireSafeModes(const std::string& folder) {
+  for (const std::string& name : orvane::NamesIn(folder)) {
+    std::string path = folder + "/" + name;
+    struct stat info;
+    Require(lstat(path.c_str(), &info) == 0);
+    mode_t mode = info.st_mode & 07777;
+    if (S_ISDIR(info.st_mode)) {
+      Require(mode == 0755);
+      RequireSafeModes(path);
+    } else if (S_ISREG(info.st_mode)) {
+      Require((mode & ~mode_t(0755)) == 0);
+    }
+  }
+}
+
 void WriteBytes(const std::string& path, const void* bytes, size_t size) {
   const char* data = static_cast<const char*>(bytes);
   int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -178,8 +195,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Require(g_mkdir(target.c_str(), 0700) == 0 && g_mkdir(neighbour.c_str(), 0700) == 0);
   WriteBytes(neighbour + "/secret", kSecret, sizeof kSecret - 1);
 
+  // A refusal and an unreadable archive both leave a safe folder; an
+  // accepted one also has only the modes that are ever installed.
   bool unpacked = orvane::UnpackArchive(fixture.archive, target, kLimits);
-  (void)unpacked; // a refusal and an unreadable archive both leave a safe folder
+  if (unpacked)
+    RequireSafeModes(target);
 
   Require(orvane::NamesIn(parent) == std::set<std::string>{"neighbour", "unpacked"});
   Require(orvane::NamesIn(neighbour) == std::set<std::string>{"secret"});

@@ -10,13 +10,15 @@
 namespace orvane {
 
 std::string ServerLogTail(const std::string& path, size_t max_bytes, size_t max_lines) {
-  // Only a regular file is read (never a FIFO or a device someone put in
-  // its place), and never more than the bound, however large it is.
+  // Only a regular file of ours is read (never a FIFO or a device someone
+  // put in its place, nor a file another account made first in a shared
+  // folder, whose text the page would present as our server's), and never
+  // more than the bound, however large it is.
   int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   if (fd < 0)
     return std::string();
   struct stat info = {};
-  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_uid != geteuid()) {
     close(fd);
     return std::string();
   }

@@ -71,6 +71,15 @@ TEST_F(ServerFailurePageTest, MissingOrOtherThanAFileReadsAsNothing) {
   EXPECT_EQ(ServerLogTail(link), "");
 }
 
+TEST_F(ServerFailurePageTest, ALogThatAnotherAccountOwnsReadsAsNothing) {
+  std::string path = write("ModuleNotFoundError: planted by someone else\n");
+  EXPECT_NE(ServerLogTail(path, 4096, 10), "");
+  if (geteuid() != 0)
+    GTEST_SKIP() << "only root can give the file to another account";
+  ASSERT_EQ(chown(path.c_str(), 65534, 65534), 0);
+  EXPECT_EQ(ServerLogTail(path, 4096, 10), "");
+}
+
 TEST_F(ServerFailurePageTest, PageEscapesTheLogAndTheAddress) {
   std::string page =
       ServerFailurePage("http://127.0.0.1:8000/\"><script>x()</script>", "/tmp/shelfkeep.log",

@@ -82,10 +82,18 @@ cleanup() {
   set +e
   end_processes_in_roots
   [ -n "$xvfb_pid" ] && kill "$xvfb_pid" 2>/dev/null
+  local still_mounted=0
   for ((i = ${#mounted[@]} - 1; i >= 0; i--)); do
-    umount "${mounted[$i]}" 2>/dev/null || umount -l "${mounted[$i]}"
+    umount "${mounted[$i]}" 2>/dev/null || umount -l "${mounted[$i]}" || still_mounted=1
   done
-  rm -rf --one-file-system "$work"
+  # A bind that is still there may lead to the machine's own files (the apt
+  # cache, the X socket folder) on the same file system: then nothing is
+  # removed, and the folder is named instead.
+  if [ "$still_mounted" -eq 0 ]; then
+    rm -rf --one-file-system "$work"
+  else
+    echo "package-check: $work is left in place, a mount in it could not be undone" >&2
+  fi
 }
 trap cleanup EXIT
 

@@ -491,6 +491,16 @@ TEST_F(X11SelectionsTest, AWorkerDestroyedWhileItsConversationWaitsCancelsTheWai
   EXPECT_EQ(stall_left.count(), 0) << "the wait ran out by itself instead of being cancelled";
 }
 
+TEST_F(X11SelectionsTest, AnUnwatchedXErrorOnTheWorkersConnectionNeverReachesGdk) {
+  // In a process of its own, whose GDK handler is watched from the start.
+  ToolResult result = RunTool({"/proc/self/exe", "--untrapped-worker-error"});
+  EXPECT_EQ(result.status, 0) << result.out;
+  // GDK never ran off the main thread; the error was counted as the worker's
+  // own and the worker went on; an error of another display still reached
+  // GDK on the main thread.
+  EXPECT_EQ(result.out, "elsewhere=0 main=1 untrapped=1 after=1\n");
+}
+
 TEST_F(X11SelectionsTest, TextCopiedInThisProcessIsSavedWithEveryTargetAndRestored) {
   // What a page of ours does when the user copies in it: GTK's clipboard of
   // this very process owns the CLIPBOARD.

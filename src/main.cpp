@@ -4,11 +4,16 @@
 #include "capture/CaptureModes.h"
 #include "desktop/x11/ClipboardServer.h"
 
+#include <X11/Xlib.h>
 #include <gdk/gdk.h>
 
 #include <cstring>
 
 int main(int argc, char** argv) {
+  // Before any other Xlib or GDK call: the selection conversations run on a
+  // thread of their own with an X connection of their own, so two threads
+  // use Xlib. (libX11 1.8 and later does this by itself; older ones do not.)
+  XInitThreads();
   // Every mode places or reads windows through X11; under Wayland it runs
   // through XWayland. GDK_BACKEND (often "wayland" in a Wayland session)
   // would override the allowed backends and leave GDK no display to open,

@@ -491,6 +491,36 @@ TEST_F(X11SelectionsTest, AWorkerDestroyedWhileItsConversationWaitsCancelsTheWai
   EXPECT_EQ(stall_left.count(), 0) << "the wait ran out by itself instead of being cancelled";
 }
 
+TEST_F(X11SelectionsTest, AnUnwatchedXErrorOnTheWorkersConnectionNeverReachesGdk) {
+  // In a process of its own, whose GDK handler is watched from the start.
+  ToolResult result = RunTool({"/proc/self/exe", "--untrapped-worker-error"});
+  EXPECT_EQ(result.status, 0) << result.out;
+  // GDK never ran off the main thread; the error was counted as the worker's
+  // own and the worker went on; an error of another display still reached
+  // GDK on the main thread.
+  EXPECT_EQ(result.out, "elsewhere=0 main=1 untrapped=1 after=1\n");
+}
+
+TEST_F(X11SelectionsTest, SelectionsDestroyedWhileASaveWaitsEndTheSaveCleanly) {
+  std::unique_ptr<Child> owner =
+      serve("CLIPBOARD", {{"UTF8_STRING", "UTF8_STRING", "never sent"}}, {"--hang-conversions"});
+  ASSERT_TRUE(owner);
+  auto selections = std::make_unique<X11Selections>();
+  X11Selections* saving = selections.get();
+  // Something the main loop runs while the save waits ends the object.
+  g_timeout_add(
+      200,
+      [](gpointer data) -> gboolean {
+        static_cast<std::unique_ptr<X11Selections>*>(data)->reset();
+        return G_SOURCE_REMOVE;
+      },
+      &selections);
+  ClipboardContents contents = saving->saveClipboard();
+  EXPECT_EQ(selections, nullptr);
+  // The worker went with the object: its wait was cancelled, nothing read.
+  EXPECT_EQ(contents, ClipboardContents{});
+}
+
 TEST_F(X11SelectionsTest, TextCopiedInThisProcessIsSavedWithEveryTargetAndRestored) {
   // What a page of ours does when the user copies in it: GTK's clipboard of
   // this very process owns the CLIPBOARD.

@@ -59,8 +59,10 @@ void SelectionWorker::run(Job job) {
       g_main_context_unref(pending->context);
       return;
     }
-    if (!thread_.joinable())
+    if (!thread_.joinable()) {
+      XSelectionReader::InstallErrorHandler();
       thread_ = std::thread([this] { loop(); });
+    }
     queue_.push_back(pending);
   }
   wake_.notify_one();

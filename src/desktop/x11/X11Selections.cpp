@@ -148,7 +148,9 @@ std::string OwnExecutable() {
 
 X11Selections::X11Selections(X11SelectionLimits limits) : limits_(std::move(limits)) {}
 
-X11Selections::~X11Selections() = default;
+X11Selections::~X11Selections() {
+  *alive_ = false;
+}
 
 XSelectionReader& X11Selections::reader() {
   if (!reader_)
@@ -171,6 +173,8 @@ std::optional<int> X11Selections::primaryOwnerPid() {
 }
 
 std::optional<std::string> X11Selections::readText(const char* selection) {
+  // Nothing after the wait touches this object, which may be gone by then
+  // (see alive_).
   std::optional<std::string> text;
   X11SelectionLimits limits = limits_;
   worker().run([&text, selection, limits](XSelectionReader& reader) {
@@ -197,8 +201,15 @@ ClipboardContents X11Selections::saveClipboard() {
   }
   SavedClipboard saved;
   X11SelectionLimits limits = limits_;
+  std::shared_ptr<bool> alive = alive_;
   worker().run(
       [&saved, limits](XSelectionReader& reader) { saved = SaveClipboardTargets(reader, limits); });
+  if (!*alive) {
+    // Destroyed while it waited: the caller still gets what was read.
+    for (const ServedTarget& target : saved.targets)
+      contents.push_back({target.target, target.bytes});
+    return contents;
+  }
   if (saved.cut_short)
     SparLog("clipboard: its owner stopped answering, %lu of %lu targets saved",
             saved.targets.size(), saved.offered);

@@ -75,6 +75,10 @@ private:
   // The targets of the last save with their property types and formats, so
   // that a restore of the same bytes answers with the same types.
   std::vector<ServedTarget> last_saved_;
+  // False once the object is destroyed. A read or save runs the main loop
+  // while it waits, and something run there may destroy this object; what
+  // comes after the wait looks here before it touches a member.
+  std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
 } // namespace orvane

@@ -7,35 +7,105 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <map>
 #include <mutex>
 #include <poll.h>
 #include <set>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace orvane {
 
 namespace {
 
-// Catches the X errors of one display while it lives (a window that vanished
-// between two requests, a hostile atom). Xlib has one error handler for the
-// whole process, and readers run on more than one thread: ours stays
-// installed once set, each thread keeps its own chain of traps (Xlib calls
-// the handler on the thread that reads the failed reply), and errors of
-// other displays go on to the handler that was there before ours (GDK's, in
-// the application).
+// Xlib has one error handler for the whole process, and readers run on more
+// than one thread. Ours is installed once and stays: it keeps, for every
+// display a reader opened, the chain of traps active on it, and records an
+// error in the innermost of them. An error on one of our displays with no
+// trap active is counted and otherwise ignored. Errors of other displays go
+// on to the handler that was there before ours (GDK's, in the application),
+// but only on the main thread: GDK is not thread-safe, and no other thread
+// of ours talks to its displays.
+class ErrorRouter {
+public:
+  static void Install() {
+    static std::once_flag once;
+    std::call_once(once, [] { previous_.store(XSetErrorHandler(&ErrorRouter::Handle)); });
+  }
+  static void Add(Display* display) {
+    Install();
+    std::lock_guard<std::mutex> lock(mutex_);
+    displays_[display] = Entry{};
+  }
+  static void Remove(Display* display) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    displays_.erase(display);
+  }
+  // Makes `code` the trap that catches the display's errors; returns the
+  // one it hides.
+  static std::atomic<int>* Push(Display* display, std::atomic<int>* code) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto found = displays_.find(display);
+    if (found == displays_.end())
+      return nullptr;
+    std::atomic<int>* outer = found->second.trap;
+    found->second.trap = code;
+    return outer;
+  }
+  static void Pop(Display* display, std::atomic<int>* outer) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto found = displays_.find(display);
+    if (found != displays_.end())
+      found->second.trap = outer;
+  }
+  static uint64_t Untrapped(Display* display) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto found = displays_.find(display);
+    return found == displays_.end() ? 0 : found->second.untrapped;
+  }
+
+private:
+  struct Entry {
+    std::atomic<int>* trap = nullptr;
+    uint64_t untrapped = 0;
+  };
+
+  // Xlib calls the handler on the thread that read the error, with the
+  // display unlocked; it must make no request of its own.
+  static int Handle(Display* display, XErrorEvent* error) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      auto found = displays_.find(display);
+      if (found != displays_.end()) {
+        if (found->second.trap)
+          found->second.trap->store(error->error_code);
+        else
+          ++found->second.untrapped;
+        return 0;
+      }
+    }
+    // The main thread's id is the process's.
+    bool main_thread = syscall(SYS_gettid) == getpid();
+    XErrorHandler previous = previous_.load();
+    if (main_thread && previous)
+      return previous(display, error);
+    return 0;
+  }
+
+  static inline std::mutex mutex_;
+  static inline std::map<Display*, Entry> displays_;
+  static inline std::atomic<XErrorHandler> previous_{nullptr};
+};
+
+// Catches the X errors of one of our displays while it lives (a window that
+// vanished between two requests, a hostile atom). Traps of one display nest.
 class ErrorTrap {
 public:
-  explicit ErrorTrap(Display* display) : display_(display), outer_(active_) {
-    {
-      std::lock_guard<std::mutex> lock(install_mutex_);
-      XErrorHandler previous = XSetErrorHandler(&ErrorTrap::Handle);
-      if (previous != &ErrorTrap::Handle)
-        fallback_.store(previous);
-    }
-    active_ = this;
-  }
+  explicit ErrorTrap(Display* display)
+      : display_(display), outer_(ErrorRouter::Push(display, &code_)) {}
   ~ErrorTrap() {
     XSync(display_, False);
-    active_ = outer_;
+    ErrorRouter::Pop(display_, outer_);
   }
   ErrorTrap(const ErrorTrap&) = delete;
   ErrorTrap& operator=(const ErrorTrap&) = delete;
@@ -43,27 +113,13 @@ public:
   // Whether any request so far failed.
   bool failed() {
     XSync(display_, False);
-    return code_ != 0;
+    return code_.load() != 0;
   }
 
 private:
-  static int Handle(Display* display, XErrorEvent* error) {
-    for (ErrorTrap* trap = active_; trap; trap = trap->outer_) {
-      if (trap->display_ == display) {
-        trap->code_ = error->error_code;
-        return 0;
-      }
-    }
-    XErrorHandler fallback = fallback_.load();
-    return fallback ? fallback(display, error) : 0;
-  }
-
-  static inline thread_local ErrorTrap* active_ = nullptr;
-  static inline std::mutex install_mutex_;
-  static inline std::atomic<XErrorHandler> fallback_{nullptr};
   Display* display_;
-  ErrorTrap* outer_;
-  int code_ = 0;
+  std::atomic<int> code_{0};
+  std::atomic<int>* outer_;
 };
 
 using Clock = XSelectionReader::Clock;
@@ -104,6 +160,7 @@ XSelectionReader::XSelectionReader(bool watch_clipboard, const std::atomic<bool>
   display_ = XOpenDisplay(nullptr);
   if (!display_)
     return;
+  ErrorRouter::Add(display_);
   int error_base = 0;
   if (!watch_clipboard) {
     fixes_event_base_ = -1;
@@ -122,8 +179,21 @@ XSelectionReader::XSelectionReader(bool watch_clipboard, const std::atomic<bool>
 }
 
 XSelectionReader::~XSelectionReader() {
-  if (display_)
-    XCloseDisplay(display_);
+  if (!display_)
+    return;
+  // Its last errors still count as ours; it leaves the router before its
+  // address can be another display's.
+  XSync(display_, False);
+  ErrorRouter::Remove(display_);
+  XCloseDisplay(display_);
+}
+
+void XSelectionReader::InstallErrorHandler() {
+  ErrorRouter::Install();
+}
+
+uint64_t XSelectionReader::untrappedErrors() const {
+  return display_ ? ErrorRouter::Untrapped(display_) : 0;
 }
 
 unsigned long XSelectionReader::atom(const char* name) {

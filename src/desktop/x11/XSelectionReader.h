@@ -2,7 +2,8 @@
 // GTK: every wait polls that connection's socket with a deadline, so a read
 // neither re-enters the main loop nor hangs on an owner that never answers.
 // One reader belongs to one thread; readers on different threads share
-// nothing but the process's X error handler, which tells them apart.
+// nothing but the process's X error handler, which tells their displays
+// apart and hands no error of theirs to GDK.
 #pragma once
 
 #include "desktop/x11/KeptClipboard.h"
@@ -62,8 +63,21 @@ public:
   XSelectionReader(const XSelectionReader&) = delete;
   XSelectionReader& operator=(const XSelectionReader&) = delete;
 
+  // Puts the process's X error handler for readers in place, once. A
+  // reader does it itself, but one opened on another thread could do it
+  // while GDK has an error trap pushed on the main thread, and GDK would
+  // take it away again when it pops the trap: a worker calls this from the
+  // main thread before it starts.
+  static void InstallErrorHandler();
+
   // False when the display could not be opened; every read then gives nothing.
   bool connected() const { return display_ != nullptr; }
+  // The reader's own connection, for requests its methods do not make
+  // (tests provoke errors on it). Only the reader's thread may use it.
+  Display* display() const { return display_; }
+  // How many X errors arrived on the connection while no request of the
+  // reader was watching for them; they are ignored, and the process goes on.
+  uint64_t untrappedErrors() const;
 
   // The window that owns the selection ("PRIMARY", "CLIPBOARD"), 0 for none.
   unsigned long owner(const char* selection);

@@ -97,22 +97,33 @@ void AddCommandLinePdfs(int pid, const std::string& proc_root, ExistingPdfs& pdf
       pdfs.add(*path);
 }
 
-void AddOpenPdfs(const std::string& process, ExistingPdfs& pdfs) {
+// Calls `visit` with the target of each of the process's open files, at
+// most `limit` entries of /proc/PID/fd, until it returns false.
+template <typename Visit>
+void ForEachOpenFileTarget(const std::string& process, size_t limit, Visit visit) {
   std::string folder = process + "/fd";
   DIR* dir = opendir(folder.c_str());
   if (!dir)
     return;
   size_t entries = 0;
   while (struct dirent* entry = readdir(dir)) {
-    if (++entries > kMaxOpenFiles)
+    if (++entries > limit)
       break;
     if (entry->d_name[0] == '.')
       continue;
     std::optional<std::string> target = ReadLink(folder + "/" + entry->d_name);
-    if (target && !target->empty() && (*target)[0] == '/')
-      pdfs.add(*target);
+    if (target && !visit(*target))
+      break;
   }
   closedir(dir);
+}
+
+void AddOpenPdfs(const std::string& process, ExistingPdfs& pdfs) {
+  ForEachOpenFileTarget(process, kMaxOpenFiles, [&pdfs](const std::string& target) {
+    if (!target.empty() && target[0] == '/')
+      pdfs.add(target);
+    return true;
+  });
 }
 
 } // namespace
@@ -156,24 +167,12 @@ std::vector<std::string> PdfFilesOfProcess(int pid, const std::string& proc_root
 bool HoldsPseudoTerminalMaster(int pid, const std::string& proc_root) {
   if (pid <= 0)
     return false;
-  std::string folder = JoinPath(JoinPath(proc_root, std::to_string(pid)), "fd");
-  DIR* dir = opendir(folder.c_str());
-  if (!dir)
-    return false;
   bool found = false;
-  size_t entries = 0;
-  while (struct dirent* entry = readdir(dir)) {
-    if (++entries > kMaxPseudoTerminalScan)
-      break;
-    if (entry->d_name[0] == '.')
-      continue;
-    std::optional<std::string> target = ReadLink(folder + "/" + entry->d_name);
-    if (target && (*target == "/dev/ptmx" || *target == "/dev/pts/ptmx")) {
-      found = true;
-      break;
-    }
-  }
-  closedir(dir);
+  ForEachOpenFileTarget(JoinPath(proc_root, std::to_string(pid)), kMaxPseudoTerminalScan,
+                        [&found](const std::string& target) {
+                          found = target == "/dev/ptmx" || target == "/dev/pts/ptmx";
+                          return !found;
+                        });
   return found;
 }
 

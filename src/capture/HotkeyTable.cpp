@@ -3,6 +3,9 @@
 #include "base/SparLog.h"
 #include "capture/SelectionCapture.h"
 
+#include <array>
+#include <vector>
+
 namespace orvane {
 
 void DispatchHotkey(int id, uint32_t timestamp, const HotkeyActions& actions) {
@@ -31,20 +34,25 @@ void DispatchHotkey(int id, uint32_t timestamp, const HotkeyActions& actions) {
 }
 
 void RegisterHotkeys(Hotkeys& hotkeys, std::function<void(int id, uint32_t timestamp)> handler) {
-  std::array<const char*, kHotkeyTable.size()> status{};
-  for (size_t row = 0; row < kHotkeyTable.size(); ++row) {
-    int id = kHotkeyTable[row].id;
-    bool grabbed = hotkeys.bind(kHotkeyTable[row].accelerator, [handler, id](uint32_t timestamp) {
-      // A capture lets the main loop run while it waits for the copy; a key
-      // pressed meanwhile would start a summon or quote without its text.
-      if (SelectionCaptureRunning()) {
-        SparLog("hotkey: pressed while a capture is still running — ignored");
-        return;
-      }
-      handler(id, timestamp);
-    });
-    status[row] = grabbed ? "registered" : "FAILED";
+  std::vector<Hotkeys::Request> requests;
+  for (const HotkeyEntry& row : kHotkeyTable) {
+    int id = row.id;
+    requests.push_back(
+        {row.name, row.description, row.accelerator, [handler, id](uint32_t timestamp) {
+           // A capture lets the main loop run while it waits for the
+           // copy; a key pressed meanwhile would start a summon or
+           // quote without its text.
+           if (SelectionCaptureRunning()) {
+             SparLog("hotkey: pressed while a capture is still running — ignored");
+             return;
+           }
+           handler(id, timestamp);
+         }});
   }
+  std::vector<bool> bound = hotkeys.bindAll(requests);
+  std::array<const char*, kHotkeyTable.size()> status{};
+  for (size_t row = 0; row < kHotkeyTable.size(); ++row)
+    status[row] = row < bound.size() && bound[row] ? "registered" : "FAILED";
   SparLog("hotkeys: ⌥B %@, ⌥C %@, ⌥Q %@, ⌥V %@", status[0], status[1], status[2], status[3]);
 }
 

@@ -22,14 +22,16 @@ struct HotkeyEntry {
   int id;
   const char* accelerator;
   const char* label;
+  const char* name;        // the shortcut's id in the desktop's shortcut list
+  const char* description; // what the desktop's shortcut settings show
 };
 
 // In registration order; the id of row N is N + 1.
 inline constexpr std::array<HotkeyEntry, 4> kHotkeyTable{{
-    {1, "<Alt>b", "⌥B"},
-    {2, "<Alt>c", "⌥C"},
-    {3, "<Alt>q", "⌥Q"},
-    {4, "<Alt>v", "⌥V"},
+    {1, "<Alt>b", "⌥B", "summon", "Quick Panel: add the selected text"},
+    {2, "<Alt>c", "⌥C", "quote", "Quote the selected text in the sparring chat"},
+    {3, "<Alt>q", "⌥Q", "friend-quote", "Send the selected text as a quote from the PDF in front"},
+    {4, "<Alt>v", "⌥V", "talk", "Talk to the Library"},
 }};
 
 // Runs the action of hotkey `id`; ids outside 1..4 are ignored.

@@ -63,6 +63,48 @@ TEST(HotkeyDispatchTest, IdsOutsideOneToFourAreIgnored) {
   EXPECT_TRUE(calls.made.empty());
 }
 
+// Hotkeys of a desktop that takes an application's shortcuts as one set
+// and accepts only some of them.
+class SetHotkeys final : public Hotkeys {
+public:
+  bool bind(const std::string&, Handler) override {
+    ++single_binds;
+    return false;
+  }
+  std::vector<bool> bindAll(const std::vector<Request>& requests) override {
+    ++sets;
+    std::vector<bool> bound;
+    for (const Request& request : requests) {
+      ids.push_back(request.id);
+      EXPECT_FALSE(request.description.empty()) << request.id;
+      bound.push_back(request.id != "quote");
+      handlers[request.id] = request.handler;
+    }
+    bound.pop_back(); // answers for one request fewer than it was given
+    return bound;
+  }
+  int single_binds = 0;
+  int sets = 0;
+  std::vector<std::string> ids;
+  std::map<std::string, Handler> handlers;
+};
+
+TEST(HotkeyRegistrationTest, ADesktopThatBindsASetGetsTheFourAtOnce) {
+  LogCapture log;
+  SetHotkeys hotkeys;
+  std::vector<std::pair<int, uint32_t>> fired;
+  RegisterHotkeys(hotkeys, [&](int id, uint32_t t) { fired.emplace_back(id, t); });
+  EXPECT_EQ(hotkeys.sets, 1);
+  EXPECT_EQ(hotkeys.single_binds, 0);
+  EXPECT_EQ(hotkeys.ids, (std::vector<std::string>{"summon", "quote", "friend-quote", "talk"}));
+  // The one it refused and the one it did not answer for are FAILED.
+  EXPECT_EQ(log.messages(), (std::vector<std::string>{
+                                "hotkeys: ⌥B registered, ⌥C FAILED, ⌥Q registered, ⌥V FAILED"}));
+  hotkeys.handlers.at("friend-quote")(0);
+  hotkeys.handlers.at("summon")(9);
+  EXPECT_EQ(fired, (std::vector<std::pair<int, uint32_t>>{{3, 0}, {1, 9}}));
+}
+
 TEST(HotkeyRegistrationTest, FourChordsInOrderAndOneLogLine) {
   LogCapture log;
   FakeHotkeys hotkeys;

@@ -455,11 +455,11 @@ std::optional<ScriptAnswer> KWinScripting::query(const std::string& body) {
       } else if (id < 0) {
         why = "loadScript refused the script";
       } else {
-        // KWin 5.27 names a script's object /Scripting/Script<id>; older
-        // releases named it /<id>.
+        // KWin 5.27 names a script's object /<id>; Plasma 6 names it
+        // /Scripting/Script<id>.
         bool started = false;
         for (std::string object :
-             {"/Scripting/Script" + std::to_string(id), "/" + std::to_string(id)}) {
+             {"/" + std::to_string(id), "/Scripting/Script" + std::to_string(id)}) {
           GVariantPtr ran(g_dbus_connection_call_sync(
               bus_.get(), pending.sender.c_str(), object.c_str(), "org.kde.kwin.Script", "run",
               nullptr, nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, timeout, nullptr, error.out()));

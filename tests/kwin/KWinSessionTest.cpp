@@ -11,6 +11,8 @@
 #include "support/MainLoop.h"
 #include "support/TempDir.h"
 
+#include "base/Text.h"
+
 #include <atomic>
 #include <cmath>
 #include <fstream>
@@ -42,15 +44,16 @@ bool Near(const Rect& a, const Rect& b) {
          std::fabs(a.width - b.width) <= 1 && std::fabs(a.height - b.height) <= 1;
 }
 
-// A native Wayland GTK window in a process of its own, ended by its pid.
+// A native Wayland (or XWayland) GTK window in a process of its own, ended by its pid.
 class NativeWindow {
 public:
-  explicit NativeWindow(const std::string& title) {
+  // `backend` "x11" makes it an XWayland window instead.
+  explicit NativeWindow(const std::string& title, const std::string& backend = "wayland") {
     std::string script = std::string(ORVANE_KWIN_FIXTURES) + "/native_window.py";
     gchar** env = g_get_environ();
-    env = g_environ_setenv(env, "GDK_BACKEND", "wayland", TRUE);
-    const gchar* argv[] = {"/usr/bin/python3", script.c_str(), state_.path().c_str(), title.c_str(),
-                           nullptr};
+    env = g_environ_setenv(env, "GDK_BACKEND", backend.c_str(), TRUE);
+    const gchar* argv[] = {"/usr/bin/python3", script.c_str(),  state_.path().c_str(),
+                           title.c_str(),      backend.c_str(), nullptr};
     GError* error = nullptr;
     if (!g_spawn_async(nullptr, const_cast<gchar**>(argv), env, G_SPAWN_DO_NOT_REAP_CHILD, nullptr,
                        nullptr, &pid_, &error)) {
@@ -164,6 +167,50 @@ TEST(KWinScriptingSessionTest, AnAnswerFromAPeerThatIsNotKWinIsIgnored) {
   for (const auto& line : log.messages())
     logged = logged || line.find(", which is not KWin, was ignored") != std::string::npos;
   EXPECT_TRUE(logged);
+}
+
+TEST(KWinScriptingSessionTest, TheMainLoopsOtherSourcesDoNotRunDuringAQuery) {
+  auto bus = SessionBusConnection();
+  KWinScripting scripting(bus.get());
+  bool ran = false;
+  guint idle = g_idle_add(
+      [](gpointer data) -> gboolean {
+        *static_cast<bool*>(data) = true;
+        return G_SOURCE_REMOVE;
+      },
+      &ran);
+  EXPECT_TRUE(scripting.query("      return 1;"));
+  EXPECT_FALSE(ran);
+  EXPECT_TRUE(SpinUntil([&] { return ran; }, 5));
+  if (!ran)
+    g_source_remove(idle);
+}
+
+TEST(KWinWindowsSessionTest, AWindowWithAHugeTitleIsListedWithItCutAndHidesNoOther) {
+  auto bus = SessionBusConnection();
+  KWinScripting scripting(bus.get());
+  KWinWindows windows(scripting);
+  std::string huge = "Huge " + std::string(100000, 'x');
+  NativeWindow x11(huge, "x11");
+  ASSERT_TRUE(x11.mapped());
+  std::string title = UniqueTitle("beside the huge one");
+  NativeWindow native(title);
+  ASSERT_TRUE(native.mapped());
+  std::optional<WindowInfo> huge_one, other;
+  EXPECT_TRUE(SpinUntil([&] {
+    huge_one.reset();
+    other.reset();
+    for (const WindowInfo& window : windows.normalWindows()) {
+      if (window.pid == x11.pid())
+        huge_one = window;
+      if (window.pid == native.pid())
+        other = window;
+    }
+    return huge_one && other && BeginsWith(huge_one->title, "Huge xxx");
+  }));
+  ASSERT_TRUE(huge_one && other);
+  EXPECT_LE(huge_one->title.size(), 4096u);
+  EXPECT_EQ(other->title, title);
 }
 
 TEST(KWinFrontWindowsSessionTest, ANativeGtkClientInFrontIsReportedWithItsPidAndTitle) {
@@ -302,7 +349,18 @@ protected:
 
 TEST_F(PortalHotkeysSessionTest, TheFourAreBoundAndAltBFiresSummonWithANativeAppInFront) {
   PortalHotkeys hotkeys(bus.get());
+  // The waits for the portal run none of the main loop's sources.
+  bool ran = false;
+  guint idle = g_idle_add(
+      [](gpointer data) -> gboolean {
+        *static_cast<bool*>(data) = true;
+        return G_SOURCE_REMOVE;
+      },
+      &ran);
   EXPECT_EQ(hotkeys.bindAll(requests()), (std::vector<bool>{true, true, true, true}));
+  EXPECT_FALSE(ran);
+  if (!ran)
+    g_source_remove(idle);
   ASSERT_FALSE(hotkeys.session().empty());
 
   NativeWindow window(UniqueTitle("keys"));

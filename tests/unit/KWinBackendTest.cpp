@@ -292,6 +292,42 @@ TEST(WindowInfoFromKWinTest, TheSeamsFieldsInDesktopCoordinates) {
   EXPECT_FALSE(info.full_screen);
 }
 
+TEST(ParseKWinWindowListTest, AHostileWindowIsLeftOutAndTheOthersKept) {
+  ScriptAnswer answer;
+  answer.screens = {{0, 0, 1600, 1000}};
+  json bad = Window();
+  bad["pid"] = "everything";
+  json other = Window();
+  other["id"] = "{other}";
+  answer.result = json::array({Window(), bad, other, 17});
+  size_t left_out = 0;
+  std::string why;
+  auto windows = ParseKWinWindowList(answer, left_out, why);
+  ASSERT_TRUE(windows);
+  ASSERT_EQ(windows->size(), 2u);
+  EXPECT_EQ((*windows)[1].internal_id, "{other}");
+  EXPECT_EQ(left_out, 2u);
+  EXPECT_EQ(why, "a window that is not an object");
+}
+
+TEST(ParseKWinWindowListTest, NoListOrNoScreensIsNoAnswer) {
+  size_t left_out = 0;
+  std::string why;
+  ScriptAnswer answer;
+  answer.screens = {{0, 0, 1600, 1000}};
+  answer.result = json::object();
+  EXPECT_FALSE(ParseKWinWindowList(answer, left_out, why));
+  answer.result = json::array();
+  for (int i = 0; i < 10001; ++i)
+    answer.result.push_back(Window());
+  EXPECT_FALSE(ParseKWinWindowList(answer, left_out, why));
+  EXPECT_EQ(why, "a window list that is not a list of at most 10000");
+  answer.result = json::array({Window()});
+  answer.screens.clear();
+  EXPECT_FALSE(ParseKWinWindowList(answer, left_out, why));
+  EXPECT_EQ(why, "a window list without the screens");
+}
+
 TEST(KWinScriptingTest, IdsAreStableAndMapBack) {
   KWinScripting scripting(nullptr);
   unsigned long first = scripting.idFor("{a}");

@@ -30,18 +30,20 @@ const char* const kAnswerXml = R"(<node>
 // BODY are replaced; everything else is constant.
 const char* const kScriptTemplate = R"JS((function () {
   var service = @SERVICE@, token = @TOKEN@;
+  // Names longer than any real one are cut here, so that one window with
+  // a huge title cannot make the whole answer too long to be taken.
   function text(value) {
     if (value === undefined || value === null)
       return "";
     if (typeof value === "string")
-      return value;
+      return value.length > 4096 ? value.substring(0, 4096) : value;
     if (value instanceof ArrayBuffer) {
       var bytes = new Uint8Array(value), out = [];
-      for (var i = 0; i < bytes.length; ++i)
+      for (var i = 0; i < bytes.length && i < 4096; ++i)
         out.push(bytes[i]);
       return out;
     }
-    return String(value);
+    return text(String(value));
   }
   function rect(g) {
     if (!g)

@@ -121,31 +121,50 @@ std::optional<FrontWindow> KWinFrontWindows::frontWindow() const {
   return front;
 }
 
-std::optional<std::vector<WindowInfo>> KWinWindows::allWindows() {
-  std::optional<ScriptAnswer> answer = scripting_.query(kListBody);
-  if (!answer)
-    return std::nullopt;
-  if (!answer->result.is_array() || answer->result.size() > kMaxWindows) {
-    LogRefused("a window list that is not a list of at most " + std::to_string(kMaxWindows));
+std::optional<std::vector<KWinWindow>> ParseKWinWindowList(const ScriptAnswer& answer,
+                                                           size_t& left_out, std::string& why) {
+  left_out = 0;
+  if (!answer.result.is_array() || answer.result.size() > kMaxWindows) {
+    why = "a window list that is not a list of at most " + std::to_string(kMaxWindows);
     return std::nullopt;
   }
-  std::optional<Rect> primary = Primary(*answer);
-  if (!primary) {
-    LogRefused("a window list without the screens");
+  if (answer.screens.empty()) {
+    why = "a window list without the screens";
     return std::nullopt;
   }
   std::vector<KWinWindow> windows;
-  for (const auto& item : answer->result) {
-    std::string why;
+  for (const auto& item : answer.result) {
     std::optional<KWinWindow> window = ParseKWinWindow(item, why);
-    if (!window) {
-      LogRefused(why);
-      return std::nullopt;
-    }
-    windows.push_back(std::move(*window));
+    if (window)
+      windows.push_back(std::move(*window));
+    else
+      ++left_out;
   }
+  return windows;
+}
+
+std::optional<std::vector<KWinWindow>> KWinWindows::describedWindows(std::optional<Rect>& primary) {
+  std::optional<ScriptAnswer> answer = scripting_.query(kListBody);
+  if (!answer)
+    return std::nullopt;
+  size_t left_out = 0;
+  std::string why;
+  std::optional<std::vector<KWinWindow>> windows = ParseKWinWindowList(*answer, left_out, why);
+  if (!windows)
+    LogRefused(why);
+  else if (left_out > 0)
+    SparLog("kwin: %lu window(s) of a window list were left out: %@", (unsigned long)left_out, why);
+  primary = Primary(*answer);
+  return windows;
+}
+
+std::optional<std::vector<WindowInfo>> KWinWindows::allWindows() {
+  std::optional<Rect> primary;
+  std::optional<std::vector<KWinWindow>> windows = describedWindows(primary);
+  if (!windows)
+    return std::nullopt;
   std::vector<WindowInfo> result;
-  for (const KWinWindow& window : windows)
+  for (const KWinWindow& window : *windows)
     result.push_back(WindowInfoFromKWin(window, scripting_.idFor(window.internal_id), primary));
   return result;
 }
@@ -247,27 +266,22 @@ std::vector<int> KWinWindows::pidsOfApplication(const std::string& name) {
   std::vector<int> pids;
   if (name.empty())
     return pids;
-  std::optional<ScriptAnswer> answer = scripting_.query(kListBody);
-  if (!answer || !answer->result.is_array() || answer->result.size() > kMaxWindows)
-    return pids;
   std::vector<std::string> names = KWinApplicationNames(name);
   auto known = [&](const std::string& candidate) {
     return !candidate.empty() &&
            std::find(names.begin(), names.end(), Lower(candidate)) != names.end();
   };
-  for (const auto& item : answer->result) {
-    std::string why;
-    std::optional<KWinWindow> window = ParseKWinWindow(item, why);
-    if (!window) {
-      LogRefused(why);
-      return {};
-    }
-    if (!window->normal || window->pid <= 0 ||
-        std::find(pids.begin(), pids.end(), window->pid) != pids.end())
+  std::optional<Rect> primary;
+  std::optional<std::vector<KWinWindow>> windows = describedWindows(primary);
+  if (!windows)
+    return pids;
+  for (const KWinWindow& window : *windows) {
+    if (!window.normal || window.pid <= 0 ||
+        std::find(pids.begin(), pids.end(), window.pid) != pids.end())
       continue;
-    if (known(window->resource_class) || known(window->resource_name) ||
-        known(window->desktop_file_name) || known(ExecutableName(window->pid)))
-      pids.push_back(window->pid);
+    if (known(window.resource_class) || known(window.resource_name) ||
+        known(window.desktop_file_name) || known(ExecutableName(window.pid)))
+      pids.push_back(window.pid);
   }
   return pids;
 }

@@ -15,6 +15,13 @@ namespace orvane {
 WindowInfo WindowInfoFromKWin(const KWinWindow& window, unsigned long id,
                               const std::optional<Rect>& primary);
 
+// The windows of a list answer: nothing (and the reason) when the answer is
+// not a list of at most 10000 or names no screens. A window described
+// wrongly is left out and counted in `left_out` (`why` says the last
+// reason); the others are kept, so one hostile window hides no other.
+std::optional<std::vector<KWinWindow>> ParseKWinWindowList(const ScriptAnswer& answer,
+                                                           size_t& left_out, std::string& why);
+
 // The names a running application may go by, for a desktop-file id or a
 // class name: the name itself, the id without ".desktop", the desktop
 // file's StartupWMClass and its executable's file name. Lower-case.
@@ -50,6 +57,7 @@ public:
   std::vector<std::string> documentsOfPid(int pid) override;
 
 private:
+  std::optional<std::vector<KWinWindow>> describedWindows(std::optional<Rect>& primary);
   std::optional<std::vector<WindowInfo>> allWindows();
   // Runs a body against the window `id`; the answer's result, or nothing
   // when the window is unknown or KWin did not answer.

@@ -90,7 +90,8 @@ bool EnsureAppScope(GDBusConnection* session_bus, const std::string& cgroup_file
       G_VARIANT_TYPE("(o)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, 1500, nullptr, error.out()));
   if (!reply) {
     GCharPtr remote(g_dbus_error_get_remote_error(error.get()));
-    if (remote && remote.str() == "org.freedesktop.DBus.Error.ServiceUnknown")
+    if (remote && (remote.str() == "org.freedesktop.DBus.Error.ServiceUnknown" ||
+                   remote.str() == "org.freedesktop.DBus.Error.NameHasNoOwner"))
       return give_up("no systemd user manager on the session bus");
     g_dbus_error_strip_remote_error(error.get());
     return give_up(error.message());

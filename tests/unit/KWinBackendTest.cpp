@@ -101,6 +101,15 @@ TEST(AppScopeTest, TheUnitName) {
   EXPECT_EQ(AppScopeUnitName("a1b2"), "app-com.tarnwick.orvane-a1b2.scope");
 }
 
+TEST(AppScopeTest, TheTransientUnitsArguments) {
+  GVariantPtr parameters(
+      g_variant_ref_sink(TransientScopeParameters(AppScopeUnitName("a1b2"), 4242)));
+  EXPECT_STREQ(g_variant_get_type_string(parameters.get()), "(ssa(sv)a(sa(sv)))");
+  GCharPtr text(g_variant_print(parameters.get(), TRUE));
+  EXPECT_EQ(text.str(), "('app-com.tarnwick.orvane-a1b2.scope', 'fail', [('PIDs', <[uint32 "
+                        "4242]>), ('Description', <'Orvane'>)], @a(sa(sv)) [])");
+}
+
 TEST(AppScopeTest, AlreadyInTheScopeNothingIsAskedOrLogged) {
   LogCapture log;
   TempDir dir;

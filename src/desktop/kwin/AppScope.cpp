@@ -62,6 +62,17 @@ std::string AppScopeUnitName(const std::string& suffix) {
   return name;
 }
 
+GVariant* TransientScopeParameters(const std::string& unit, uint32_t pid) {
+  GVariantBuilder properties;
+  g_variant_builder_init(&properties, G_VARIANT_TYPE("a(sv)"));
+  g_variant_builder_add(&properties, "(sv)", "PIDs",
+                        g_variant_new_fixed_array(G_VARIANT_TYPE_UINT32, &pid, 1, sizeof pid));
+  g_variant_builder_add(&properties, "(sv)", "Description", g_variant_new_string("Orvane"));
+  GVariantBuilder auxiliary;
+  g_variant_builder_init(&auxiliary, G_VARIANT_TYPE("a(sa(sv))"));
+  return g_variant_new("(ssa(sv)a(sa(sv)))", unit.c_str(), "fail", &properties, &auxiliary);
+}
+
 bool EnsureAppScope(GDBusConnection* session_bus, const std::string& cgroup_file) {
   if (CgroupIsAppScope(ReadCgroup(cgroup_file)))
     return true;
@@ -74,20 +85,12 @@ bool EnsureAppScope(GDBusConnection* session_bus, const std::string& cgroup_file
   if (!session_bus)
     return give_up("no session bus");
   std::string unit = AppScopeUnitName(ScopeSuffix());
-  GVariantBuilder properties;
-  g_variant_builder_init(&properties, G_VARIANT_TYPE("a(sv)"));
-  guint32 pid = guint32(getpid());
-  g_variant_builder_add(&properties, "(sv)", "PIDs",
-                        g_variant_new_fixed_array(G_VARIANT_TYPE_UINT32, &pid, 1, sizeof pid));
-  g_variant_builder_add(&properties, "(sv)", "Description", g_variant_new_string("Orvane"));
-  GVariantBuilder auxiliary;
-  g_variant_builder_init(&auxiliary, G_VARIANT_TYPE("a(sa(sv))"));
   GErrorPtr error;
   GVariantPtr reply(g_dbus_connection_call_sync(
       session_bus, "org.freedesktop.systemd1", "/org/freedesktop/systemd1",
       "org.freedesktop.systemd1.Manager", "StartTransientUnit",
-      g_variant_new("(ssa(sv)a(sa(sv)))", unit.c_str(), "fail", &properties, &auxiliary),
-      G_VARIANT_TYPE("(o)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, 1500, nullptr, error.out()));
+      TransientScopeParameters(unit, guint32(getpid())), G_VARIANT_TYPE("(o)"),
+      G_DBUS_CALL_FLAGS_NO_AUTO_START, 1500, nullptr, error.out()));
   if (!reply) {
     GCharPtr remote(g_dbus_error_get_remote_error(error.get()));
     if (remote && (remote.str() == "org.freedesktop.DBus.Error.ServiceUnknown" ||

@@ -5,6 +5,7 @@
 // before it speaks to the portal.
 #pragma once
 
+#include <cstdint>
 #include <gio/gio.h>
 #include <string>
 
@@ -20,6 +21,11 @@ bool CgroupIsAppScope(const std::string& cgroup_text);
 
 // "app-com.tarnwick.orvane-<suffix>.scope"
 std::string AppScopeUnitName(const std::string& suffix);
+
+// The arguments of systemd's StartTransientUnit for a scope named `unit`
+// holding the process `pid`: mode "fail", properties PIDs and Description,
+// no auxiliary units. A floating reference.
+GVariant* TransientScopeParameters(const std::string& unit, uint32_t pid);
 
 // Makes sure this process runs in an app scope of Orvane: answers at once
 // when /proc/self/cgroup already names one; otherwise asks the user's

@@ -3,6 +3,7 @@
 // (xdg-desktop-portal with its KDE backend), native Wayland GTK clients and
 // keys pressed through KWin's fake-input.
 #include "desktop/kwin/AppScope.h"
+#include "desktop/kwin/KWinScreens.h"
 #include "desktop/kwin/KWinScripting.h"
 #include "desktop/kwin/KWinWindows.h"
 #include "desktop/kwin/PortalHotkeys.h"
@@ -95,6 +96,20 @@ TEST(KWinScriptingSessionTest, KWinAnswersWithItsTwoScreens) {
   ASSERT_TRUE(answer);
   EXPECT_EQ(answer->result, nlohmann::json({{"sum", 42}}));
   EXPECT_EQ(answer->screens, (std::vector<Rect>{{0, 0, 1600, 1000}, {1600, 0, 1600, 1000}}));
+}
+
+TEST(KWinScreensSessionTest, TwoOutputsSideBySideAndThePointerOnOne) {
+  auto bus = SessionBusConnection();
+  KWinScripting scripting(bus.get());
+  KWinScreens screens(scripting);
+  std::vector<Screen> seen = screens.screens();
+  EXPECT_EQ(seen, (std::vector<Screen>{{0, {0, 0, 1600, 1000}, {0, 0, 1600, 1000}},
+                                       {1, {1600, 0, 1600, 1000}, {1600, 0, 1600, 1000}}}));
+  Point pointer = screens.mouseLocation();
+  bool inside = false;
+  for (const Screen& screen : seen)
+    inside = inside || screen.frame.contains(pointer);
+  EXPECT_TRUE(inside) << PointText(pointer);
 }
 
 TEST(KWinScriptingSessionTest, AScriptErrorIsALoggedEmptyAnswer) {

@@ -2,6 +2,7 @@
 // trigger notation, the app scope's cgroup test, the script text's escaping
 // and the checks on what a KWin script answers.
 #include "desktop/kwin/AppScope.h"
+#include "desktop/kwin/KWinScreens.h"
 #include "desktop/kwin/KWinScripting.h"
 #include "desktop/kwin/KWinWindows.h"
 #include "desktop/kwin/PortalHotkeys.h"
@@ -335,6 +336,41 @@ TEST(ParseKWinWindowListTest, NoListOrNoScreensIsNoAnswer) {
   answer.screens.clear();
   EXPECT_FALSE(ParseKWinWindowList(answer, left_out, why));
   EXPECT_EQ(why, "a window list without the screens");
+}
+
+TEST(ParseKWinScreensTest, ScreensWorkAreasAndThePointerInDesktopCoordinates) {
+  ScriptAnswer answer;
+  answer.screens = {{0, 0, 1600, 1000}, {1600, 200, 1280, 800}};
+  answer.result = json::parse(R"({"areas":[{"x":0,"y":0,"width":1600,"height":960},
+    {"x":1600,"y":200,"width":1280,"height":800}],"pointer":{"x":1700,"y":300}})");
+  std::string why;
+  auto parsed = ParseKWinScreens(answer, why);
+  ASSERT_TRUE(parsed) << why;
+  EXPECT_EQ(parsed->screens,
+            (std::vector<Screen>{{0, {0, 0, 1600, 1000}, {0, 40, 1600, 960}},
+                                 {1, {1600, 0, 1280, 800}, {1600, 0, 1280, 800}}}));
+  EXPECT_EQ(parsed->pointer, (Point{1700, 700}));
+}
+
+TEST(ParseKWinScreensTest, MalformedAnswersAreRefused) {
+  ScriptAnswer answer;
+  answer.screens = {{0, 0, 1600, 1000}};
+  std::string why;
+  auto refused = [&](const char* text) {
+    answer.result = json::parse(text);
+    return !ParseKWinScreens(answer, why) && !why.empty();
+  };
+  EXPECT_TRUE(refused(R"({"areas":[],"pointer":{"x":1,"y":1}})"));
+  EXPECT_TRUE(
+      refused(R"({"areas":[{"x":0,"y":0,"width":1,"height":1}],"pointer":{"x":"1","y":1}})"));
+  EXPECT_TRUE(refused(R"({"areas":[{"x":0,"y":0,"width":1,"height":1}],"pointer":[1,1]})"));
+  EXPECT_TRUE(
+      refused(R"({"areas":[{"x":0,"y":0,"width":1,"height":1}],"pointer":{"x":1e9,"y":1}})"));
+  EXPECT_TRUE(
+      refused(R"({"areas":[{"x":0,"y":0,"width":-1,"height":1}],"pointer":{"x":1,"y":1}})"));
+  EXPECT_TRUE(refused(R"([1])"));
+  answer.screens.clear();
+  EXPECT_TRUE(refused(R"({"areas":[],"pointer":{"x":1,"y":1}})"));
 }
 
 TEST(KWinScriptingTest, IdsAreStableAndMapBack) {

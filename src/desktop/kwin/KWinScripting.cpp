@@ -4,6 +4,7 @@
 #include "base/Text.h"
 #include "desktop/kwin/PrivateWait.h"
 
+#include <algorithm>
 #include <cmath>
 #include <glib/gstdio.h>
 #include <unistd.h>
@@ -16,6 +17,8 @@ namespace {
 constexpr size_t kMaxIdLength = 64;
 constexpr size_t kMaxTextBytes = 64 * 1024;
 constexpr double kMaxCoordinate = 1e6;
+// How long the clean-up after a query may wait for KWin.
+constexpr int kUnloadMs = 500;
 
 const char* const kAnswerXml = R"(<node>
   <interface name="com.tarnwick.orvane.KWinScript">
@@ -148,13 +151,13 @@ std::optional<bool> BoolField(const nlohmann::json& object, const char* name) {
   return it->get<bool>();
 }
 
-std::string OwnerOf(GDBusConnection* bus, const std::string& name, double seconds,
+std::string OwnerOf(GDBusConnection* bus, const std::string& name, int timeout_ms,
                     std::string& why) {
   GErrorPtr error;
   GVariantPtr reply(g_dbus_connection_call_sync(
       bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "GetNameOwner",
-      g_variant_new("(s)", name.c_str()), G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE,
-      int(seconds * 1000), nullptr, error.out()));
+      g_variant_new("(s)", name.c_str()), G_VARIANT_TYPE("(s)"), G_DBUS_CALL_FLAGS_NONE, timeout_ms,
+      nullptr, error.out()));
   if (!reply) {
     why = name + " is not on the session bus";
     return "";
@@ -403,10 +406,16 @@ std::optional<ScriptAnswer> KWinScripting::query(const std::string& body) {
     fail("no session bus");
     return std::nullopt;
   }
+  // One budget for the whole query, so a KWin that hangs costs at most
+  // that (and a short unload).
+  gint64 deadline = g_get_monotonic_time() + gint64(options_.answer_seconds * 1e6);
+  auto remaining_ms = [&] {
+    return int(std::max<gint64>(1, (deadline - g_get_monotonic_time()) / 1000));
+  };
   std::string why;
   Pending pending;
   pending.self = this;
-  pending.sender = OwnerOf(bus_.get(), options_.kwin_service, options_.answer_seconds, why);
+  pending.sender = OwnerOf(bus_.get(), options_.kwin_service, remaining_ms(), why);
   if (pending.sender.empty()) {
     fail(why);
     return std::nullopt;
@@ -434,7 +443,6 @@ std::optional<ScriptAnswer> KWinScripting::query(const std::string& body) {
       return std::nullopt;
     }
   }
-  int timeout = int(options_.answer_seconds * 1000);
   {
     PrivateWait wait;
     static GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kAnswerXml, nullptr);
@@ -448,7 +456,7 @@ std::optional<ScriptAnswer> KWinScripting::query(const std::string& body) {
       GVariantPtr loaded(g_dbus_connection_call_sync(
           bus_.get(), pending.sender.c_str(), "/Scripting", "org.kde.kwin.Scripting", "loadScript",
           g_variant_new("(ss)", path.c_str(), plugin.c_str()), G_VARIANT_TYPE("(i)"),
-          G_DBUS_CALL_FLAGS_NO_AUTO_START, timeout, nullptr, error.out()));
+          G_DBUS_CALL_FLAGS_NO_AUTO_START, remaining_ms(), nullptr, error.out()));
       gint32 id = -1;
       if (loaded)
         g_variant_get(loaded.get(), "(i)", &id);
@@ -464,7 +472,8 @@ std::optional<ScriptAnswer> KWinScripting::query(const std::string& body) {
              {"/" + std::to_string(id), "/Scripting/Script" + std::to_string(id)}) {
           GVariantPtr ran(g_dbus_connection_call_sync(
               bus_.get(), pending.sender.c_str(), object.c_str(), "org.kde.kwin.Script", "run",
-              nullptr, nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, timeout, nullptr, error.out()));
+              nullptr, nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, remaining_ms(), nullptr,
+              error.out()));
           if (ran) {
             started = true;
             break;
@@ -472,13 +481,16 @@ std::optional<ScriptAnswer> KWinScripting::query(const std::string& body) {
         }
         if (!started)
           why = "the script could not be run: " + error.message();
-        else if (!wait.until([&] { return pending.received; }, options_.answer_seconds))
+        else if (!wait.until([&] { return pending.received; }, remaining_ms() / 1000.0))
           why = "no answer within " + NumberText(options_.answer_seconds) + " s";
         GVariantPtr unloaded(g_dbus_connection_call_sync(
             bus_.get(), pending.sender.c_str(), "/Scripting", "org.kde.kwin.Scripting",
             "unloadScript", g_variant_new("(s)", plugin.c_str()), nullptr,
-            G_DBUS_CALL_FLAGS_NO_AUTO_START, timeout, nullptr, nullptr));
+            G_DBUS_CALL_FLAGS_NO_AUTO_START, kUnloadMs, nullptr, nullptr));
       }
+      // Calls that came in meanwhile get their refusal before the object
+      // goes.
+      wait.drain();
       g_dbus_connection_unregister_object(bus_.get(), registration);
     }
   }

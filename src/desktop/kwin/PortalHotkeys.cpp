@@ -2,8 +2,10 @@
 
 #include "base/SparLog.h"
 #include "base/Text.h"
+#include "desktop/Geometry.h"
 #include "desktop/kwin/PrivateWait.h"
 
+#include <algorithm>
 #include <cctype>
 
 namespace orvane {
@@ -201,6 +203,8 @@ bool PortalHotkeys::awaitRequest(const char* method, GVariant* parameters, const
   const gchar* own_name = g_dbus_connection_get_unique_name(bus_.get());
   std::string expected = PortalRequestPath(own_name ? own_name : "", token);
   std::vector<guint> subscriptions{subscribe(expected)};
+  // The call and its Response share one budget.
+  gint64 deadline = g_get_monotonic_time() + gint64(answer_seconds_ * 1e6);
   GErrorPtr error;
   GVariantPtr reply(g_dbus_connection_call_sync(
       bus_.get(), answer.sender.c_str(), kPortalPath, kShortcutsInterface, method, owned.get(),
@@ -215,10 +219,10 @@ bool PortalHotkeys::awaitRequest(const char* method, GVariant* parameters, const
     // An older portal names a Request path of its own.
     if (handle && expected != handle)
       subscriptions.push_back(subscribe(handle));
-    answered = wait.until([&] { return answer.received; }, answer_seconds_);
+    answered = wait.until([&] { return answer.received; },
+                          double(std::max<gint64>(0, deadline - g_get_monotonic_time())) / 1e6);
     if (!answered)
-      why = "no answer to " + std::string(method) + " within " +
-            std::to_string(int(answer_seconds_)) + " s";
+      why = "no answer to " + std::string(method) + " within " + NumberText(answer_seconds_) + " s";
     else if (answer.code != 0)
       why = std::string(method) + (answer.code == 1 ? " was cancelled" : " was refused") +
             " (response " + std::to_string(answer.code) + ")";

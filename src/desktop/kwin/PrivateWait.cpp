@@ -30,4 +30,9 @@ bool PrivateWait::until(const std::function<bool()>& done, double seconds) {
   return done();
 }
 
+void PrivateWait::drain() {
+  for (int i = 0; i < 1000 && g_main_context_iteration(context_.get(), FALSE); ++i) {
+  }
+}
+
 } // namespace orvane

@@ -21,6 +21,9 @@ public:
   // Iterates the private context until `done` holds or `seconds` have
   // passed; answers whether `done` holds.
   bool until(const std::function<bool()>& done, double seconds);
+  // Dispatches what is ready on the private context now, without waiting
+  // (at most a bounded number of dispatches).
+  void drain();
   GMainContext* context() const { return context_.get(); }
 
 private:

@@ -11,9 +11,9 @@ namespace {
 // Each screen's work area (without panels) and the pointer; the full areas
 // come with every answer.
 const char* const kScreensBody = R"JS(
-      var areas = [];
-      for (var i = 0; i < workspace.numScreens; ++i)
-        areas.push(rect(workspace.clientArea(KWin.MaximizeArea, i, workspace.currentDesktop)));
+      var areas = [], all = outputs();
+      for (var i = 0; i < all.length; ++i)
+        areas.push(area(KWin.MaximizeArea, all[i]));
       var p = workspace.cursorPos;
       return {areas: areas, pointer: {x: Number(p.x), y: Number(p.y)}};)JS";
 

@@ -59,8 +59,29 @@ const char* const kScriptTemplate = R"JS((function () {
             desktopFileName: text(c.desktopFileName), normal: !!c.normalWindow,
             fullScreen: !!c.fullScreen, frame: rect(c.frameGeometry)};
   }
+  // KWin 5.27's names first; Plasma 6 renamed them.
   function windows() {
-    return workspace.clientList();
+    return workspace.clientList ? workspace.clientList() : workspace.windowList();
+  }
+  function active() {
+    return workspace.activeClient !== undefined ? workspace.activeClient : workspace.activeWindow;
+  }
+  function activate(c) {
+    if (workspace.activeClient !== undefined)
+      workspace.activeClient = c;
+    else
+      workspace.activeWindow = c;
+  }
+  function outputs() {
+    if (workspace.numScreens === undefined)
+      return workspace.screens;
+    var list = [];
+    for (var i = 0; i < workspace.numScreens; ++i)
+      list.push(i);
+    return list;
+  }
+  function area(kind, output) {
+    return rect(workspace.clientArea(kind, output, workspace.currentDesktop));
   }
   function find(id) {
     var list = windows();
@@ -72,8 +93,9 @@ const char* const kScriptTemplate = R"JS((function () {
   function screens() {
     var list = [];
     try {
-      for (var i = 0; i < workspace.numScreens; ++i)
-        list.push(rect(workspace.clientArea(KWin.FullScreenArea, i, workspace.currentDesktop)));
+      var all = outputs();
+      for (var i = 0; i < all.length; ++i)
+        list.push(area(KWin.FullScreenArea, all[i]));
     } catch (e) {
     }
     return list;

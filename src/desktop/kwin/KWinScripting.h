@@ -35,7 +35,9 @@ std::optional<std::string> ScriptNumber(double value);
 
 // The whole program for one query: `body` is the body of a JavaScript
 // function whose value is the answer; the program adds helpers
-// (describe(window), find(id), windows(), rect(geometry)) and sends
+// (describe(window), find(id), windows(), active(), activate(window),
+// outputs(), area(kind, output), rect(geometry)), which use KWin 5.27's
+// scripting names and Plasma 6's where those are missing, and sends
 // {ok, result, screens} to `service` with `token`.
 std::string KWinScriptText(const std::string& service, const std::string& token,
                            const std::string& body);

@@ -21,7 +21,7 @@ namespace fs = std::filesystem;
 constexpr size_t kMaxWindows = 10000;
 
 const char* const kFrontBody = R"JS(
-      var c = workspace.activeClient;
+      var c = active();
       return c ? describe(c) : null;)JS";
 
 const char* const kListBody = R"JS(
@@ -228,8 +228,7 @@ bool KWinWindows::setFrame(unsigned long id, const Rect& frame) {
     return false;
   }
   // Desktop coordinates become KWin's with screen 0 as the primary.
-  std::string body = "      var p = rect(workspace.clientArea(KWin.FullScreenArea, 0, "
-                     "workspace.currentDesktop));\n"
+  std::string body = "      var p = area(KWin.FullScreenArea, outputs()[0]);\n"
                      "      var allowed = !!c.moveable && !!c.resizeable;\n"
                      "      if (c.setMaximize)\n        c.setMaximize(false, false);\n"
                      "      c.frameGeometry = {x: " +
@@ -246,7 +245,7 @@ bool KWinWindows::setFrame(unsigned long id, const Rect& frame) {
 bool KWinWindows::activate(unsigned long id, uint32_t) {
   std::optional<ScriptAnswer> answer = onWindow(id, "      if (c.minimized)\n"
                                                     "        c.minimized = false;\n"
-                                                    "      workspace.activeClient = c;\n"
+                                                    "      activate(c);\n"
                                                     "      return true;");
   return answer && answer->result.is_boolean() && answer->result.get<bool>();
 }

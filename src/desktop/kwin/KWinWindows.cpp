@@ -1,13 +1,13 @@
 #include "desktop/kwin/KWinWindows.h"
 
+#include "desktop/ApplicationNames.h"
+
 #include "base/SparLog.h"
 #include "desktop/ProcessDocuments.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
-#include <filesystem>
-#include <gio/gdesktopappinfo.h>
 #include <signal.h>
 #include <system_error>
 
@@ -15,7 +15,6 @@ namespace orvane {
 
 namespace {
 
-namespace fs = std::filesystem;
 
 // Most windows a list answer may hold.
 constexpr size_t kMaxWindows = 10000;
@@ -30,20 +29,8 @@ const char* const kListBody = R"JS(
         out.push(describe(list[i]));
       return out;)JS";
 
-std::string Lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return char(std::tolower(c)); });
-  return text;
-}
-
 bool ProcessExists(int pid) {
   return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
-}
-
-std::string ExecutableName(int pid) {
-  std::error_code error;
-  fs::path exe = fs::read_symlink("/proc/" + std::to_string(pid) + "/exe", error);
-  return error ? std::string() : exe.filename().string();
 }
 
 std::optional<Rect> Primary(const ScriptAnswer& answer) {
@@ -71,32 +58,6 @@ WindowInfo WindowInfoFromKWin(const KWinWindow& window, unsigned long id,
     info.frame = DesktopRectFromKWin(*window.frame, *primary);
   info.full_screen = window.full_screen;
   return info;
-}
-
-std::vector<std::string> KWinApplicationNames(const std::string& name) {
-  std::vector<std::string> names;
-  auto add = [&](const std::string& candidate) {
-    std::string lower = Lower(candidate);
-    if (!lower.empty() && std::find(names.begin(), names.end(), lower) == names.end())
-      names.push_back(lower);
-  };
-  add(name);
-  std::string id = name;
-  const std::string suffix = ".desktop";
-  if (id.size() > suffix.size() &&
-      id.compare(id.size() - suffix.size(), suffix.size(), suffix) == 0)
-    id.resize(id.size() - suffix.size());
-  add(id);
-  if (id.empty() || id.find('/') != std::string::npos)
-    return names;
-  auto info = GObjectPtr<GDesktopAppInfo>::adopt(g_desktop_app_info_new((id + suffix).c_str()));
-  if (info) {
-    const char* wm_class = g_desktop_app_info_get_startup_wm_class(info.get());
-    add(wm_class ? wm_class : "");
-    const char* executable = g_app_info_get_executable(G_APP_INFO(info.get()));
-    add(fs::path(executable ? executable : "").filename().string());
-  }
-  return names;
 }
 
 std::optional<FrontWindow> KWinFrontWindows::frontWindow() const {
@@ -265,10 +226,10 @@ std::vector<int> KWinWindows::pidsOfApplication(const std::string& name) {
   std::vector<int> pids;
   if (name.empty())
     return pids;
-  std::vector<std::string> names = KWinApplicationNames(name);
+  std::vector<std::string> names = ApplicationNames(name);
   auto known = [&](const std::string& candidate) {
     return !candidate.empty() &&
-           std::find(names.begin(), names.end(), Lower(candidate)) != names.end();
+           std::find(names.begin(), names.end(), LowerAscii(candidate)) != names.end();
   };
   std::optional<Rect> primary;
   std::optional<std::vector<KWinWindow>> windows = describedWindows(primary);
@@ -279,7 +240,7 @@ std::vector<int> KWinWindows::pidsOfApplication(const std::string& name) {
         std::find(pids.begin(), pids.end(), window.pid) != pids.end())
       continue;
     if (known(window.resource_class) || known(window.resource_name) ||
-        known(window.desktop_file_name) || known(ExecutableName(window.pid)))
+        known(window.desktop_file_name) || known(ExecutableNameOfPid(window.pid)))
       pids.push_back(window.pid);
   }
   return pids;

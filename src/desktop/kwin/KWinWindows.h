@@ -22,11 +22,6 @@ WindowInfo WindowInfoFromKWin(const KWinWindow& window, unsigned long id,
 std::optional<std::vector<KWinWindow>> ParseKWinWindowList(const ScriptAnswer& answer,
                                                            size_t& left_out, std::string& why);
 
-// The names a running application may go by, for a desktop-file id or a
-// class name: the name itself, the id without ".desktop", the desktop
-// file's StartupWMClass and its executable's file name. Lower-case.
-std::vector<std::string> KWinApplicationNames(const std::string& name);
-
 class KWinFrontWindows final : public FrontWindows {
 public:
   // `scripting` must outlive this object.

@@ -1,6 +1,8 @@
 #define WNCK_I_KNOW_THIS_IS_UNSTABLE
 #include "desktop/x11/WnckWindows.h"
 
+#include "desktop/ApplicationNames.h"
+
 #include "base/GObjectPtr.h"
 #include "desktop/ProcessDocuments.h"
 #include "desktop/session/GdkScreens.h"
@@ -8,9 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
-#include <filesystem>
 #include <gdk/gdkx.h>
-#include <gio/gdesktopappinfo.h>
 #include <gtk/gtk.h>
 #include <libwnck/libwnck.h>
 #include <signal.h>
@@ -20,7 +20,6 @@
 namespace orvane {
 
 namespace {
-namespace fs = std::filesystem;
 
 // One handle for the run. It speaks to the window manager as a pager, so
 // that moves and activations count as the user's, as they do when an
@@ -78,44 +77,7 @@ bool ProcessExists(int pid) {
   return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
 }
 
-std::string Lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return char(std::tolower(c)); });
-  return text;
-}
-
-std::string ExecutableName(int pid) {
-  std::error_code error;
-  fs::path exe = fs::read_symlink("/proc/" + std::to_string(pid) + "/exe", error);
-  return error ? std::string() : exe.filename().string();
-}
-
 } // namespace
-
-std::vector<std::string> ApplicationNames(const std::string& name) {
-  std::vector<std::string> names;
-  auto add = [&](const std::string& candidate) {
-    std::string lower = Lower(candidate);
-    if (!lower.empty() && std::find(names.begin(), names.end(), lower) == names.end())
-      names.push_back(lower);
-  };
-  add(name);
-  std::string id = name;
-  const std::string suffix = ".desktop";
-  if (id.size() > suffix.size() &&
-      id.compare(id.size() - suffix.size(), suffix.size(), suffix) == 0)
-    id.resize(id.size() - suffix.size());
-  add(id);
-  if (id.empty() || id.find('/') != std::string::npos)
-    return names;
-  auto info = GObjectPtr<GDesktopAppInfo>::adopt(g_desktop_app_info_new((id + suffix).c_str()));
-  if (info) {
-    add(Text(g_desktop_app_info_get_startup_wm_class(info.get())));
-    std::string executable = Text(g_app_info_get_executable(G_APP_INFO(info.get())));
-    add(fs::path(executable).filename().string());
-  }
-  return names;
-}
 
 std::optional<std::vector<WindowInfo>> WnckWindows::windowsOfPid(int pid) {
   WnckScreen* screen = UpdatedScreen();
@@ -202,12 +164,13 @@ std::vector<int> WnckWindows::pidsOfApplication(const std::string& name) {
   std::vector<std::string> names = ApplicationNames(name);
   auto known = [&](const std::string& candidate) {
     return !candidate.empty() &&
-           std::find(names.begin(), names.end(), Lower(candidate)) != names.end();
+           std::find(names.begin(), names.end(), LowerAscii(candidate)) != names.end();
   };
   for (const auto& window : normalWindows()) {
     if (window.pid <= 0 || std::find(pids.begin(), pids.end(), window.pid) != pids.end())
       continue;
-    if (known(window.wm_instance) || known(window.wm_class) || known(ExecutableName(window.pid)))
+    if (known(window.wm_instance) || known(window.wm_class) ||
+        known(ExecutableNameOfPid(window.pid)))
       pids.push_back(window.pid);
   }
   return pids;

@@ -30,6 +30,11 @@ packages=(
   imagemagick fonts-dejavu-core at-spi2-core
   # two-monitor end-to-end tests: Xorg with the dummy video driver
   xserver-xorg-core xserver-xorg-video-dummy
+  # Wayland selections (data-control, KWin's fake-input): the client library
+  # and wayland-scanner for the generated protocol code, KWin's protocol files;
+  # their tests run in a headless KWin and read back with wl-paste
+  libwayland-dev libwayland-bin plasma-wayland-protocols kwin-wayland wl-clipboard
+  gir1.2-gtk-3.0
 )
 
 # Commands that some machines have from elsewhere than Debian's packages (a

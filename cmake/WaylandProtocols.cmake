@@ -3,9 +3,9 @@
 # wlr data-control (its definition lives in src/desktop/wayland/protocols,
 # as Debian packages none) and KWin's fake-input (plasma-wayland-protocols).
 pkg_check_modules(WAYLAND REQUIRED IMPORTED_TARGET wayland-client)
-pkg_get_variable(WAYLAND_SCANNER wayland-scanner wayland_scanner)
-if(NOT WAYLAND_SCANNER)
-  find_program(WAYLAND_SCANNER wayland-scanner REQUIRED)
+pkg_get_variable(ORVANE_WAYLAND_SCANNER wayland-scanner wayland_scanner)
+if(NOT ORVANE_WAYLAND_SCANNER)
+  find_program(ORVANE_WAYLAND_SCANNER wayland-scanner REQUIRED)
 endif()
 find_file(KDE_FAKE_INPUT_XML fake-input.xml
   PATHS /usr/share/plasma-wayland-protocols /usr/local/share/plasma-wayland-protocols
@@ -19,10 +19,10 @@ function(orvane_wayland_protocol name xml)
   set(header ${WAYLAND_GENERATED_DIR}/${name}-client-protocol.h)
   set(code ${WAYLAND_GENERATED_DIR}/${name}-protocol.c)
   add_custom_command(OUTPUT ${header}
-    COMMAND ${WAYLAND_SCANNER} client-header ${xml} ${header}
+    COMMAND ${ORVANE_WAYLAND_SCANNER} client-header ${xml} ${header}
     DEPENDS ${xml} VERBATIM)
   add_custom_command(OUTPUT ${code}
-    COMMAND ${WAYLAND_SCANNER} private-code ${xml} ${code}
+    COMMAND ${ORVANE_WAYLAND_SCANNER} private-code ${xml} ${code}
     DEPENDS ${xml} VERBATIM)
   set(WAYLAND_PROTOCOL_SOURCES ${WAYLAND_PROTOCOL_SOURCES} ${header} ${code} PARENT_SCOPE)
 endfunction()

@@ -206,11 +206,14 @@ struct DataControl::Thread : std::enable_shared_from_this<DataControl::Thread> {
   template <typename T>
   static std::optional<T> ask(const std::shared_ptr<Thread>& self,
                               std::function<void(std::function<void(T)>)> job, milliseconds wait) {
+    // The answer may come after the caller gave up and left; it keeps its
+    // own reference to the caller's context.
     struct Answer {
       std::mutex mutex;
       std::optional<T> value;
       bool done = false;
       GMainContext* caller = nullptr;
+      ~Answer() { g_main_context_unref(caller); }
     };
     auto answer = std::make_shared<Answer>();
     answer->caller = g_main_context_ref_thread_default();
@@ -242,7 +245,6 @@ struct DataControl::Thread : std::enable_shared_from_this<DataControl::Thread> {
     }
     g_source_destroy(timer);
     g_source_unref(timer);
-    g_main_context_unref(answer->caller);
     std::lock_guard<std::mutex> lock(answer->mutex);
     return std::move(answer->value);
   }
@@ -358,52 +360,58 @@ struct DataControl::Thread : std::enable_shared_from_this<DataControl::Thread> {
     bool reading;
   };
 
+  static gboolean DisplayPrepare(GSource* base, gint* timeout) {
+    auto* source = reinterpret_cast<DisplaySource*>(base);
+    wl_display* display = source->thread->display;
+    *timeout = -1;
+    if (source->reading)
+      return FALSE;
+    if (wl_display_prepare_read(display) != 0)
+      return TRUE; // events are queued already
+    source->reading = true;
+    wl_display_flush(display);
+    return FALSE;
+  }
+
+  static gboolean DisplayCheck(GSource* base) {
+    auto* source = reinterpret_cast<DisplaySource*>(base);
+    wl_display* display = source->thread->display;
+    GIOCondition revents = g_source_query_unix_fd(base, source->tag);
+    if (source->reading) {
+      if (revents & G_IO_IN)
+        wl_display_read_events(display);
+      else
+        wl_display_cancel_read(display);
+      source->reading = false;
+    }
+    return (revents & (G_IO_IN | G_IO_HUP | G_IO_ERR)) != 0 || wl_display_get_error(display) != 0;
+  }
+
+  static gboolean DisplayDispatch(GSource* base, GSourceFunc, gpointer) {
+    auto* source = reinterpret_cast<DisplaySource*>(base);
+    Thread* thread = source->thread;
+    GIOCondition revents = g_source_query_unix_fd(base, source->tag);
+    // A hung-up socket with nothing left to read would wake the loop forever.
+    bool hung_up = (revents & (G_IO_HUP | G_IO_ERR)) && !(revents & G_IO_IN);
+    if (hung_up || wl_display_dispatch_pending(thread->display) < 0 ||
+        wl_display_get_error(thread->display) != 0) {
+      thread->connectionLost();
+      return G_SOURCE_REMOVE;
+    }
+    wl_display_flush(thread->display);
+    return G_SOURCE_CONTINUE;
+  }
+
+  static void DisplayFinalize(GSource* base) {
+    auto* source = reinterpret_cast<DisplaySource*>(base);
+    if (source->reading)
+      wl_display_cancel_read(source->thread->display);
+    source->reading = false;
+  }
+
   void attachDisplaySource() {
-    static GSourceFuncs funcs = {[](GSource* base, gint* timeout) -> gboolean {
-                                   auto* source = reinterpret_cast<DisplaySource*>(base);
-                                   wl_display* display = source->thread->display;
-                                   *timeout = -1;
-                                   if (source->reading)
-                                     return FALSE;
-                                   if (wl_display_prepare_read(display) != 0)
-                                     return TRUE;
-                                   source->reading = true;
-                                   wl_display_flush(display);
-                                   return FALSE;
-                                 },
-                                 [](GSource* base) -> gboolean {
-                                   auto* source = reinterpret_cast<DisplaySource*>(base);
-                                   wl_display* display = source->thread->display;
-                                   GIOCondition revents = g_source_query_unix_fd(base, source->tag);
-                                   if (source->reading) {
-                                     if (revents & G_IO_IN)
-                                       wl_display_read_events(display);
-                                     else
-                                       wl_display_cancel_read(display);
-                                     source->reading = false;
-                                   }
-                                   return (revents & (G_IO_IN | G_IO_HUP | G_IO_ERR)) != 0 ||
-                                          wl_display_get_error(display) != 0;
-                                 },
-                                 [](GSource* base, GSourceFunc, gpointer) -> gboolean {
-                                   auto* source = reinterpret_cast<DisplaySource*>(base);
-                                   Thread* thread = source->thread;
-                                   if (wl_display_dispatch_pending(thread->display) < 0 ||
-                                       wl_display_get_error(thread->display) != 0) {
-                                     thread->connectionLost();
-                                     return G_SOURCE_REMOVE;
-                                   }
-                                   wl_display_flush(thread->display);
-                                   return G_SOURCE_CONTINUE;
-                                 },
-                                 [](GSource* base) {
-                                   auto* source = reinterpret_cast<DisplaySource*>(base);
-                                   if (source->reading)
-                                     wl_display_cancel_read(source->thread->display);
-                                   source->reading = false;
-                                 },
-                                 nullptr,
-                                 nullptr};
+    static GSourceFuncs funcs = {DisplayPrepare,  DisplayCheck, DisplayDispatch,
+                                 DisplayFinalize, nullptr,      nullptr};
     GSource* base = g_source_new(&funcs, sizeof(DisplaySource));
     auto* source = reinterpret_cast<DisplaySource*>(base);
     source->thread = this;

@@ -307,6 +307,50 @@ TEST(DataControlTest, AnOwnerThatNeverWritesCostsABoundedWait) {
   EXPECT_EQ(data_control.read(SelectionKind::kClipboard, "text/plain"), "fine");
 }
 
+TEST(DataControlTest, TheMainLoopRunsWhileAnOwnerIsSilent) {
+  LogCapture log;
+  TempDir dir;
+  DataControl data_control;
+  ASSERT_TRUE(data_control.connect());
+  uint64_t before = data_control.clipboardChanges();
+  std::unique_ptr<Child> owner = StartOwner(dir, {}, {"--hang", "text/plain"});
+  ASSERT_TRUE(owner);
+  ASSERT_TRUE(WaitForChange([&] { return data_control.clipboardChanges(); }, before));
+  int ticks = 0;
+  guint timer = g_timeout_add(
+      20,
+      [](gpointer data) -> gboolean {
+        ++*static_cast<int*>(data);
+        return G_SOURCE_CONTINUE;
+      },
+      &ticks);
+  // The silent owner costs the idle wait (500 ms); the main loop's timer
+  // goes on meanwhile.
+  EXPECT_EQ(data_control.read(SelectionKind::kClipboard, "text/plain"), std::nullopt);
+  g_source_remove(timer);
+  EXPECT_GE(ticks, 10);
+}
+
+TEST(DataControlTest, AReaderThatClosesEarlyLeavesTheProcessUp) {
+  LogCapture log;
+  TempDir dir;
+  DataControl data_control;
+  ASSERT_TRUE(data_control.connect());
+  std::string big = BinaryBytes(8 << 20);
+  ASSERT_TRUE(data_control.setClipboard({{"application/x-orvane-big", big}}));
+  // head closes the pipe after 10 bytes: wl-paste dies of SIGPIPE and closes
+  // ours, so our next write fails with EPIPE.
+  std::string out = dir.file("head.out");
+  ASSERT_EQ(
+      RunToolBlocking({"sh", "-c", "wl-paste -n -t application/x-orvane-big | head -c 10"}, out),
+      0);
+  EXPECT_EQ(TempDir::Read(out), big.substr(0, 10));
+  SpinFor(0.3);
+  // Still here, and still serving.
+  EXPECT_TRUE(data_control.ownsClipboard());
+  EXPECT_TRUE(Paste(dir, "application/x-orvane-big") == big);
+}
+
 TEST(DataControlTest, AHundredMegabyteTypeIsDroppedAndTheRestSaved) {
   LogCapture log;
   TempDir dir;

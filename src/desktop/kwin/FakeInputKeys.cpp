@@ -38,14 +38,7 @@ std::vector<KeyEvent> ChordEvents(const std::vector<uint32_t>& chord,
 FakeInputKeys::FakeInputKeys(std::chrono::milliseconds wait) : wait_(wait) {}
 
 FakeInputKeys::~FakeInputKeys() {
-  if (fake_input_)
-    org_kde_kwin_fake_input_destroy(fake_input_);
-  if (registry_)
-    wl_registry_destroy(registry_);
-  if (display_) {
-    wl_display_flush(display_);
-    wl_display_disconnect(display_);
-  }
+  disconnect();
 }
 
 // A round trip that gives up at its deadline: the compositor is another
@@ -103,10 +96,34 @@ bool FakeInputKeys::roundtrip() {
   return ok && done;
 }
 
+void FakeInputKeys::disconnect() {
+  if (fake_input_)
+    org_kde_kwin_fake_input_destroy(fake_input_);
+  fake_input_ = nullptr;
+  if (registry_)
+    wl_registry_destroy(registry_);
+  registry_ = nullptr;
+  if (display_) {
+    wl_display_flush(display_);
+    wl_display_disconnect(display_);
+  }
+  display_ = nullptr;
+}
+
 bool FakeInputKeys::connect() {
-  if (tried_)
-    return fake_input_ != nullptr;
-  tried_ = true;
+  if (fake_input_ && display_ && wl_display_get_error(display_) == 0)
+    return true;
+  // A failed or broken connection is dropped and made anew: KWin decides
+  // which globals a client sees when it connects.
+  disconnect();
+  if (!connectOnce()) {
+    disconnect();
+    return false;
+  }
+  return true;
+}
+
+bool FakeInputKeys::connectOnce() {
   display_ = wl_display_connect(nullptr);
   if (!display_) {
     SparLog("fake-input: no Wayland display to connect to");
@@ -130,20 +147,21 @@ bool FakeInputKeys::connect() {
     return false;
   }
   if (!fake_input_) {
-    SparLog("fake-input: the compositor does not offer org_kde_kwin_fake_input to this program");
+    // KWin 5.27 offers it to a program whose desktop file lists it in
+    // X-KDE-Wayland-Interfaces and names the program by its absolute path in
+    // Exec (a bare command name is not matched).
+    SparLog("fake-input: KWin does not offer org_kde_kwin_fake_input to this program (its desktop "
+            "file must list it in X-KDE-Wayland-Interfaces, with Exec the program's absolute "
+            "path)");
     return false;
   }
   if (version_ < kKeyboardKeyVersion) {
     SparLog("fake-input: the compositor's fake-input (version %u) cannot send keys", version_);
-    org_kde_kwin_fake_input_destroy(fake_input_);
-    fake_input_ = nullptr;
     return false;
   }
   org_kde_kwin_fake_input_authenticate(fake_input_, "Orvane", "copy the selection");
   if (!roundtrip()) {
     SparLog("fake-input: the compositor did not answer");
-    org_kde_kwin_fake_input_destroy(fake_input_);
-    fake_input_ = nullptr;
     return false;
   }
   return true;

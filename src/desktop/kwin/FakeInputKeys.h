@@ -4,6 +4,10 @@
 // programs whose desktop file lists it in X-KDE-Wayland-Interfaces (or to
 // everyone with KWIN_WAYLAND_NO_PERMISSION_CHECKS=1, in tests).
 //
+// KWin 5.27 checks the desktop file whose Exec is the program's absolute
+// path (seen: a bare command name in Exec, or a trailing ';' after the
+// interface name, and the interface is not offered).
+//
 // The object has a Wayland connection of its own, opened on first use on
 // the calling thread; every wait on the compositor is bounded and leaves
 // the caller's main loop alone (they are short poll()s on that connection).
@@ -47,19 +51,22 @@ public:
   FakeInputKeys(const FakeInputKeys&) = delete;
   FakeInputKeys& operator=(const FakeInputKeys&) = delete;
 
-  // Connects (once), binds the fake-input interface and authenticates as
-  // Orvane. False when there is no Wayland display, KWin does not offer the
-  // interface to this program, or the compositor did not answer in time.
+  // Connects, binds the fake-input interface and authenticates as Orvane;
+  // a working connection is kept, a failed or broken one is tried anew at
+  // the next call. False when there is no Wayland display, KWin does not
+  // offer the interface to this program, or the compositor did not answer
+  // in time.
   bool connect();
   // Sends the events and waits (bounded) until KWin has taken them. False
   // when they could not be sent.
   bool send(const std::vector<KeyEvent>& events);
 
 private:
+  bool connectOnce();
+  void disconnect();
   bool roundtrip();
 
   std::chrono::milliseconds wait_;
-  bool tried_ = false;
   wl_display* display_ = nullptr;
   wl_registry* registry_ = nullptr;
   org_kde_kwin_fake_input* fake_input_ = nullptr;

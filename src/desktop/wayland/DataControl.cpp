@@ -870,9 +870,7 @@ const zwlr_data_control_source_v1_listener DataControl::Thread::source_listener 
     }};
 
 DataControl::DataControl(DataControlLimits limits)
-    : thread_(std::make_shared<Thread>(limits)), limits_(std::move(limits)) {
-  thread_->start();
-}
+    : thread_(std::make_shared<Thread>(limits)), limits_(std::move(limits)) {}
 
 DataControl::~DataControl() {
   thread_->stop();
@@ -894,6 +892,9 @@ bool DataControl::connect() {
   if (connect_tried_)
     return connected();
   connect_tried_ = true;
+  // The thread and its connection start with the first use: a program that
+  // never reads a selection has neither.
+  thread_->start();
   std::shared_ptr<Thread> thread = thread_;
   std::optional<bool> ok = Thread::ask<bool>(
       thread, [thread](std::function<void(bool)> reply) { thread->connect(reply); },

@@ -4,9 +4,9 @@
 // and take the CLIPBOARD to offer saved bytes again.
 //
 // A DataControl has a Wayland connection of its own (never GDK's) and a
-// thread of its own that runs it: a GLib main context on which the
-// connection's events, every pipe a read or a serve uses, and every
-// deadline are sources. Nothing there blocks: a peer that never writes,
+// thread of its own that runs it, both started at the first use: a GLib
+// main context on which the connection's events, every pipe a read or a
+// serve uses, and every deadline are sources. Nothing there blocks: a peer that never writes,
 // never closes its pipe, sends endless data or never reads what we serve
 // costs a bounded wait and a log line. The calling thread (the main thread)
 // hands work over and keeps running its own thread-default main context

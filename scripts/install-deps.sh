@@ -13,6 +13,8 @@ packages=(
   # Wayland selections: libwayland-client, wayland-scanner for the generated
   # protocol code, KWin's protocol files (fake-input)
   libwayland-dev libwayland-bin plasma-wayland-protocols
+  # Wayland sessions: the quick panel as a layer-shell surface
+  libgtk-layer-shell-dev
   # releases (scripts/make-release.sh: dpkg-shlibdeps from dpkg-dev, objdump
   # from binutils) and their checks in the tests (lintian)
   zip unzip dpkg-dev binutils lintian

@@ -3,7 +3,7 @@
 
 #include "base/GObjectPtr.h"
 #include "desktop/ProcessDocuments.h"
-#include "desktop/x11/X11Screens.h"
+#include "desktop/session/GdkScreens.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -60,14 +60,15 @@ WindowInfo Describe(WnckWindow* window, const Rect& primary) {
   info.wm_class = Text(wnck_window_get_class_group_name(window));
   int x = 0, y = 0, width = 0, height = 0;
   wnck_window_get_geometry(window, &x, &y, &width, &height);
-  info.frame = DesktopRectFromX11({double(x), double(y), double(width), double(height)}, primary);
+  info.frame =
+      DesktopRectFromTopLeft({double(x), double(y), double(width), double(height)}, primary);
   info.full_screen = wnck_window_is_fullscreen(window);
   return info;
 }
 
 std::vector<WindowInfo> AllWindows(WnckScreen* screen) {
   std::vector<WindowInfo> result;
-  Rect primary = PrimaryMonitorX11();
+  Rect primary = PrimaryMonitorTopLeft();
   for (GList* item = wnck_screen_get_windows(screen); item; item = item->next)
     result.push_back(Describe(WNCK_WINDOW(item->data), primary));
   return result;
@@ -142,7 +143,7 @@ std::optional<WindowInfo> WnckWindows::window(unsigned long id) {
   WnckWindow* window = FindWindow(id);
   if (!window)
     return std::nullopt;
-  return Describe(window, PrimaryMonitorX11());
+  return Describe(window, PrimaryMonitorTopLeft());
 }
 
 bool WnckWindows::setFrame(unsigned long id, const Rect& frame) {
@@ -156,7 +157,7 @@ bool WnckWindows::setFrame(unsigned long id, const Rect& frame) {
   if (wnck_window_is_maximized(window) || wnck_window_is_maximized_horizontally(window) ||
       wnck_window_is_maximized_vertically(window))
     wnck_window_unmaximize(window);
-  Rect x11 = X11RectFromDesktop(frame, PrimaryMonitorX11());
+  Rect x11 = TopLeftRectFromDesktop(frame, PrimaryMonitorTopLeft());
   int x = int(std::lround(x11.x)), y = int(std::lround(x11.y));
   int width = std::max(1, int(std::lround(x11.width)));
   int height = std::max(1, int(std::lround(x11.height)));

@@ -3,6 +3,7 @@
 #include "base/GObjectPtr.h"
 #include "base/Settings.h"
 #include "base/Text.h"
+#include "desktop/kwin/KWinBackend.h"
 #include "desktop/wayland/WaylandWithoutMeans.h"
 #include "desktop/x11/ClipboardServer.h"
 #include "desktop/x11/X11Backend.h"
@@ -133,10 +134,7 @@ std::unique_ptr<DesktopBackend> MakeDesktopBackend(const DesktopChoice& choice) 
   case DesktopKind::kX11:
     return std::make_unique<X11Backend>();
   case DesktopKind::kKWin:
-    // The KWin backend's means are not wired yet: Orvane's own windows work
-    // natively (the panel as a layer-shell surface), and the launch says
-    // what is missing.
-    return std::make_unique<WaylandWithoutMeans>(choice.desktop_name, /*layer_shell=*/true);
+    return std::make_unique<KWinBackend>();
   case DesktopKind::kWaylandWithoutMeans:
     break;
   }

@@ -33,6 +33,8 @@ public:
   // Always nothing: data-control does not tell which client owns a
   // selection, and Wayland gives no client another's pid.
   std::optional<int> primaryOwnerPid() override;
+  // PRIMARY counts as the selection of the window in front.
+  bool tellsPrimaryOwner() const override { return false; }
   std::optional<std::string> primaryText() override;
   uint64_t clipboardChangeCount() override;
   ClipboardContents saveClipboard() override;

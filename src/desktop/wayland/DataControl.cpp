@@ -6,6 +6,7 @@
 #include "wlr-data-control-unstable-v1-client-protocol.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <csignal>
@@ -16,6 +17,7 @@
 #include <glib.h>
 #include <map>
 #include <mutex>
+#include <poll.h>
 #include <set>
 #include <thread>
 #include <unistd.h>
@@ -1020,6 +1022,54 @@ ClipboardContents DataControl::servedClipboard() const {
   if (thread_->served && thread_->served->owned)
     return thread_->served->contents;
   return {};
+}
+
+bool DataControlOffered(milliseconds limit) {
+  static std::atomic<bool> offered{false};
+  if (offered)
+    return true;
+  wl_display* display = wl_display_connect(nullptr);
+  if (!display)
+    return false;
+  struct Listing {
+    bool found = false;
+    bool done = false;
+  } listing;
+  wl_registry* registry = wl_display_get_registry(display);
+  static const wl_registry_listener listener = {
+      [](void* data, wl_registry*, uint32_t, const char* interface, uint32_t) {
+        if (interface && std::strcmp(interface, zwlr_data_control_manager_v1_interface.name) == 0)
+          static_cast<Listing*>(data)->found = true;
+      },
+      [](void*, wl_registry*, uint32_t) {}};
+  wl_registry_add_listener(registry, &listener, &listing);
+  // The globals are all announced before the answer to a sync that follows
+  // the registry request.
+  wl_callback* sync = wl_display_sync(display);
+  static const wl_callback_listener done_listener = {
+      [](void* data, wl_callback*, uint32_t) { static_cast<Listing*>(data)->done = true; }};
+  wl_callback_add_listener(sync, &done_listener, &listing);
+  Clock::time_point deadline = Clock::now() + limit;
+  while (!listing.done) {
+    while (wl_display_prepare_read(display) != 0)
+      wl_display_dispatch_pending(display);
+    wl_display_flush(display);
+    auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now()).count();
+    pollfd fd{wl_display_get_fd(display), POLLIN, 0};
+    if (left <= 0 || poll(&fd, 1, int(left)) <= 0) {
+      wl_display_cancel_read(display);
+      break;
+    }
+    if (wl_display_read_events(display) != 0)
+      break;
+    wl_display_dispatch_pending(display);
+  }
+  wl_callback_destroy(sync);
+  wl_registry_destroy(registry);
+  wl_display_disconnect(display);
+  if (listing.found)
+    offered = true;
+  return listing.found;
 }
 
 } // namespace orvane

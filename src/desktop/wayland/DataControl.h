@@ -71,6 +71,11 @@ std::vector<std::string> TextMimeTypesOf(const std::vector<std::string>& types);
 // every bad sequence replaced for the rest).
 std::string TextFromMimeBytes(const std::string& type, const std::string& bytes);
 
+// Whether the compositor of WAYLAND_DISPLAY offers the data-control
+// manager: one short connection that lists its globals, bounded by
+// `limit`. Once seen, the answer is kept for the life of the process.
+bool DataControlOffered(std::chrono::milliseconds limit = std::chrono::milliseconds(1000));
+
 class DataControl {
 public:
   explicit DataControl(DataControlLimits limits = {});

@@ -1,13 +1,13 @@
 #include "desktop/kwin/KWinBackend.h"
 
 #include "desktop/kwin/AppScope.h"
+#include "desktop/kwin/KWinOwnWindows.h"
 #include "desktop/kwin/KWinScreens.h"
 #include "desktop/kwin/KWinScripting.h"
 #include "desktop/kwin/KWinSelections.h"
 #include "desktop/kwin/KWinWindows.h"
 #include "desktop/kwin/PortalHotkeys.h"
 #include "desktop/wayland/DataControl.h"
-#include "desktop/wayland/GtkOwnWindows.h"
 #include "desktop/wayland/LayerShellPanels.h"
 
 namespace orvane {
@@ -81,7 +81,8 @@ std::string KWinAccessibility::reasonNotTrusted() const {
 KWinBackend::KWinBackend()
     : bus_(
           GObjectPtr<GDBusConnection>::adopt(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr))),
-      scripting_(std::make_unique<KWinScripting>(bus_.get())) {}
+      scripting_(std::make_unique<KWinScripting>(bus_.get())),
+      own_window_list_(std::make_unique<KWinWindows>(*scripting_)) {}
 
 KWinBackend::~KWinBackend() = default;
 
@@ -120,7 +121,7 @@ std::unique_ptr<Windows> KWinBackend::makeWindows() {
 }
 
 std::unique_ptr<OwnWindows> KWinBackend::makeOwnWindows() {
-  return std::make_unique<LayerShellPanels>(std::make_unique<GtkOwnWindows>());
+  return std::make_unique<LayerShellPanels>(std::make_unique<KWinOwnWindows>(*own_window_list_));
 }
 
 } // namespace orvane

@@ -13,6 +13,7 @@
 namespace orvane {
 
 class KWinScripting;
+class KWinWindows;
 
 // What the KWin backend needs from the session, each checked when asked.
 struct KWinMeans {
@@ -51,6 +52,8 @@ private:
 
   GObjectPtr<GDBusConnection> bus_;
   std::unique_ptr<KWinScripting> scripting_;
+  // The window list Orvane's own windows are found and placed through.
+  std::unique_ptr<KWinWindows> own_window_list_;
 };
 
 } // namespace orvane

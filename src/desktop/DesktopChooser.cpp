@@ -4,6 +4,7 @@
 #include "base/Settings.h"
 #include "base/Text.h"
 #include "desktop/kwin/KWinBackend.h"
+#include "desktop/session/BusNames.h"
 #include "desktop/wayland/WaylandWithoutMeans.h"
 #include "desktop/x11/ClipboardServer.h"
 #include "desktop/x11/X11Backend.h"
@@ -54,24 +55,6 @@ bool IsWaylandSession(const SessionFacts& facts) {
   return !facts.wayland_display.empty();
 }
 
-bool BusNameHasOwner(const char* name) {
-  GErrorPtr error;
-  auto bus =
-      GObjectPtr<GDBusConnection>::adopt(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, error.out()));
-  if (!bus)
-    return false;
-  GVariant* reply = g_dbus_connection_call_sync(
-      bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-      "NameHasOwner", g_variant_new("(s)", name), G_VARIANT_TYPE("(b)"),
-      G_DBUS_CALL_FLAGS_NO_AUTO_START, 2000, nullptr, nullptr);
-  if (!reply)
-    return false;
-  gboolean has_owner = FALSE;
-  g_variant_get(reply, "(b)", &has_owner);
-  g_variant_unref(reply);
-  return has_owner;
-}
-
 } // namespace
 
 DesktopChoice ChooseDesktop(const SessionFacts& facts, const std::string& setting) {
@@ -109,8 +92,11 @@ SessionFacts ReadSessionFacts() {
   facts.x_display = Variable("DISPLAY");
   facts.session_type = Variable("XDG_SESSION_TYPE");
   facts.current_desktop = Variable("XDG_CURRENT_DESKTOP");
-  if (!facts.wayland_display.empty() && NamesDesktop(facts.current_desktop, "KDE"))
-    facts.kwin_answers = BusNameHasOwner("org.kde.KWin");
+  if (!facts.wayland_display.empty()) {
+    auto bus =
+        GObjectPtr<GDBusConnection>::adopt(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
+    facts.kwin_answers = BusNameHasOwner(bus.get(), "org.kde.KWin", 2000);
+  }
   return facts;
 }
 

@@ -7,6 +7,7 @@
 #include "desktop/kwin/KWinSelections.h"
 #include "desktop/kwin/KWinWindows.h"
 #include "desktop/kwin/PortalHotkeys.h"
+#include "desktop/session/BusNames.h"
 #include "desktop/wayland/DataControl.h"
 #include "desktop/wayland/LayerShellPanels.h"
 
@@ -16,25 +17,10 @@ namespace {
 
 constexpr int kCheckTimeoutMs = 1000;
 
-bool HasOwner(GDBusConnection* bus, const char* name) {
-  if (!bus)
-    return false;
-  GVariant* reply = g_dbus_connection_call_sync(
-      bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameHasOwner",
-      g_variant_new("(s)", name), G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NO_AUTO_START,
-      kCheckTimeoutMs, nullptr, nullptr);
-  if (!reply)
-    return false;
-  gboolean has_owner = FALSE;
-  g_variant_get(reply, "(b)", &has_owner);
-  g_variant_unref(reply);
-  return has_owner;
-}
-
 // The portal offers GlobalShortcuts when it can tell that interface's
 // version (xdg-desktop-portal lists only what a backend implements).
 bool PortalHasGlobalShortcuts(GDBusConnection* bus) {
-  if (!HasOwner(bus, "org.freedesktop.portal.Desktop"))
+  if (!BusNameHasOwner(bus, "org.freedesktop.portal.Desktop", kCheckTimeoutMs))
     return false;
   GVariant* reply = g_dbus_connection_call_sync(
       bus, "org.freedesktop.portal.Desktop", "/org/freedesktop/portal/desktop",
@@ -88,7 +74,7 @@ KWinBackend::~KWinBackend() = default;
 
 KWinMeans KWinBackend::checkMeans() const {
   KWinMeans means;
-  means.kwin_scripting = HasOwner(bus_.get(), "org.kde.KWin");
+  means.kwin_scripting = BusNameHasOwner(bus_.get(), "org.kde.KWin", kCheckTimeoutMs);
   means.global_shortcuts = PortalHasGlobalShortcuts(bus_.get());
   means.data_control = DataControlOffered();
   return means;

@@ -1,36 +1,12 @@
 #include "desktop/kwin/KWinSelections.h"
 
+#include "base/MainThread.h"
 #include "base/SparLog.h"
 #include "desktop/kwin/FakeInputKeys.h"
 
 #include <glib.h>
 
 namespace orvane {
-
-namespace {
-
-// Runs the thread-default main context for a while, as the waits of the
-// copy chord do on X11.
-void RunMainContextFor(std::chrono::milliseconds duration) {
-  GMainContext* context = g_main_context_ref_thread_default();
-  bool done = false;
-  GSource* timer = g_timeout_source_new(guint(std::max<long long>(duration.count(), 0)));
-  g_source_set_callback(
-      timer,
-      [](gpointer data) -> gboolean {
-        *static_cast<bool*>(data) = true;
-        return G_SOURCE_REMOVE;
-      },
-      &done, nullptr);
-  g_source_attach(timer, context);
-  while (!done)
-    g_main_context_iteration(context, TRUE);
-  g_source_destroy(timer);
-  g_source_unref(timer);
-  g_main_context_unref(context);
-}
-
-} // namespace
 
 KWinSelections::KWinSelections(KWinSelectionLimits limits)
     : limits_(limits), data_control_(limits.data_control) {}

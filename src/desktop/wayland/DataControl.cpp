@@ -1,5 +1,6 @@
 #include "desktop/wayland/DataControl.h"
 
+#include "base/MainThread.h"
 #include "base/SparLog.h"
 #include "base/Text.h"
 
@@ -186,20 +187,7 @@ struct DataControl::Thread : std::enable_shared_from_this<DataControl::Thread> {
   std::atomic<bool> lost{false};
 
   // Runs `job` on the connection's thread.
-  void post(std::function<void()> job) {
-    GSource* source = g_idle_source_new();
-    g_source_set_priority(source, G_PRIORITY_DEFAULT);
-    g_source_set_callback(
-        source,
-        [](gpointer data) -> gboolean {
-          (*static_cast<std::function<void()>*>(data))();
-          return G_SOURCE_REMOVE;
-        },
-        new std::function<void()>(std::move(job)),
-        [](gpointer data) { delete static_cast<std::function<void()>*>(data); });
-    g_source_attach(source, context);
-    g_source_unref(source);
-  }
+  void post(std::function<void()> job) { RunOnContext(context, std::move(job)); }
 
   // Hands `job` to the connection's thread and waits for its answer, which
   // the job gives through the function it gets, once. The calling thread

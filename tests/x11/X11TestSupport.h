@@ -6,6 +6,7 @@
 // Before Xlib, whose None and Bool macros would break gtest's headers.
 #include <gtest/gtest.h>
 
+#include "support/ChildProcess.h"
 #include "support/MainLoop.h"
 
 #include <X11/Xatom.h>
@@ -25,111 +26,6 @@
 
 namespace orvane {
 
-// A child process; its standard output is read line by line, its standard
-// input written. Ended by pid when the object goes.
-class Child {
-public:
-  static std::unique_ptr<Child> Start(const std::vector<std::string>& argv) {
-    std::vector<gchar*> args;
-    for (const std::string& arg : argv)
-      args.push_back(const_cast<gchar*>(arg.c_str()));
-    args.push_back(nullptr);
-    auto child = std::unique_ptr<Child>(new Child);
-    GError* error = nullptr;
-    if (!g_spawn_async_with_pipes(nullptr, args.data(), nullptr,
-                                  GSpawnFlags(G_SPAWN_SEARCH_PATH | G_SPAWN_DO_NOT_REAP_CHILD),
-                                  nullptr, nullptr, &child->pid_, &child->in_, &child->out_,
-                                  nullptr, &error)) {
-      g_clear_error(&error);
-      return nullptr;
-    }
-    fcntl(child->out_, F_SETFL, O_NONBLOCK);
-    return child;
-  }
-  ~Child() {
-    if (in_ >= 0)
-      close(in_);
-    if (out_ >= 0)
-      close(out_);
-    if (pid_ > 0 && !exited_) {
-      kill(pid_, SIGTERM);
-      waitpid(pid_, nullptr, 0);
-    }
-  }
-
-  int pid() const { return pid_; }
-
-  // The next line of output, spinning the main loop while waiting.
-  std::optional<std::string> readLine(double seconds = 20) {
-    std::optional<std::string> line;
-    SpinUntil(
-        [&] {
-          pump();
-          size_t end = buffer_.find('\n');
-          if (end == std::string::npos)
-            return false;
-          line = buffer_.substr(0, end);
-          buffer_.erase(0, end + 1);
-          return true;
-        },
-        seconds);
-    return line;
-  }
-
-  void closeInput() {
-    if (in_ >= 0)
-      close(in_);
-    in_ = -1;
-  }
-
-  void write(const std::string& text) {
-    if (::write(in_, text.data(), text.size()) < 0)
-      perror("write to child");
-  }
-
-  void writeLine(const std::string& line) { write(line + "\n"); }
-
-  // Waits for the child to exit (spinning the main loop); its status, or
-  // nothing when it is still running.
-  std::optional<int> waitExit(double seconds = 20) {
-    SpinUntil(
-        [&] {
-          pump();
-          if (!exited_ && waitpid(pid_, &status_, WNOHANG) == pid_)
-            exited_ = true;
-          return exited_;
-        },
-        seconds);
-    if (!exited_)
-      return std::nullopt;
-    return status_;
-  }
-
-  // All output read so far and until the child closes it.
-  std::string output() {
-    pump();
-    return buffer_;
-  }
-
-private:
-  Child() = default;
-  void pump() {
-    char chunk[4096];
-    for (;;) {
-      ssize_t got = read(out_, chunk, sizeof chunk);
-      if (got <= 0)
-        break;
-      buffer_.append(chunk, size_t(got));
-    }
-  }
-
-  GPid pid_ = 0;
-  int in_ = -1, out_ = -1;
-  bool exited_ = false;
-  int status_ = 0;
-  std::string buffer_;
-};
-
 // Starts a fixture that prints "ready WINDOW" once it is up, and waits for
 // that line; `window` (when given) gets the window it reported. Nothing when
 // the fixture did not start or did not report.
@@ -144,25 +40,6 @@ inline std::unique_ptr<Child> StartReady(const std::vector<std::string>& argv,
   if (window)
     *window = std::stoul(line->substr(6));
   return child;
-}
-
-struct ToolResult {
-  int status = -1; // the wait status; -1 when it did not end in time
-  std::string out;
-  bool ok() const { return status == 0; }
-};
-
-// Runs a tool to completion (the main loop keeps running meanwhile).
-inline ToolResult RunTool(const std::vector<std::string>& argv, double seconds = 20) {
-  ToolResult result;
-  std::unique_ptr<Child> child = Child::Start(argv);
-  if (!child)
-    return result;
-  std::optional<int> status = child->waitExit(seconds);
-  result.out = child->output();
-  if (status)
-    result.status = *status;
-  return result;
 }
 
 // A direct connection to the test display, for what the tests do to the

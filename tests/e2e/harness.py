@@ -1713,6 +1713,9 @@ class Orvane(_OwnProcess):
         self.binary = Path(binary) if binary else orvane_binary()
         self.proc: subprocess.Popen | None = None
         self.out_path = home.path.parent / f"orvane-{id(self):x}.out"
+        # Run in the child before the binary starts (the Wayland tests move
+        # Orvane into an application scope with it).
+        self.preexec_fn: Callable[[], None] | None = None
 
     def _check_binary(self) -> None:
         if not self.binary.is_file() or not os.access(self.binary, os.X_OK):
@@ -1736,6 +1739,7 @@ class Orvane(_OwnProcess):
                 stdout=out,
                 stderr=subprocess.STDOUT,
                 start_new_session=True,
+                preexec_fn=self.preexec_fn,
             )
         finally:
             out.close()
@@ -2130,11 +2134,11 @@ class _Client(_OwnProcess):
         self.proc: subprocess.Popen | None = None
         self.out_path = self.state / "output.txt"
 
-    def _spawn(self, argv: list[str], env: dict[str, str] | None = None) -> None:
+    def _spawn(self, argv: list[str], env: dict[str, str] | None = None, **popen_options: Any) -> None:
         with open(self.out_path, "ab") as out:
             self.proc = subprocess.Popen(argv, env=env or self.desktop.tool_env(), cwd=self.state,
                                          stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT,
-                                         start_new_session=True)
+                                         start_new_session=True, **popen_options)
 
     def _alive_or_fail(self, what: str) -> None:
         if self.proc is not None and self.proc.poll() is not None:

@@ -11,6 +11,10 @@
                     end: `native_window(session, text=..., title=...)`,
                     `shortcuts_client(session, {"summon": "ALT+b"}, scope=...)`,
                     `script_sink(session)`
+- `wayland_orvane`  starts Orvane in a session, in a throwaway home with the
+                    fixture applications, inside the test's app scope:
+                    `wayland_orvane(session, *args, **settings)` -> ScopedOrvane
+                    (its `home` has the log); ended at the test's end
 
 On a failed test the session's logs (the compositor's, the bus's, the
 portals') are kept and their folder is named in the report.
@@ -29,6 +33,8 @@ sys.path.insert(0, str(Path(__file__).resolve().parent))
 from wayland_harness import (  # noqa: E402
     APP_ID,
     AppScope,
+    Home,
+    ScopedOrvane,
     KWinTestSession,
     MutterTestSession,
     NativeWindow,
@@ -41,8 +47,14 @@ from wayland_harness import (  # noqa: E402
 def pytest_runtest_makereport(item, call):
     outcome = yield
     report = outcome.get_result()
-    if report.failed:
-        item._wayland_failed = True
+    if not report.failed:
+        return
+    item._wayland_failed = True
+    for n, o in enumerate(getattr(item, "_wayland_orvanes", [])):
+        # The activity log and the console output, where a failure shows.
+        log = "\n".join(o.home.log_lines()[-60:])
+        report.sections.append((f"Orvane {n} activity log ({o.home.log_path})", log))
+        report.sections.append((f"Orvane {n} output ({o.out_path})", o.output()[-6000:]))
 
 
 def _run_session(session, request, name):
@@ -105,6 +117,29 @@ class WaylandClients:
     def stop(self) -> None:
         for client in reversed(self.started):
             client.stop()
+
+
+@pytest.fixture
+def wayland_orvane(tmp_path, request, app_scope):
+    started: list[ScopedOrvane] = []
+    request.node._wayland_orvanes = started
+
+    def _start(session, *args: str, in_scope: bool = True, **settings: str) -> ScopedOrvane:
+        home = Home(tmp_path / f"home-{len(started)}", session)
+        home.install_fixture_apps()
+        # A folder that does not exist: a failed probe of a local site never
+        # starts a real development server.
+        home.write_settings(ProjectDir=str(tmp_path / "no-such-project"), **settings)
+        orvane = ScopedOrvane(home, session, app_scope if in_scope else None, args)
+        started.append(orvane)
+        return orvane.start()
+
+    yield _start
+    for orvane in started:
+        orvane.stop()
+        stragglers = orvane.home.end_processes()
+        if stragglers:
+            warnings.warn(f"processes running with the test HOME had to be ended: {stragglers}")
 
 
 @pytest.fixture

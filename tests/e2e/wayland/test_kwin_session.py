@@ -201,3 +201,20 @@ def test_a_kwin_script_reports_the_active_window_over_dbus(kwin_session, wayland
     assert frame["width"] >= 640 and frame["height"] >= 200
     # The report came from KWin's own connection.
     assert report["sender"] == kwin_session.name_owner("org.kde.KWin")
+
+
+def test_all_four_chords_can_be_portal_shortcuts_in_one_session(kwin_session, wayland_clients, app_scope):
+    # Orvane's four hotkeys as one portal session: each fires, none reaches
+    # the native window in front.
+    triggers = {"summon": "ALT+b", "copy": "ALT+c", "quote": "ALT+q", "paste": "ALT+v"}
+    shortcuts = wayland_clients.shortcuts_client(kwin_session, triggers, scope=app_scope)
+    registered = {sid: props["trigger_description"] for sid, props in shortcuts.result["bound"]["shortcuts"]}
+    assert registered == {"summon": "Alt+B", "copy": "Alt+C", "quote": "Alt+Q", "paste": "Alt+V"}
+    native = wayland_clients.native_window(kwin_session, text="front")
+    for chord, shortcut in (("alt+b", "summon"), ("alt+c", "copy"), ("alt+q", "quote"), ("alt+v", "paste")):
+        kwin_session.press(chord)
+        shortcuts.wait_for_activation(shortcut)
+    kwin_session.press("x")
+    wait_until(lambda: "x" in native.key_names(), what="the next key in the native window")
+    assert not {"b", "c", "q", "v", "B", "C", "Q", "V"} & set(native.key_names()), native.key_names()
+    assert [s["shortcut"] for s in shortcuts.signals("Activated")] == ["summon", "copy", "quote", "paste"]

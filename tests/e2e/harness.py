@@ -1713,9 +1713,10 @@ class Orvane(_OwnProcess):
         self.binary = Path(binary) if binary else orvane_binary()
         self.proc: subprocess.Popen | None = None
         self.out_path = home.path.parent / f"orvane-{id(self):x}.out"
-        # Run in the child before the binary starts (the Wayland tests move
-        # Orvane into an application scope with it).
-        self.preexec_fn: Callable[[], None] | None = None
+        # A command that runs the binary (as its arguments) in place of a
+        # plain start: the Wayland tests start Orvane in an application scope
+        # through one that execs it, so the pid stays the same.
+        self.command_prefix: list[str] = []
 
     def _check_binary(self) -> None:
         if not self.binary.is_file() or not os.access(self.binary, os.X_OK):
@@ -1732,14 +1733,13 @@ class Orvane(_OwnProcess):
         out = open(self.out_path, "ab")
         try:
             self.proc = subprocess.Popen(
-                [str(self.binary), *self.args],
+                [*self.command_prefix, str(self.binary), *self.args],
                 env=self.home.env(),
                 cwd=self.home.path,
                 stdin=subprocess.DEVNULL,
                 stdout=out,
                 stderr=subprocess.STDOUT,
                 start_new_session=True,
-                preexec_fn=self.preexec_fn,
             )
         finally:
             out.close()
@@ -2134,11 +2134,11 @@ class _Client(_OwnProcess):
         self.proc: subprocess.Popen | None = None
         self.out_path = self.state / "output.txt"
 
-    def _spawn(self, argv: list[str], env: dict[str, str] | None = None, **popen_options: Any) -> None:
+    def _spawn(self, argv: list[str], env: dict[str, str] | None = None) -> None:
         with open(self.out_path, "ab") as out:
             self.proc = subprocess.Popen(argv, env=env or self.desktop.tool_env(), cwd=self.state,
                                          stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT,
-                                         start_new_session=True, **popen_options)
+                                         start_new_session=True)
 
     def _alive_or_fail(self, what: str) -> None:
         if self.proc is not None and self.proc.poll() is not None:

@@ -22,6 +22,7 @@ from __future__ import annotations
 import contextlib
 import os
 import secrets
+import shlex
 import shutil
 import signal
 import subprocess
@@ -503,6 +504,15 @@ class AppScope:
                 ok = False
         self.created = []
         return ok
+
+    def wrap(self, argv: list[str]) -> list[str]:
+        """`argv` run through a shell that moves itself into the scope and
+        then execs the program, which so keeps the shell's pid and starts in
+        the scope (create() first). Exit status 125 when the move fails."""
+        procs = " ".join(shlex.quote(str(p / "cgroup.procs")) for p in self.paths)
+        script = (f'for procs in {procs}; do echo $$ > "$procs" || exit 125; done; '
+                  'exec "$@"')
+        return ["/bin/sh", "-c", script, "in-app-scope", *argv]
 
     def preexec(self) -> Callable[[], None]:
         """A `preexec_fn` for subprocess.Popen that moves the child into the

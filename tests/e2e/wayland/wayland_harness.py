@@ -204,7 +204,7 @@ class ShortcutsClient(_Client):
         argv = [PYTHON, str(SHORTCUTS_CLIENT), str(self.state), "--token", self.token]
         for sid, trigger in self.shortcuts.items():
             argv += ["--shortcut", f"{sid}={trigger}=E2E {sid}"]
-        self._spawn(argv, preexec_fn=self.scope.preexec() if self.scope else None)
+        self._spawn(self.scope.wrap(argv) if self.scope else argv)
 
         def answered():
             self._alive_or_fail("the shortcuts client")
@@ -243,4 +243,4 @@ class ScopedOrvane(Orvane):
         super().__init__(home, session, args, binary)  # type: ignore[arg-type]
         self.scope = scope
         if scope is not None:
-            self.preexec_fn = scope.preexec()
+            self.command_prefix = scope.wrap([])

@@ -10,7 +10,7 @@
 // compared with curl followed by a flush.
 // Run: build/orvane_library_bench [--size-mib N] [--files N]
 #include "base/Settings.h"
-#include "desktop/x11/GLibScheduler.h"
+#include "desktop/session/GLibScheduler.h"
 #include "library/HttpTransfer.h"
 #include "library/PdfFiles.h"
 #include "library/PdfStore.h"

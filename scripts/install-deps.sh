@@ -10,6 +10,8 @@ packages=(
   nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev
   libkeybinder-3.0-dev libxtst-dev libxres-dev libxfixes-dev libpoppler-glib-dev
   libwnck-3-dev libsodium-dev libarchive-dev
+  # Wayland sessions: the quick panel as a layer-shell surface
+  libgtk-layer-shell-dev
   # releases (scripts/make-release.sh: dpkg-shlibdeps from dpkg-dev, objdump
   # from binutils) and their checks in the tests (lintian)
   zip unzip dpkg-dev binutils lintian

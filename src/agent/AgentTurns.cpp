@@ -5,7 +5,7 @@
 #include "base/Paths.h"
 #include "base/SparLog.h"
 #include "base/Text.h"
-#include "desktop/x11/GLibScheduler.h"
+#include "desktop/session/GLibScheduler.h"
 
 #include <fcntl.h>
 #include <gio/gunixoutputstream.h>

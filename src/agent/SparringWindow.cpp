@@ -3,7 +3,6 @@
 #include "base/Settings.h"
 #include "base/SparLog.h"
 #include "capture/ScreenContainingPoint.h"
-#include "desktop/x11/WindowFrames.h"
 
 #include <algorithm>
 
@@ -58,7 +57,7 @@ bool SparringWindow::isVisible() const {
 std::optional<Screen> SparringWindow::screenOf(GtkWindow* window) const {
   if (!window)
     return std::nullopt;
-  return ScreenOfFrame(context_.screens.screens(), WindowFrame(window));
+  return ScreenOfFrame(context_.screens.screens(), context_.own_windows.frame(window));
 }
 
 void SparringWindow::create(const Rect& frame) {
@@ -68,7 +67,7 @@ void SparringWindow::create(const Rect& frame) {
   gtk_window_set_application(window_, context_.application);
   gtk_window_set_title(window_, kSparTitle);
   gtk_window_set_role(window_, "sparring");
-  TrackWindowFrame(window_);
+  context_.own_windows.track(window_);
   gtk_window_set_default_size(window_, int(frame.width), int(frame.height));
   gtk_container_add(GTK_CONTAINER(window_), spar_web_->widget());
   gtk_widget_show(spar_web_->widget());
@@ -128,11 +127,11 @@ void SparringWindow::openSparWindowFor(const std::string& paper_id) {
   // the frame, decorations included, is the one asked for.
   std::string screen_text = screen ? RectText(screen->frame) : std::string("(none)");
   bool place = move || created;
-  WhenOnScreen(window_, [this, place, target, screen_text] {
+  context_.own_windows.whenOnScreen(window_, [this, place, target, screen_text] {
     if (place)
       placeFrame(target);
     SparLog("spar window -> screen %@ frame %@", screen_text,
-            RectText(place ? target : WindowFrame(window_)));
+            RectText(place ? target : context_.own_windows.frame(window_)));
   });
 }
 
@@ -141,12 +140,12 @@ void SparringWindow::placeFrame(const Rect& frame) {
     return;
   // The minimum goes first, so that the window manager and GTK accept the
   // size that follows.
-  Size minimum = SparMinimumSize(ContentSizeOfFrame(window_, frame));
+  Size minimum = SparMinimumSize(context_.own_windows.contentSizeOfFrame(window_, frame));
   GdkGeometry hints = {};
   hints.min_width = int(minimum.width);
   hints.min_height = int(minimum.height);
   gtk_window_set_geometry_hints(window_, nullptr, &hints, GDK_HINT_MIN_SIZE);
-  SetWindowFrame(window_, frame);
+  context_.own_windows.setFrame(window_, frame);
 }
 
 void SparringWindow::loadFresh(const std::string& address) {

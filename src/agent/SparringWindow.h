@@ -5,6 +5,7 @@
 
 #include "bridge/EventDelivery.h"
 #include "capture/PanelWindow.h"
+#include "desktop/OwnWindows.h"
 #include "desktop/Screens.h"
 #include "web/LibraryWindow.h"
 #include "web/WebViewFactory.h"
@@ -40,6 +41,7 @@ public:
     PanelWindow& panel;
     std::shared_ptr<WebPage> panel_page;
     const Screens& screens;
+    OwnWindows& own_windows;
     std::function<void()> show_library;
     std::function<void()> show_panel;
   };

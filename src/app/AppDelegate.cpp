@@ -12,20 +12,14 @@
 #include "capture/HandoffFolder.h"
 #include "capture/HotkeyTable.h"
 #include "capture/ScreenContainingPoint.h"
+#include "capture/SelectionCapture.h"
 #include "capture/Talk.h"
-#include "desktop/x11/DBusActivation.h"
-#include "desktop/x11/DBusMessageBus.h"
-#include "desktop/x11/DBusNotifications.h"
-#include "desktop/x11/GLibScheduler.h"
-#include "desktop/x11/GioLauncher.h"
-#include "desktop/x11/GioWorkspace.h"
-#include "desktop/x11/KeybinderHotkeys.h"
-#include "desktop/x11/WindowFrames.h"
-#include "desktop/x11/WnckWindows.h"
-#include "desktop/x11/X11Accessibility.h"
-#include "desktop/x11/X11FrontWindows.h"
-#include "desktop/x11/X11Screens.h"
-#include "desktop/x11/X11Selections.h"
+#include "desktop/session/DBusActivation.h"
+#include "desktop/session/DBusMessageBus.h"
+#include "desktop/session/DBusNotifications.h"
+#include "desktop/session/GLibScheduler.h"
+#include "desktop/session/GioLauncher.h"
+#include "desktop/session/GioWorkspace.h"
 #include "library/LibraryFolder.h"
 #include "library/PdfFiles.h"
 #include "web/DevServer.h"
@@ -85,7 +79,7 @@ public:
     GtkWindow* active = gtk_application_get_active_window(application_);
     std::vector<Screen> screens = screens_.screens();
     if (active)
-      screen = ScreenOfFrame(screens, WindowFrame(active));
+      screen = ScreenOfFrame(screens, window_.ownWindows().frame(active));
     if (!screen && !screens.empty())
       screen = screens.front();
     return screen;
@@ -127,8 +121,8 @@ private:
 // window that was never made.
 class SparringSplitChat final : public SplitChat {
 public:
-  SparringSplitChat(SparringWindow& spar, const Screens& screens)
-      : spar_(spar), screens_(screens) {}
+  SparringSplitChat(SparringWindow& spar, const Screens& screens, OwnWindows& own_windows)
+      : spar_(spar), screens_(screens), own_windows_(own_windows) {}
   bool isFullScreen() const override { return spar_.isFullScreen(); }
   void leaveFullScreen() override {
     if (GtkWindow* window = spar_.gtkWindow()) {
@@ -140,7 +134,7 @@ public:
     GtkWindow* window = spar_.gtkWindow();
     if (!window)
       return std::nullopt;
-    return ScreenOfFrame(screens_.screens(), WindowFrame(window));
+    return ScreenOfFrame(screens_.screens(), own_windows_.frame(window));
   }
   void makeKeyAndOrderFront() override {
     if (GtkWindow* window = spar_.gtkWindow())
@@ -151,7 +145,7 @@ public:
     if (!window)
       return;
     SparringWindow& spar = spar_;
-    WhenOnScreen(window, [&spar, frame] { spar.placeFrame(frame); });
+    own_windows_.whenOnScreen(window, [&spar, frame] { spar.placeFrame(frame); });
     // The window manager puts a window that leaves full screen back on its
     // earlier frame once it has left; the half is set again after that.
     if (std::exchange(left_full_screen_, false))
@@ -167,13 +161,13 @@ public:
   }
   Rect frame() const override {
     GtkWindow* window = spar_.gtkWindow();
-    return window ? WindowFrame(window) : Rect{};
+    return window ? own_windows_.frame(window) : Rect{};
   }
   void whenFrameApplied(const Rect& frame, std::function<void()> applied) override {
     // The caller logs after its own short wait when the window manager is
     // slower; the configure handler is dropped a while after that.
     if (GtkWindow* window = spar_.gtkWindow())
-      WhenFrameIs(window, frame, 2000, std::move(applied));
+      own_windows_.whenFrameIs(window, frame, 2000, std::move(applied));
   }
 
 private:
@@ -197,23 +191,28 @@ private:
 
   SparringWindow& spar_;
   const Screens& screens_;
+  OwnWindows& own_windows_;
   bool left_full_screen_ = false;
 };
 } // namespace
 
-DesktopSeams RealDesktopSeams() {
+DesktopSeams RealDesktopSeams(DesktopBackend& backend, const std::string& setting_note) {
   DesktopSeams seams;
-  seams.screens = std::make_unique<X11Screens>();
+  seams.screens = backend.makeScreens();
   seams.bus = std::make_unique<DBusMessageBus>();
   seams.workspace = std::make_unique<GioWorkspace>();
   seams.scheduler = std::make_unique<GLibScheduler>();
-  seams.accessibility = std::make_unique<X11Accessibility>();
-  seams.hotkeys = std::make_unique<KeybinderHotkeys>();
-  seams.front_windows = std::make_unique<X11FrontWindows>();
-  seams.selections = std::make_unique<X11Selections>();
+  seams.accessibility = backend.makeAccessibility();
+  seams.hotkeys = backend.makeHotkeys();
+  seams.front_windows = backend.makeFrontWindows();
+  seams.selections = backend.makeSelections();
   seams.notifications = std::make_unique<DBusNotifications>();
   seams.activation = std::make_unique<DBusActivation>(kApplicationId, ApplicationObjectPath());
-  seams.windows = std::make_unique<WnckWindows>();
+  seams.windows = backend.makeWindows();
+  seams.own_windows = backend.makeOwnWindows();
+  seams.desktop_description = backend.description();
+  seams.desktop_setting_note = setting_note;
+  seams.desktop_lacks_means = backend.lacksMeans();
   seams.launcher = std::make_unique<GioLauncher>();
   // The seams live on the heap, so these references outlive the move of
   // the struct into the delegate.
@@ -266,6 +265,13 @@ void AppDelegate::applicationDidFinishLaunching() {
   // 5. The four global hotkeys; a chord another program holds is logged
   // as FAILED and the launch goes on.
   registerHotkeys();
+  SparLog("desktop: %@", seams_.desktop_description);
+  if (!seams_.desktop_setting_note.empty())
+    SparLog("desktop: %@", seams_.desktop_setting_note);
+  // No hotkey will ever bring the news on such a desktop: it is told now,
+  // once for the account.
+  if (seams_.desktop_lacks_means && !seams_.accessibility->isTrusted())
+    AskForTrustOnce(*seams_.accessibility, *seams_.notifications, HandoffFolder());
 
   // 6. The Services entry: an application action, reachable from outside
   // with `gapplication action com.tarnwick.orvane send-quote-to-friend`.
@@ -295,13 +301,14 @@ void AppDelegate::applicationDidFinishLaunching() {
 
   // 10. The library window, hidden until shown.
   lib_web_ = factory_.makeWebView();
-  lib_window_ = std::make_unique<LibraryWindow>(application_, lib_web_, *seams_.scheduler);
+  lib_window_ = std::make_unique<LibraryWindow>(application_, lib_web_, *seams_.scheduler,
+                                                *seams_.own_windows);
   lib_drops_ = std::make_unique<WindowDrops>(
       lib_web_->widget(), [this](const std::vector<std::string>& paths) { openFiles(paths); });
 
   // 11. The quick panel, hidden until shown.
   web_ = factory_.makeWebView();
-  window_ = std::make_unique<PanelWindow>(application_, web_->widget());
+  window_ = std::make_unique<PanelWindow>(application_, web_->widget(), *seams_.own_windows);
   // An empty page starts the panel's web process now rather than at the
   // first summon; the site's first page reuses it.
   web_->loadBlank();
@@ -312,7 +319,7 @@ void AppDelegate::applicationDidFinishLaunching() {
   // The sparring window's operations; its window is made on first use.
   spar_ = std::make_unique<SparringWindow>(SparringWindow::Context{
       application_, factory_, events_, *lib_window_, *window_, web_, *seams_.screens,
-      [this] { showLibraryWindow(); }, [this] { quick_panel_->showPanel(); }});
+      *seams_.own_windows, [this] { showLibraryWindow(); }, [this] { quick_panel_->showPanel(); }});
 
   // What the hotkeys and quotes work through.
   capture_ = seams_.make_capture([this] { return libraryFolderWithAccount(); });
@@ -330,7 +337,7 @@ void AppDelegate::applicationDidFinishLaunching() {
       [] { return HandoffFile("quote.txt"); }});
 
   // The viewer split and the ask split.
-  split_chat_ = std::make_unique<SparringSplitChat>(*spar_, *seams_.screens);
+  split_chat_ = std::make_unique<SparringSplitChat>(*spar_, *seams_.screens, *seams_.own_windows);
   splits_ = std::make_unique<PaperSplits>(
       PaperSplitSeams{*seams_.windows, *seams_.screens, *seams_.launcher, *seams_.scheduler,
                       *split_chat_, [this] { return capture_->attentionPoint(); },

@@ -20,6 +20,7 @@
 #include "capture/Summon.h"
 #include "desktop/Accessibility.h"
 #include "desktop/Activation.h"
+#include "desktop/DesktopBackend.h"
 #include "desktop/FrontWindows.h"
 #include "desktop/Hotkeys.h"
 #include "desktop/Launcher.h"
@@ -63,12 +64,21 @@ struct DesktopSeams {
   std::unique_ptr<Activation> activation;
   std::unique_ptr<Windows> windows;
   std::unique_ptr<Launcher> launcher;
+  std::unique_ptr<OwnWindows> own_windows;
+  // "X11 (openbox)", "KDE Plasma (Wayland)" …: the launch's "desktop:" line.
+  std::string desktop_description;
+  // Why the "Desktop" setting was not followed, when it was not.
+  std::string desktop_setting_note;
+  // The desktop gives Orvane no means to reach other applications: the
+  // launch tells the user once, since no hotkey will.
+  bool desktop_lacks_means = false;
   // Builds the capture over these seams once the store, which it asks for
   // the library folder, exists.
   using LibraryFolderQuery = std::function<std::optional<std::string>()>;
   std::function<std::unique_ptr<Capture>(LibraryFolderQuery library_folder)> make_capture;
 };
-DesktopSeams RealDesktopSeams();
+// The seams of the chosen desktop backend and of the session.
+DesktopSeams RealDesktopSeams(DesktopBackend& backend, const std::string& setting_note);
 
 class AppDelegate final : public BridgeHost,
                           public PdfActionHost,

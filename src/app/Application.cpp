@@ -15,6 +15,8 @@ namespace orvane {
 namespace {
 
 struct Run {
+  const DesktopChoice& desktop;
+  std::unique_ptr<DesktopBackend> backend;
   std::unique_ptr<AppDelegate> delegate;
   bool launched = false;
 
@@ -31,31 +33,29 @@ struct Run {
 
 } // namespace
 
-int RunApplication(int argc, char** argv) {
-  // GDK is held to X11 by main(), before any mode starts.
+int RunApplication(int argc, char** argv, const DesktopChoice& desktop) {
+  // GDK is held to the backend the desktop needs by main(), before any mode
+  // starts.
   g_set_prgname("orvane");
   g_set_application_name("Orvane");
   // Opened here, not by the application's start-up, which would end the
   // process with no more than a line on its standard error.
   if (!gtk_init_check(&argc, &argv)) {
-    const char* variable = g_getenv("DISPLAY");
-    std::string display = variable && *variable ? ShortenedText(variable, 80) : "unset";
-    SparLog("no X display could be opened (DISPLAY=%@); Orvane needs an X11 session or XWayland",
-            display);
-    std::fprintf(stderr,
-                 "orvane: no X display could be opened (DISPLAY=%s); Orvane needs an X11 "
-                 "session or XWayland\n",
-                 LogEscapedText(display).c_str());
+    std::string text = NoDisplayText(desktop);
+    SparLog("%@", text);
+    std::fprintf(stderr, "orvane: %s\n", LogEscapedText(text).c_str());
     return 1;
   }
 
   GtkApplication* application = gtk_application_new(kApplicationId, G_APPLICATION_HANDLES_OPEN);
-  Run run;
+  Run run{desktop, nullptr, nullptr};
 
   g_signal_connect(application, "startup", G_CALLBACK(+[](GApplication* app, gpointer data) {
                      auto* r = static_cast<Run*>(data);
-                     r->delegate =
-                         std::make_unique<AppDelegate>(GTK_APPLICATION(app), RealDesktopSeams());
+                     r->backend = MakeDesktopBackend(r->desktop);
+                     r->delegate = std::make_unique<AppDelegate>(
+                         GTK_APPLICATION(app),
+                         RealDesktopSeams(*r->backend, r->desktop.setting_note));
                      // Closing every window only hides it: the program runs
                      // until Quit.
                      g_application_hold(app);

@@ -518,6 +518,7 @@ void RegisterDefaultSettings() {
   Settings::standard().registerDefaults({
       {"AppURL", std::string(kDefaultSiteAddress)},
       {"ProjectDir", BundledSiteFolder()},
+      {"Desktop", std::string("auto")},
       {"NSAutomaticSpellingCorrectionEnabled", false},
       {"NSAutomaticTextReplacementEnabled", false},
       {"NSAutomaticQuoteSubstitutionEnabled", false},

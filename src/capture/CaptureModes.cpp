@@ -4,13 +4,9 @@
 #include "base/Paths.h"
 #include "base/SparLog.h"
 #include "base/Text.h"
-#include "desktop/x11/DBusMessageBus.h"
-#include "desktop/x11/DBusNotifications.h"
-#include "desktop/x11/RunningInstance.h"
-#include "desktop/x11/X11Accessibility.h"
-#include "desktop/x11/X11FrontWindows.h"
-#include "desktop/x11/X11Screens.h"
-#include "desktop/x11/X11Selections.h"
+#include "desktop/session/DBusMessageBus.h"
+#include "desktop/session/DBusNotifications.h"
+#include "desktop/session/RunningInstance.h"
 
 #include <cerrno>
 #include <glib/gstdio.h>
@@ -116,15 +112,16 @@ int RunCaptureModeWith(const std::string& mode, CaptureModeSeams seams) {
   return status;
 }
 
-int RunCaptureMode(const std::string& mode) {
+int RunCaptureMode(const std::string& mode, const DesktopChoice& desktop) {
   if (!gtk_init_check(nullptr, nullptr)) {
     SparLog("capture: no display to capture from — %@ did nothing", mode);
     return 0;
   }
-  X11FrontWindows front_windows;
-  X11Selections selections;
-  X11Screens screens;
-  X11Accessibility accessibility;
+  std::unique_ptr<DesktopBackend> backend = MakeDesktopBackend(desktop);
+  std::unique_ptr<FrontWindows> front_windows = backend->makeFrontWindows();
+  std::unique_ptr<Selections> selections = backend->makeSelections();
+  std::unique_ptr<Screens> screens = backend->makeScreens();
+  std::unique_ptr<Accessibility> accessibility = backend->makeAccessibility();
   DBusNotifications notifications;
   DBusMessageBus bus;
   int own_pid = int(getpid());
@@ -134,10 +131,10 @@ int RunCaptureMode(const std::string& mode) {
     std::optional<int> running = RunningInstancePid();
     return running && *running == pid;
   };
-  DesktopCaptureSeams capture{front_windows,
-                              selections,
-                              screens,
-                              accessibility,
+  DesktopCaptureSeams capture{*front_windows,
+                              *selections,
+                              *screens,
+                              *accessibility,
                               notifications,
                               is_this_program,
                               [] { return std::optional<std::string>(); },

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "capture/DesktopCapture.h"
+#include "desktop/DesktopChooser.h"
 #include "desktop/MessageBus.h"
 
 #include <string>
@@ -31,7 +32,8 @@ struct CaptureModeSeams {
 // status.
 int RunCaptureModeWith(const std::string& mode, CaptureModeSeams seams);
 
-// Runs the capture mode on this display and session bus.
-int RunCaptureMode(const std::string& mode);
+// Runs the capture mode on this display and session bus, through the
+// desktop chosen before GDK started.
+int RunCaptureMode(const std::string& mode, const DesktopChoice& desktop);
 
 } // namespace orvane

@@ -1,18 +1,16 @@
 #include "capture/PanelWindow.h"
 
-#include "desktop/x11/InputFocus.h"
-#include "desktop/x11/WindowFrames.h"
-
 namespace orvane {
 
-PanelWindow::PanelWindow(GtkApplication* application, GtkWidget* content) {
+PanelWindow::PanelWindow(GtkApplication* application, GtkWidget* content, OwnWindows& own_windows)
+    : own_windows_(own_windows) {
   window_ = GTK_WINDOW(gtk_window_new(GTK_WINDOW_TOPLEVEL));
   g_object_ref_sink(window_);
   if (application)
     gtk_window_set_application(window_, application);
   gtk_window_set_title(window_, "Orvane");
   gtk_window_set_role(window_, "quick-panel");
-  TrackWindowFrame(window_);
+  own_windows_.track(window_);
   gtk_window_set_type_hint(window_, GDK_WINDOW_TYPE_HINT_UTILITY);
   gtk_window_set_keep_above(window_, TRUE);
   gtk_window_stick(window_);
@@ -20,6 +18,7 @@ PanelWindow::PanelWindow(GtkApplication* application, GtkWidget* content) {
   gtk_window_set_skip_pager_hint(window_, TRUE);
   gtk_window_set_default_size(window_, kPanelWidth, kPanelHeight);
   gtk_window_set_position(window_, GTK_WIN_POS_CENTER);
+  own_windows_.makePanel(window_);
   gtk_container_add(GTK_CONTAINER(window_), content);
   gtk_widget_show(content);
 
@@ -65,10 +64,10 @@ void PanelWindow::makeKeyAndOrderFront(uint32_t timestamp) {
   // dropped. So once the panel is framed on the screen, and still without
   // the keyboard, activation is asked for as the user's.
   unsigned presentation = ++presentation_;
-  WhenOnScreen(window_, [this, presentation, timestamp] {
-    if (presentation != presentation_ || !isVisible() || HasInputFocus(window_))
+  own_windows_.whenOnScreen(window_, [this, presentation, timestamp] {
+    if (presentation != presentation_ || !isVisible() || own_windows_.hasInputFocus(window_))
       return;
-    RequestActivation(window_, timestamp);
+    own_windows_.requestActivation(window_, timestamp);
   });
 }
 
@@ -76,15 +75,15 @@ bool PanelWindow::isVisible() const {
   return gtk_widget_get_visible(GTK_WIDGET(window_));
 }
 bool PanelWindow::isKeyWindow() const {
-  // Asked of the X server too: while a hotkey's grab is active GTK reports
+  // Asked of the desktop too: while a hotkey's grab is active GTK reports
   // every window as inactive.
-  return gtk_window_is_active(window_) || HasInputFocus(window_);
+  return gtk_window_is_active(window_) || own_windows_.hasInputFocus(window_);
 }
 Rect PanelWindow::frame() const {
-  return WindowFrame(window_);
+  return own_windows_.frame(window_);
 }
 void PanelWindow::setFrame(const Rect& frame) {
-  SetWindowFrame(window_, frame);
+  own_windows_.setFrame(window_, frame);
 }
 
 } // namespace orvane

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "desktop/Geometry.h"
+#include "desktop/OwnWindows.h"
 
 #include <cstdint>
 #include <gtk/gtk.h>
@@ -15,12 +16,13 @@ inline constexpr int kPanelHeight = 680;
 
 class PanelWindow {
 public:
-  PanelWindow(GtkApplication* application, GtkWidget* content);
+  PanelWindow(GtkApplication* application, GtkWidget* content, OwnWindows& own_windows);
   ~PanelWindow();
   PanelWindow(const PanelWindow&) = delete;
   PanelWindow& operator=(const PanelWindow&) = delete;
 
   GtkWindow* gtkWindow() const { return window_; }
+  OwnWindows& ownWindows() const { return own_windows_; }
   void orderOut();
   // Shows the panel and gives it the keyboard. The time is that of the user
   // action that asked for it (a key press), so the window manager's
@@ -35,6 +37,7 @@ public:
 
 private:
   GtkWindow* window_;
+  OwnWindows& own_windows_;
   // Counts the presentations and hides, so that a late activation request
   // of an earlier presentation is dropped.
   unsigned presentation_ = 0;

@@ -6,7 +6,6 @@
 #include "capture/HandoffFolder.h"
 #include "capture/QueryEscape.h"
 #include "capture/ScreenContainingPoint.h"
-#include "desktop/x11/WindowFrames.h"
 
 #include <algorithm>
 #include <cmath>
@@ -66,13 +65,13 @@ void QuickPanel::presentPanel(const std::optional<Screen>& screen, uint32_t time
     SparLog("panel opens with a %lu-char selection", *length);
 
   // Activating the program must not pull the user to another workspace.
-  if (library_.isVisible() && !IsOnActiveWorkspace(library_.gtkWindow()))
+  if (library_.isVisible() && !window_.ownWindows().isOnActiveWorkspace(library_.gtkWindow()))
     library_.orderOut();
 
   window_.makeKeyAndOrderFront(timestamp);
   // The panel is placed once the window manager has framed it, when its
   // frame is known.
-  WhenOnScreen(window_.gtkWindow(), [this, screen] {
+  window_.ownWindows().whenOnScreen(window_.gtkWindow(), [this, screen] {
     centrePanelOnScreen(screen);
     logShown();
   });
@@ -91,8 +90,8 @@ void QuickPanel::logShown() {
   SparLog("panel shown: active=%d key=%d visible=%d onActiveSpace=%d behavior=%lu level=%ld "
           "policy=%ld frame=%@ screens=%@ mouse=%@",
           active, window_.isKeyWindow() ? 1 : 0, window_.isVisible() ? 1 : 0,
-          IsOnActiveWorkspace(window_.gtkWindow()) ? 1 : 0, behavior, level, 1L,
-          RectText(window_.frame()), screen_list, PointText(screens_.mouseLocation()));
+          window_.ownWindows().isOnActiveWorkspace(window_.gtkWindow()) ? 1 : 0, behavior, level,
+          1L, RectText(window_.frame()), screen_list, PointText(screens_.mouseLocation()));
 }
 
 void QuickPanel::centrePanelOnScreen(const std::optional<Screen>& screen) {

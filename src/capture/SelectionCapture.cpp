@@ -25,20 +25,25 @@ std::string WindowName(const std::optional<FrontWindow>& front) {
   return name.empty() ? "?" : ShortenedText(name, kLoggedNameLength);
 }
 
-// The once-per-account prompt: the trust test failed, say why and what to do.
-void AskForTrustOnce(const SelectionCaptureSeams& seams, const std::string& handoff_folder) {
+} // namespace
+
+void AskForTrustOnce(const Accessibility& accessibility, Notifications& notifications,
+                     const std::string& handoff_folder) {
   std::string marker = JoinPath(handoff_folder, kAskedForAccessibilityMarker);
   if (g_file_test(marker.c_str(), G_FILE_TEST_EXISTS))
     return;
-  std::string reason = seams.accessibility.reasonNotTrusted();
+  std::string reason = accessibility.reasonNotTrusted();
   std::string body = reason.empty() ? "" : reason + "\n\n";
   body += "Until then Orvane's hotkeys cannot take text you select in other applications. "
           "This notice is shown once.";
-  seams.notifications.notify("Orvane cannot read your selection", body);
+  notifications.notify("Orvane cannot read your selection", body);
   // Writes into the hand-off folder ignore errors: the prompt then simply
   // comes again at the next capture.
+  g_mkdir_with_parents(handoff_folder.c_str(), 0700);
   g_file_set_contents(marker.c_str(), "", 0, nullptr);
 }
+
+namespace {
 
 std::optional<std::string> NonEmpty(std::optional<std::string> text) {
   if (text && text->empty())
@@ -103,7 +108,7 @@ CapturedSelection CaptureSelection(const std::optional<FrontWindow>& front,
   } done;
   g_mkdir_with_parents(handoff_folder.c_str(), 0700);
   if (!seams.accessibility.isTrusted()) {
-    AskForTrustOnce(seams, handoff_folder);
+    AskForTrustOnce(seams.accessibility, seams.notifications, handoff_folder);
     SparLog("capture: no Accessibility permission");
     return {};
   }

@@ -47,6 +47,12 @@ CapturedSelection CaptureSelection(const std::optional<FrontWindow>& front,
                                    const SelectionCaptureSeams& seams,
                                    const std::string& handoff_folder);
 
+// The once-per-account notice that selections cannot be read: says why and
+// what to do, and writes the marker in `handoff_folder`. Nothing when the
+// marker is there.
+void AskForTrustOnce(const Accessibility& accessibility, Notifications& notifications,
+                     const std::string& handoff_folder);
+
 // True while a capture waits on other clients (the main loop runs
 // meanwhile), so that a key pressed again can be left for the first to end.
 bool SelectionCaptureRunning();

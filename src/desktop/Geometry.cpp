@@ -1,6 +1,7 @@
 #include "desktop/Geometry.h"
 
 #include <cstdio>
+#include <sstream>
 
 namespace orvane {
 
@@ -19,6 +20,22 @@ std::string PointText(Point p) {
 std::string RectText(const Rect& r) {
   return "{{" + NumberText(r.x) + ", " + NumberText(r.y) + "}, {" + NumberText(r.width) + ", " +
          NumberText(r.height) + "}}";
+}
+
+std::string FrameString(const Rect& frame) {
+  return NumberText(frame.x) + " " + NumberText(frame.y) + " " + NumberText(frame.width) + " " +
+         NumberText(frame.height);
+}
+
+bool ParseFrameString(const std::string& text, Rect* frame) {
+  std::istringstream in(text);
+  Rect parsed;
+  if (!(in >> parsed.x >> parsed.y >> parsed.width >> parsed.height))
+    return false;
+  if (parsed.width <= 0 || parsed.height <= 0)
+    return false;
+  *frame = parsed;
+  return true;
 }
 
 } // namespace orvane

@@ -40,5 +40,8 @@ std::string NumberText(double value);
 std::string PointText(Point p);
 // "{{x, y}, {w, h}}"
 std::string RectText(const Rect& r);
+// "x y w h" of a frame, and back; a frame without area does not parse.
+std::string FrameString(const Rect& frame);
+bool ParseFrameString(const std::string& text, Rect* frame);
 
 } // namespace orvane

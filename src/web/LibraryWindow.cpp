@@ -2,20 +2,19 @@
 
 #include "base/Settings.h"
 #include "base/SparLog.h"
-#include "desktop/x11/WindowFrames.h"
 #include "web/DevServer.h"
 #include "web/ServerFailurePage.h"
 
 namespace orvane {
 
 LibraryWindow::LibraryWindow(GtkApplication* application, std::shared_ptr<WebPage> page,
-                             Scheduler& scheduler)
-    : page_(std::move(page)), scheduler_(scheduler) {
+                             Scheduler& scheduler, OwnWindows& own_windows)
+    : page_(std::move(page)), scheduler_(scheduler), own_windows_(own_windows) {
   window_ = GTK_WINDOW(gtk_application_window_new(application));
   g_object_ref_sink(window_);
   gtk_window_set_title(window_, "Orvane");
   gtk_window_set_role(window_, "library");
-  TrackWindowFrame(window_);
+  own_windows_.track(window_);
   gtk_window_set_default_size(window_, kLibraryWidth, kLibraryHeight);
   GdkGeometry hints = {};
   hints.min_width = kLibraryMinWidth;
@@ -64,7 +63,7 @@ void LibraryWindow::restoreFrame() {
   frame_restored_ = true;
   Rect saved;
   if (ParseFrameString(Settings::standard().stringForKey(kLibraryFrameKey).value_or(""), &saved))
-    SetWindowFrame(window_, saved);
+    own_windows_.setFrame(window_, saved);
 }
 
 void LibraryWindow::scheduleFrameSave() {
@@ -77,7 +76,7 @@ void LibraryWindow::scheduleFrameSave() {
   save_timer_ = scheduler_.after(0.5, [this] {
     save_timer_ = 0;
     if (gtk_widget_get_mapped(GTK_WIDGET(window_)))
-      Settings::standard().setString(kLibraryFrameKey, FrameString(WindowFrame(window_)));
+      Settings::standard().setString(kLibraryFrameKey, FrameString(own_windows_.frame(window_)));
   });
 }
 

@@ -2,6 +2,7 @@
 // it only hides it; its frame is remembered under "LibraryWindow".
 #pragma once
 
+#include "desktop/OwnWindows.h"
 #include "desktop/Scheduler.h"
 #include "web/WebPage.h"
 
@@ -18,7 +19,8 @@ inline constexpr char kLibraryFrameKey[] = "LibraryWindow";
 
 class LibraryWindow {
 public:
-  LibraryWindow(GtkApplication* application, std::shared_ptr<WebPage> page, Scheduler& scheduler);
+  LibraryWindow(GtkApplication* application, std::shared_ptr<WebPage> page, Scheduler& scheduler,
+                OwnWindows& own_windows);
   ~LibraryWindow();
   LibraryWindow(const LibraryWindow&) = delete;
   LibraryWindow& operator=(const LibraryWindow&) = delete;
@@ -44,6 +46,7 @@ private:
   GtkWindow* window_;
   std::shared_ptr<WebPage> page_;
   Scheduler& scheduler_;
+  OwnWindows& own_windows_;
   Scheduler::TimerId save_timer_ = 0;
   bool frame_restored_ = false;
   bool showing_server_failure_ = false;

@@ -1,7 +1,7 @@
 // Any bytes as the background keeper's clipboard file: a file that is
 // accepted stays within the bounds, and writing it out again reads back as
 // the same contents; a refused file always says why.
-#include "desktop/x11/KeptClipboard.h"
+#include "desktop/session/KeptClipboard.h"
 
 #include <cstdint>
 #include <cstdlib>

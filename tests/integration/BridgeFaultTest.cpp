@@ -4,7 +4,7 @@
 #include "bridge/MessageDispatcher.h"
 
 #include "base/Settings.h"
-#include "desktop/x11/GLibScheduler.h"
+#include "desktop/session/GLibScheduler.h"
 #include "library/LibraryFolder.h"
 #include "library/PdfActions.h"
 #include "library/PdfStore.h"

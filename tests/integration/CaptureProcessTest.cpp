@@ -5,7 +5,7 @@
 #include "capture/CaptureModes.h"
 #include "capture/FocusedDocument.h"
 #include "capture/HandoffFolder.h"
-#include "desktop/x11/RunningInstance.h"
+#include "desktop/session/RunningInstance.h"
 
 #include "support/LogCapture.h"
 #include "support/TempDir.h"
@@ -116,7 +116,7 @@ TEST(CaptureModeProcessTest, WithoutADisplayNothingIsCapturedAndTheReasonLogged)
   ASSERT_EQ(g_getenv("DISPLAY"), nullptr);
   LogCapture log;
   std::string selection = HandoffFile("selection.txt");
-  EXPECT_EQ(RunCaptureMode("--capture-selection"), 0);
+  EXPECT_EQ(RunCaptureMode("--capture-selection", DesktopChoice{}), 0);
   EXPECT_FALSE(g_file_test(selection.c_str(), G_FILE_TEST_EXISTS));
   EXPECT_FALSE(g_file_test(HandoffFile("screen.txt").c_str(), G_FILE_TEST_EXISTS));
   EXPECT_THAT(log.messages(),

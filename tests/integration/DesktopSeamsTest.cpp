@@ -2,9 +2,9 @@
 // between two connections, and GIO launching the applications registered
 // for a scheme, a file type and folders.
 #include "base/Settings.h"
-#include "desktop/x11/DBusMessageBus.h"
-#include "desktop/x11/GLibScheduler.h"
-#include "desktop/x11/GioWorkspace.h"
+#include "desktop/session/DBusMessageBus.h"
+#include "desktop/session/GLibScheduler.h"
+#include "desktop/session/GioWorkspace.h"
 
 #include "support/TempDir.h"
 #include "support/TextLines.h"

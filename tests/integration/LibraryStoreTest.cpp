@@ -1,6 +1,6 @@
 // The library store against real servers, real files and real inotify.
 #include "base/Settings.h"
-#include "desktop/x11/GLibScheduler.h"
+#include "desktop/session/GLibScheduler.h"
 #include "library/LibraryFolder.h"
 #include "library/PdfActions.h"
 #include "library/PdfFiles.h"

@@ -2,7 +2,7 @@
 // servers, with the desktop side recorded.
 #include "library/PdfActions.h"
 #include "base/Settings.h"
-#include "desktop/x11/GLibScheduler.h"
+#include "desktop/session/GLibScheduler.h"
 #include "library/LibraryFolder.h"
 #include "library/PdfFiles.h"
 

@@ -1,7 +1,7 @@
 // The file through which a capture process hands its restored CLIPBOARD to
 // the background keeper: written and read back exactly, anything else
 // refused with a reason.
-#include "desktop/x11/KeptClipboard.h"
+#include "desktop/session/KeptClipboard.h"
 
 #include <gtest/gtest.h>
 

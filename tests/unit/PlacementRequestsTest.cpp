@@ -1,6 +1,6 @@
 #include "placement/PlacementRequests.h"
 
-#include "desktop/x11/X11Screens.h"
+#include "desktop/session/GdkScreens.h"
 #include "support/FakeScreens.h"
 #include "support/FakeWindows.h"
 #include "support/LogCapture.h"
@@ -349,14 +349,14 @@ class SecondMonitorTest : public PlacementRequestsTest,
 
 TEST_P(SecondMonitorTest, TinyWindowIsCentredOnTheSecondMonitor) {
   const Arrangement& a = GetParam();
-  Rect primary = DesktopRectFromX11(a.primary_x11, a.primary_x11);
-  Rect second = DesktopRectFromX11(a.second_x11, a.primary_x11);
+  Rect primary = DesktopRectFromTopLeft(a.primary_x11, a.primary_x11);
+  Rect second = DesktopRectFromTopLeft(a.second_x11, a.primary_x11);
   screens.list = {{0, primary, primary}, {1, second, second}};
   unsigned long id = windows.add(500, "paper.pdf", {10, 10, 150, 100});
   placeFile(500);
   Rect placed = windows.find(id)->frame;
   EXPECT_EQ(placed.size(), (Size{1100, 760}));
-  EXPECT_EQ(X11RectFromDesktop(placed, a.primary_x11), a.placed_x11) << a.name;
+  EXPECT_EQ(TopLeftRectFromDesktop(placed, a.primary_x11), a.placed_x11) << a.name;
   // Placed again, it is already there: nothing moves.
   placement.placeWindowsOfPid(500, screens.list[1], 0);
   EXPECT_EQ(windows.frame_writes.size(), 1u);

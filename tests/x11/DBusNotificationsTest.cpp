@@ -1,6 +1,6 @@
 // Notifications through a stand-in org.freedesktop.Notifications service on
 // the private session bus.
-#include "desktop/x11/DBusNotifications.h"
+#include "desktop/session/DBusNotifications.h"
 #include "support/TempDir.h"
 #include "support/TextLines.h"
 #include "x11/X11TestSupport.h"

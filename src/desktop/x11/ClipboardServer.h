@@ -3,7 +3,7 @@
 // on serving a restored CLIPBOARD after a one-shot capture process exits.
 #pragma once
 
-#include "desktop/x11/KeptClipboard.h"
+#include "desktop/session/KeptClipboard.h"
 
 #include <functional>
 #include <memory>

@@ -1,11 +1,10 @@
 #include "desktop/x11/WindowFrames.h"
 
-#include "desktop/x11/X11Screens.h"
+#include "desktop/session/GdkScreens.h"
 
 #include <X11/Xatom.h>
 #include <cmath>
 #include <gdk/gdkx.h>
-#include <sstream>
 #include <vector>
 
 namespace orvane {
@@ -160,20 +159,20 @@ void WhenOnScreen(GtkWindow* window, std::function<void()> task) {
 }
 
 Rect WindowFrame(GtkWindow* window) {
-  Rect primary = PrimaryMonitorX11();
+  Rect primary = PrimaryMonitorTopLeft();
   GdkRectangle outer;
   Decorations decorations;
   if (ServerFrame(window, &outer, &decorations))
-    return DesktopRectFromX11(
+    return DesktopRectFromTopLeft(
         {double(outer.x), double(outer.y), double(outer.width), double(outer.height)}, primary);
   // Not on screen: what GTK will ask for, with the decorations last seen.
   decorations = KnownDecorations(window);
   int x = 0, y = 0, width = 0, height = 0;
   gtk_window_get_position(window, &x, &y);
   gtk_window_get_size(window, &width, &height);
-  return DesktopRectFromX11({double(x), double(y), double(width + decorations.extra_width),
-                             double(height + decorations.extra_height)},
-                            primary);
+  return DesktopRectFromTopLeft({double(x), double(y), double(width + decorations.extra_width),
+                                 double(height + decorations.extra_height)},
+                                primary);
 }
 
 namespace {
@@ -246,7 +245,7 @@ Size ContentSizeOfFrame(GtkWindow* window, const Rect& frame) {
 }
 
 void SetWindowFrame(GtkWindow* window, const Rect& frame) {
-  Rect x11 = X11RectFromDesktop(frame, PrimaryMonitorX11());
+  Rect x11 = TopLeftRectFromDesktop(frame, PrimaryMonitorTopLeft());
   Size content = ContentSizeOfFrame(window, frame);
   // With the default north-west gravity the window manager puts the frame's
   // top-left corner where we ask.
@@ -262,22 +261,6 @@ bool IsOnActiveWorkspace(GtkWindow* window) {
   if (desktop == 0xFFFFFFFF) // on every workspace
     return true;
   return desktop == gdk_x11_screen_get_current_desktop(gdk_window_get_screen(gdk));
-}
-
-std::string FrameString(const Rect& frame) {
-  return NumberText(frame.x) + " " + NumberText(frame.y) + " " + NumberText(frame.width) + " " +
-         NumberText(frame.height);
-}
-
-bool ParseFrameString(const std::string& text, Rect* frame) {
-  std::istringstream in(text);
-  Rect parsed;
-  if (!(in >> parsed.x >> parsed.y >> parsed.width >> parsed.height))
-    return false;
-  if (parsed.width <= 0 || parsed.height <= 0)
-    return false;
-  *frame = parsed;
-  return true;
 }
 
 } // namespace orvane

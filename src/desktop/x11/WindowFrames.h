@@ -32,8 +32,5 @@ Size ContentSizeOfFrame(GtkWindow* window, const Rect& frame);
 // Whether the window is on the workspace the user is looking at (a window
 // shown on every workspace always is).
 bool IsOnActiveWorkspace(GtkWindow* window);
-// "x y w h" of a frame, and back.
-std::string FrameString(const Rect& frame);
-bool ParseFrameString(const std::string& text, Rect* frame);
 
 } // namespace orvane

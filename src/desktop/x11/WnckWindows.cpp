@@ -1,16 +1,16 @@
 #define WNCK_I_KNOW_THIS_IS_UNSTABLE
 #include "desktop/x11/WnckWindows.h"
 
+#include "desktop/ApplicationNames.h"
+
 #include "base/GObjectPtr.h"
 #include "desktop/ProcessDocuments.h"
-#include "desktop/x11/X11Screens.h"
+#include "desktop/session/GdkScreens.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
-#include <filesystem>
 #include <gdk/gdkx.h>
-#include <gio/gdesktopappinfo.h>
 #include <gtk/gtk.h>
 #include <libwnck/libwnck.h>
 #include <signal.h>
@@ -20,7 +20,6 @@
 namespace orvane {
 
 namespace {
-namespace fs = std::filesystem;
 
 // One handle for the run. It speaks to the window manager as a pager, so
 // that moves and activations count as the user's, as they do when an
@@ -60,14 +59,15 @@ WindowInfo Describe(WnckWindow* window, const Rect& primary) {
   info.wm_class = Text(wnck_window_get_class_group_name(window));
   int x = 0, y = 0, width = 0, height = 0;
   wnck_window_get_geometry(window, &x, &y, &width, &height);
-  info.frame = DesktopRectFromX11({double(x), double(y), double(width), double(height)}, primary);
+  info.frame =
+      DesktopRectFromTopLeft({double(x), double(y), double(width), double(height)}, primary);
   info.full_screen = wnck_window_is_fullscreen(window);
   return info;
 }
 
 std::vector<WindowInfo> AllWindows(WnckScreen* screen) {
   std::vector<WindowInfo> result;
-  Rect primary = PrimaryMonitorX11();
+  Rect primary = PrimaryMonitorTopLeft();
   for (GList* item = wnck_screen_get_windows(screen); item; item = item->next)
     result.push_back(Describe(WNCK_WINDOW(item->data), primary));
   return result;
@@ -77,44 +77,7 @@ bool ProcessExists(int pid) {
   return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
 }
 
-std::string Lower(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](unsigned char c) { return char(std::tolower(c)); });
-  return text;
-}
-
-std::string ExecutableName(int pid) {
-  std::error_code error;
-  fs::path exe = fs::read_symlink("/proc/" + std::to_string(pid) + "/exe", error);
-  return error ? std::string() : exe.filename().string();
-}
-
 } // namespace
-
-std::vector<std::string> ApplicationNames(const std::string& name) {
-  std::vector<std::string> names;
-  auto add = [&](const std::string& candidate) {
-    std::string lower = Lower(candidate);
-    if (!lower.empty() && std::find(names.begin(), names.end(), lower) == names.end())
-      names.push_back(lower);
-  };
-  add(name);
-  std::string id = name;
-  const std::string suffix = ".desktop";
-  if (id.size() > suffix.size() &&
-      id.compare(id.size() - suffix.size(), suffix.size(), suffix) == 0)
-    id.resize(id.size() - suffix.size());
-  add(id);
-  if (id.empty() || id.find('/') != std::string::npos)
-    return names;
-  auto info = GObjectPtr<GDesktopAppInfo>::adopt(g_desktop_app_info_new((id + suffix).c_str()));
-  if (info) {
-    add(Text(g_desktop_app_info_get_startup_wm_class(info.get())));
-    std::string executable = Text(g_app_info_get_executable(G_APP_INFO(info.get())));
-    add(fs::path(executable).filename().string());
-  }
-  return names;
-}
 
 std::optional<std::vector<WindowInfo>> WnckWindows::windowsOfPid(int pid) {
   WnckScreen* screen = UpdatedScreen();
@@ -142,7 +105,7 @@ std::optional<WindowInfo> WnckWindows::window(unsigned long id) {
   WnckWindow* window = FindWindow(id);
   if (!window)
     return std::nullopt;
-  return Describe(window, PrimaryMonitorX11());
+  return Describe(window, PrimaryMonitorTopLeft());
 }
 
 bool WnckWindows::setFrame(unsigned long id, const Rect& frame) {
@@ -156,7 +119,7 @@ bool WnckWindows::setFrame(unsigned long id, const Rect& frame) {
   if (wnck_window_is_maximized(window) || wnck_window_is_maximized_horizontally(window) ||
       wnck_window_is_maximized_vertically(window))
     wnck_window_unmaximize(window);
-  Rect x11 = X11RectFromDesktop(frame, PrimaryMonitorX11());
+  Rect x11 = TopLeftRectFromDesktop(frame, PrimaryMonitorTopLeft());
   int x = int(std::lround(x11.x)), y = int(std::lround(x11.y));
   int width = std::max(1, int(std::lround(x11.width)));
   int height = std::max(1, int(std::lround(x11.height)));
@@ -201,12 +164,13 @@ std::vector<int> WnckWindows::pidsOfApplication(const std::string& name) {
   std::vector<std::string> names = ApplicationNames(name);
   auto known = [&](const std::string& candidate) {
     return !candidate.empty() &&
-           std::find(names.begin(), names.end(), Lower(candidate)) != names.end();
+           std::find(names.begin(), names.end(), LowerAscii(candidate)) != names.end();
   };
   for (const auto& window : normalWindows()) {
     if (window.pid <= 0 || std::find(pids.begin(), pids.end(), window.pid) != pids.end())
       continue;
-    if (known(window.wm_instance) || known(window.wm_class) || known(ExecutableName(window.pid)))
+    if (known(window.wm_instance) || known(window.wm_class) ||
+        known(ExecutableNameOfPid(window.pid)))
       pids.push_back(window.pid);
   }
   return pids;

@@ -17,9 +17,4 @@ public:
   std::vector<std::string> documentsOfPid(int pid) override;
 };
 
-// The names a running application may go by, for a desktop-file id or a
-// WM_CLASS part: the name itself, the id without ".desktop", the desktop
-// file's StartupWMClass and its executable's file name. Lower-case.
-std::vector<std::string> ApplicationNames(const std::string& name);
-
 } // namespace orvane

@@ -1,7 +1,7 @@
 #include "desktop/x11/X11FrontWindows.h"
 
 #include "base/Text.h"
-#include "desktop/x11/X11Screens.h"
+#include "desktop/session/GdkScreens.h"
 #include "desktop/x11/XSelectionReader.h"
 
 #include <X11/Xatom.h>
@@ -172,7 +172,7 @@ std::optional<FrontWindow> X11FrontWindows::frontWindow() const {
     if (found.title.empty())
       found.title = LegacyTitle(display, window);
     if (std::optional<Rect> frame = OuterFrame(display, window))
-      found.frame = DesktopRectFromX11(*frame, PrimaryMonitorX11());
+      found.frame = DesktopRectFromTopLeft(*frame, PrimaryMonitorTopLeft());
     front = std::move(found);
   }
   if (gdk_x11_display_error_trap_pop(gdk_display) != 0)

@@ -5,7 +5,7 @@
 #pragma once
 
 #include "desktop/Selections.h"
-#include "desktop/x11/KeptClipboard.h"
+#include "desktop/session/KeptClipboard.h"
 
 #include <memory>
 

@@ -6,7 +6,7 @@
 // apart and hands no error of theirs to GDK.
 #pragma once
 
-#include "desktop/x11/KeptClipboard.h"
+#include "desktop/session/KeptClipboard.h"
 
 #include <X11/Xlib.h>
 #include <atomic>

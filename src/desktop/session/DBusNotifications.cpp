@@ -1,4 +1,4 @@
-#include "desktop/x11/DBusNotifications.h"
+#include "desktop/session/DBusNotifications.h"
 
 #include "base/SparLog.h"
 #include "base/Text.h"

@@ -1,7 +1,7 @@
-#include "desktop/x11/GioWorkspace.h"
+#include "desktop/session/GioWorkspace.h"
 
 #include "base/GObjectPtr.h"
-#include "desktop/x11/GioApps.h"
+#include "desktop/session/GioApps.h"
 
 #include <gio/gio.h>
 

@@ -1,4 +1,4 @@
-#include "desktop/x11/X11Screens.h"
+#include "desktop/session/GdkScreens.h"
 
 #include <gdk/gdk.h>
 
@@ -10,21 +10,21 @@ Rect FromGdk(const GdkRectangle& r) {
 }
 } // namespace
 
-Rect DesktopRectFromX11(const Rect& x11, const Rect& primary) {
-  return {x11.x - primary.x, primary.y + primary.height - (x11.y + x11.height), x11.width,
-          x11.height};
+Rect DesktopRectFromTopLeft(const Rect& top_left, const Rect& primary) {
+  return {top_left.x - primary.x, primary.y + primary.height - (top_left.y + top_left.height),
+          top_left.width, top_left.height};
 }
 
-Rect X11RectFromDesktop(const Rect& desktop, const Rect& primary) {
+Rect TopLeftRectFromDesktop(const Rect& desktop, const Rect& primary) {
   return {desktop.x + primary.x, primary.y + primary.height - (desktop.y + desktop.height),
           desktop.width, desktop.height};
 }
 
-Point DesktopPointFromX11(Point x11, const Rect& primary) {
-  return {x11.x - primary.x, primary.y + primary.height - x11.y};
+Point DesktopPointFromTopLeft(Point top_left, const Rect& primary) {
+  return {top_left.x - primary.x, primary.y + primary.height - top_left.y};
 }
 
-Rect PrimaryMonitorX11() {
+Rect PrimaryMonitorTopLeft() {
   GdkDisplay* display = gdk_display_get_default();
   if (!display || gdk_display_get_n_monitors(display) < 1)
     return {};
@@ -33,25 +33,25 @@ Rect PrimaryMonitorX11() {
   return FromGdk(geometry);
 }
 
-std::vector<Screen> X11Screens::screens() const {
+std::vector<Screen> GdkScreens::screens() const {
   std::vector<Screen> result;
   GdkDisplay* display = gdk_display_get_default();
   if (!display)
     return result;
   int count = gdk_display_get_n_monitors(display);
-  Rect primary = PrimaryMonitorX11();
+  Rect primary = PrimaryMonitorTopLeft();
   for (int i = 0; i < count; ++i) {
     GdkMonitor* monitor = gdk_display_get_monitor(display, i);
     GdkRectangle geometry, workarea;
     gdk_monitor_get_geometry(monitor, &geometry);
     gdk_monitor_get_workarea(monitor, &workarea);
-    result.push_back(Screen{i, DesktopRectFromX11(FromGdk(geometry), primary),
-                            DesktopRectFromX11(FromGdk(workarea), primary)});
+    result.push_back(Screen{i, DesktopRectFromTopLeft(FromGdk(geometry), primary),
+                            DesktopRectFromTopLeft(FromGdk(workarea), primary)});
   }
   return result;
 }
 
-Point X11Screens::mouseLocation() const {
+Point GdkScreens::mouseLocation() const {
   GdkDisplay* display = gdk_display_get_default();
   if (!display)
     return {};
@@ -61,7 +61,7 @@ Point X11Screens::mouseLocation() const {
     return {};
   int x = 0, y = 0;
   gdk_device_get_position(pointer, nullptr, &x, &y);
-  return DesktopPointFromX11({double(x), double(y)}, PrimaryMonitorX11());
+  return DesktopPointFromTopLeft({double(x), double(y)}, PrimaryMonitorTopLeft());
 }
 
 } // namespace orvane

@@ -1,4 +1,4 @@
-#include "desktop/x11/GioApps.h"
+#include "desktop/session/GioApps.h"
 
 #include "base/Settings.h"
 

@@ -1,4 +1,4 @@
-#include "desktop/x11/DBusActivation.h"
+#include "desktop/session/DBusActivation.h"
 
 #include "base/GObjectPtr.h"
 

@@ -1,4 +1,4 @@
-#include "desktop/x11/DBusMessageBus.h"
+#include "desktop/session/DBusMessageBus.h"
 
 namespace orvane {
 

@@ -1,4 +1,4 @@
-#include "desktop/x11/GLibScheduler.h"
+#include "desktop/session/GLibScheduler.h"
 
 #include <cmath>
 

@@ -1,4 +1,4 @@
-#include "desktop/x11/RunningInstance.h"
+#include "desktop/session/RunningInstance.h"
 
 #include "base/BuildInfo.h"
 #include "base/GObjectPtr.h"

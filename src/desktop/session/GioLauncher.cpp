@@ -1,8 +1,8 @@
-#include "desktop/x11/GioLauncher.h"
+#include "desktop/session/GioLauncher.h"
 
 #include "base/GObjectPtr.h"
-#include "desktop/x11/GioApps.h"
-#include "desktop/x11/RunningInstance.h"
+#include "desktop/session/GioApps.h"
+#include "desktop/session/RunningInstance.h"
 
 #include <gio/gdesktopappinfo.h>
 #include <memory>

@@ -1,4 +1,4 @@
-#include "desktop/x11/KeptClipboard.h"
+#include "desktop/session/KeptClipboard.h"
 
 #include <charconv>
 

@@ -30,6 +30,13 @@ import pytest
 
 sys.path.insert(0, str(Path(__file__).resolve().parent))
 
+from harness import (  # noqa: E402
+    WaitTimeout,
+    process_cmdline,
+    reap_orphans,
+    terminate_pids,
+    wait_until,
+)
 from wayland_harness import (  # noqa: E402
     APP_ID,
     AppScope,
@@ -85,8 +92,26 @@ def mutter_session(request):
 def app_scope():
     scope = AppScope(APP_ID).create()
     yield scope
+    # What ran in the scope has been ended by the fixtures that started it;
+    # their children may still be on their way out (and exited ones reaped).
+    def emptied():
+        reap_orphans()
+        return not scope.pids()
+    if not _wait_quietly(emptied, 10):
+        left = [(pid, process_cmdline(pid)) for pid in scope.pids()]
+        terminate_pids(pid for pid, _ in left)
+        warnings.warn(f"processes left in {scope.unit} had to be ended: {left}")
+        reap_orphans()
     if not scope.remove():
         warnings.warn(f"{scope.unit} still held processes {scope.pids()} and was left in place")
+
+
+def _wait_quietly(condition, timeout: float) -> bool:
+    try:
+        wait_until(condition, timeout, what="the app scope to empty")
+        return True
+    except WaitTimeout:
+        return False
 
 
 class WaylandClients:

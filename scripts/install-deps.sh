@@ -10,6 +10,9 @@ packages=(
   nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev
   libkeybinder-3.0-dev libxtst-dev libxres-dev libxfixes-dev libpoppler-glib-dev
   libwnck-3-dev libsodium-dev libarchive-dev
+  # Wayland selections: libwayland-client, wayland-scanner for the generated
+  # protocol code, KWin's protocol files (fake-input)
+  libwayland-dev libwayland-bin plasma-wayland-protocols
   # Wayland sessions: the quick panel as a layer-shell surface
   libgtk-layer-shell-dev
   # releases (scripts/make-release.sh: dpkg-shlibdeps from dpkg-dev, objdump
@@ -29,6 +32,7 @@ packages=(
   # tests
   python3-pytest python3-gi gir1.2-webkit2-4.1 fonts-dejavu-extra xvfb xauth openbox xdotool x11-utils x11-xserver-utils
   xterm xclip zathura zathura-pdf-poppler
+  kwin-wayland wl-clipboard gir1.2-gtk-3.0
   imagemagick fonts-dejavu-core at-spi2-core
   # two-monitor end-to-end tests: Xorg with the dummy video driver
   xserver-xorg-core xserver-xorg-video-dummy

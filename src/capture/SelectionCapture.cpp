@@ -112,11 +112,16 @@ CapturedSelection CaptureSelection(const std::optional<FrontWindow>& front,
     SparLog("capture: no Accessibility permission");
     return {};
   }
-  // The direct read: PRIMARY is the selection of the window that owns it.
+  // The direct read: PRIMARY is the selection of the window that owns it
+  // (of the window in front, where the desktop does not tell the owner).
   // Any text from it, even none, is the answer.
   if (front && front->pid > 0) {
-    std::optional<int> owner = seams.selections.primaryOwnerPid();
-    if (owner && *owner == front->pid) {
+    bool front_owns_primary = !seams.selections.tellsPrimaryOwner();
+    if (!front_owns_primary) {
+      std::optional<int> owner = seams.selections.primaryOwnerPid();
+      front_owns_primary = owner && *owner == front->pid;
+    }
+    if (front_owns_primary) {
       if (std::optional<std::string> primary = seams.selections.primaryText())
         return {NonEmpty(std::move(primary)), false};
     }

@@ -3,6 +3,8 @@
 #include "base/GObjectPtr.h"
 #include "base/Settings.h"
 #include "base/Text.h"
+#include "desktop/kwin/KWinBackend.h"
+#include "desktop/session/BusNames.h"
 #include "desktop/wayland/WaylandWithoutMeans.h"
 #include "desktop/x11/ClipboardServer.h"
 #include "desktop/x11/X11Backend.h"
@@ -53,24 +55,6 @@ bool IsWaylandSession(const SessionFacts& facts) {
   return !facts.wayland_display.empty();
 }
 
-bool BusNameHasOwner(const char* name) {
-  GErrorPtr error;
-  auto bus =
-      GObjectPtr<GDBusConnection>::adopt(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, error.out()));
-  if (!bus)
-    return false;
-  GVariant* reply = g_dbus_connection_call_sync(
-      bus.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-      "NameHasOwner", g_variant_new("(s)", name), G_VARIANT_TYPE("(b)"),
-      G_DBUS_CALL_FLAGS_NO_AUTO_START, 2000, nullptr, nullptr);
-  if (!reply)
-    return false;
-  gboolean has_owner = FALSE;
-  g_variant_get(reply, "(b)", &has_owner);
-  g_variant_unref(reply);
-  return has_owner;
-}
-
 } // namespace
 
 DesktopChoice ChooseDesktop(const SessionFacts& facts, const std::string& setting) {
@@ -108,8 +92,11 @@ SessionFacts ReadSessionFacts() {
   facts.x_display = Variable("DISPLAY");
   facts.session_type = Variable("XDG_SESSION_TYPE");
   facts.current_desktop = Variable("XDG_CURRENT_DESKTOP");
-  if (!facts.wayland_display.empty() && NamesDesktop(facts.current_desktop, "KDE"))
-    facts.kwin_answers = BusNameHasOwner("org.kde.KWin");
+  if (!facts.wayland_display.empty()) {
+    auto bus =
+        GObjectPtr<GDBusConnection>::adopt(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
+    facts.kwin_answers = BusNameHasOwner(bus.get(), "org.kde.KWin", 2000);
+  }
   return facts;
 }
 
@@ -133,10 +120,7 @@ std::unique_ptr<DesktopBackend> MakeDesktopBackend(const DesktopChoice& choice) 
   case DesktopKind::kX11:
     return std::make_unique<X11Backend>();
   case DesktopKind::kKWin:
-    // The KWin backend's means are not wired yet: Orvane's own windows work
-    // natively (the panel as a layer-shell surface), and the launch says
-    // what is missing.
-    return std::make_unique<WaylandWithoutMeans>(choice.desktop_name, /*layer_shell=*/true);
+    return std::make_unique<KWinBackend>();
   case DesktopKind::kWaylandWithoutMeans:
     break;
   }

@@ -41,7 +41,7 @@ inline constexpr char kDesktopSettingKey[] = "Desktop";
 DesktopChoice ChooseDesktop(const SessionFacts& facts, const std::string& setting);
 
 // The facts of this process's session; asks the session bus whether KWin
-// answers only when the session says it is KDE on Wayland.
+// answers only on a Wayland session.
 SessionFacts ReadSessionFacts();
 
 // Reads the facts and the setting, chooses, and limits GDK to the backend

@@ -28,6 +28,10 @@ public:
   // The process that owns PRIMARY (XRes), or nothing when nobody owns it or
   // the owner's process cannot be told.
   virtual std::optional<int> primaryOwnerPid() = 0;
+  // Whether the desktop tells PRIMARY's owner at all. Where it does not
+  // (Wayland gives no client another's pid), PRIMARY counts as the
+  // selection of the application in front.
+  virtual bool tellsPrimaryOwner() const { return true; }
   // PRIMARY as UTF-8 text: "" when its owner answers with empty text,
   // nothing when it has no owner or gives no text.
   virtual std::optional<std::string> primaryText() = 0;

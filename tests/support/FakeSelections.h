@@ -33,11 +33,14 @@ public:
   std::vector<ClipboardContents> restores;
   std::vector<std::chrono::milliseconds> pauses;
   int primary_reads = 0;
+  // False for a desktop that never tells PRIMARY's owner (Wayland).
+  bool tells_primary_owner = true;
   int keep_after_exit_calls = 0;
   // Runs at each pause, as the main loop does while the real seam waits.
   std::function<void()> on_pause;
 
   std::optional<int> primaryOwnerPid() override { return primary_owner_pid; }
+  bool tellsPrimaryOwner() const override { return tells_primary_owner; }
   std::optional<std::string> primaryText() override {
     ++primary_reads;
     return primary_text;

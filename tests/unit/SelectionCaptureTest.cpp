@@ -112,6 +112,36 @@ TEST_F(SelectionCaptureTest, WindowWithUnknownPidNeverReadsPrimary) {
   EXPECT_EQ(selections.primary_reads, 0);
 }
 
+TEST_F(SelectionCaptureTest, WhereTheOwnerIsNeverToldPrimaryIsTheFrontWindowsSelection) {
+  selections.tells_primary_owner = false;
+  selections.primary_owner_pid = std::nullopt;
+  selections.primary_text = "selected in the window in front";
+  selections.copy_puts = FakeSelections::TextContents("must not be copied");
+  EXPECT_EQ(capture().text, "selected in the window in front");
+  EXPECT_TRUE(selections.chords_sent.empty());
+  EXPECT_EQ(selections.primary_reads, 1);
+}
+
+TEST_F(SelectionCaptureTest, WhereTheOwnerIsNeverToldNoPrimaryTextGetsTheCopy) {
+  selections.tells_primary_owner = false;
+  selections.primary_text = std::nullopt;
+  selections.clipboard = kUserClipboard;
+  selections.copy_puts = FakeSelections::TextContents("copied");
+  EXPECT_EQ(capture().text, "copied");
+  EXPECT_EQ(selections.chords_sent.size(), 1u);
+  ASSERT_EQ(selections.restores.size(), 1u);
+  EXPECT_EQ(selections.restores[0], kUserClipboard);
+}
+
+TEST_F(SelectionCaptureTest, WhereTheOwnerIsNeverToldAWindowWithoutPidNeverReadsPrimary) {
+  selections.tells_primary_owner = false;
+  windows.front->pid = 0;
+  selections.primary_text = "not this window's";
+  selections.copy_puts = FakeSelections::TextContents("copied");
+  EXPECT_EQ(capture().text, "copied");
+  EXPECT_EQ(selections.primary_reads, 0);
+}
+
 TEST_F(SelectionCaptureTest, CopyOfOnlyAnImageGivesNothingYetTheClipboardIsWrittenBack) {
   selections.clipboard = kUserClipboard;
   selections.copy_puts = ClipboardContents{{"image/png", "\x89PNG pixels"}};

@@ -67,8 +67,8 @@ public:
 
 } // namespace
 
-WaylandWithoutMeans::WaylandWithoutMeans(std::string desktop_name, bool layer_shell)
-    : desktop_name_(std::move(desktop_name)), layer_shell_(layer_shell) {}
+WaylandWithoutMeans::WaylandWithoutMeans(std::string desktop_name)
+    : desktop_name_(std::move(desktop_name)) {}
 
 std::string WaylandWithoutMeans::description() const {
   return desktop_name_ + " (Wayland) — no backend";
@@ -99,9 +99,8 @@ std::unique_ptr<Windows> WaylandWithoutMeans::makeWindows() {
 }
 
 std::unique_ptr<OwnWindows> WaylandWithoutMeans::makeOwnWindows() {
-  if (layer_shell_)
-    return std::make_unique<LayerShellPanels>(std::make_unique<GtkOwnWindows>());
-  return std::make_unique<GtkOwnWindows>();
+  // The panel is a layer-shell surface where the compositor offers one.
+  return std::make_unique<LayerShellPanels>(std::make_unique<GtkOwnWindows>());
 }
 
 } // namespace orvane

@@ -11,9 +11,8 @@ namespace orvane {
 
 class WaylandWithoutMeans final : public DesktopBackend {
 public:
-  // `desktop_name`: "GNOME", "sway", "KDE Plasma" …; `layer_shell`: the
-  // compositor is known to offer layer-shell for the panel.
-  explicit WaylandWithoutMeans(std::string desktop_name, bool layer_shell = false);
+  // `desktop_name`: "GNOME", "sway", "KDE Plasma" …
+  explicit WaylandWithoutMeans(std::string desktop_name);
 
   std::string description() const override;
   bool lacksMeans() const override { return true; }
@@ -27,7 +26,6 @@ public:
 
 private:
   std::string desktop_name_;
-  bool layer_shell_;
 };
 
 } // namespace orvane

@@ -1,5 +1,6 @@
 #include "desktop/x11/X11Selections.h"
 
+#include "base/MainThread.h"
 #include "base/SparLog.h"
 #include "base/Text.h"
 #include "desktop/x11/ClipboardServer.h"
@@ -114,27 +115,6 @@ SavedClipboard SaveClipboardTargets(XSelectionReader& reader, const X11Selection
     saved.targets.push_back({name, answer->type, answer->format, std::move(answer->bytes)});
   }
   return saved;
-}
-
-// Runs the thread-default main context for a while: the waits of the copy
-// chord leave the main loop free.
-void RunMainContextFor(std::chrono::milliseconds duration) {
-  GMainContext* context = g_main_context_ref_thread_default();
-  bool done = false;
-  GSource* timer = g_timeout_source_new(guint(std::max<long long>(duration.count(), 0)));
-  g_source_set_callback(
-      timer,
-      [](gpointer data) -> gboolean {
-        *static_cast<bool*>(data) = true;
-        return G_SOURCE_REMOVE;
-      },
-      &done, nullptr);
-  g_source_attach(timer, context);
-  while (!done)
-    g_main_context_iteration(context, TRUE);
-  g_source_destroy(timer);
-  g_source_unref(timer);
-  g_main_context_unref(context);
 }
 
 std::string OwnExecutable() {

@@ -1,0 +1,59 @@
+// The desktop on KDE Plasma's Wayland session: global hotkeys through the
+// GlobalShortcuts portal, other windows, the screens and the pointer through
+// KWin's scripting, selections through data-control and KWin's fake-input,
+// the quick panel as a layer-shell surface.
+#pragma once
+
+#include "base/GObjectPtr.h"
+#include "desktop/DesktopBackend.h"
+
+#include <gio/gio.h>
+#include <memory>
+
+namespace orvane {
+
+class KWinScripting;
+class KWinWindows;
+
+// What the KWin backend needs from the session, each checked when asked.
+struct KWinMeans {
+  bool kwin_scripting = false;   // org.kde.KWin answers on the session bus
+  bool global_shortcuts = false; // the portal offers GlobalShortcuts
+  bool data_control = false;     // the compositor offers data-control
+};
+
+// Trusted only with every means; otherwise says which are missing.
+class KWinAccessibility final : public Accessibility {
+public:
+  explicit KWinAccessibility(std::function<KWinMeans()> check) : check_(std::move(check)) {}
+  bool isTrusted() const override;
+  std::string reasonNotTrusted() const override;
+
+private:
+  std::function<KWinMeans()> check_;
+};
+
+class KWinBackend final : public DesktopBackend {
+public:
+  KWinBackend();
+  ~KWinBackend() override;
+
+  std::string description() const override { return "KDE Plasma (Wayland)"; }
+  std::unique_ptr<Screens> makeScreens() override;
+  std::unique_ptr<Accessibility> makeAccessibility() override;
+  std::unique_ptr<Hotkeys> makeHotkeys() override;
+  std::unique_ptr<FrontWindows> makeFrontWindows() override;
+  std::unique_ptr<Selections> makeSelections() override;
+  std::unique_ptr<Windows> makeWindows() override;
+  std::unique_ptr<OwnWindows> makeOwnWindows() override;
+
+private:
+  KWinMeans checkMeans() const;
+
+  GObjectPtr<GDBusConnection> bus_;
+  std::unique_ptr<KWinScripting> scripting_;
+  // The window list Orvane's own windows are found and placed through.
+  std::unique_ptr<KWinWindows> own_window_list_;
+};
+
+} // namespace orvane

@@ -1,13 +1,15 @@
-"""Orvane on the Wayland test sessions: on KWin it runs in its app scope and
-chooses KDE Plasma; on mutter, a Wayland desktop it has no backend for, it
-says what it cannot do (not trusted, every hotkey FAILED, one notification
-with the way out) and the library still loads the site."""
+"""Orvane on the Wayland test sessions: on KWin it runs in its app scope,
+chooses its KDE Plasma backend, is trusted and binds its hotkeys through the
+portal; on mutter, a Wayland desktop it has no backend for, it says what it
+cannot do (not trusted, every hotkey FAILED, one notification with the way
+out) and the library still loads the site."""
 
 from __future__ import annotations
 
-import pytest
+import re
+import urllib.parse
 
-from harness import NotificationService, holds_for
+from harness import NotificationService, holds_for, wait_until
 from wayland_harness import APP_ID
 
 NOT_TRUSTED = "accessibility trusted: NO \u2014 selection capture and Preview tiling are off until granted"
@@ -42,16 +44,14 @@ def test_orvane_on_kwin_chooses_kde_plasma_wayland(kwin_session, wayland_orvane,
     site.wait_for_load("/")
 
 
-@pytest.mark.xfail(strict=True, reason=(
-    "MakeDesktopBackend still gives the KWin choice the backend without means (the KWin "
-    "classes are not wired in yet): the log says \"desktop: KDE Plasma (Wayland) \u2014 no "
-    "backend\" and every hotkey FAILED. Remove this mark once the KWin backend is wired."))
 def test_orvane_on_kwin_says_kde_plasma_wayland_and_binds_its_hotkeys_through_the_portal(
         kwin_session, wayland_orvane, site):
     orvane = wayland_orvane(kwin_session, AppURL=site.url)
     lines = _start_lines(orvane.home)
-    assert lines[3:] == ["desktop: KDE Plasma (Wayland)"], lines
-    assert lines[2] == HOTKEYS_REGISTERED, lines
+    assert lines[1:] == ["accessibility trusted: YES", HOTKEYS_REGISTERED,
+                         "desktop: KDE Plasma (Wayland)"], lines
+    # The portal registered them for Orvane's app id (from its scope).
+    assert any(c.startswith("/component/com_tarnwick_orvane") for c in kwin_session.shortcut_components())
 
 
 def test_orvane_on_mutter_is_truthful_and_the_library_still_loads_the_site(
@@ -78,3 +78,31 @@ def test_orvane_on_mutter_is_truthful_and_the_library_still_loads_the_site(
         assert orvane.running()
     finally:
         notifications.stop()
+
+
+def test_alt_b_over_a_native_window_opens_the_panel_on_its_selection_and_the_window_never_sees_the_b(
+        kwin_session, wayland_orvane, wayland_clients, site):
+    sink = wayland_clients.script_sink(kwin_session)
+    orvane = wayland_orvane(kwin_session, AppURL=site.url)
+    orvane.home.wait_for_log("desktop: KDE Plasma (Wayland)", timeout=30)
+    # Orvane's library window is up first, so the native window, opened
+    # after it, is the one in front.
+    site.wait_for_load("/", timeout=30)
+    native = wayland_clients.native_window(kwin_session, text="native selected words")
+    wait_until(lambda: (kwin_session.active_window(sink) or {}).get("pid") == native.pid,
+               what="the native window to be KWin's active window")
+
+    kwin_session.press("alt+b")
+    # The selection came from the native window's PRIMARY, through the portal
+    # hotkey, and the panel opened on it.
+    load = site.wait_for_load(lambda r: "add=" in urllib.parse.urlsplit(r.href).query, timeout=30)
+    assert urllib.parse.parse_qs(urllib.parse.urlsplit(load.href).query)["add"] == ["native selected words"]
+    orvane.home.wait_for_log("hotkey: 21 chars from orvane-e2e-native")
+    orvane.home.wait_for_log(lambda m: m.startswith("panel shown:"))
+    # Centred on the output the native window is on (the first, 1600 x 1000).
+    placed = next(m for m in orvane.home.log_messages() if m.startswith("panel placed:"))
+    x, y, w, h = map(int, re.search(r"got \{\{(-?\d+), (-?\d+)\}, \{(\d+), (\d+)\}\}", placed).groups())
+    assert (x + w // 2, y + h // 2) == (800, 500), placed
+    # The window in front was getting keys (it saw the Alt), but not the B.
+    assert "Alt_L" in native.key_names()
+    assert holds_for(lambda: not {"b", "B"} & set(native.key_names()), 0.5), native.key_names()

@@ -139,6 +139,16 @@ class KWinTestSession(_SessionDesktop, KWinSession):
         report["value"] = json.loads(report["text"])
         return report
 
+    def active_window(self, sink: "ScriptSink") -> dict[str, Any] | None:
+        """KWin's active window: {"pid", "caption", "resourceClass"}, or None."""
+        return self.run_script("""
+            var c = workspace.activeClient;
+            callDBus("org.tarnwick.OrvaneE2E.ScriptSink", "/ScriptSink",
+                     "org.tarnwick.OrvaneE2E.ScriptSink", "Report",
+                     JSON.stringify(c ? {pid: c.pid, caption: c.caption,
+                                         resourceClass: String(c.resourceClass)} : null));
+        """, sink)["value"]
+
     def shortcut_components(self) -> list[str]:
         """kglobalaccel's components (object paths under /component)."""
         out = self.run_tool("gdbus", "call", "--session", "--dest", "org.kde.kglobalaccel",

@@ -36,6 +36,13 @@ packages=(
   imagemagick fonts-dejavu-core at-spi2-core
   # two-monitor end-to-end tests: Xorg with the dummy video driver
   xserver-xorg-core xserver-xorg-video-dummy
+  # Wayland end-to-end tests (tests/wayland, tests/e2e/wayland): headless KWin
+  # with XWayland and the desktop portals (the KDE portal needs Qt's Wayland
+  # platform, which it only recommends), headless mutter, and KWin's
+  # fake-input protocol for the key presser (wayland-scanner from
+  # libwayland-bin); wl-clipboard reads the selections
+  kwin-wayland xwayland xdg-desktop-portal xdg-desktop-portal-kde qtwayland5
+  mutter plasma-wayland-protocols libwayland-dev libwayland-bin wl-clipboard
 )
 
 # Commands that some machines have from elsewhere than Debian's packages (a

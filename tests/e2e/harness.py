@@ -1713,6 +1713,10 @@ class Orvane(_OwnProcess):
         self.binary = Path(binary) if binary else orvane_binary()
         self.proc: subprocess.Popen | None = None
         self.out_path = home.path.parent / f"orvane-{id(self):x}.out"
+        # A command that runs the binary (as its arguments) in place of a
+        # plain start: the Wayland tests start Orvane in an application scope
+        # through one that execs it, so the pid stays the same.
+        self.command_prefix: list[str] = []
 
     def _check_binary(self) -> None:
         if not self.binary.is_file() or not os.access(self.binary, os.X_OK):
@@ -1729,7 +1733,7 @@ class Orvane(_OwnProcess):
         out = open(self.out_path, "ab")
         try:
             self.proc = subprocess.Popen(
-                [str(self.binary), *self.args],
+                [*self.command_prefix, str(self.binary), *self.args],
                 env=self.home.env(),
                 cwd=self.home.path,
                 stdin=subprocess.DEVNULL,

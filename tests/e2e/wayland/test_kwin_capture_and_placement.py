@@ -17,6 +17,8 @@ import json
 import subprocess
 import urllib.parse
 
+import pytest
+
 from harness import _gvariant_string, holds_for, text_pdf
 from kwin_scenarios import (  # noqa: F401  (kwin_extras is a fixture)
     COPY_WINDOW,
@@ -118,6 +120,9 @@ def test_alt_b_over_a_native_window_opens_the_panel_on_its_output_with_the_selec
     messages = home.log_messages()
     hotkey_line = messages.index(f"hotkey: {len(AWKWARD)} chars from {NATIVE_CLASS}")
     assert messages[hotkey_line + 1] == f"panel opens with a {len(AWKWARD)}-char selection"
+    # One page load and one showing for the press.
+    assert holds_for(lambda: len(site.loads()) == 2, 1.0), site.describe()
+    assert sum(m.startswith("panel shown:") for m in home.log_messages()) == 1
 
     # The panel: Orvane's new surface, centred on the native window's output
     # as KWin has it, and the active one (it has the keyboard).
@@ -142,9 +147,14 @@ def test_alt_b_over_a_native_window_opens_the_panel_on_its_output_with_the_selec
 # the copy fallback
 
 
-def test_a_native_window_without_primary_gets_one_ctrl_c_and_the_clipboards_mime_types_come_back(
-        kwin_session, wayland_orvane, wayland_clients, kwin_extras, site):
+@pytest.mark.parametrize("primary", ["empty", "an image"])
+def test_a_native_window_without_primary_text_gets_one_ctrl_c_and_the_clipboards_mime_types_come_back(
+        kwin_session, wayland_orvane, wayland_clients, kwin_extras, site, primary):
     orvane, library, kwin, _ = started(kwin_session, wayland_orvane, site, wayland_clients)
+    if primary == "an image":
+        # PRIMARY counts as the front window's selection on KWin; one that
+        # holds no text leaves the copy to get the text out.
+        kwin_extras.selection_owner(kwin_session, {"image/png": png_bytes()}, primary=True)
     rich = {
         "text/plain;charset=utf-8": "what the user had copied \u00e9 \U0001f600".encode("utf-8"),
         "text/html": b"<p>what the <b>user</b> had copied</p>\x00\xff",
@@ -268,6 +278,7 @@ def test_the_viewer_split_puts_native_zathura_left_and_the_chat_right(
     left = (screen[0], screen[1], screen[2] // 2, screen[3])
     right = (screen[0] + screen[2] // 2, screen[1], screen[2] // 2, screen[3])
     assert line.startswith(f"split: preview=placed raise=ok, chat asked {as_logged(right)} got "), line
+    assert any(m.startswith("split: looking for pid ") for m in home.log_messages())
 
     def viewer():
         return next((w for w in kwin.windows() if w["caption"] == "paper.pdf" and w["pid"] != orvane.pid), None)

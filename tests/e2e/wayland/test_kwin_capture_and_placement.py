@@ -19,7 +19,7 @@ import urllib.parse
 
 import pytest
 
-from harness import _gvariant_string, holds_for, text_pdf
+from harness import WaitTimeout, _gvariant_string, holds_for, text_pdf
 from kwin_scenarios import (  # noqa: F401  (kwin_extras is a fixture)
     COPY_WINDOW,
     KWinView,
@@ -80,6 +80,19 @@ def keys_on(site, page: str) -> list[str]:
 
 def other_windows(kwin, pid: int, known_ids) -> list[dict]:
     return [w for w in kwin.windows_of(pid) if w["id"] not in known_ids]
+
+
+def wait_for_value(read, expected, what: str) -> None:
+    """Waits until read() gives `expected`; a time-out says what it gave last."""
+    seen = []
+
+    def there():
+        seen[:] = [read()]
+        return seen[0] == expected
+    try:
+        wait_until(there, what=f"{what} at {expected}")
+    except WaitTimeout as exc:
+        raise AssertionError(f"{exc}; it is at {seen[0] if seen else None}") from None
 
 
 def read_clipboard(session, mime: str) -> bytes | None:
@@ -232,8 +245,7 @@ def test_a_place_request_moves_a_native_applications_window_onto_the_second_outp
     window = kwin.wait_window_of(pid, "Placed window", what="the placed window in KWin's list")
     size = tuple(window["frame"][2:])
     expected = centred(screens[1], size)
-    wait_until(lambda: kwin.frame_of(pid, "Placed window") == expected,
-               what=f"the window centred on output 2 at {expected} (it is at {kwin.frame_of(pid)})")
+    wait_for_value(lambda: kwin.frame_of(pid, "Placed window"), expected, "the window centred on output 2")
     assert line == f"place: pid {pid} window to {as_logged(expected)}: placed (attempt {line.rsplit(' ', 1)[1]}"
     # Raised: KWin made it the active window.
     wait_until(lambda: (kwin.active() or {}).get("pid") == pid, what="the placed window to be active")
@@ -282,13 +294,12 @@ def test_the_viewer_split_puts_native_zathura_left_and_the_chat_right(
 
     def viewer():
         return next((w for w in kwin.windows() if w["caption"] == "paper.pdf" and w["pid"] != orvane.pid), None)
-    wait_until(lambda: viewer() and tuple(viewer()["frame"]) == left,
-               what=f"zathura on the left half {left} (it is at {viewer()})")
+    wait_for_value(lambda: tuple(viewer()["frame"]) if viewer() else None, left, "zathura on the left half")
     assert viewer()["resourceClass"].lower() == "org.pwmt.zathura", viewer()
 
     def chat_frame():
         return next((tuple(w["frame"]) for w in kwin.windows() if w["id"] == chat["id"]), None)
-    wait_until(lambda: chat_frame() == right, what=f"the chat on the right half {right} (it is at {chat_frame()})")
+    wait_for_value(chat_frame, right, "the chat on the right half")
     got = line.split(" got ", 1)[1].rsplit(" (attempt ", 1)[0]
     assert got == as_logged(right), line
 

@@ -1,14 +1,67 @@
 #include "desktop/kwin/KWinOwnWindows.h"
 
 #include <cmath>
+#include <gdk/gdkwayland.h>
 #include <memory>
 #include <unistd.h>
+#include <wayland-client.h>
 
 namespace orvane {
 
 namespace {
 
 constexpr unsigned kFramePollMs = 40;
+// The longest a frame waits for the window's next commit.
+constexpr unsigned kCommitWaitMs = 300;
+
+// A frame waiting for the window's next frame to be committed and read by
+// the compositor. Whichever comes first ends it: the display sync after the
+// commit, or the time limit.
+struct PendingFrame {
+  std::weak_ptr<int> alive;
+  std::function<void()> apply;
+  GtkWindow* window = nullptr;    // a reference
+  GdkFrameClock* clock = nullptr; // a reference
+  gulong after_paint = 0;
+  guint timeout = 0;
+  wl_callback* sync = nullptr;
+};
+
+void FinishPendingFrame(PendingFrame* pending) {
+  std::unique_ptr<PendingFrame> done(pending);
+  if (done->after_paint)
+    g_signal_handler_disconnect(done->clock, done->after_paint);
+  if (done->timeout)
+    g_source_remove(done->timeout);
+  if (done->sync)
+    wl_callback_destroy(done->sync);
+  if (!done->alive.expired())
+    done->apply();
+  g_object_unref(done->clock);
+  g_object_unref(done->window);
+}
+
+void OnSyncDone(void* data, wl_callback* callback, uint32_t) {
+  auto* pending = static_cast<PendingFrame*>(data);
+  wl_callback_destroy(callback);
+  pending->sync = nullptr;
+  FinishPendingFrame(pending);
+}
+
+const wl_callback_listener kSyncListener = {OnSyncDone};
+
+// GDK commits the painted frame (with the window's new hints) in its own
+// "after-paint" handler, connected before this one; the sync that follows
+// is answered once the compositor has read that commit.
+void OnAfterPaint(GdkFrameClock* clock, gpointer data) {
+  auto* pending = static_cast<PendingFrame*>(data);
+  g_signal_handler_disconnect(clock, pending->after_paint);
+  pending->after_paint = 0;
+  wl_display* display = gdk_wayland_display_get_wl_display(gdk_display_get_default());
+  pending->sync = wl_display_sync(display);
+  wl_callback_add_listener(pending->sync, &kSyncListener, pending);
+  wl_display_flush(display);
+}
 
 bool SameFrame(const Rect& a, const Rect& b) {
   return std::fabs(a.x - b.x) <= 1 && std::fabs(a.y - b.y) <= 1 &&
@@ -48,6 +101,36 @@ Rect KWinOwnWindows::frame(GtkWindow* window) {
 }
 
 void KWinOwnWindows::setFrame(GtkWindow* window, const Rect& frame) {
+  GdkDisplay* display = gdk_display_get_default();
+  GdkWindow* gdk = gtk_widget_get_mapped(GTK_WIDGET(window))
+                       ? gtk_widget_get_window(GTK_WIDGET(window))
+                       : nullptr;
+  GdkFrameClock* clock = gdk ? gdk_window_get_frame_clock(gdk) : nullptr;
+  if (!clock || !display || !GDK_IS_WAYLAND_DISPLAY(display)) {
+    applyFrame(window, frame);
+    return;
+  }
+  auto* pending = new PendingFrame;
+  pending->alive = alive_;
+  pending->window = GTK_WINDOW(g_object_ref(window));
+  pending->clock = GDK_FRAME_CLOCK(g_object_ref(clock));
+  pending->apply = [this, window, frame] { applyFrame(window, frame); };
+  pending->after_paint = g_signal_connect(clock, "after-paint", G_CALLBACK(OnAfterPaint), pending);
+  pending->timeout = g_timeout_add(
+      kCommitWaitMs,
+      +[](gpointer data) -> gboolean {
+        auto* p = static_cast<PendingFrame*>(data);
+        p->timeout = 0;
+        FinishPendingFrame(p);
+        return G_SOURCE_REMOVE;
+      },
+      pending);
+  g_source_set_name_by_id(pending->timeout, "[orvane] own window frame after its commit");
+  // A frame is painted (and committed) even when nothing else changed.
+  gtk_widget_queue_draw(GTK_WIDGET(window));
+}
+
+void KWinOwnWindows::applyFrame(GtkWindow* window, const Rect& frame) {
   std::optional<WindowInfo> found = kwinWindowOf(window);
   if (!found || !windows_.setFrame(found->id, frame))
     gtk_.setFrame(window, frame);

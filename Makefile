@@ -57,13 +57,15 @@ package-check: build
 # Benchmarks print figures against floors measured in the same run.
 bench: build
 	@cmake --build $(BUILD_DIR) --target orvane_library_bench orvane_agent_bench \
-		orvane_agent_page_bench orvane_placement_bench
+		orvane_agent_page_bench orvane_placement_bench orvane_fake_keys
 	$(BUILD_DIR)/orvane_library_bench
 	$(BUILD_DIR)/orvane_placement_bench
 	$(BUILD_DIR)/orvane_agent_bench
 	NO_AT_BRIDGE=1 dbus-run-session -- xvfb-run -a $(BUILD_DIR)/orvane_agent_page_bench
 	ORVANE_BIN=$(abspath $(BUILD_DIR))/orvane /usr/bin/python3 bench/summon/summon_bench.py
 	ORVANE_BIN=$(abspath $(BUILD_DIR))/orvane /usr/bin/python3 bench/summon/hostile_clipboard_bench.py
+	ORVANE_BIN=$(abspath $(BUILD_DIR))/orvane ORVANE_FAKE_KEYS=$(abspath $(BUILD_DIR))/orvane_fake_keys \
+		/usr/bin/python3 bench/summon/summon_kwin_bench.py
 
 format:
 	clang-format -i $$(git ls-files 'src/*.cpp' 'src/*.h' 'tests/*.cpp' 'tests/*.h' 'bench/*.cpp')

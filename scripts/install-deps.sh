@@ -31,18 +31,17 @@ packages=(
   poppler-utils
   # tests
   python3-pytest python3-gi gir1.2-webkit2-4.1 fonts-dejavu-extra xvfb xauth openbox xdotool x11-utils x11-xserver-utils
-  xterm xclip zathura zathura-pdf-poppler
-  kwin-wayland wl-clipboard gir1.2-gtk-3.0
+  xterm xclip zathura zathura-pdf-poppler gir1.2-gtk-3.0
   imagemagick fonts-dejavu-core at-spi2-core
   # two-monitor end-to-end tests: Xorg with the dummy video driver
   xserver-xorg-core xserver-xorg-video-dummy
   # Wayland end-to-end tests (tests/wayland, tests/e2e/wayland): headless KWin
   # with XWayland and the desktop portals (the KDE portal needs Qt's Wayland
   # platform, which it only recommends), headless mutter, and KWin's
-  # fake-input protocol for the key presser (wayland-scanner from
-  # libwayland-bin); wl-clipboard reads the selections
+  # fake-input protocol for the key presser (above, with the build's);
+  # wl-clipboard reads the selections
   kwin-wayland xwayland xdg-desktop-portal xdg-desktop-portal-kde qtwayland5
-  mutter plasma-wayland-protocols libwayland-dev libwayland-bin wl-clipboard
+  mutter wl-clipboard
 )
 
 # Commands that some machines have from elsewhere than Debian's packages (a

@@ -2,6 +2,7 @@
  * KWin's fake-input protocol (org_kde_kwin_fake_input), for tests.
  *
  *   orvane_fake_keys [--delay-ms N] CHORD...
+ *   orvane_fake_keys --stdin
  *
  * A chord is keys joined by '+', pressed in order and released in reverse
  * order: "alt+b", "ctrl+a", "ctrl+shift+c", "b", "enter". Each argument is
@@ -14,6 +15,11 @@
  * client when it runs with KWIN_WAYLAND_NO_PERMISSION_CHECKS=1). Before it
  * exits the tool waits for a round trip, so KWin has handled every key (and
  * sent it on to the focused client) when it returns.
+ *
+ * With --stdin it reads one chord a line until the end of its input, and
+ * after each prints the time (epoch milliseconds) at which the chord's key
+ * presses were flushed to the compositor, for benchmarks that time what a
+ * key press sets off without the cost of starting a process.
  *
  * Exit status: 0 when every chord was sent, 1 when the compositor could not
  * be reached or does not offer fake-input, 2 for a bad command line. */
@@ -197,14 +203,47 @@ static void sleep_ms(long ms) {
 }
 
 static int usage(void) {
-  fprintf(stderr, "usage: orvane_fake_keys [--delay-ms N] CHORD...   (e.g. alt+b ctrl+shift+c)\n");
+  fprintf(stderr, "usage: orvane_fake_keys [--delay-ms N] CHORD...   (e.g. alt+b ctrl+shift+c)\n"
+                  "       orvane_fake_keys --stdin\n");
   return 2;
+}
+
+static double epoch_ms(void) {
+  struct timespec now;
+  clock_gettime(CLOCK_REALTIME, &now);
+  return (double)now.tv_sec * 1000.0 + (double)now.tv_nsec / 1e6;
+}
+
+/* Presses the chord's keys, flushes them, releases them and waits for a
+ * round trip; `pressed_ms` gets the time of the flush of the presses. */
+static bool send_chord(struct wl_display* display, struct org_kde_kwin_fake_input* fake_input,
+                       const struct chord* chord, double* pressed_ms) {
+  for (size_t k = 0; k < chord->count; ++k) {
+    org_kde_kwin_fake_input_keyboard_key(fake_input, chord->codes[k],
+                                         WL_KEYBOARD_KEY_STATE_PRESSED);
+  }
+  *pressed_ms = epoch_ms();
+  wl_display_flush(display);
+  for (size_t k = chord->count; k-- > 0;) {
+    org_kde_kwin_fake_input_keyboard_key(fake_input, chord->codes[k],
+                                         WL_KEYBOARD_KEY_STATE_RELEASED);
+  }
+  /* One round trip per chord: KWin has handled it before the next one
+   * (a client sees separate chords, not one mixed burst). */
+  if (wl_display_roundtrip(display) < 0) {
+    fprintf(stderr, "orvane_fake_keys: the compositor closed the connection\n");
+    return false;
+  }
+  return true;
 }
 
 int main(int argc, char** argv) {
   long delay_ms = 30;
   int first = 1;
-  if (argc > 2 && strcmp(argv[1], "--delay-ms") == 0) {
+  bool from_stdin = argc == 2 && strcmp(argv[1], "--stdin") == 0;
+  if (from_stdin) {
+    first = argc;
+  } else if (argc > 2 && strcmp(argv[1], "--delay-ms") == 0) {
     char* end = NULL;
     delay_ms = strtol(argv[2], &end, 10);
     if (*end != '\0' || delay_ms < 0 || delay_ms > 10000) {
@@ -212,11 +251,11 @@ int main(int argc, char** argv) {
     }
     first = 3;
   }
-  if (first >= argc) {
+  if (first >= argc && !from_stdin) {
     return usage();
   }
   size_t chord_count = (size_t)(argc - first);
-  struct chord* chords = calloc(chord_count, sizeof *chords);
+  struct chord* chords = calloc(chord_count ? chord_count : 1, sizeof *chords);
   if (!chords) {
     return 1;
   }
@@ -256,25 +295,29 @@ int main(int argc, char** argv) {
   org_kde_kwin_fake_input_authenticate(state.fake_input, "orvane tests",
                                        "presses keys for end-to-end tests");
   int status = 0;
+  double pressed_ms = 0;
   for (size_t i = 0; i < chord_count && status == 0; ++i) {
-    const struct chord* chord = &chords[i];
-    for (size_t k = 0; k < chord->count; ++k) {
-      org_kde_kwin_fake_input_keyboard_key(state.fake_input, chord->codes[k],
-                                           WL_KEYBOARD_KEY_STATE_PRESSED);
-    }
-    for (size_t k = chord->count; k-- > 0;) {
-      org_kde_kwin_fake_input_keyboard_key(state.fake_input, chord->codes[k],
-                                           WL_KEYBOARD_KEY_STATE_RELEASED);
-    }
-    /* One round trip per chord: KWin has handled it before the next one
-     * (a client sees separate chords, not one mixed burst). */
-    if (wl_display_roundtrip(display) < 0) {
-      fprintf(stderr, "orvane_fake_keys: the compositor closed the connection\n");
+    if (!send_chord(display, state.fake_input, &chords[i], &pressed_ms)) {
       status = 1;
     }
     if (i + 1 < chord_count) {
       sleep_ms(delay_ms);
     }
+  }
+  char line[256];
+  while (from_stdin && status == 0 && fgets(line, sizeof line, stdin)) {
+    line[strcspn(line, "\r\n")] = '\0';
+    struct chord chord;
+    if (!parse_chord(line, &chord)) {
+      status = 2;
+      break;
+    }
+    if (!send_chord(display, state.fake_input, &chord, &pressed_ms)) {
+      status = 1;
+      break;
+    }
+    printf("%.3f\n", pressed_ms);
+    fflush(stdout);
   }
   org_kde_kwin_fake_input_destroy(state.fake_input);
   wl_registry_destroy(registry);

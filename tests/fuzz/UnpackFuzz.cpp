@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <dirent.h>
 #include <fcntl.h>
 #include <glib.h>
 #include <glib/gstdio.h>
@@ -40,28 +41,29 @@ void Require(bool holds, int line = __builtin_LINE()) {
   std::abort();
 }
 
-// Archives may make folders nobody can enter or write: opens each up.
-void OpenUp(const std::string& path) {
-  struct stat info;
-  if (lstat(path.c_str(), &info) != 0 || !S_ISDIR(info.st_mode))
-    return;
-  chmod(path.c_str(), 0700);
-  for (const std::string& name : orvane::NamesIn(path))
-    OpenUp(path + "/" + name);
+// The names in an open folder, without "." and "..". The descriptor stays
+// open and usable; its duplicate shares the reading position, so the
+// listing starts from the top each time.
+std::vector<std::string> NamesAt(int folder) {
+  std::vector<std::string> names;
+  int listing_fd = dup(folder);
+  Require(listing_fd >= 0);
+  DIR* listing = fdopendir(listing_fd);
+  Require(listing != nullptr);
+  rewinddir(listing);
+  while (dirent* entry = readdir(listing)) {
+    std::string name = entry->d_name;
+    if (name != "." && name != "..")
+      names.push_back(name);
+  }
+  closedir(listing);
+  return names;
 }
 
-void RemoveTree(const std::string& path) {
-  struct stat info;
-  if (lstat(path.c_str(), &info) != 0)
-    return;
-  if (S_ISDIR(info.st_mode)) {
-    chmod(path.c_str(), 0700);
-    for (const std::string& name : orvane::NamesIn(path))
-      RemoveTree(path + "/" + name);
-    g_rmdir(path.c_str());
-  } else {
-    g_unlink(path.c_str());
-  }
+int OpenFolderAt(int folder, const std::string& name) {
+  int fd = openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  Require(fd >= 0);
+  return fd;
 }
 
 bool Inside(const std::string& root, const std::string& path) {
@@ -93,48 +95,77 @@ std::string LiteralDestination(const std::string& link_folder, const std::string
   return path.empty() ? "/" : path;
 }
 
+// One pass over what the unpacking left, through folder descriptors (no
+// path is looked up again for each entry): only files, folders and links;
+// an accepted archive's folders are 0755 and its files have no bit outside
+// 0755 (no write for others, no set-id or sticky); the files' bytes are
+// summed; every folder is opened up (archives may make folders nobody can
+// enter or write) and every link noted, to be resolved once the whole tree
+// can be entered.
 struct Walk {
   std::string root;
+  bool accepted = false;
   uint64_t file_bytes = 0;
+  struct Link {
+    std::string folder;
+    std::string name;
+    std::string target;
+  };
+  std::vector<Link> links;
 
-  void visit(const std::string& folder) {
-    for (const std::string& name : orvane::NamesIn(folder)) {
-      std::string path = folder + "/" + name;
+  void visit(int folder_fd, const std::string& folder) {
+    for (const std::string& name : NamesAt(folder_fd)) {
       struct stat info;
-      Require(lstat(path.c_str(), &info) == 0);
+      Require(fstatat(folder_fd, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0);
+      mode_t mode = info.st_mode & 07777;
       if (S_ISDIR(info.st_mode)) {
-        visit(path);
+        if (accepted)
+          Require(mode == 0755);
+        fchmodat(folder_fd, name.c_str(), 0700, 0);
+        int child = OpenFolderAt(folder_fd, name);
+        visit(child, folder + "/" + name);
+        close(child);
       } else if (S_ISREG(info.st_mode)) {
+        if (accepted)
+          Require((mode & ~mode_t(0755)) == 0);
         file_bytes += uint64_t(info.st_size);
       } else {
         Require(S_ISLNK(info.st_mode));
         char target[PATH_MAX + 1];
-        ssize_t length = readlink(path.c_str(), target, PATH_MAX);
+        ssize_t length = readlinkat(folder_fd, name.c_str(), target, PATH_MAX);
         Require(length > 0);
         target[length] = '\0';
-        char* resolved = realpath(path.c_str(), nullptr);
-        std::string destination =
-            resolved ? std::string(resolved) : LiteralDestination(folder, target);
-        free(resolved);
-        Require(Inside(root, destination));
+        links.push_back({folder, name, target});
       }
+    }
+  }
+
+  // Every link resolves inside the root: what it names when that exists,
+  // else its target taken literally.
+  void requireLinksInside() const {
+    for (const Link& link : links) {
+      std::string path = link.folder + "/" + link.name;
+      char* resolved = realpath(path.c_str(), nullptr);
+      std::string destination =
+          resolved ? std::string(resolved) : LiteralDestination(link.folder, link.target);
+      free(resolved);
+      Require(Inside(root, destination));
     }
   }
 };
 
-// What an accepted archive leaves: folders 0755 whatever it said, and no
-// file with a bit outside 0755 (no write for others, no set-id or sticky).
-void RequireSafeModes(const std::string& folder) {
-  for (const std::string& name : orvane::NamesIn(folder)) {
-    std::string path = folder + "/" + name;
+// Empties an opened-up folder: children first, through descriptors.
+void RemoveContents(int folder_fd) {
+  for (const std::string& name : NamesAt(folder_fd)) {
     struct stat info;
-    Require(lstat(path.c_str(), &info) == 0);
-    mode_t mode = info.st_mode & 07777;
+    Require(fstatat(folder_fd, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0);
     if (S_ISDIR(info.st_mode)) {
-      Require(mode == 0755);
-      RequireSafeModes(path);
-    } else if (S_ISREG(info.st_mode)) {
-      Require((mode & ~mode_t(0755)) == 0);
+      int child = OpenFolderAt(folder_fd, name);
+      RemoveContents(child);
+      close(child);
+      Require(unlinkat(folder_fd, name.c_str(), AT_REMOVEDIR) == 0);
+    } else {
+      Require(unlinkat(folder_fd, name.c_str(), 0) == 0);
     }
   }
 }
@@ -198,8 +229,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // A refusal and an unreadable archive both leave a safe folder; an
   // accepted one also has only the modes that are ever installed.
   bool unpacked = orvane::UnpackArchive(fixture.archive, target, kLimits);
-  if (unpacked)
-    RequireSafeModes(target);
 
   Require(orvane::NamesIn(parent) == std::set<std::string>{"neighbour", "unpacked"});
   Require(orvane::NamesIn(neighbour) == std::set<std::string>{"secret"});
@@ -210,13 +239,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   struct stat target_info;
   Require(lstat(target.c_str(), &target_info) == 0 && S_ISDIR(target_info.st_mode));
 
-  OpenUp(target);
-  Walk walk{target};
-  walk.visit(target);
+  chmod(target.c_str(), 0700);
+  int target_fd = open(target.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  Require(target_fd >= 0);
+  Walk walk;
+  walk.root = target;
+  walk.accepted = unpacked;
+  walk.visit(target_fd, target);
+  walk.requireLinksInside();
   Require(walk.file_bytes <= kLimits.max_bytes);
 
-  RemoveTree(target);
-  RemoveTree(neighbour);
+  RemoveContents(target_fd);
+  close(target_fd);
+  Require(g_rmdir(target.c_str()) == 0);
+  Require(g_unlink((neighbour + "/secret").c_str()) == 0 && g_rmdir(neighbour.c_str()) == 0);
   Require(orvane::NamesIn(parent).empty());
   return 0;
 }

@@ -167,6 +167,7 @@ void ClaudeDiscovery::findClaude() {
         },
         new Answer{weak, std::move(*answer)},
         [](gpointer data) { delete static_cast<Answer*>(data); });
+    g_source_set_name(source, "[orvane] claude discovery answer");
     g_source_attach(source, context.get());
     g_source_unref(source);
   }).detach();

@@ -21,6 +21,7 @@ void RunOnContext(GMainContext* context, std::function<void()> task) {
         return G_SOURCE_REMOVE;
       },
       heap, [](gpointer data) { delete static_cast<std::function<void()>*>(data); });
+  g_source_set_name(source, "[orvane] task for the main thread");
   g_source_attach(source, context);
   g_source_unref(source);
 }

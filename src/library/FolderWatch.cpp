@@ -64,6 +64,7 @@ bool FolderWatch::start(const std::string& folder, const std::string& top) {
         return G_SOURCE_CONTINUE;
       },
       this);
+  g_source_set_name_by_id(source_, "[orvane] library folder events");
   return true;
 }
 

@@ -22,6 +22,7 @@ bool PrivateWait::until(const std::function<bool()>& done, double seconds) {
         return G_SOURCE_REMOVE;
       },
       &expired, nullptr);
+  g_source_set_name(timer, "[orvane] private wait limit");
   g_source_attach(timer, context_.get());
   while (!done() && !expired)
     g_main_context_iteration(context_.get(), TRUE);

@@ -28,6 +28,7 @@ Scheduler::TimerId GLibScheduler::after(double seconds, std::function<void()> ta
         return G_SOURCE_REMOVE;
       },
       pending, [](gpointer data) { delete static_cast<Pending*>(data); });
+  g_source_set_name_by_id(source, "[orvane] scheduled task");
   sources_[id] = source;
   return id;
 }

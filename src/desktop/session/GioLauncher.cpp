@@ -22,7 +22,7 @@ void Deliver(Launcher::Completion completion, LaunchOutcome outcome) {
     Launcher::Completion completion;
     LaunchOutcome outcome;
   };
-  g_idle_add_full(
+  guint source = g_idle_add_full(
       G_PRIORITY_DEFAULT,
       [](gpointer data) -> gboolean {
         auto* pending = static_cast<Pending*>(data);
@@ -31,6 +31,7 @@ void Deliver(Launcher::Completion completion, LaunchOutcome outcome) {
       },
       new Pending{std::move(completion), std::move(outcome)},
       [](gpointer data) { delete static_cast<Pending*>(data); });
+  g_source_set_name_by_id(source, "[orvane] launch outcome");
 }
 
 LaunchOutcome Failure(const std::string& text) {

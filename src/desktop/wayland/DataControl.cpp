@@ -222,6 +222,7 @@ struct DataControl::Thread : std::enable_shared_from_this<DataControl::Thread> {
     Clock::time_point deadline = Clock::now() + wait;
     GSource* timer = NewTimer([](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
     SetTimerAt(timer, deadline);
+    g_source_set_name(timer, "[orvane] data-control answer wait");
     g_source_attach(timer, answer->caller);
     for (;;) {
       {
@@ -408,6 +409,7 @@ struct DataControl::Thread : std::enable_shared_from_this<DataControl::Thread> {
     source->reading = false;
     source->tag = g_source_add_unix_fd(base, wl_display_get_fd(display),
                                        GIOCondition(G_IO_IN | G_IO_ERR | G_IO_HUP));
+    g_source_set_name(base, "[orvane] data-control display");
     g_source_attach(base, context);
     display_source = base;
   }
@@ -515,6 +517,7 @@ struct DataControl::Thread : std::enable_shared_from_this<DataControl::Thread> {
                             return read->thread->readMore(read);
                           }),
                           read, nullptr);
+    g_source_set_name(read->watch, "[orvane] data-control read");
     g_source_attach(read->watch, context);
     read->timer = NewTimer(
         [](gpointer data) -> gboolean {
@@ -527,6 +530,7 @@ struct DataControl::Thread : std::enable_shared_from_this<DataControl::Thread> {
         },
         read);
     armReadTimer(read);
+    g_source_set_name(read->timer, "[orvane] data-control read deadline");
     g_source_attach(read->timer, context);
   }
 
@@ -763,6 +767,7 @@ struct DataControl::Thread : std::enable_shared_from_this<DataControl::Thread> {
                             return write->thread->writeMore(write);
                           }),
                           write, nullptr);
+    g_source_set_name(write->watch, "[orvane] data-control write");
     g_source_attach(write->watch, context);
     write->timer = NewTimer(
         [](gpointer data) -> gboolean {
@@ -774,6 +779,7 @@ struct DataControl::Thread : std::enable_shared_from_this<DataControl::Thread> {
         },
         write);
     SetTimerAt(write->timer, Clock::now() + limits.serve_idle_wait);
+    g_source_set_name(write->timer, "[orvane] data-control write deadline");
     g_source_attach(write->timer, context);
   }
 

@@ -182,6 +182,7 @@ int RunClipboardKeeper(const std::string& path) {
         return G_SOURCE_REMOVE;
       },
       &wait);
+  g_source_set_name_by_id(timer, "[orvane] clipboard keeper lifetime");
   g_main_loop_run(loop);
   served->on_lost = nullptr;
   if (!wait.time_up)

@@ -32,6 +32,7 @@ void PostDone(const std::shared_ptr<void>& keep, bool* done, GMainContext* conte
         return G_SOURCE_REMOVE;
       },
       new Done{keep, done}, [](gpointer data) { delete static_cast<Done*>(data); });
+  g_source_set_name(source, "[orvane] selection worker done");
   g_source_attach(source, context);
   g_source_unref(source);
 }

@@ -85,6 +85,8 @@ void MaybeRunWaiters(GtkWindow* window) {
           return G_SOURCE_REMOVE;
         },
         window);
+  if (waiters->timeout)
+    g_source_set_name_by_id(waiters->timeout, "[orvane] frame extents wait");
 }
 
 bool ServerFrame(GtkWindow* window, GdkRectangle* outer, Decorations* decorations) {
@@ -236,6 +238,7 @@ void WhenFrameIs(GtkWindow* window, const Rect& frame, unsigned limit_ms,
         return G_SOURCE_REMOVE;
       },
       wait);
+  g_source_set_name_by_id(wait->timeout, "[orvane] window frame wait");
 }
 
 Size ContentSizeOfFrame(GtkWindow* window, const Rect& frame) {

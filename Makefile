@@ -65,7 +65,9 @@ bench: build
 	ORVANE_BIN=$(abspath $(BUILD_DIR))/orvane /usr/bin/python3 bench/summon/summon_bench.py
 	ORVANE_BIN=$(abspath $(BUILD_DIR))/orvane /usr/bin/python3 bench/summon/hostile_clipboard_bench.py
 	ORVANE_BIN=$(abspath $(BUILD_DIR))/orvane ORVANE_FAKE_KEYS=$(abspath $(BUILD_DIR))/orvane_fake_keys \
-		/usr/bin/python3 bench/summon/summon_kwin_bench.py
+		/usr/bin/python3 bench/summon/summon_wayland_bench.py --desktop kwin
+	ORVANE_BIN=$(abspath $(BUILD_DIR))/orvane \
+		/usr/bin/python3 bench/summon/summon_wayland_bench.py --desktop gnome
 
 format:
 	clang-format -i $$(git ls-files 'src/*.cpp' 'src/*.h' 'tests/*.cpp' 'tests/*.h' 'bench/*.cpp')

@@ -328,7 +328,7 @@ class OrvaneShellService {
     FrontWindowAsync(_params, invocation) {
         this._guard(invocation, () => {
             const window = global.display.get_focus_window();
-            invocation.return_value(new GLib.Variant('(@a{sv})', [this._windowVariant(window)]));
+            invocation.return_value(GLib.Variant.new_tuple([this._windowVariant(window)]));
         });
     }
 
@@ -348,7 +348,7 @@ class OrvaneShellService {
 
     WindowAsync([id], invocation) {
         this._guard(invocation, () => {
-            invocation.return_value(new GLib.Variant('(@a{sv})',
+            invocation.return_value(GLib.Variant.new_tuple(
                 [this._windowVariant(this._windowById(id))]));
         });
     }
@@ -356,7 +356,7 @@ class OrvaneShellService {
     MoveResizeAsync([id, x, y, width, height], invocation) {
         this._guard(invocation, () => {
             const fail = () => invocation.return_value(
-                new GLib.Variant('(b@a{sv})', [false, this._windowVariant(null)]));
+                GLib.Variant.new_tuple([GLib.Variant.new_boolean(false), this._windowVariant(null)]));
             if (!isCoordinate(x) || !isCoordinate(y) || !isSize(width) || !isSize(height)) {
                 orvaneLog(`MoveResize: refused the frame ${x},${y} ${width}x${height}`);
                 fail();
@@ -383,8 +383,8 @@ class OrvaneShellService {
                     window.disconnect(signal);
                 this._clearTimeout(timer);
                 this._pendingWaits.delete(cancel);
-                invocation.return_value(new GLib.Variant('(b@a{sv})',
-                    [ok, this._windowVariant(ok ? window : null)]));
+                invocation.return_value(GLib.Variant.new_tuple(
+                    [GLib.Variant.new_boolean(ok), this._windowVariant(ok ? window : null)]));
             };
             const cancel = () => finish(false);
             const reached = () => {

@@ -57,6 +57,15 @@ def pump(seconds: float = 0.0) -> None:
         time.sleep(0.01)
 
 
+def clipboard_variant(contents: list[tuple[str, bytes]]) -> GLib.Variant:
+    """An a(say) of (MIME type, bytes) pairs."""
+    items = [GLib.Variant.new_tuple(GLib.Variant.new_string(mimetype),
+                                    GLib.Variant.new_from_bytes(GLib.VariantType("ay"),
+                                                                GLib.Bytes(data), True))
+             for mimetype, data in contents]
+    return GLib.Variant.new_array(GLib.VariantType("(say)"), items)
+
+
 class Peer:
     """A connection of its own to the session's bus."""
 
@@ -80,6 +89,22 @@ class Peer:
         reply = self.bus.call_sync("org.gnome.Shell", SHELL_PATH, SHELL_INTERFACE, method, params,
                                    None, Gio.DBusCallFlags.NONE, timeout_ms, None)
         return reply.unpack()
+
+    def call_raw(self, method: str, params: GLib.Variant | None, timeout_ms: int = 10000) -> GLib.Variant:
+        return self.bus.call_sync("org.gnome.Shell", SHELL_PATH, SHELL_INTERFACE, method, params,
+                                  None, Gio.DBusCallFlags.NONE, timeout_ms, None)
+
+    def restore_clipboard(self, contents: list[tuple[str, bytes]], timeout_ms: int = 60000) -> tuple:
+        """RestoreClipboard with the contents built without a Python object
+        per byte (PyGObject's way takes seconds a megabyte)."""
+        return self.call_raw("RestoreClipboard", GLib.Variant.new_tuple(clipboard_variant(contents)),
+                             timeout_ms).unpack()
+
+    def save_clipboard(self) -> list[tuple[str, bytes]]:
+        (array,) = [self.call_raw("SaveClipboard", None).get_child_value(0)]
+        return [(array.get_child_value(i).get_child_value(0).get_string(),
+                 array.get_child_value(i).get_child_value(1).get_data_as_bytes().get_data())
+                for i in range(array.n_children())]
 
     def bus_call(self, method: str, signature: str, *args):
         return self.bus.call_sync("org.freedesktop.DBus", "/org/freedesktop/DBus",

@@ -47,10 +47,10 @@ def dummy_args(signature: str) -> tuple:
 
 
 def saved_clipboard(owner) -> dict[str, bytes]:
-    (saved,) = owner.call("SaveClipboard")
+    saved = owner.save_clipboard()
     types = [mimetype for mimetype, _ in saved]
     assert len(types) == len(set(types)), types
-    return {mimetype: bytes(data) for mimetype, data in saved}
+    return dict(saved)
 
 
 def frame(window: dict) -> tuple[int, int, int, int]:
@@ -179,11 +179,10 @@ def test_send_copy_chord_copies_from_a_native_entry_and_the_clipboard_round_trip
     # Save what GTK put there, overwrite it, restore it.
     saved = saved_clipboard(owner)
     assert saved.get("text/plain;charset=utf-8") == "copied by the shell's keyboard".encode()
-    assert owner.call("RestoreClipboard", "(a(say))",
-                      [("text/plain;charset=utf-8", b"something else")]) == (True,)
+    assert owner.restore_clipboard([("text/plain;charset=utf-8", b"something else")]) == (True,)
     wait_until(lambda: owner.call("ClipboardText") == (True, "something else"), timeout=5,
                what="the overwritten CLIPBOARD")
-    assert owner.call("RestoreClipboard", "(a(say))", list(saved.items())) == (True,)
+    assert owner.restore_clipboard(list(saved.items())) == (True,)
     wait_until(lambda: owner.call("ClipboardText") == (True, "copied by the shell's keyboard"),
                timeout=5, what="the restored CLIPBOARD")
     again = saved_clipboard(owner)
@@ -195,8 +194,7 @@ def test_send_copy_chord_copies_from_a_native_entry_and_the_clipboard_round_trip
 
 def test_clipboard_restores_binary_data_byte_for_byte(owner):
     blob = bytes(range(256)) * 4096 + b"\x00end"
-    assert owner.call("RestoreClipboard", "(a(say))",
-                      [("application/x-orvane-test", blob)]) == (True,)
+    assert owner.restore_clipboard([("application/x-orvane-test", blob)]) == (True,)
     assert saved_clipboard(owner) == {"application/x-orvane-test": blob}
     assert owner.call("ClipboardText") == (False, "")
 
@@ -205,7 +203,7 @@ def test_hostile_input_is_refused_and_the_shell_stays_up(gnome, owner, native):
     window = native(title="Orvane GNOME hostile")
     (front,) = owner.call("FrontWindow")
     assert front["pid"] == window.pid
-    assert owner.call("RestoreClipboard", "(a(say))", [("text/plain;charset=utf-8", b"kept")]) == (True,)
+    assert owner.restore_clipboard([("text/plain;charset=utf-8", b"kept")]) == (True,)
     (count,) = owner.call("ClipboardChangeCount")
 
     assert owner.call("SendCopyChord", "(s)", "ctrl-alt-delete") == (False,)
@@ -225,8 +223,7 @@ def test_hostile_input_is_refused_and_the_shell_stays_up(gnome, owner, native):
     assert owner.call("WindowsOfPid", "(i)", -5) == ([],)
     assert owner.call("WindowsOfPid", "(i)", 0) == ([],)
 
-    restore = lambda contents: owner.call("RestoreClipboard", "(a(say))", contents,  # noqa: E731
-                                          timeout_ms=60000)
+    restore = owner.restore_clipboard
     assert restore([]) == (False,)
     assert restore([(f"application/x-type-{n}", b"x") for n in range(5000)]) == (False,)
     assert restore([("application/x-huge", b"\xab" * (40 * 1024 * 1024))]) == (False,)

@@ -423,6 +423,16 @@ def default_gnome_extension_dir() -> Path:
     return build / "share" / "gnome-shell" / "extensions" / GNOME_EXTENSION_UUID
 
 
+def default_gnome_extension_45_dir() -> Path:
+    """The GNOME 45+ (ES module) form of the built extension:
+    $ORVANE_GNOME_EXTENSION_45, or share/orvane/gnome-shell-45 of the build."""
+    named = os.environ.get("ORVANE_GNOME_EXTENSION_45")
+    if named:
+        return Path(named)
+    return (default_gnome_extension_dir().parents[2] / "orvane" / "gnome-shell-45" /
+            GNOME_EXTENSION_UUID)
+
+
 class GnomeSession(MutterSession):
     """GNOME Shell 43, headless (`gnome-shell --wayland --headless --no-x11`),
     two virtual monitors (1600 x 1000 and 1280 x 800), on a private session

@@ -363,14 +363,21 @@ class OrvaneShellService {
                 return;
             }
             const window = this._windowById(id);
-            if (!window || !window.allows_move() || !window.allows_resize()) {
+            if (!window) {
                 fail();
                 return;
             }
+            // A maximised or full-screen window allows no move or resize
+            // until it has left that state.
             if (window.is_fullscreen())
                 window.unmake_fullscreen();
             if (window.get_maximized())
                 window.unmaximize(Meta.MaximizeFlags.BOTH);
+            if (!window.allows_move() || !window.allows_resize()) {
+                orvaneLog(`MoveResize: window ${id} cannot be moved or resized`);
+                fail();
+                return;
+            }
 
             let finished = false;
             const signals = [];

@@ -167,7 +167,9 @@ class NativeWindow:
 
 @pytest.fixture(scope="module")
 def gnome():
-    session = GnomeSession()
+    # GNOME binds no key to full screen by default; Super+F does here.
+    session = GnomeSession(extra_settings="[org/gnome/desktop/wm/keybindings]\n"
+                                          "toggle-fullscreen=['<Super>f']\n")
     session.start()
     failed = False
     try:

@@ -158,6 +158,34 @@ def test_move_resize_onto_the_second_monitor(owner, native):
     assert frame(read_back) == target
 
 
+def test_move_resize_leaves_maximized_and_full_screen_first(gnome, owner, native):
+    window = native(title="Orvane GNOME states")
+    (front,) = owner.call("FrontWindow")
+    assert front["pid"] == window.pid
+    window_id = front["id"]
+
+    def state():
+        return owner.call("Window", "(t)", window_id)[0]
+
+    gnome.press("super+up")
+    wait_until(lambda: state()["maximized"], timeout=10, what="the window maximised")
+    target = (200, 150, 600, 400)
+    ok, moved = owner.call("MoveResize", "(tiiii)", window_id, *target)
+    assert ok is True and moved["maximized"] is False and frame(moved) == target
+
+    gnome.press("super+f")
+    wait_until(lambda: state()["full_screen"] and frame(state()) == (0, 0, 1600, 1000),
+               timeout=10, what="the window full screen over the first monitor")
+    assert owner.call("LeaveFullScreen", "(t)", window_id) == (True,)
+    wait_until(lambda: not state()["full_screen"], timeout=10, what="the window out of full screen")
+
+    gnome.press("super+f")
+    wait_until(lambda: state()["full_screen"], timeout=10, what="the window full screen again")
+    target = (1600 + 40, 300, 500, 300)
+    ok, moved = owner.call("MoveResize", "(tiiii)", window_id, *target)
+    assert ok is True and moved["full_screen"] is False and frame(moved) == target
+
+
 def test_primary_text_after_ctrl_a_in_a_native_entry(gnome, owner, native):
     native(text="primary words from GTK", title="Orvane GNOME primary")
     gnome.press("ctrl+a")
@@ -190,6 +218,32 @@ def test_send_copy_chord_copies_from_a_native_entry_and_the_clipboard_round_trip
     # shell's own selection source offers a single MIME type).
     assert list(again) == ["text/plain;charset=utf-8"]
     assert again["text/plain;charset=utf-8"] == saved["text/plain;charset=utf-8"]
+
+
+def test_send_copy_chord_types_ctrl_shift_c_for_terminals(owner, native):
+    window = native(title="Orvane GNOME terminal-like")
+    assert owner.call("SendCopyChord", "(s)", "ctrl-shift-c") == (True,)
+    wait_until(lambda: [k for k in window._lines("keys.jsonl")
+                        if k["key"] in ("c", "C") and k["ctrl"] and k["shift"] and not k["alt"]],
+               timeout=10, what="Ctrl+Shift+C at the window")
+
+
+def test_send_copy_chord_waits_for_held_modifiers_and_gives_up(gnome, owner, native):
+    window = native(title="Orvane GNOME held Alt")
+    gnome.press("down alt")
+    try:
+        started = time.monotonic()
+        assert owner.call("SendCopyChord", "(s)", "ctrl-c") == (False,)
+        assert time.monotonic() - started >= 0.4
+    finally:
+        gnome.press("up alt")
+    assert "Orvane: SendCopyChord: a modifier key is still held; not typing" in \
+        gnome.compositor_log.read_text(errors="replace")
+    pump(0.2)
+    assert "c" not in window.keys()
+    # With Alt let go, the same call types the chord.
+    assert owner.call("SendCopyChord", "(s)", "ctrl-c") == (True,)
+    wait_until(lambda: "c" in window.keys(), timeout=10, what="Ctrl+C at the window")
 
 
 def test_clipboard_restores_binary_data_byte_for_byte(owner):

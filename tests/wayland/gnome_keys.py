@@ -15,7 +15,8 @@ space, backspace, delete, left, right, up, down, home, end, f1-f12, or
 With --stdin it prints "ready" once the remote-desktop session runs, then
 reads one chord a line until the end of its input and after each prints the
 time (epoch milliseconds) at which the chord's presses were sent, or
-"error: ..." for a line it cannot press. The session bus is
+"error: ..." for a line it cannot press. A line "down CHORD" only presses
+the chord's keys (they stay held), "up CHORD" only releases them. The session bus is
 DBUS_SESSION_BUS_ADDRESS. Exit status: 0 when every chord was sent, 1 when
 the remote-desktop service could not be reached, 2 for a bad chord or
 command line.
@@ -123,13 +124,21 @@ def main(argv: list[str]) -> int:
         if from_stdin:
             print("ready", flush=True)
             for line in sys.stdin:
+                action, _, rest = line.strip().partition(" ")
+                if action not in ("down", "up"):
+                    action, rest = "chord", line
                 try:
-                    keys = parse_chord(line)
+                    keys = parse_chord(rest)
                 except ValueError as exc:
                     print(f"error: {exc}", flush=True)
                     status = 2
                     continue
-                print(presser.chord(keys), flush=True)
+                if action == "chord":
+                    print(presser.chord(keys), flush=True)
+                else:
+                    for keysym in keys if action == "down" else reversed(keys):
+                        presser.key(keysym, action == "down")
+                    print(int(time.time() * 1000), flush=True)
         else:
             for i, keys in enumerate(chords):
                 if i and delay:

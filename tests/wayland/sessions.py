@@ -440,15 +440,19 @@ class GnomeSession(MutterSession):
     keyfile (GSETTINGS_BACKEND=keyfile) written before the start; Orvane's
     extension is copied into $XDG_DATA_HOME/gnome-shell/extensions and, unless
     `enable_extension` is false, enabled there (the shell reads extensions
-    only at its start). The overview, open at start, is closed over D-Bus
-    (org.gnome.Shell OverviewActive), so a new window gets the focus."""
+    only at its start). `extra_settings` is appended to that keyfile
+    ("[org/gnome/...]\nkey=value\n" groups). The overview, open at start,
+    is closed over D-Bus (org.gnome.Shell OverviewActive), so a new window
+    gets the focus."""
 
     kind = "gnome"
 
     def __init__(self, monitors: tuple[str, ...] = ("1600x1000", "1280x800"),
                  enable_extension: bool = True, extension_dir: Path | None = None,
-                 install_extension: bool = True, keep_logs_on_failure: bool = True):
+                 install_extension: bool = True, extra_settings: str = "",
+                 keep_logs_on_failure: bool = True):
         super().__init__(monitors, keep_logs_on_failure)
+        self.extra_settings = extra_settings
         self.enable_extension = enable_extension
         self.install_extension = install_extension
         self.extension_dir = Path(extension_dir) if extension_dir else default_gnome_extension_dir()
@@ -487,7 +491,7 @@ class GnomeSession(MutterSession):
             "disable-user-extensions=false\n"
             "welcome-dialog-last-shown-version='999'\n"
             "[org/gnome/desktop/interface]\n"
-            "enable-animations=false\n")
+            "enable-animations=false\n" + self.extra_settings)
 
     def _install_extension(self) -> None:
         assert self.root is not None
@@ -555,7 +559,8 @@ class GnomeSession(MutterSession):
     def press(self, chord: str) -> int:
         """Press and release `chord` ("alt+b", "ctrl+a", ...) through the
         session's remote-desktop keyboard; returns the epoch milliseconds at
-        which the presses were sent."""
+        which the presses were sent. "down CHORD" presses and holds the
+        keys, "up CHORD" releases them."""
         if "\n" in chord or self.keys is None or self.keys.stdin is None:
             raise ValueError(f"cannot press {chord!r}")
         with self.key_lock:

@@ -17,7 +17,6 @@ share/gnome-shell/extensions/orvane@tarnwick.com.
 from __future__ import annotations
 
 import json
-import os
 import signal
 import subprocess
 import sys
@@ -31,7 +30,6 @@ REPO = HERE.parents[1]
 sys.path.insert(0, str(REPO / "tests" / "wayland"))
 sys.path.insert(0, str(REPO / "tests" / "e2e"))
 
-import gi  # noqa: E402
 
 from gi.repository import Gio, GLib  # noqa: E402
 

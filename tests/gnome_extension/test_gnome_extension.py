@@ -12,8 +12,10 @@ import time
 import pytest
 from gi.repository import Gio, GLib
 
-from conftest import HERE, NATIVE_WINDOW, ORVANE_NAME, PYTHON, REPO, Peer, pump
-from harness import holds_for, wait_until
+from pathlib import Path
+
+from conftest import HERE, ORVANE_NAME, PYTHON, REPO, NativeWindow, Peer, pump
+from harness import wait_until
 from sessions import GnomeSession
 
 NOT_ALLOWED = "com.tarnwick.orvane.Shell.Error.NotAllowed"
@@ -330,7 +332,8 @@ def test_hotkeys_are_dropped_when_the_name_has_no_owner(gnome, owner, native):
         {"summon": True, "quote": True, "friend-quote": True, "talk": True},)
 
 
-def test_a_disabled_extension_answers_nothing_until_enabled():
+def test_a_disabled_extension_answers_nothing_until_enabled(tmp_path):
+    tmp = tmp_path
     with GnomeSession(enable_extension=False) as session:
         peer = Peer(session)
         try:
@@ -342,6 +345,34 @@ def test_a_disabled_extension_answers_nothing_until_enabled():
                                         "orvane@tarnwick.com")
             assert result.returncode == 0 and "true" in result.stdout, result
             assert wait_until(lambda: _answers(peer), timeout=10, what="the enabled extension")
+
+            # Disabled again (as GNOME 43 does when the screen locks), it lets
+            # go of its keys and its interface; enabled, it binds them anew.
+            assert peer.call("BindHotkeys")[0]["summon"] is True
+            window = NativeWindow(session, Path(tmp) / "cycle", "cycle", "Orvane GNOME cycle")
+            try:
+                result = session.shell_call("org.gnome.Shell.Extensions", "DisableExtension",
+                                            "orvane@tarnwick.com")
+                assert result.returncode == 0 and "true" in result.stdout, result
+                wait_until(lambda: not _answers(peer), timeout=10, what="the disabled extension")
+                session.press("alt+b")
+                wait_until(lambda: "b" in window.keys(), timeout=10,
+                           what="Alt+B at the window while the extension is disabled")
+                assert peer.hotkeys() == []
+                result = session.shell_call("org.gnome.Shell.Extensions", "EnableExtension",
+                                            "orvane@tarnwick.com")
+                assert result.returncode == 0 and "true" in result.stdout, result
+                wait_until(lambda: _answers(peer), timeout=10, what="the extension enabled again")
+                assert peer.call("BindHotkeys") == (
+                    {"summon": True, "quote": True, "friend-quote": True, "talk": True},)
+                session.press("alt+b")
+                wait_until(lambda: peer.hotkeys() == [("summon", peer.hotkeys()[0][1])]
+                           if peer.hotkeys() else False, timeout=10, what="summon after the cycle")
+                assert window.keys().count("b") == 1
+            finally:
+                window.stop()
+            log = session.compositor_log.read_text(errors="replace")
+            assert "JS ERROR" not in log and "Orvane: " not in log, log[-3000:]
         finally:
             peer.close()
 

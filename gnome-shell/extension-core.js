@@ -257,7 +257,11 @@ class OrvaneShellService {
             id: GLib.Variant.new_uint64(window.get_id()),
             pid: GLib.Variant.new_int32(Math.max(0, window.get_pid())),
             wm_class: GLib.Variant.new_string(window.get_wm_class() ?? ''),
-            wm_instance: GLib.Variant.new_string(window.get_wm_class_instance() ?? ''),
+            // The shell repeats a Wayland client's app id as its instance;
+            // only X11 clients have a WM_CLASS instance of their own.
+            wm_instance: GLib.Variant.new_string(
+                window.get_client_type() === Meta.WindowClientType.WAYLAND
+                    ? '' : window.get_wm_class_instance() ?? ''),
             app_id: GLib.Variant.new_string(appId),
             title: GLib.Variant.new_string(window.get_title() ?? ''),
             x: GLib.Variant.new_int32(frame.x),
@@ -669,7 +673,11 @@ class OrvaneShellService {
 
     _typeChord(withShift) {
         if (!this._virtualKeyboard) {
-            const seat = Clutter.get_default_backend().get_default_seat();
+            // GNOME 43 to 45 have Clutter.get_default_backend(); later
+            // versions reach the backend through the stage's context.
+            const backend = typeof Clutter.get_default_backend === 'function'
+                ? Clutter.get_default_backend() : global.stage.context.get_backend();
+            const seat = backend.get_default_seat();
             this._virtualKeyboard = seat.create_virtual_device(Clutter.InputDeviceType.KEYBOARD_DEVICE);
         }
         const keys = [Clutter.KEY_Control_L];

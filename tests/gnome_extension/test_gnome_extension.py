@@ -109,8 +109,13 @@ def test_the_four_hotkeys_reach_the_owner_and_not_the_native_window(gnome, owner
 def test_front_window_and_the_window_lists(owner, native):
     window = native(title="Orvane GNOME front")
     (front,) = owner.call("FrontWindow")
+    assert set(front) == {"id", "pid", "wm_class", "wm_instance", "app_id", "title", "x", "y",
+                          "width", "height", "normal", "full_screen", "maximized", "focused",
+                          "on_active_workspace"}
     assert front["pid"] == window.pid
     assert front["title"] == "Orvane GNOME front"
+    # A Wayland client: no WM_CLASS instance; no desktop file matches it.
+    assert front["wm_instance"] == "" and front["app_id"] == ""
     assert front["wm_class"] == "orvane-e2e-native"
     assert front["focused"] is True and front["normal"] is True
     assert front["full_screen"] is False and front["on_active_workspace"] is True

@@ -6,6 +6,8 @@ org.gnome.Mutter.RemoteDesktop."""
 from __future__ import annotations
 
 import json
+import os
+import signal
 import subprocess
 import time
 
@@ -251,6 +253,32 @@ def test_send_copy_chord_waits_for_held_modifiers_and_gives_up(gnome, owner, nat
     # With Alt let go, the same call types the chord.
     assert owner.call("SendCopyChord", "(s)", "ctrl-c") == (True,)
     wait_until(lambda: "c" in window.keys(), timeout=10, what="Ctrl+C at the window")
+
+
+def test_a_frozen_selection_owner_costs_a_bounded_wait(gnome, owner, native):
+    window = native(text="frozen owner", title="Orvane GNOME frozen")
+    gnome.press("ctrl+a")
+    assert owner.call("SendCopyChord", "(s)", "ctrl-c") == (True,)
+    wait_until(lambda: owner.call("ClipboardText") == (True, "frozen owner"), timeout=10,
+               what="the CLIPBOARD to hold the copied text")
+    wait_until(lambda: owner.call("PrimaryText") == (True, "frozen owner"), timeout=10,
+               what="PRIMARY to hold the selected text")
+    os.kill(window.pid, signal.SIGSTOP)
+    try:
+        started = time.monotonic()
+        assert owner.call("ClipboardText", timeout_ms=20000) == (False, "")
+        assert owner.call("PrimaryText", timeout_ms=20000) == (False, "")
+        assert owner.save_clipboard() == []
+        assert time.monotonic() - started < 15
+        assert owner.call("Version") == (1,)
+    finally:
+        os.kill(window.pid, signal.SIGCONT)
+    log = gnome.compositor_log.read_text(errors="replace")
+    assert "Orvane: reading a selection took too long; answering without text" in log
+    assert "Orvane: SaveClipboard: text/plain;charset=utf-8 took too long; left out" in log
+    # Thawed, the owner answers again.
+    wait_until(lambda: owner.call("ClipboardText") == (True, "frozen owner"), timeout=10,
+               what="the thawed owner's CLIPBOARD")
 
 
 def test_clipboard_restores_binary_data_byte_for_byte(owner):

@@ -66,6 +66,7 @@ bench: build
 	ORVANE_BIN=$(abspath $(BUILD_DIR))/orvane /usr/bin/python3 bench/summon/hostile_clipboard_bench.py
 	ORVANE_BIN=$(abspath $(BUILD_DIR))/orvane ORVANE_FAKE_KEYS=$(abspath $(BUILD_DIR))/orvane_fake_keys \
 		/usr/bin/python3 bench/summon/summon_kwin_bench.py
+	/usr/bin/python3 bench/gnome-extension-idle
 
 format:
 	clang-format -i $$(git ls-files 'src/*.cpp' 'src/*.h' 'tests/*.cpp' 'tests/*.h' 'bench/*.cpp')

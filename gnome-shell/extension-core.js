@@ -214,13 +214,16 @@ class OrvaneShellService {
             `only the owner of ${ORVANE_BUS_NAME} may call ${method}`);
     }
 
-    _timeout(ms, callback) {
+    // A named timeout (a profiler or debugger then says who woke the shell
+    // up), removed by disable() if it is still pending.
+    _timeout(name, ms, callback) {
         const id = GLib.timeout_add(GLib.PRIORITY_DEFAULT, ms, () => {
             const result = callback();
             if (result !== GLib.SOURCE_CONTINUE)
                 this._timeouts.delete(id);
             return result;
         });
+        GLib.Source.set_name_by_id(id, `[orvane] ${name}`);
         this._timeouts.add(id);
         return id;
     }
@@ -411,7 +414,7 @@ class OrvaneShellService {
             signals.push(window.connect('size-changed', check));
             signals.push(window.connect('unmanaged', () => finish(false)));
             this._pendingWaits.add(cancel);
-            timer = this._timeout(MOVE_RESIZE_WAIT_MS, () => {
+            timer = this._timeout('MoveResize wait', MOVE_RESIZE_WAIT_MS, () => {
                 timer = 0;
                 finish(true);
                 return GLib.SOURCE_REMOVE;
@@ -505,7 +508,7 @@ class OrvaneShellService {
             this._clearTimeout(timer);
             invocation.return_value(new GLib.Variant('(bs)', [has, text]));
         };
-        const timer = this._timeout(TEXT_READ_WAIT_MS, () => {
+        const timer = this._timeout('selection text wait', TEXT_READ_WAIT_MS, () => {
             orvaneLog('reading a selection took too long; answering without text');
             reply(false, '');
             return GLib.SOURCE_REMOVE;
@@ -550,7 +553,7 @@ class OrvaneShellService {
             this._clearTimeout(timer);
             callback(bytes);
         };
-        const timer = this._timeout(CLIPBOARD_READ_WAIT_MS, () => {
+        const timer = this._timeout('SaveClipboard wait', CLIPBOARD_READ_WAIT_MS, () => {
             cancellable.cancel();
             orvaneLog(`SaveClipboard: ${mimetype} took too long; left out`);
             finish(null);
@@ -726,7 +729,7 @@ class OrvaneShellService {
             };
             if (attempt() === GLib.SOURCE_CONTINUE) {
                 this._pendingWaits.add(cancel);
-                timer = this._timeout(MODIFIER_POLL_MS, () => {
+                timer = this._timeout('SendCopyChord modifier poll', MODIFIER_POLL_MS, () => {
                     const result = attempt();
                     if (result === GLib.SOURCE_REMOVE)
                         timer = 0;

@@ -68,6 +68,7 @@ bench: build
 		/usr/bin/python3 bench/summon/summon_wayland_bench.py --desktop kwin
 	ORVANE_BIN=$(abspath $(BUILD_DIR))/orvane \
 		/usr/bin/python3 bench/summon/summon_wayland_bench.py --desktop gnome
+	/usr/bin/python3 bench/gnome-extension-idle
 
 format:
 	clang-format -i $$(git ls-files 'src/*.cpp' 'src/*.h' 'tests/*.cpp' 'tests/*.h' 'bench/*.cpp')

@@ -42,6 +42,10 @@ packages=(
   # wl-clipboard reads the selections
   kwin-wayland xwayland xdg-desktop-portal xdg-desktop-portal-kde qtwayland5
   mutter wl-clipboard
+  # Orvane's GNOME Shell extension: glib-compile-schemas builds its settings;
+  # its tests run it in a headless gnome-shell (tests/wayland/sessions.py),
+  # and gjs checks its GNOME 45 form as an ES module
+  libglib2.0-bin gnome-shell gjs
 )
 
 # Commands that some machines have from elsewhere than Debian's packages (a

@@ -121,6 +121,13 @@ sed -e 's|^Exec=orvane |Exec=/opt/orvane/bin/orvane |' \
   > "$deb_root/usr/share/applications/com.tarnwick.orvane.desktop"
 cp "$app/share/icons/hicolor/scalable/apps/com.tarnwick.orvane.svg" \
   "$deb_root/usr/share/icons/hicolor/scalable/apps/"
+# GNOME Shell reads system extensions only from /usr/share/gnome-shell/extensions:
+# the GNOME 43/44 form of Orvane's extension goes there (a copy; the GNOME 45
+# form stays in the folder, for Orvane to put into the user's extensions).
+mkdir -p "$deb_root/usr/share/gnome-shell/extensions"
+cp -R "$app/share/gnome-shell/extensions/orvane@tarnwick.com" \
+  "$deb_root/usr/share/gnome-shell/extensions/"
+chmod -R u=rwX,go=rX "$deb_root/usr/share/gnome-shell"
 cp "$root/packaging/copyright" "$deb_root/usr/share/doc/orvane/copyright"
 cp "$root/packaging/lintian-overrides" "$deb_root/usr/share/lintian/overrides/orvane"
 gzip -9n < "$root/packaging/orvane.1" > "$deb_root/usr/share/man/man1/orvane.1.gz"

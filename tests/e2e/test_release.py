@@ -199,6 +199,20 @@ def test_zip_holds_one_signed_install_folder(release, unzipped):
     assert files["share/orvane/site/.venv/bin/uvicorn"] == "file 755"
     assert files["share/orvane/site/.venv/bin/python"] == "file 755"
     assert files["README.txt"] == "file 644"
+    # Orvane's GNOME Shell extension in both forms, schemas compiled.
+    for folder in ("share/gnome-shell/extensions/orvane@tarnwick.com",
+                   "share/orvane/gnome-shell-45/orvane@tarnwick.com"):
+        for name in ("metadata.json", "extension.js", "com.tarnwick.orvane.Shell.xml",
+                     "schemas/gschemas.compiled",
+                     "schemas/org.gnome.shell.extensions.orvane.gschema.xml"):
+            assert files[f"{folder}/{name}"] == "file 644", (folder, name)
+    legacy = json.loads((unzipped / "share/gnome-shell/extensions/orvane@tarnwick.com"
+                         / "metadata.json").read_text())
+    modern = json.loads((unzipped / "share/orvane/gnome-shell-45/orvane@tarnwick.com"
+                         / "metadata.json").read_text())
+    assert legacy["uuid"] == modern["uuid"] == "orvane@tarnwick.com"
+    assert legacy["shell-version"] == ["43", "44"]
+    assert modern["shell-version"] == ["45", "46", "47", "48"]
     # The site's environment runs Debian's own python3, which Debian's
     # security updates reach: it holds no interpreter (nor any binary) of
     # its own, and no link out of the folder.
@@ -240,6 +254,11 @@ def test_deb_installs_the_same_folder_under_opt(release, unzipped, tmp_path):
     assert in_opt == set(listing(unzipped)), sorted(in_opt ^ set(listing(unzipped)))
     assert "./usr/share/applications/com.tarnwick.orvane.desktop" in paths
     assert "./usr/share/icons/hicolor/scalable/apps/com.tarnwick.orvane.svg" in paths
+    extension = "./usr/share/gnome-shell/extensions/orvane@tarnwick.com/"
+    in_extension = {p[len(extension):] for p in paths if p.startswith(extension)}
+    assert in_extension == {"metadata.json", "extension.js", "com.tarnwick.orvane.Shell.xml",
+                            "schemas/gschemas.compiled",
+                            "schemas/org.gnome.shell.extensions.orvane.gschema.xml"}
 
     info = run("dpkg-deb", "-f", deb, "Package", "Version", "Architecture")
     assert info.stdout.splitlines() == ["Package: orvane", f"Version: {VERSION}",
@@ -259,6 +278,15 @@ def test_deb_installs_the_same_folder_under_opt(release, unzipped, tmp_path):
     assert "\nIcon=com.tarnwick.orvane\n" in desktop
     folder_desktop = (unzipped / "share/applications/com.tarnwick.orvane.desktop").read_text()
     assert "\nExec=orvane %F\n" in folder_desktop
+    # The system's copy of the GNOME extension is the folder's GNOME 43 form.
+    system_extension = root / "usr/share/gnome-shell/extensions/orvane@tarnwick.com"
+    folder_extension = unzipped / "share/gnome-shell/extensions/orvane@tarnwick.com"
+    for name in in_extension:
+        assert (system_extension / name).read_bytes() == (folder_extension / name).read_bytes(), name
+        assert oct((system_extension / name).stat().st_mode & 0o777) == "0o644", name
+    metadata = json.loads((system_extension / "metadata.json").read_text())
+    assert metadata["uuid"] == "orvane@tarnwick.com" and metadata["shell-version"] == ["43", "44"]
+    assert "function init()" in (system_extension / "extension.js").read_text()
 
 
 def dpkg_in(root: Path, *args) -> subprocess.CompletedProcess:

@@ -2,10 +2,13 @@
 desktop portals) and mutter 43, each on private runtime, configuration and
 D-Bus folders, so several can run at the same time.
 
-`KWinSession().start()` and `MutterSession().start()` bring a session up;
+`KWinSession().start()`, `MutterSession().start()` and
+`GnomeSession().start()` (gnome-shell with Orvane's extension) bring a
+session up;
 `env()` is what a program needs to live in it, `stop()` ends every process
 the session started (by pid) and removes its folders. The command-line
-wrappers run-in-kwin-session and run-in-mutter-session, and the pytest
+wrappers run-in-kwin-session, run-in-mutter-session and
+run-in-gnome-session, and the pytest
 fixtures of tests/e2e/wayland, are built on these classes.
 
 `app_scope(app_id)` puts a process into a cgroup named like the systemd
@@ -403,6 +406,226 @@ class MutterSession(WaylandSession):
         self._wait(self.socket_ready, f"mutter's Wayland socket {self.socket}")
         self.wait_for_bus_name("org.gnome.Mutter.DisplayConfig")
 
+
+
+GNOME_SHELL_BINARY = Path("/usr/bin/gnome-shell")
+GNOME_EXTENSION_UUID = "orvane@tarnwick.com"
+
+
+def default_gnome_extension_dir() -> Path:
+    """The built extension: $ORVANE_GNOME_EXTENSION, or the one the build
+    puts beside build/orvane (beside $ORVANE_BIN when that is set)."""
+    named = os.environ.get("ORVANE_GNOME_EXTENSION")
+    if named:
+        return Path(named)
+    binary = os.environ.get("ORVANE_BIN")
+    build = Path(binary).resolve().parent if binary else REPO_ROOT / "build"
+    return build / "share" / "gnome-shell" / "extensions" / GNOME_EXTENSION_UUID
+
+
+def default_gnome_extension_45_dir() -> Path:
+    """The GNOME 45+ (ES module) form of the built extension:
+    $ORVANE_GNOME_EXTENSION_45, or share/orvane/gnome-shell-45 of the build."""
+    named = os.environ.get("ORVANE_GNOME_EXTENSION_45")
+    if named:
+        return Path(named)
+    return (default_gnome_extension_dir().parents[2] / "orvane" / "gnome-shell-45" /
+            GNOME_EXTENSION_UUID)
+
+
+class GnomeSession(MutterSession):
+    """GNOME Shell 43, headless (`gnome-shell --wayland --headless --no-x11`),
+    two virtual monitors (1600 x 1000 and 1280 x 800), on a private session
+    bus with an empty second bus as its system bus. Settings come from a
+    keyfile (GSETTINGS_BACKEND=keyfile) written before the start; Orvane's
+    extension is copied into $XDG_DATA_HOME/gnome-shell/extensions and, unless
+    `enable_extension` is false, enabled there (the shell reads extensions
+    only at its start). `extra_settings` is appended to that keyfile
+    ("[org/gnome/...]\nkey=value\n" groups). The overview, open at start,
+    is closed over D-Bus (org.gnome.Shell OverviewActive), so a new window
+    gets the focus."""
+
+    kind = "gnome"
+
+    def __init__(self, monitors: tuple[str, ...] = ("1600x1000", "1280x800"),
+                 enable_extension: bool = True, extension_dir: Path | None = None,
+                 install_extension: bool = True, extra_settings: str = "",
+                 keep_logs_on_failure: bool = True):
+        super().__init__(monitors, keep_logs_on_failure)
+        self.extra_settings = extra_settings
+        self.enable_extension = enable_extension
+        self.install_extension = install_extension
+        self.extension_dir = Path(extension_dir) if extension_dir else default_gnome_extension_dir()
+        self.shell: subprocess.Popen | None = None
+        self.keys: subprocess.Popen | None = None
+        self.key_fifo: Path | None = None
+        import threading
+        self.key_lock = threading.Lock()
+
+    @property
+    def settings_keyfile(self) -> Path:
+        assert self.root is not None
+        return self.root / "config" / "glib-2.0" / "settings" / "keyfile"
+
+    def service_env(self) -> dict[str, str]:
+        env = super().service_env()
+        env["GSETTINGS_BACKEND"] = "keyfile"
+        env["XDG_SESSION_DESKTOP"] = "gnome"
+        return env
+
+    def env(self) -> dict[str, str]:
+        env = super().env()
+        if self.key_fifo:
+            env["ORVANE_GNOME_KEYS"] = str(self.key_fifo)
+        env["GSETTINGS_BACKEND"] = "keyfile"
+        env["XDG_CONFIG_HOME"] = str(self.root / "config")
+        env["XDG_DATA_HOME"] = str(self.root / "data")
+        return env
+
+    def _write_settings(self) -> None:
+        enabled = f"['{GNOME_EXTENSION_UUID}']" if self.enable_extension else "@as []"
+        self.settings_keyfile.parent.mkdir(parents=True, exist_ok=True)
+        self.settings_keyfile.write_text(
+            "[org/gnome/shell]\n"
+            f"enabled-extensions={enabled}\n"
+            "disable-user-extensions=false\n"
+            "welcome-dialog-last-shown-version='999'\n"
+            "[org/gnome/desktop/interface]\n"
+            "enable-animations=false\n" + self.extra_settings)
+
+    def _install_extension(self) -> None:
+        assert self.root is not None
+        if not self.install_extension:
+            return
+        if not (self.extension_dir / "metadata.json").is_file():
+            raise SessionError(f"no built extension in {self.extension_dir} (build the target "
+                               "orvane_gnome_extension, or set ORVANE_GNOME_EXTENSION)")
+        target = self.root / "data" / "gnome-shell" / "extensions" / GNOME_EXTENSION_UUID
+        target.parent.mkdir(parents=True, exist_ok=True)
+        shutil.copytree(self.extension_dir, target, symlinks=False)
+
+    def _start_compositor(self) -> None:
+        assert self.logs is not None
+        if not GNOME_SHELL_BINARY.exists():
+            raise SessionError(f"{GNOME_SHELL_BINARY} is missing (scripts/install-deps.sh "
+                               "installs gnome-shell)")
+        self._write_settings()
+        self._install_extension()
+        system_bus, self.system_bus_address = start_session_bus(self.service_env(),
+                                                                self.logs / "system-dbus.log")
+        self.procs.append(("system-dbus-daemon", system_bus))
+        argv = [str(GNOME_SHELL_BINARY), "--wayland", "--headless", "--no-x11",
+                "--wayland-display", self.socket]
+        for monitor in self.monitors:
+            argv += ["--virtual-monitor", monitor]
+        self.shell = self.spawn("gnome-shell", argv, self.service_env(), log=self.compositor_log)
+        self._wait(self.socket_ready, f"gnome-shell's Wayland socket {self.socket}")
+        self.wait_for_bus_name("org.gnome.Shell")
+        # At startup-complete the shell opens its overview (and logs this
+        # line); closing it before then does not last.
+        self._wait(self._startup_complete, "gnome-shell to complete its start")
+        self._wait(self._close_overview, "gnome-shell to close its overview")
+        self._start_key_presser()
+
+    # -- keys
+
+    def _start_key_presser(self) -> None:
+        """One long-lived org.gnome.Mutter.RemoteDesktop client for the whole
+        session. Its virtual keyboard is also the seat's only keyboard: with
+        none, the shell gives no Wayland client the keyboard focus."""
+        assert self.logs is not None
+        env = self.service_env()
+        env.update(self.env())
+        with open(self.logs / "keys.log", "ab") as err:
+            self.keys = subprocess.Popen(
+                [sys.executable, str(WAYLAND_DIR / "gnome_keys.py"), "--stdin"], env=env,
+                stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=err,
+                start_new_session=True, text=True, bufsize=1)
+        self.procs.append(("gnome-keys", self.keys))
+        line = self._read_key_reply(START_TIMEOUT)
+        if line != "ready":
+            raise SessionError(f"the key presser did not start ({line!r}; its log: "
+                               f"{self.logs / 'keys.log'})", self.compositor_log)
+
+    def _read_key_reply(self, timeout: float) -> str:
+        import select
+
+        assert self.keys is not None and self.keys.stdout is not None
+        ready, _, _ = select.select([self.keys.stdout], [], [], timeout)
+        if not ready:
+            raise SessionError("the key presser did not answer in time")
+        return self.keys.stdout.readline().strip()
+
+    def press(self, chord: str) -> int:
+        """Press and release `chord` ("alt+b", "ctrl+a", ...) through the
+        session's remote-desktop keyboard; returns the epoch milliseconds at
+        which the presses were sent. "down CHORD" presses and holds the
+        keys, "up CHORD" releases them."""
+        if "\n" in chord or self.keys is None or self.keys.stdin is None:
+            raise ValueError(f"cannot press {chord!r}")
+        with self.key_lock:
+            self.keys.stdin.write(chord + "\n")
+            self.keys.stdin.flush()
+            line = self._read_key_reply(10)
+        if not line.isdigit():
+            raise SessionError(f"the key presser refused {chord!r}: {line}")
+        return int(line)
+
+    def serve_key_fifo(self) -> Path:
+        """A named pipe in the session's runtime folder: every line written
+        to it is pressed as a chord (for commands run in the session, which
+        find it in $ORVANE_GNOME_KEYS)."""
+        import threading
+
+        fifo = self.runtime_dir / "orvane-keys"
+        os.mkfifo(fifo, 0o600)
+
+        def serve() -> None:
+            while self.root is not None:
+                try:
+                    with open(fifo, encoding="utf-8", errors="replace") as fh:
+                        for line in fh:
+                            with contextlib.suppress(ValueError, SessionError):
+                                self.press(line.strip())
+                except OSError:
+                    return
+        threading.Thread(target=serve, daemon=True).start()
+        self.key_fifo = fifo
+        return fifo
+
+    def _startup_complete(self) -> bool:
+        try:
+            return b"GNOME Shell started at" in self.compositor_log.read_bytes()
+        except OSError:
+            return False
+
+    def shell_call(self, interface: str, method: str, *args: str,
+                   path: str = "/org/gnome/Shell", timeout: float = 10) -> subprocess.CompletedProcess:
+        return subprocess.run(
+            ["gdbus", "call", "--session", "--dest", "org.gnome.Shell", "--object-path", path,
+             "--method", f"{interface}.{method}", *args],
+            env=self.service_env(), stdin=subprocess.DEVNULL, capture_output=True, text=True,
+            timeout=timeout)
+
+    def _close_overview(self) -> bool:
+        set_result = self.shell_call("org.freedesktop.DBus.Properties", "Set", "org.gnome.Shell",
+                                     "OverviewActive", "<false>")
+        if set_result.returncode != 0:
+            return False
+        got = self.shell_call("org.freedesktop.DBus.Properties", "Get", "org.gnome.Shell",
+                              "OverviewActive")
+        return got.returncode == 0 and "false" in got.stdout
+
+    def extension_state(self) -> str:
+        """The shell's view of Orvane's extension: its GetExtensionInfo
+        answer as text ("" when the call fails)."""
+        result = self.shell_call("org.gnome.Shell.Extensions", "GetExtensionInfo",
+                                 GNOME_EXTENSION_UUID)
+        return result.stdout if result.returncode == 0 else ""
+
+    @property
+    def shell_pid(self) -> int | None:
+        return self.shell.pid if self.shell else None
 
 # --------------------------------------------------------------------------
 # the app scope

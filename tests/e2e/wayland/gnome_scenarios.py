@@ -58,6 +58,15 @@ class GnomeTestSession(_SessionDesktop, GnomeSession):
         target.parent.mkdir(parents=True, exist_ok=True)
         shutil.copytree(OBSERVER_DIR, target)
 
+    def env(self) -> dict[str, str]:
+        """What a program in the session gets. The shell's own settings and
+        extensions folders are left out: a program's HOME (a test's
+        throwaway home) decides where it keeps its files."""
+        env = super().env()
+        env.pop("XDG_CONFIG_HOME", None)
+        env.pop("XDG_DATA_HOME", None)
+        return env
+
     def press(self, *chords: str) -> None:  # type: ignore[override]
         for chord in chords:
             GnomeSession.press(self, chord)

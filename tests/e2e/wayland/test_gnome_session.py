@@ -63,8 +63,9 @@ def as_logged(frame: tuple[int, int, int, int], primary_height: int = 1000) -> s
 
 @pytest.fixture
 def gnome(request):
-    marker = request.node.get_closest_marker("extension")
-    session = GnomeTestSession(marker.args[0] if marker else "enabled")
+    # How the extension is offered: "enabled" unless the test asks for
+    # "disabled" or "missing" (parametrized indirectly).
+    session = GnomeTestSession(getattr(request, "param", "enabled"))
     session.start()
     try:
         yield session
@@ -285,7 +286,7 @@ def test_the_extension_answers_orvane_only(gnome, wayland_orvane, site):
     assert orvane.running()
 
 
-@pytest.mark.extension("missing")
+@pytest.mark.parametrize("gnome", ["missing"], indirect=True)
 def test_without_the_extension_orvane_installs_it_says_to_log_in_again_once_and_the_library_works(
         gnome, wayland_orvane, site):
     orvane = wayland_orvane(gnome, in_scope=False, AppURL=site.url)
@@ -296,12 +297,12 @@ def test_without_the_extension_orvane_installs_it_says_to_log_in_again_once_and_
     assert any(m.startswith("accessibility trusted: NO") for m in messages), messages[:8]
     assert any("\u2325B FAILED" in m for m in messages), messages[:8]
     home.wait_for_log(lambda m: LOG_OUT in m)
-    installed = gnome.root / "data" / "gnome-shell" / "extensions" / "orvane@tarnwick.com" / "metadata.json"
+    installed = home.path / ".local" / "share" / "gnome-shell" / "extensions" / "orvane@tarnwick.com" / "metadata.json"
     assert installed.is_file()
     assert holds_for(lambda: sum(LOG_OUT in m for m in home.log_messages()) == 1, 1.0)
 
 
-@pytest.mark.extension("disabled")
+@pytest.mark.parametrize("gnome", ["disabled"], indirect=True)
 def test_a_disabled_extension_is_enabled_and_the_launch_is_trusted(gnome, wayland_orvane, site):
     orvane, library, view, _ = started(gnome, wayland_orvane, site)
     assert "accessibility trusted: YES" in orvane.home.log_messages()

@@ -10,6 +10,7 @@ The monitors: 1600 x 1000 at x 0, and 1280 x 800 to its right (x 1600).
 from __future__ import annotations
 
 import json
+import re
 import urllib.parse
 
 import pytest
@@ -306,4 +307,9 @@ def test_without_the_extension_orvane_installs_it_says_to_log_in_again_once_and_
 def test_a_disabled_extension_is_enabled_and_the_launch_is_trusted(gnome, wayland_orvane, site):
     orvane, library, view, _ = started(gnome, wayland_orvane, site)
     assert "accessibility trusted: YES" in orvane.home.log_messages()
-    assert "'state': <1.0>" in gnome.extension_state() or "state" in gnome.extension_state()
+    # The shell has it enabled now (state 1: ENABLED), and Orvane said so.
+    info = gnome.extension_state()
+    state = re.search(r"'state': <([0-9.]+)>", info)
+    assert state and float(state.group(1)) == 1.0, info
+    assert any("enable" in m.lower() and "extension" in m.lower() for m in orvane.home.log_messages()), \
+        orvane.home.log_messages()[:10]

@@ -1,18 +1,20 @@
-// Orvane's own windows on KDE Plasma's Wayland session. A Wayland client
-// cannot place its windows or learn where they are; KWin can, so the frames
-// are read and set through KWin's scripting, on the window of this process
-// whose caption is the GTK window's title (the size decides between two of
-// the same title). Everything else is GTK's (GtkOwnWindows). Main thread only.
+// Orvane's own windows on a Wayland session whose compositor lists and
+// places windows for Orvane (KWin's scripting, the GNOME Shell extension). A
+// Wayland client cannot place its windows or learn where they are; the
+// compositor can, so the frames are read and set through the desktop's
+// window list (a Windows), on the window of this process whose title is the
+// GTK window's title (the size decides between two of the same title).
+// Everything else is GTK's (GtkOwnWindows). Main thread only.
 //
-// KWin keeps a window within the minimum size its client last committed, and
-// a size hint set on a GtkWindow reaches the compositor only with the
-// window's next painted frame: a frame is asked of KWin once that frame is
-// committed and KWin has read it (a display sync after it), or after a short
-// wait when no frame comes.
+// A compositor keeps a window within the minimum size its client last
+// committed, and a size hint set on a GtkWindow reaches the compositor only
+// with the window's next painted frame: a frame is asked of the compositor
+// once that frame is committed and the compositor has read it (a display
+// sync after it), or after a short wait when no frame comes.
 #pragma once
 
 #include "desktop/OwnWindows.h"
-#include "desktop/kwin/KWinWindows.h"
+#include "desktop/Windows.h"
 #include "desktop/wayland/GtkOwnWindows.h"
 
 #include <memory>
@@ -20,10 +22,23 @@
 
 namespace orvane {
 
-class KWinOwnWindows final : public OwnWindows {
+class ListedOwnWindows final : public OwnWindows {
 public:
+  struct Options {
+    // Makes the listed window the floating panel (above every other window,
+    // on every workspace); empty where another layer does that (layer-shell
+    // on KWin). Run each time the panel is mapped, once the desktop lists
+    // its window: a Wayland window hidden and shown again is a new window
+    // for the compositor.
+    std::function<bool(unsigned long id)> make_panel;
+    // How long a mapped panel is looked for in the list.
+    unsigned panel_wait_ms = 2000;
+  };
+
   // `windows` must outlive this object.
-  explicit KWinOwnWindows(Windows& windows) : windows_(windows) {}
+  explicit ListedOwnWindows(Windows& windows) : windows_(windows) {}
+  ListedOwnWindows(Windows& windows, Options options)
+      : windows_(windows), options_(std::move(options)) {}
 
   void track(GtkWindow* window) override { gtk_.track(window); }
   void whenOnScreen(GtkWindow* window, std::function<void()> task) override {
@@ -38,17 +53,23 @@ public:
   }
   bool isOnActiveWorkspace(GtkWindow* window) override { return gtk_.isOnActiveWorkspace(window); }
   bool hasInputFocus(GtkWindow* window) override { return gtk_.hasInputFocus(window); }
-  // KWin activates the window: a Wayland client cannot raise itself.
+  void makePanel(GtkWindow* window) override;
+  // The desktop activates the window: a Wayland client cannot raise itself.
   void requestActivation(GtkWindow* window, uint32_t timestamp) override;
 
 private:
-  // KWin's window for the GTK window, when KWin lists it.
-  std::optional<WindowInfo> kwinWindowOf(GtkWindow* window);
+  // The listed window for the GTK window, when the desktop lists it.
+  std::optional<WindowInfo> listedWindowOf(GtkWindow* window);
+  // Looks for the mapped panel in the list until it is there (then makes it
+  // the panel) or the time is up.
+  void makePanelWhenListed(GtkWindow* window);
 
-  // Sets the frame through KWin at once (GTK's request when KWin cannot).
+  // Sets the frame through the desktop at once (GTK's request when the
+  // desktop cannot).
   void applyFrame(GtkWindow* window, const Rect& frame);
 
   Windows& windows_;
+  Options options_;
   GtkOwnWindows gtk_;
   // Frames still waiting for their commit are dropped once this object goes.
   std::shared_ptr<int> alive_ = std::make_shared<int>(0);

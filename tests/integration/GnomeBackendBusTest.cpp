@@ -113,8 +113,7 @@ TEST(GnomeBackendBusTest, AFrameIsSentInTheShellsCoordinatesAndTheAnswerCounts) 
   EXPECT_TRUE(windows.activate(7, 1234));
   EXPECT_FALSE(windows.leaveFullScreen(7));
   std::vector<std::string> calls = stand_in.calls();
-  EXPECT_NE(std::find(calls.begin(), calls.end(),
-                      "MoveResize (7, 1700, 100, 500, 400)"),
+  EXPECT_NE(std::find(calls.begin(), calls.end(), "MoveResize (7, 1700, 100, 500, 400)"),
             calls.end());
   EXPECT_NE(std::find(calls.begin(), calls.end(), "Activate (7, 1234)"), calls.end());
   // A frame out of range is never sent.
@@ -190,8 +189,7 @@ TEST(GnomeBackendBusTest, ImpossibleMonitorsAndPointerAreRefused) {
   GnomeShell shell(bus.get(), Quick());
   for (const char* hostile :
        {"(@a(iiiiiiii) [], 0)", "([(0, 0, 1600, 1000, 0, 0, 1600, 1000)], 1)",
-        "([(0, 0, 1600, 1000, 0, 0, 1600, 1000)], -1)",
-        "([(0, 0, 0, 1000, 0, 0, 1600, 1000)], 0)",
+        "([(0, 0, 1600, 1000, 0, 0, 1600, 1000)], -1)", "([(0, 0, 0, 1000, 0, 0, 1600, 1000)], 0)",
         "([(0, 0, 1600, 1000, 0, 0, 1600, -5)], 0)",
         "([(2000000, 0, 1600, 1000, 0, 0, 1600, 1000)], 0)"}) {
     stand_in.answer("Monitors", hostile);
@@ -232,11 +230,10 @@ TEST(GnomeBackendBusTest, SelectionsTravelUnchangedAndAHostileClipboardIsRefused
   selections.restoreClipboard(saved);
   EXPECT_TRUE(selections.sendCopyChord(CopyChord::kControlShiftC));
   EXPECT_TRUE(selections.sendCopyChord(CopyChord::kControlC));
-  EXPECT_EQ(stand_in.calls(),
-            (std::vector<std::string>{
-                "RestoreClipboard ([('text/plain;charset=utf-8', [0x68, 0x69]), "
-                "('image/png', [0x89, 0x00, 0xff])],)",
-                "SendCopyChord ('ctrl-shift-c',)", "SendCopyChord ('ctrl-c',)"}));
+  EXPECT_EQ(stand_in.calls(), (std::vector<std::string>{
+                                  "RestoreClipboard ([('text/plain;charset=utf-8', [0x68, 0x69]), "
+                                  "('image/png', [0x89, 0x00, 0xff])],)",
+                                  "SendCopyChord ('ctrl-shift-c',)", "SendCopyChord ('ctrl-c',)"}));
 
   stand_in.answer("SaveClipboard", "([('', [byte 0x78])],)");
   EXPECT_TRUE(selections.saveClipboard().empty());
@@ -330,8 +327,7 @@ TEST(GnomeBackendBusTest, HotkeysAreDispatchedByNameOnlyFromTheShellsOwner) {
   std::vector<std::string> fired;
   auto request = [&](const char* name) {
     return Hotkeys::Request{name, "d", "<Alt>x", [&fired, name](uint32_t timestamp) {
-                              fired.push_back(std::string(name) + " " +
-                                              std::to_string(timestamp));
+                              fired.push_back(std::string(name) + " " + std::to_string(timestamp));
                             }};
   };
   std::vector<bool> bound = hotkeys.bindAll(

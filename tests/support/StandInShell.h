@@ -88,9 +88,8 @@ private:
       return;
     }
     if (!has_reply || reply == "@error") {
-      g_dbus_method_invocation_return_dbus_error(invocation,
-                                                 "com.tarnwick.orvane.Shell.Error.Failed",
-                                                 "the stand-in has no answer");
+      g_dbus_method_invocation_return_dbus_error(
+          invocation, "com.tarnwick.orvane.Shell.Error.Failed", "the stand-in has no answer");
       return;
     }
     GErrorPtr error;
@@ -104,8 +103,7 @@ private:
     GDBusMessage* message =
         g_dbus_message_new_method_reply(g_dbus_method_invocation_get_message(invocation));
     g_dbus_message_set_body(message, body);
-    g_dbus_connection_send_message(bus, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr,
-                                   nullptr);
+    g_dbus_connection_send_message(bus, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
     g_object_unref(message);
     g_object_unref(invocation);
   }
@@ -135,9 +133,9 @@ private:
     GDBusInterfaceVTable vtable{&StandInShell::OnCall, nullptr, nullptr, {}};
     guint shell = 0;
     if (node && node->interfaces && node->interfaces[0])
-      shell = g_dbus_connection_register_object(bus_.get(), "/com/tarnwick/orvane/Shell",
-                                                node->interfaces[0], &vtable, this, nullptr,
-                                                nullptr);
+      shell =
+          g_dbus_connection_register_object(bus_.get(), "/com/tarnwick/orvane/Shell",
+                                            node->interfaces[0], &vtable, this, nullptr, nullptr);
     guint manager = g_dbus_connection_register_object(
         bus_.get(), "/org/gnome/Shell", extensions->interfaces[0], &vtable, this, nullptr, nullptr);
     // The stand-in of an earlier test may still hold the name for a moment.

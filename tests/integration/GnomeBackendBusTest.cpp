@@ -366,6 +366,7 @@ TEST(GnomeBackendBusTest, HotkeysAreDispatchedByNameOnlyFromTheShellsOwner) {
 }
 
 TEST(GnomeBackendBusTest, WithoutTheExtensionEveryHotkeyFails) {
+  LogCapture log;
   StandInShell stand_in;
   auto bus = Bus();
   GnomeShell shell(bus.get(), Quick());
@@ -374,6 +375,15 @@ TEST(GnomeBackendBusTest, WithoutTheExtensionEveryHotkeyFails) {
       hotkeys.bindAll({{"summon", "d", "<Alt>b", [](uint32_t) {}}, {"talk", "d", "<Alt>v", {}}});
   EXPECT_EQ(bound, (std::vector<bool>{false, false}));
   EXPECT_FALSE(hotkeys.bind("<Alt>b", [](uint32_t) {}));
+  ASSERT_EQ(log.messages().size(), 1u);
+  EXPECT_EQ(
+      log.messages()[0].rfind("hotkeys: Orvane's GNOME Shell extension does not bind them: ", 0),
+      0u)
+      << log.messages()[0];
+  // A hostile answer is the same failure.
+  stand_in.answer("BindHotkeys", "({'summon': 'yes'},)");
+  EXPECT_EQ(hotkeys.bindAll({{"summon", "d", "<Alt>b", [](uint32_t) {}}}),
+            (std::vector<bool>{false}));
 }
 
 TEST(GnomeBackendBusTest, TheWindowsOfAPidAndTheApplicationsPids) {

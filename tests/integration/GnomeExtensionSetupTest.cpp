@@ -99,6 +99,23 @@ TEST(GnomeExtensionSetupTest, ADisabledExtensionIsEnabledAndThatIsLogged) {
   EXPECT_TRUE(notifications.shown.empty());
 }
 
+TEST(GnomeExtensionSetupTest, HeldLinesAreKeptForLaterAndNotWritten) {
+  LogCapture log;
+  StandInShell shell;
+  shell.answer("GetExtensionInfo", "({'state': <2.0>},)");
+  shell.answer("EnableExtension", "(true,)");
+  Places places;
+  auto bus = Bus();
+  GnomeExtensionSetup::Options options;
+  options.hold_log = true;
+  GnomeExtensionSetup setup(bus.get(), places.places, nullptr, options);
+  EXPECT_EQ(setup.run(), GnomeExtensionState::kEnabledNow);
+  EXPECT_TRUE(log.messages().empty());
+  EXPECT_EQ(setup.heldLines(),
+            (std::vector<std::string>{
+                "gnome: the extension orvane@tarnwick.com was disabled; Orvane enabled it"}));
+}
+
 TEST(GnomeExtensionSetupTest, AnExtensionTheShellWillNotEnableIsSaid) {
   LogCapture log;
   StandInShell shell;

@@ -1,5 +1,7 @@
 #include "desktop/gnome/GnomeBackend.h"
 
+#include "base/SparLog.h"
+
 #include "desktop/gnome/GnomeExtensionSetup.h"
 #include "desktop/gnome/GnomeSeams.h"
 #include "desktop/gnome/GnomeShell.h"
@@ -23,10 +25,26 @@ GnomeBackend::GnomeBackend(GDBusConnection* session_bus, bool set_up_extension,
       own_window_list_(std::make_unique<GnomeWindows>(*shell_)) {
   bool told = false;
   if (set_up_extension) {
-    GnomeExtensionSetup setup(bus_.get(), StandardGnomeExtensionPlaces(), notifications_.get());
+    GnomeExtensionSetup::Options options;
+    options.hold_log = true;
+    GnomeExtensionSetup setup(bus_.get(), StandardGnomeExtensionPlaces(), notifications_.get(),
+                              options);
     setup.run();
     setup_note_ = setup.noteForUser();
     told = setup.notified();
+    // The launch's first lines come first: what the set-up did is logged
+    // once the main loop runs.
+    if (!setup.heldLines().empty()) {
+      auto* lines = new std::vector<std::string>(setup.heldLines());
+      g_idle_add_full(
+          G_PRIORITY_DEFAULT_IDLE,
+          +[](gpointer data) -> gboolean {
+            for (const std::string& line : *static_cast<std::vector<std::string>*>(data))
+              WriteLogLine(line);
+            return G_SOURCE_REMOVE;
+          },
+          lines, +[](gpointer data) { delete static_cast<std::vector<std::string>*>(data); });
+    }
   }
   lacks_means_ = !told && !shell_->version();
 }

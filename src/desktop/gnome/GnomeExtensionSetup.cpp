@@ -111,7 +111,7 @@ GnomeExtensionSetup::GnomeExtensionSetup(GDBusConnection* session_bus, GnomeExte
 GnomeExtensionState GnomeExtensionSetup::run() {
   note_.clear();
   if (!bus_) {
-    SparLog("gnome: the extension could not be checked: no session bus");
+    log("gnome: the extension could not be checked: no session bus");
     return GnomeExtensionState::kNoShell;
   }
   GErrorPtr error;
@@ -120,7 +120,7 @@ GnomeExtensionState GnomeExtensionSetup::run() {
       "GetExtensionInfo", g_variant_new("(s)", kGnomeExtensionUuid), G_VARIANT_TYPE("(a{sv})"),
       G_DBUS_CALL_FLAGS_NO_AUTO_START, int(options_.call_seconds * 1000), nullptr, error.out()));
   if (!reply) {
-    SparLog("gnome: the extension could not be checked: %@", ShortenedText(error.message(), 300));
+    log("gnome: the extension could not be checked: %@", ShortenedText(error.message(), 300));
     return GnomeExtensionState::kNoShell;
   }
   GVariantPtr info(g_variant_get_child_value(reply.get(), 0));
@@ -141,12 +141,12 @@ GnomeExtensionState GnomeExtensionSetup::run() {
     if (enabled)
       g_variant_get(enabled.get(), "(b)", &ok);
     if (ok) {
-      SparLog("gnome: the extension %s was disabled; Orvane enabled it", kGnomeExtensionUuid);
+      log("gnome: the extension %s was disabled; Orvane enabled it", kGnomeExtensionUuid);
       return GnomeExtensionState::kEnabledNow;
     }
-    SparLog("gnome: the extension %s is disabled and GNOME Shell did not enable it: %@",
-            kGnomeExtensionUuid,
-            enabled ? std::string("refused") : ShortenedText(enable_error.message(), 300));
+    log("gnome: the extension %s is disabled and GNOME Shell did not enable it: %@",
+        kGnomeExtensionUuid,
+        enabled ? std::string("refused") : ShortenedText(enable_error.message(), 300));
     note_ = "Enable \"Orvane\" in GNOME's Extensions application (and check that user "
             "extensions are not turned off there)";
     return GnomeExtensionState::kNotEnabled;
@@ -155,11 +155,11 @@ GnomeExtensionState GnomeExtensionSetup::run() {
   std::string reason = error_value
                            ? ShortenedText(g_variant_get_string(error_value.get(), nullptr), 300)
                            : std::string();
-  SparLog("gnome: GNOME Shell reports the extension %s as %@%@", kGnomeExtensionUuid,
-          state == kStateOutOfDate ? std::string("made for another GNOME version")
-          : state == kStateError   ? std::string("failed")
-                                   : "in state " + NumberText(state),
-          reason.empty() ? std::string() : ": " + reason);
+  log("gnome: GNOME Shell reports the extension %s as %@%@", kGnomeExtensionUuid,
+      state == kStateOutOfDate ? std::string("made for another GNOME version")
+      : state == kStateError   ? std::string("failed")
+                               : "in state " + NumberText(state),
+      reason.empty() ? std::string() : ": " + reason);
   note_ = state == kStateOutOfDate
               ? "The installed extension does not support this GNOME version; install the "
                 "Orvane release made for it"
@@ -178,9 +178,9 @@ GnomeExtensionState GnomeExtensionSetup::install() {
     if (!folder.empty() && Exists(copy)) {
       if (folder == places_.user_folder && TypeAt(copy) != fs::file_type::directory &&
           TypeAt(copy) != fs::file_type::symlink) {
-        SparLog("gnome: %@ is not a folder; the extension was not installed — remove it, then "
-                "restart Orvane",
-                copy);
+        log("gnome: %@ is not a folder; the extension was not installed — remove it, then "
+            "restart Orvane",
+            copy);
         note_ = "Something that is not the extension is in the way at " + copy +
                 "; remove it and restart Orvane";
         return GnomeExtensionState::kNotInstalled;
@@ -191,7 +191,7 @@ GnomeExtensionState GnomeExtensionSetup::install() {
     }
   }
   auto not_installed = [&](const std::string& why) {
-    SparLog("gnome: the extension could not be installed into %@: %@", places_.user_folder, why);
+    log("gnome: the extension could not be installed into %@: %@", places_.user_folder, why);
     note_ = "Orvane could not install its GNOME Shell extension (" + why +
             "); install it, then log out and back in";
     return GnomeExtensionState::kNotInstalled;
@@ -230,8 +230,15 @@ GnomeExtensionState GnomeExtensionSetup::install() {
   return not_installed(why);
 }
 
+void GnomeExtensionSetup::write(std::string line) {
+  if (options_.hold_log)
+    held_lines_.push_back(std::move(line));
+  else
+    WriteLogLine(line);
+}
+
 void GnomeExtensionSetup::askToLogInAgain(const std::string& log_line) {
-  SparLog("%@", log_line);
+  log("%@", log_line);
   std::string text = "Orvane's GNOME Shell extension is installed: ";
   text.append(kGnomeLogInAgain, sizeof kGnomeLogInAgain - 1);
   note_ = text;

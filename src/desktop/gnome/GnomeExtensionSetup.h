@@ -13,6 +13,7 @@
 // one clear log line and nothing else. Main thread only.
 #pragma once
 
+#include "base/SparLog.h"
 #include "desktop/Notifications.h"
 
 #include <gio/gio.h>
@@ -58,6 +59,9 @@ public:
   struct Options {
     std::string service = "org.gnome.Shell";
     double call_seconds = 2;
+    // Keeps the log lines for heldLines() instead of writing them: the
+    // set-up runs before the launch's first line.
+    bool hold_log = false;
   };
 
   // `notifications` may be null.
@@ -72,10 +76,16 @@ public:
   const std::string& noteForUser() const { return note_; }
   // Whether run() told the user through a notification.
   bool notified() const { return notified_; }
+  // The lines held back with Options::hold_log.
+  const std::vector<std::string>& heldLines() const { return held_lines_; }
 
 private:
   GnomeExtensionState install();
   void askToLogInAgain(const std::string& log_line);
+  template <typename... Args> void log(std::string_view format, const Args&... args) {
+    write(FormatLogMessage(format, {LogArg(args)...}));
+  }
+  void write(std::string line);
 
   GDBusConnection* bus_;
   GnomeExtensionPlaces places_;
@@ -83,6 +93,7 @@ private:
   Options options_;
   std::string note_;
   bool notified_ = false;
+  std::vector<std::string> held_lines_;
 };
 
 } // namespace orvane

@@ -140,9 +140,12 @@ std::vector<bool> GnomeHotkeys::bindAll(const std::vector<Request>& requests) {
         &GnomeHotkeys::OnShellAppeared, &GnomeHotkeys::OnShellVanished, this, nullptr);
   }
   owner_ = shell_.ownerOfService();
-  std::optional<std::map<std::string, bool>> bound = shell_.bindHotkeys();
-  if (!bound)
+  std::string why;
+  std::optional<std::map<std::string, bool>> bound = shell_.bindHotkeys(why);
+  if (!bound) {
+    SparLog("hotkeys: Orvane's GNOME Shell extension does not bind them: %@", why);
     return result;
+  }
   bound_with_ = owner_;
   for (size_t i = 0; i < requests.size(); ++i) {
     auto it = bound->find(requests[i].id);
@@ -183,7 +186,8 @@ void GnomeHotkeys::OnShellAppeared(GDBusConnection*, const gchar*, const gchar* 
   self->owner_ = owner ? owner : "";
   // A shell that restarted has forgotten the bindings.
   if (!self->bound_with_.empty() && self->bound_with_ != self->owner_ && !self->handlers_.empty()) {
-    std::optional<std::map<std::string, bool>> bound = self->shell_.bindHotkeys();
+    std::string why;
+    std::optional<std::map<std::string, bool>> bound = self->shell_.bindHotkeys(why);
     if (bound) {
       self->bound_with_ = self->owner_;
       SparLog("hotkeys: GNOME Shell restarted; the hotkeys were bound again");

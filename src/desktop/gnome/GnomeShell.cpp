@@ -234,13 +234,18 @@ void GnomeShell::fail(const std::string& what, const std::string& why) {
 }
 
 GVariantPtr GnomeShell::call(const char* method, GVariant* parameters, const char* reply_type,
-                             double seconds, bool log_failure) {
+                             double seconds, std::string* why) {
   last_call_worked_ = false;
+  auto failed = [&](const std::string& reason) {
+    if (why)
+      *why = reason;
+    else
+      fail(method, reason);
+  };
   if (!bus_) {
     if (parameters)
       g_variant_unref(g_variant_ref_sink(parameters));
-    if (log_failure)
-      fail(method, "no session bus");
+    failed("no session bus");
     return GVariantPtr();
   }
   GErrorPtr error;
@@ -249,8 +254,7 @@ GVariantPtr GnomeShell::call(const char* method, GVariant* parameters, const cha
       G_VARIANT_TYPE(reply_type), G_DBUS_CALL_FLAGS_NO_AUTO_START, int(seconds * 1000), nullptr,
       error.out()));
   if (!reply) {
-    if (log_failure)
-      fail(method, ShortenedText(error.message(), 300));
+    failed(ShortenedText(error.message(), 300));
     return GVariantPtr();
   }
   last_call_worked_ = true;
@@ -258,7 +262,8 @@ GVariantPtr GnomeShell::call(const char* method, GVariant* parameters, const cha
 }
 
 std::optional<uint32_t> GnomeShell::version() {
-  GVariantPtr reply = call("Version", nullptr, "(u)", options_.call_seconds, false);
+  std::string why;
+  GVariantPtr reply = call("Version", nullptr, "(u)", options_.call_seconds, &why);
   if (!reply)
     return std::nullopt;
   guint32 version = 0;
@@ -459,16 +464,13 @@ std::optional<bool> GnomeShell::sendCopyChord(const std::string& chord) {
   return okCall("SendCopyChord", g_variant_new("(s)", chord.c_str()), options_.slow_call_seconds);
 }
 
-std::optional<std::map<std::string, bool>> GnomeShell::bindHotkeys() {
-  GVariantPtr reply = call("BindHotkeys", nullptr, "(a{sb})", options_.call_seconds);
+std::optional<std::map<std::string, bool>> GnomeShell::bindHotkeys(std::string& why) {
+  GVariantPtr reply = call("BindHotkeys", nullptr, "(a{sb})", options_.call_seconds, &why);
   if (!reply)
     return std::nullopt;
-  std::string why;
   std::optional<std::map<std::string, bool>> bound = ParseShellBoundHotkeys(reply.get(), why);
-  if (!bound) {
+  if (!bound)
     last_call_worked_ = false;
-    fail("BindHotkeys", why);
-  }
   return bound;
 }
 

@@ -134,7 +134,8 @@ public:
   std::optional<ClipboardContents> saveClipboard();
   std::optional<bool> restoreClipboard(const ClipboardContents& contents);
   std::optional<bool> sendCopyChord(const std::string& chord);
-  std::optional<std::map<std::string, bool>> bindHotkeys();
+  // Not logged: the caller says why (`why`) in its own line.
+  std::optional<std::map<std::string, bool>> bindHotkeys(std::string& why);
 
   // The unique name that owns the service now ("" when none answers).
   std::string ownerOfService();
@@ -144,8 +145,9 @@ public:
 
 private:
   // One call; the reply when it came in time with exactly `reply_type`.
+  // `why`, when given, gets the reason of a failure instead of the log.
   GVariantPtr call(const char* method, GVariant* parameters, const char* reply_type, double seconds,
-                   bool log_failure = true);
+                   std::string* why = nullptr);
   std::optional<std::optional<ShellWindow>> oneWindow(const char* method, GVariant* parameters);
   std::optional<std::vector<ShellWindow>> windowList(const char* method, GVariant* parameters);
   std::optional<bool> okCall(const char* method, GVariant* parameters, double seconds);

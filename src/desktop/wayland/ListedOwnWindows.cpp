@@ -13,6 +13,9 @@ namespace orvane {
 namespace {
 
 constexpr unsigned kFramePollMs = 40;
+// The most a listed frame may differ from the GTK window's size in either
+// dimension and still be that window.
+constexpr double kMaxDecoration = 128;
 // The longest a frame waits for the window's next commit.
 constexpr unsigned kCommitWaitMs = 300;
 
@@ -86,8 +89,14 @@ std::optional<WindowInfo> ListedOwnWindows::listedWindowOf(GtkWindow* window) {
   for (const WindowInfo& candidate : *mine) {
     if (!candidate.normal || candidate.title != (title ? title : ""))
       continue;
-    double distance =
-        std::fabs(candidate.frame.width - width) + std::fabs(candidate.frame.height - height);
+    // A frame far from the GTK window's size (decorations differ by a title
+    // bar and borders) is another window of the same title, such as the
+    // library window while the panel is not listed yet.
+    double dw = std::fabs(candidate.frame.width - width);
+    double dh = std::fabs(candidate.frame.height - height);
+    if (dw > kMaxDecoration || dh > kMaxDecoration)
+      continue;
+    double distance = dw + dh;
     if (!best || distance < best_distance) {
       best = candidate;
       best_distance = distance;

@@ -38,14 +38,18 @@ TEST(ListedOwnWindowsTest, AListedWindowOfTheSameTitleButAnotherSizeIsAnotherWin
   // The panel is not listed yet: nothing of the library's is taken for it.
   EXPECT_NE(own.frame(panel), (Rect{249, 115, 1100, 797}));
   own.requestActivation(panel, 0);
-  EXPECT_TRUE(windows.activations.empty());
   own.setFrame(panel, Rect{520, 100, 560, 717});
   EXPECT_TRUE(windows.frame_writes.empty());
+  SpinFor(0.2);
+  EXPECT_TRUE(windows.activations.empty());
 
+  // Once listed, the window asked to be activated is.
   unsigned long listed = windows.add(me, "Orvane", Rect{1040, 195, 560, 717});
+  ASSERT_TRUE(SpinUntil([&] { return !windows.activations.empty(); }, 5));
+  EXPECT_EQ(windows.activations, (std::vector<unsigned long>{listed}));
   EXPECT_EQ(own.frame(panel), (Rect{1040, 195, 560, 717}));
   own.requestActivation(panel, 0);
-  EXPECT_EQ(windows.activations, (std::vector<unsigned long>{listed}));
+  EXPECT_EQ(windows.activations, (std::vector<unsigned long>{listed, listed}));
   own.setFrame(panel, Rect{520, 100, 560, 717});
   ASSERT_EQ(windows.frame_writes.size(), 1u);
   EXPECT_EQ(windows.frame_writes[0].id, listed);

@@ -180,8 +180,16 @@ void ListedOwnWindows::whenFrameIs(GtkWindow* window, const Rect& frame, unsigne
 
 void ListedOwnWindows::requestActivation(GtkWindow* window, uint32_t timestamp) {
   gtk_.requestActivation(window, timestamp);
-  if (std::optional<WindowInfo> found = listedWindowOf(window))
+  if (std::optional<WindowInfo> found = listedWindowOf(window)) {
     windows_.activate(found->id, timestamp);
+    return;
+  }
+  // A window just mapped may not be listed yet.
+  if (gtk_widget_get_mapped(GTK_WIDGET(window)))
+    whenListed(window, [this, timestamp](std::optional<WindowInfo> found) {
+      if (found)
+        windows_.activate(found->id, timestamp);
+    });
 }
 
 void ListedOwnWindows::makePanel(GtkWindow* window) {
@@ -205,33 +213,43 @@ void ListedOwnWindows::makePanel(GtkWindow* window) {
 }
 
 void ListedOwnWindows::makePanelWhenListed(GtkWindow* window) {
+  whenListed(window, [this](std::optional<WindowInfo> found) {
+    if (!found)
+      SparLog("panel: the desktop did not list the panel's window in time; it is not kept "
+              "above the other windows");
+    else if (!options_.make_panel(found->id))
+      SparLog("panel: the desktop refused to keep the panel above the other windows");
+  });
+}
+
+void ListedOwnWindows::whenListed(GtkWindow* window,
+                                  std::function<void(std::optional<WindowInfo>)> task) {
   struct Look {
     std::weak_ptr<int> alive;
     ListedOwnWindows* self;
     GtkWindow* window;
     unsigned left_ms;
+    std::function<void(std::optional<WindowInfo>)> task;
   };
-  auto* look = new Look{alive_, this, GTK_WINDOW(g_object_ref(window)), options_.panel_wait_ms};
+  auto* look = new Look{alive_, this, GTK_WINDOW(g_object_ref(window)), options_.panel_wait_ms,
+                        std::move(task)};
   auto check = +[](gpointer data) -> gboolean {
     auto* l = static_cast<Look*>(data);
+    // A window hidden meanwhile, or an object gone, ends the look quietly.
     if (!l->alive.expired() && gtk_widget_get_mapped(GTK_WIDGET(l->window))) {
       std::optional<WindowInfo> found = l->self->listedWindowOf(l->window);
       if (!found && l->left_ms >= kFramePollMs) {
         l->left_ms -= kFramePollMs;
         return G_SOURCE_CONTINUE;
       }
-      if (!found)
-        SparLog("panel: the desktop did not list the panel's window in time; it is not kept "
-                "above the other windows");
-      else if (!l->self->options_.make_panel(found->id))
-        SparLog("panel: the desktop refused to keep the panel above the other windows");
+      l->task(found);
     }
     std::unique_ptr<Look> done(l);
     g_object_unref(done->window);
     return G_SOURCE_REMOVE;
   };
   guint source = g_timeout_add(kFramePollMs, check, look);
-  g_source_set_name_by_id(source, "[orvane] panel listed by the desktop");
+  g_source_set_name_by_id(source, "[orvane] own window listed by the desktop");
 }
 
 } // namespace orvane

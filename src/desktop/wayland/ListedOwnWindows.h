@@ -31,7 +31,8 @@ public:
     // its window: a Wayland window hidden and shown again is a new window
     // for the compositor.
     std::function<bool(unsigned long id)> make_panel;
-    // How long a mapped panel is looked for in the list.
+    // How long a mapped window is looked for in the list (the panel to make
+    // it the panel, a window to activate).
     unsigned panel_wait_ms = 2000;
   };
 
@@ -63,6 +64,10 @@ private:
   // Looks for the mapped panel in the list until it is there (then makes it
   // the panel) or the time is up.
   void makePanelWhenListed(GtkWindow* window);
+  // Runs the task with the listed window once the desktop lists the mapped
+  // window, or with nothing when it does not within Options::panel_wait_ms;
+  // not at all when the window is hidden or this object goes meanwhile.
+  void whenListed(GtkWindow* window, std::function<void(std::optional<WindowInfo>)> task);
 
   // Sets the frame through the desktop at once (GTK's request when the
   // desktop cannot).

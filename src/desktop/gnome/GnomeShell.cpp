@@ -79,6 +79,10 @@ std::optional<ShellWindow> ParseShellWindow(GVariant* dictionary, std::string& w
   std::optional<int32_t> x = IntEntry(dictionary, "x"), y = IntEntry(dictionary, "y");
   std::optional<int32_t> width = IntEntry(dictionary, "width");
   std::optional<int32_t> height = IntEntry(dictionary, "height");
+  if (width && height && *width >= 0 && *height >= 0 && (*width == 0 || *height == 0)) {
+    why = kShellWindowWithoutArea;
+    return std::nullopt;
+  }
   if (!x || !y || !width || !height || !InRange(*x) || !InRange(*y) || !UsableSize(*width) ||
       !UsableSize(*height)) {
     why = "a window with a missing or impossible frame";
@@ -114,11 +118,14 @@ std::optional<std::vector<ShellWindow>> ParseShellWindowList(GVariant* list, siz
   size_t count = g_variant_n_children(list);
   for (size_t i = 0; i < count; ++i) {
     GVariantPtr item(g_variant_get_child_value(list, i));
-    std::optional<ShellWindow> window = ParseShellWindow(item.get(), why);
-    if (window)
+    std::string reason;
+    std::optional<ShellWindow> window = ParseShellWindow(item.get(), reason);
+    if (window) {
       windows.push_back(std::move(*window));
-    else
+    } else if (reason != kShellWindowWithoutArea) {
       ++left_out;
+      why = reason;
+    }
   }
   return windows;
 }
@@ -224,13 +231,17 @@ GnomeShell::GnomeShell(GDBusConnection* session_bus, Options options)
     : bus_(GObjectPtr<GDBusConnection>::retain(session_bus)), options_(std::move(options)) {}
 
 void GnomeShell::fail(const std::string& what, const std::string& why) {
+  complain("gnome: " + what + " failed: " + why);
+}
+
+void GnomeShell::complain(const std::string& line) {
   long held_back = 0;
   if (!throttle_.admit(this, held_back))
     return;
   if (held_back > 0)
-    SparLog("gnome: %@ failed: %@ (%ld more like it held back)", what, why, held_back);
+    SparLog("%@ (%ld more like it held back)", line, held_back);
   else
-    SparLog("gnome: %@ failed: %@", what, why);
+    SparLog("%@", line);
 }
 
 GVariantPtr GnomeShell::call(const char* method, GVariant* parameters, const char* reply_type,
@@ -306,7 +317,8 @@ std::optional<std::vector<ShellWindow>> GnomeShell::windowList(const char* metho
     last_call_worked_ = false;
     fail(method, why);
   } else if (left_out > 0) {
-    fail(method, std::to_string(left_out) + " window(s) of the list were left out: " + why);
+    complain(std::string("gnome: ") + method + ": " + std::to_string(left_out) +
+             " window(s) of the answer were left out: " + why);
   }
   return windows;
 }

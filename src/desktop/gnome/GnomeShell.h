@@ -61,6 +61,10 @@ struct ShellMonitors {
   const Rect& primaryFrame() const { return frames[primary]; }
 };
 
+// Why a window without area (a width or height of 0) is refused: a window
+// not shown yet, which a list leaves out without counting it.
+inline constexpr char kShellWindowWithoutArea[] = "a window without area";
+
 // Checks one window dictionary (a{sv}). Nothing, and the reason, when a
 // field is missing, of the wrong type or out of range, or the value is not
 // a dictionary at all. An empty dictionary is not a window either; callers
@@ -69,7 +73,7 @@ std::optional<ShellWindow> ParseShellWindow(GVariant* dictionary, std::string& w
 // The windows of a list (aa{sv}): nothing when it is no such list or longer
 // than kShellMaxWindows. A malformed window is left out and counted in
 // `left_out` (`why` keeps the last reason), so one hostile window hides no
-// other.
+// other; a window without area is left out uncounted.
 std::optional<std::vector<ShellWindow>> ParseShellWindowList(GVariant* list, size_t& left_out,
                                                              std::string& why);
 // The answer of Monitors, "(a(iiiiiiii)i)": nothing when there is no
@@ -140,8 +144,10 @@ public:
   // The unique name that owns the service now ("" when none answers).
   std::string ownerOfService();
 
-  // Logs a failure of the extension's answers, at most once a second.
+  // Logs a failure of the extension's answers ("gnome: WHAT failed: WHY"),
+  // or another line about them, at most once a second.
   void fail(const std::string& what, const std::string& why);
+  void complain(const std::string& line);
 
 private:
   // One call; the reply when it came in time with exactly `reply_type`.

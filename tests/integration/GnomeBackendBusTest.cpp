@@ -376,15 +376,62 @@ TEST(GnomeBackendBusTest, WithoutTheExtensionEveryHotkeyFails) {
       hotkeys.bindAll({{"summon", "d", "<Alt>b", [](uint32_t) {}}, {"talk", "d", "<Alt>v", {}}});
   EXPECT_EQ(bound, (std::vector<bool>{false, false}));
   EXPECT_FALSE(hotkeys.bind("<Alt>b", [](uint32_t) {}));
+  // The extension answers with an error: said in one line.
   ASSERT_EQ(log.messages().size(), 1u);
   EXPECT_EQ(
       log.messages()[0].rfind("hotkeys: Orvane's GNOME Shell extension does not bind them: ", 0),
       0u)
       << log.messages()[0];
+  EXPECT_NE(log.messages()[0].find("the stand-in has no answer"), std::string::npos);
   // A hostile answer is the same failure.
   stand_in.answer("BindHotkeys", "({'summon': 'yes'},)");
   EXPECT_EQ(hotkeys.bindAll({{"summon", "d", "<Alt>b", [](uint32_t) {}}}),
             (std::vector<bool>{false}));
+  EXPECT_EQ(log.messages().size(), 2u);
+}
+
+TEST(GnomeBackendBusTest, WithoutTheExtensionsObjectTheHotkeysFailWithoutALineOfTheirOwn) {
+  LogCapture log;
+  // A shell without the extension: nothing at the interface's path.
+  StandInShell stand_in("org.gnome.Shell", /*serve_interface=*/false);
+  auto bus = Bus();
+  GnomeShell shell(bus.get(), Quick());
+  GnomeHotkeys hotkeys(shell);
+  EXPECT_EQ(hotkeys.bindAll({{"summon", "d", "<Alt>b", [](uint32_t) {}}}),
+            (std::vector<bool>{false}));
+  EXPECT_TRUE(log.messages().empty()) << log.messages()[0];
+}
+
+TEST(GnomeBackendBusTest, AShellThatRestartsGetsTheHotkeysBoundAgainAndOnlyItsSignalsCount) {
+  LogCapture log;
+  auto bus = Bus();
+  GnomeShell shell(bus.get(), Quick());
+  GnomeHotkeys hotkeys(shell);
+  std::vector<uint32_t> fired;
+  std::string me = g_dbus_connection_get_unique_name(bus.get());
+  std::string first_owner;
+  {
+    StandInShell first;
+    first.answer("BindHotkeys", "({'summon': true},)");
+    EXPECT_EQ(hotkeys.bindAll({{"summon", "d", "<Alt>b",
+                                [&](uint32_t timestamp) { fired.push_back(timestamp); }}}),
+              (std::vector<bool>{true}));
+    first_owner = first.uniqueName();
+  }
+  // The shell went: nobody's signals count until it is back.
+  ASSERT_TRUE(SpinUntil([&] { return hotkeys.shellOwner().empty(); }, 5));
+  StandInShell second;
+  second.answer("BindHotkeys", "({'summon': true},)");
+  ASSERT_TRUE(SpinUntil([&] { return second.callsOf("BindHotkeys") == 1; }, 5));
+  EXPECT_EQ(hotkeys.shellOwner(), second.uniqueName());
+  EXPECT_NE(second.uniqueName(), first_owner);
+  second.emitHotkey(me, g_variant_new("(su)", "summon", 7u));
+  ASSERT_TRUE(SpinUntil([&] { return !fired.empty(); }, 5));
+  EXPECT_EQ(fired, (std::vector<uint32_t>{7}));
+  std::vector<std::string> lines = log.messages();
+  EXPECT_NE(std::find(lines.begin(), lines.end(),
+                      "hotkeys: GNOME Shell restarted; the hotkeys were bound again"),
+            lines.end());
 }
 
 TEST(GnomeBackendBusTest, TheWindowsOfAPidAndTheApplicationsPids) {

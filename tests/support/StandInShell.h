@@ -24,7 +24,10 @@ namespace orvane {
 
 class StandInShell {
 public:
-  explicit StandInShell(std::string name = "org.gnome.Shell") : name_(std::move(name)) {
+  // Without `serve_interface` it is a shell without the extension: only
+  // org.gnome.Shell.Extensions is served.
+  explicit StandInShell(std::string name = "org.gnome.Shell", bool serve_interface = true)
+      : name_(std::move(name)), serve_interface_(serve_interface) {
     thread_ = std::thread([this] { run(); });
     while (!ready_)
       g_usleep(1000);
@@ -132,7 +135,7 @@ private:
         nullptr);
     GDBusInterfaceVTable vtable{&StandInShell::OnCall, nullptr, nullptr, {}};
     guint shell = 0;
-    if (node && node->interfaces && node->interfaces[0])
+    if (serve_interface_ && node && node->interfaces && node->interfaces[0])
       shell =
           g_dbus_connection_register_object(bus_.get(), "/com/tarnwick/orvane/Shell",
                                             node->interfaces[0], &vtable, this, nullptr, nullptr);
@@ -151,7 +154,7 @@ private:
         break;
       g_usleep(10000);
     }
-    registered_ = shell != 0;
+    registered_ = shell != 0 || !serve_interface_;
     ready_ = true;
     while (!stop_)
       if (!g_main_context_iteration(context, FALSE))
@@ -179,6 +182,7 @@ public:
 
 private:
   std::string name_;
+  bool serve_interface_ = true;
   GObjectPtr<GDBusConnection> bus_;
   std::string unique_name_;
   std::atomic<bool> ready_{false};

@@ -16,6 +16,18 @@ namespace {
 
 constexpr size_t kMaxHotkeyName = 64;
 
+// Whether a failed call's reason says that nothing serves the interface
+// (no shell, or a shell without the extension's object).
+bool ExtensionIsMissing(const std::string& why) {
+  for (const char* name :
+       {"org.freedesktop.DBus.Error.ServiceUnknown", "org.freedesktop.DBus.Error.NameHasNoOwner",
+        "org.freedesktop.DBus.Error.UnknownMethod", "org.freedesktop.DBus.Error.UnknownObject",
+        "org.freedesktop.DBus.Error.UnknownInterface"})
+    if (why.find(name) != std::string::npos)
+      return true;
+  return false;
+}
+
 bool ProcessExists(int pid) {
   return pid > 0 && (kill(pid, 0) == 0 || errno == EPERM);
 }
@@ -143,7 +155,10 @@ std::vector<bool> GnomeHotkeys::bindAll(const std::vector<Request>& requests) {
   std::string why;
   std::optional<std::map<std::string, bool>> bound = shell_.bindHotkeys(why);
   if (!bound) {
-    SparLog("hotkeys: Orvane's GNOME Shell extension does not bind them: %@", why);
+    // Without the extension the launch's trust line and notice say so; any
+    // other failure is told here.
+    if (!ExtensionIsMissing(why))
+      SparLog("hotkeys: Orvane's GNOME Shell extension does not bind them: %@", why);
     return result;
   }
   bound_with_ = owner_;

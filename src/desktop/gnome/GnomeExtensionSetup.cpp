@@ -22,6 +22,7 @@ constexpr double kStateDisabled = 2;
 constexpr double kStateError = 3;
 constexpr double kStateOutOfDate = 4;
 constexpr double kStateInitialized = 6;
+constexpr double kStateDisabling = 7;
 constexpr double kStateEnabling = 8;
 constexpr double kStateUninstalled = 99;
 
@@ -130,7 +131,7 @@ GnomeExtensionState GnomeExtensionSetup::run() {
     return install();
   if (state == kStateEnabled || state == kStateEnabling)
     return GnomeExtensionState::kEnabled;
-  if (state == kStateDisabled || state == kStateInitialized) {
+  if (state == kStateDisabled || state == kStateInitialized || state == kStateDisabling) {
     GErrorPtr enable_error;
     GVariantPtr enabled(g_dbus_connection_call_sync(
         bus_, options_.service.c_str(), "/org/gnome/Shell", "org.gnome.Shell.Extensions",

@@ -8,6 +8,7 @@
 #include "desktop/session/GdkScreens.h"
 
 #include <cerrno>
+#include <cstring>
 #include <signal.h>
 
 namespace orvane {

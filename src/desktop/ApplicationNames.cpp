@@ -57,4 +57,25 @@ std::vector<std::string> ApplicationNames(const std::string& name) {
   return names;
 }
 
+std::vector<int> PidsOfApplication(const std::string& name,
+                                   const std::vector<NamedWindow>& windows) {
+  std::vector<int> pids;
+  if (name.empty())
+    return pids;
+  std::vector<std::string> names = ApplicationNames(name);
+  auto known = [&](const std::string& candidate) {
+    return !candidate.empty() &&
+           std::find(names.begin(), names.end(), LowerAscii(candidate)) != names.end();
+  };
+  for (const NamedWindow& window : windows) {
+    if (window.pid <= 0 || std::find(pids.begin(), pids.end(), window.pid) != pids.end())
+      continue;
+    bool match = std::any_of(window.names.begin(), window.names.end(), known) ||
+                 known(ExecutableNameOfPid(window.pid));
+    if (match)
+      pids.push_back(window.pid);
+  }
+  return pids;
+}
+
 } // namespace orvane

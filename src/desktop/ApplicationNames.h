@@ -18,4 +18,17 @@ std::string ExecutableNameOfPid(int pid);
 // ASCII lower case.
 std::string LowerAscii(std::string text);
 
+// A normal window as the window list gives it: its process and the names
+// it goes by (WM_CLASS parts, a Wayland app id, a desktop-file id).
+struct NamedWindow {
+  int pid = 0;
+  std::vector<std::string> names;
+};
+
+// The processes of the windows that go by one of the application's names
+// (ApplicationNames), or whose executable does, in the order of their first
+// window; without duplicates. Empty for an empty name.
+std::vector<int> PidsOfApplication(const std::string& name,
+                                   const std::vector<NamedWindow>& windows);
+
 } // namespace orvane

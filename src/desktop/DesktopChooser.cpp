@@ -3,6 +3,7 @@
 #include "base/GObjectPtr.h"
 #include "base/Settings.h"
 #include "base/Text.h"
+#include "desktop/gnome/GnomeBackend.h"
 #include "desktop/kwin/KWinBackend.h"
 #include "desktop/session/BusNames.h"
 #include "desktop/wayland/WaylandWithoutMeans.h"
@@ -64,7 +65,18 @@ DesktopChoice ChooseDesktop(const SessionFacts& facts, const std::string& settin
     return choice;
   }
   bool kde = NamesDesktop(facts.current_desktop, "KDE");
-  if (setting == "kwin") {
+  bool gnome = NamesDesktop(facts.current_desktop, "GNOME");
+  if (setting == "gnome") {
+    if (IsWaylandSession(facts) && facts.gnome_answers) {
+      choice.kind = DesktopKind::kGnome;
+      choice.desktop_name = "GNOME";
+      return choice;
+    }
+    choice.setting_note =
+        IsWaylandSession(facts)
+            ? "the setting asks for GNOME, but GNOME Shell does not answer on the bus"
+            : "the setting asks for GNOME, but this is not a Wayland session";
+  } else if (setting == "kwin") {
     if (IsWaylandSession(facts) && facts.kwin_answers) {
       choice.kind = DesktopKind::kKWin;
       choice.desktop_name = "KDE Plasma";
@@ -74,15 +86,21 @@ DesktopChoice ChooseDesktop(const SessionFacts& facts, const std::string& settin
                               ? "the setting asks for KWin, but KWin does not answer on the bus"
                               : "the setting asks for KWin, but this is not a Wayland session";
   } else if (setting != "auto" && !setting.empty()) {
-    choice.setting_note = "the setting \"" + ShortenedText(setting, 40) +
-                          "\" names no desktop backend (auto, x11, kwin) — choosing by the session";
+    choice.setting_note =
+        "the setting \"" + ShortenedText(setting, 40) +
+        "\" names no desktop backend (auto, x11, kwin, gnome) — choosing by the session";
   }
   if (!IsWaylandSession(facts)) {
     choice.kind = DesktopKind::kX11;
     return choice;
   }
   choice.desktop_name = DesktopName(facts.current_desktop);
-  choice.kind = kde && facts.kwin_answers ? DesktopKind::kKWin : DesktopKind::kWaylandWithoutMeans;
+  if (kde && facts.kwin_answers)
+    choice.kind = DesktopKind::kKWin;
+  else if (gnome && facts.gnome_answers)
+    choice.kind = DesktopKind::kGnome;
+  else
+    choice.kind = DesktopKind::kWaylandWithoutMeans;
   return choice;
 }
 
@@ -96,6 +114,7 @@ SessionFacts ReadSessionFacts() {
     auto bus =
         GObjectPtr<GDBusConnection>::adopt(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
     facts.kwin_answers = BusNameHasOwner(bus.get(), "org.kde.KWin", 2000);
+    facts.gnome_answers = BusNameHasOwner(bus.get(), "org.gnome.Shell", 2000);
   }
   return facts;
 }
@@ -121,6 +140,8 @@ std::unique_ptr<DesktopBackend> MakeDesktopBackend(const DesktopChoice& choice) 
     return std::make_unique<X11Backend>();
   case DesktopKind::kKWin:
     return std::make_unique<KWinBackend>();
+  case DesktopKind::kGnome:
+    return std::make_unique<GnomeBackend>();
   case DesktopKind::kWaylandWithoutMeans:
     break;
   }

@@ -13,6 +13,7 @@ namespace orvane {
 enum class DesktopKind {
   kX11,                // an X11 session, or XWayland when the setting asks for it
   kKWin,               // KDE Plasma's Wayland session
+  kGnome,              // GNOME's Wayland session (through Orvane's Shell extension)
   kWaylandWithoutMeans // any other Wayland session: Orvane's own windows only
 };
 
@@ -23,6 +24,7 @@ struct SessionFacts {
   std::string session_type;    // XDG_SESSION_TYPE
   std::string current_desktop; // XDG_CURRENT_DESKTOP ("KDE", "ubuntu:GNOME")
   bool kwin_answers = false;   // org.kde.KWin has an owner on the session bus
+  bool gnome_answers = false;  // org.gnome.Shell has an owner on the session bus
 };
 
 struct DesktopChoice {
@@ -35,13 +37,13 @@ struct DesktopChoice {
   bool operator==(const DesktopChoice&) const = default;
 };
 
-// The setting "Desktop" is "auto", "x11" or "kwin".
+// The setting "Desktop" is "auto", "x11", "kwin" or "gnome".
 inline constexpr char kDesktopSettingKey[] = "Desktop";
 
 DesktopChoice ChooseDesktop(const SessionFacts& facts, const std::string& setting);
 
 // The facts of this process's session; asks the session bus whether KWin
-// answers only on a Wayland session.
+// or GNOME Shell answers only on a Wayland session.
 SessionFacts ReadSessionFacts();
 
 // Reads the facts and the setting, chooses, and limits GDK to the backend

@@ -13,13 +13,15 @@ SessionFacts X11Session() {
   return facts;
 }
 
-SessionFacts WaylandSession(const std::string& desktop, bool kwin_answers = false) {
+SessionFacts WaylandSession(const std::string& desktop, bool kwin_answers = false,
+                            bool gnome_answers = false) {
   SessionFacts facts;
   facts.wayland_display = "wayland-0";
   facts.x_display = ":0"; // XWayland
   facts.session_type = "wayland";
   facts.current_desktop = desktop;
   facts.kwin_answers = kwin_answers;
+  facts.gnome_answers = gnome_answers;
   return facts;
 }
 
@@ -36,6 +38,40 @@ TEST(DesktopChooserTest, KdeOnWaylandGetsKWinOnlyWhenKWinAnswers) {
             (DesktopChoice{DesktopKind::kKWin, "KDE Plasma", ""}));
   EXPECT_EQ(ChooseDesktop(WaylandSession("KDE", false), "auto"),
             (DesktopChoice{DesktopKind::kWaylandWithoutMeans, "KDE Plasma", ""}));
+}
+
+TEST(DesktopChooserTest, GnomeOnWaylandGetsTheGnomeBackendOnlyWhenTheShellAnswers) {
+  EXPECT_EQ(ChooseDesktop(WaylandSession("ubuntu:GNOME", false, true), "auto"),
+            (DesktopChoice{DesktopKind::kGnome, "GNOME", ""}));
+  EXPECT_EQ(ChooseDesktop(WaylandSession("GNOME", false, true), "auto"),
+            (DesktopChoice{DesktopKind::kGnome, "GNOME", ""}));
+  EXPECT_EQ(ChooseDesktop(WaylandSession("GNOME", false, false), "auto"),
+            (DesktopChoice{DesktopKind::kWaylandWithoutMeans, "GNOME", ""}));
+  // GNOME Shell answering on the bus of another desktop is not GNOME's.
+  EXPECT_EQ(ChooseDesktop(WaylandSession("KDE", false, true), "auto").kind,
+            DesktopKind::kWaylandWithoutMeans);
+  EXPECT_EQ(ChooseDesktop(WaylandSession("sway", false, true), "auto").kind,
+            DesktopKind::kWaylandWithoutMeans);
+  // An X11 GNOME session stays X11.
+  SessionFacts x11_gnome = X11Session();
+  x11_gnome.current_desktop = "GNOME";
+  x11_gnome.gnome_answers = true;
+  EXPECT_EQ(ChooseDesktop(x11_gnome, "auto").kind, DesktopKind::kX11);
+}
+
+TEST(DesktopChooserTest, TheSettingGnomeIsFollowedWhereTheShellAnswers) {
+  EXPECT_EQ(ChooseDesktop(WaylandSession("KDE", true, true), "gnome"),
+            (DesktopChoice{DesktopKind::kGnome, "GNOME", ""}));
+  DesktopChoice silent = ChooseDesktop(WaylandSession("GNOME", false, false), "gnome");
+  EXPECT_EQ(silent.kind, DesktopKind::kWaylandWithoutMeans);
+  EXPECT_EQ(silent.setting_note,
+            "the setting asks for GNOME, but GNOME Shell does not answer on the bus");
+  DesktopChoice on_x11 = ChooseDesktop(X11Session(), "gnome");
+  EXPECT_EQ(on_x11.kind, DesktopKind::kX11);
+  EXPECT_EQ(on_x11.setting_note, "the setting asks for GNOME, but this is not a Wayland session");
+  EXPECT_EQ(ChooseDesktop(WaylandSession("GNOME", false, true), "x11").kind, DesktopKind::kX11);
+  EXPECT_NE(ChooseDesktop(X11Session(), "GNOMEx").setting_note.find("auto, x11, kwin, gnome"),
+            std::string::npos);
 }
 
 TEST(DesktopChooserTest, OtherWaylandDesktopsHaveNoMeansAndAreNamed) {
@@ -67,8 +103,7 @@ TEST(DesktopChooserTest, ASettingThatCannotBeFollowedIsSaidAndTheSessionDecides)
   DesktopChoice unknown = ChooseDesktop(WaylandSession("KDE", true), "weston\nforged line");
   EXPECT_EQ(unknown.kind, DesktopKind::kKWin);
   EXPECT_NE(unknown.setting_note.find("names no desktop backend"), std::string::npos);
-  EXPECT_EQ(ChooseDesktop(X11Session(), std::string(100000, 'x')).setting_note.size() < 200,
-            true);
+  EXPECT_EQ(ChooseDesktop(X11Session(), std::string(100000, 'x')).setting_note.size() < 200, true);
 }
 
 TEST(DesktopChooserTest, AHostileDesktopNameIsShortened) {

@@ -1,7 +1,6 @@
 #include "desktop/kwin/KWinBackend.h"
 
 #include "desktop/kwin/AppScope.h"
-#include "desktop/kwin/KWinOwnWindows.h"
 #include "desktop/kwin/KWinScreens.h"
 #include "desktop/kwin/KWinScripting.h"
 #include "desktop/kwin/KWinSelections.h"
@@ -10,6 +9,7 @@
 #include "desktop/session/BusNames.h"
 #include "desktop/wayland/DataControl.h"
 #include "desktop/wayland/LayerShellPanels.h"
+#include "desktop/wayland/ListedOwnWindows.h"
 
 namespace orvane {
 
@@ -107,7 +107,7 @@ std::unique_ptr<Windows> KWinBackend::makeWindows() {
 }
 
 std::unique_ptr<OwnWindows> KWinBackend::makeOwnWindows() {
-  return std::make_unique<LayerShellPanels>(std::make_unique<KWinOwnWindows>(*own_window_list_));
+  return std::make_unique<LayerShellPanels>(std::make_unique<ListedOwnWindows>(*own_window_list_));
 }
 
 } // namespace orvane

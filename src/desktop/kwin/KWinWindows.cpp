@@ -15,7 +15,6 @@ namespace orvane {
 
 namespace {
 
-
 // Most windows a list answer may hold.
 constexpr size_t kMaxWindows = 10000;
 
@@ -223,27 +222,18 @@ bool KWinWindows::leaveFullScreen(unsigned long id) {
 }
 
 std::vector<int> KWinWindows::pidsOfApplication(const std::string& name) {
-  std::vector<int> pids;
   if (name.empty())
-    return pids;
-  std::vector<std::string> names = ApplicationNames(name);
-  auto known = [&](const std::string& candidate) {
-    return !candidate.empty() &&
-           std::find(names.begin(), names.end(), LowerAscii(candidate)) != names.end();
-  };
+    return {};
   std::optional<Rect> primary;
   std::optional<std::vector<KWinWindow>> windows = describedWindows(primary);
   if (!windows)
-    return pids;
-  for (const KWinWindow& window : *windows) {
-    if (!window.normal || window.pid <= 0 ||
-        std::find(pids.begin(), pids.end(), window.pid) != pids.end())
-      continue;
-    if (known(window.resource_class) || known(window.resource_name) ||
-        known(window.desktop_file_name) || known(ExecutableNameOfPid(window.pid)))
-      pids.push_back(window.pid);
-  }
-  return pids;
+    return {};
+  std::vector<NamedWindow> named;
+  for (const KWinWindow& window : *windows)
+    if (window.normal)
+      named.push_back(
+          {window.pid, {window.resource_class, window.resource_name, window.desktop_file_name}});
+  return PidsOfApplication(name, named);
 }
 
 std::vector<std::string> KWinWindows::documentsOfPid(int pid) {

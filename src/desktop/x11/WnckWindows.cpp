@@ -158,22 +158,12 @@ bool WnckWindows::leaveFullScreen(unsigned long id) {
 }
 
 std::vector<int> WnckWindows::pidsOfApplication(const std::string& name) {
-  std::vector<int> pids;
   if (name.empty())
-    return pids;
-  std::vector<std::string> names = ApplicationNames(name);
-  auto known = [&](const std::string& candidate) {
-    return !candidate.empty() &&
-           std::find(names.begin(), names.end(), LowerAscii(candidate)) != names.end();
-  };
-  for (const auto& window : normalWindows()) {
-    if (window.pid <= 0 || std::find(pids.begin(), pids.end(), window.pid) != pids.end())
-      continue;
-    if (known(window.wm_instance) || known(window.wm_class) ||
-        known(ExecutableNameOfPid(window.pid)))
-      pids.push_back(window.pid);
-  }
-  return pids;
+    return {};
+  std::vector<NamedWindow> named;
+  for (const auto& window : normalWindows())
+    named.push_back({window.pid, {window.wm_instance, window.wm_class}});
+  return PidsOfApplication(name, named);
 }
 
 std::vector<std::string> WnckWindows::documentsOfPid(int pid) {

@@ -1,4 +1,6 @@
-#include "desktop/kwin/KWinOwnWindows.h"
+#include "desktop/wayland/ListedOwnWindows.h"
+
+#include "base/SparLog.h"
 
 #include <cmath>
 #include <gdk/gdkwayland.h>
@@ -11,6 +13,9 @@ namespace orvane {
 namespace {
 
 constexpr unsigned kFramePollMs = 40;
+// The most a listed frame may differ from the GTK window's size in either
+// dimension and still be that window.
+constexpr double kMaxDecoration = 128;
 // The longest a frame waits for the window's next commit.
 constexpr unsigned kCommitWaitMs = 300;
 
@@ -70,7 +75,7 @@ bool SameFrame(const Rect& a, const Rect& b) {
 
 } // namespace
 
-std::optional<WindowInfo> KWinOwnWindows::kwinWindowOf(GtkWindow* window) {
+std::optional<WindowInfo> ListedOwnWindows::listedWindowOf(GtkWindow* window) {
   if (!gtk_widget_get_mapped(GTK_WIDGET(window)))
     return std::nullopt;
   std::optional<std::vector<WindowInfo>> mine = windows_.windowsOfPid(int(getpid()));
@@ -84,8 +89,14 @@ std::optional<WindowInfo> KWinOwnWindows::kwinWindowOf(GtkWindow* window) {
   for (const WindowInfo& candidate : *mine) {
     if (!candidate.normal || candidate.title != (title ? title : ""))
       continue;
-    double distance =
-        std::fabs(candidate.frame.width - width) + std::fabs(candidate.frame.height - height);
+    // A frame far from the GTK window's size (decorations differ by a title
+    // bar and borders) is another window of the same title, such as the
+    // library window while the panel is not listed yet.
+    double dw = std::fabs(candidate.frame.width - width);
+    double dh = std::fabs(candidate.frame.height - height);
+    if (dw > kMaxDecoration || dh > kMaxDecoration)
+      continue;
+    double distance = dw + dh;
     if (!best || distance < best_distance) {
       best = candidate;
       best_distance = distance;
@@ -94,13 +105,13 @@ std::optional<WindowInfo> KWinOwnWindows::kwinWindowOf(GtkWindow* window) {
   return best;
 }
 
-Rect KWinOwnWindows::frame(GtkWindow* window) {
-  if (std::optional<WindowInfo> found = kwinWindowOf(window))
+Rect ListedOwnWindows::frame(GtkWindow* window) {
+  if (std::optional<WindowInfo> found = listedWindowOf(window))
     return found->frame;
   return gtk_.frame(window);
 }
 
-void KWinOwnWindows::setFrame(GtkWindow* window, const Rect& frame) {
+void ListedOwnWindows::setFrame(GtkWindow* window, const Rect& frame) {
   GdkDisplay* display = gdk_display_get_default();
   GdkWindow* gdk = gtk_widget_get_mapped(GTK_WIDGET(window))
                        ? gtk_widget_get_window(GTK_WIDGET(window))
@@ -130,19 +141,19 @@ void KWinOwnWindows::setFrame(GtkWindow* window, const Rect& frame) {
   gtk_widget_queue_draw(GTK_WIDGET(window));
 }
 
-void KWinOwnWindows::applyFrame(GtkWindow* window, const Rect& frame) {
-  std::optional<WindowInfo> found = kwinWindowOf(window);
+void ListedOwnWindows::applyFrame(GtkWindow* window, const Rect& frame) {
+  std::optional<WindowInfo> found = listedWindowOf(window);
   if (!found || !windows_.setFrame(found->id, frame))
     gtk_.setFrame(window, frame);
 }
 
-void KWinOwnWindows::whenFrameIs(GtkWindow* window, const Rect& frame, unsigned limit_ms,
-                                 std::function<void()> task) {
-  // KWin applies a frame once the client has drawn at the new size; it is
-  // read back every few dozen milliseconds until it is there or the time
+void ListedOwnWindows::whenFrameIs(GtkWindow* window, const Rect& frame, unsigned limit_ms,
+                                   std::function<void()> task) {
+  // The compositor applies a frame once the client has drawn at the new
+  // size; it is read back every few dozen milliseconds until it is there or the time
   // is up.
   struct Wait {
-    KWinOwnWindows* self;
+    ListedOwnWindows* self;
     GtkWindow* window;
     Rect frame;
     unsigned left_ms;
@@ -151,7 +162,7 @@ void KWinOwnWindows::whenFrameIs(GtkWindow* window, const Rect& frame, unsigned 
   auto* wait = new Wait{this, GTK_WINDOW(g_object_ref(window)), frame, limit_ms, std::move(task)};
   auto check = +[](gpointer data) -> gboolean {
     auto* w = static_cast<Wait*>(data);
-    std::optional<WindowInfo> found = w->self->kwinWindowOf(w->window);
+    std::optional<WindowInfo> found = w->self->listedWindowOf(w->window);
     bool there = found && SameFrame(found->frame, w->frame);
     if (!there && w->left_ms >= kFramePollMs) {
       w->left_ms -= kFramePollMs;
@@ -164,13 +175,81 @@ void KWinOwnWindows::whenFrameIs(GtkWindow* window, const Rect& frame, unsigned 
     return G_SOURCE_REMOVE;
   };
   guint source = g_timeout_add(kFramePollMs, check, wait);
-  g_source_set_name_by_id(source, "[orvane] own window frame from KWin");
+  g_source_set_name_by_id(source, "[orvane] own window frame from the desktop");
 }
 
-void KWinOwnWindows::requestActivation(GtkWindow* window, uint32_t timestamp) {
+void ListedOwnWindows::requestActivation(GtkWindow* window, uint32_t timestamp) {
   gtk_.requestActivation(window, timestamp);
-  if (std::optional<WindowInfo> found = kwinWindowOf(window))
+  if (std::optional<WindowInfo> found = listedWindowOf(window)) {
     windows_.activate(found->id, timestamp);
+    return;
+  }
+  // A window just mapped may not be listed yet.
+  if (gtk_widget_get_mapped(GTK_WIDGET(window)))
+    whenListed(window, [this, timestamp](std::optional<WindowInfo> found) {
+      if (found)
+        windows_.activate(found->id, timestamp);
+    });
+}
+
+void ListedOwnWindows::makePanel(GtkWindow* window) {
+  gtk_.makePanel(window);
+  if (!options_.make_panel)
+    return;
+  // Every map is a new window for a Wayland compositor. The handler holds
+  // the alive token, so a map after this object went does nothing.
+  struct Handler {
+    std::weak_ptr<int> alive;
+    ListedOwnWindows* self;
+  };
+  g_signal_connect_data(
+      window, "map", G_CALLBACK(+[](GtkWidget* widget, gpointer data) {
+        auto* handler = static_cast<Handler*>(data);
+        if (!handler->alive.expired())
+          handler->self->makePanelWhenListed(GTK_WINDOW(widget));
+      }),
+      new Handler{alive_, this},
+      +[](gpointer data, GClosure*) { delete static_cast<Handler*>(data); }, GConnectFlags(0));
+}
+
+void ListedOwnWindows::makePanelWhenListed(GtkWindow* window) {
+  whenListed(window, [this](std::optional<WindowInfo> found) {
+    if (!found)
+      SparLog("panel: the desktop did not list the panel's window in time; it is not kept "
+              "above the other windows");
+    else if (!options_.make_panel(found->id))
+      SparLog("panel: the desktop refused to keep the panel above the other windows");
+  });
+}
+
+void ListedOwnWindows::whenListed(GtkWindow* window,
+                                  std::function<void(std::optional<WindowInfo>)> task) {
+  struct Look {
+    std::weak_ptr<int> alive;
+    ListedOwnWindows* self;
+    GtkWindow* window;
+    unsigned left_ms;
+    std::function<void(std::optional<WindowInfo>)> task;
+  };
+  auto* look = new Look{alive_, this, GTK_WINDOW(g_object_ref(window)), options_.panel_wait_ms,
+                        std::move(task)};
+  auto check = +[](gpointer data) -> gboolean {
+    auto* l = static_cast<Look*>(data);
+    // A window hidden meanwhile, or an object gone, ends the look quietly.
+    if (!l->alive.expired() && gtk_widget_get_mapped(GTK_WIDGET(l->window))) {
+      std::optional<WindowInfo> found = l->self->listedWindowOf(l->window);
+      if (!found && l->left_ms >= kFramePollMs) {
+        l->left_ms -= kFramePollMs;
+        return G_SOURCE_CONTINUE;
+      }
+      l->task(found);
+    }
+    std::unique_ptr<Look> done(l);
+    g_object_unref(done->window);
+    return G_SOURCE_REMOVE;
+  };
+  guint source = g_timeout_add(kFramePollMs, check, look);
+  g_source_set_name_by_id(source, "[orvane] own window listed by the desktop");
 }
 
 } // namespace orvane

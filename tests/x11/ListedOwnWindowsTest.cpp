@@ -94,5 +94,33 @@ TEST(ListedOwnWindowsTest, ThePanelIsMadeThePanelOnceListedEachTimeItIsShown) {
   gtk_widget_destroy(GTK_WIDGET(panel));
 }
 
+TEST(ListedOwnWindowsTest, AWindowBeingResizedStaysItsListedWindow) {
+  FakeWindows windows;
+  int me = int(getpid());
+  windows.live_pids.insert(me);
+  windows.add(me, "Orvane", Rect{249, 115, 1100, 797});
+  ListedOwnWindows own(windows);
+  GtkWindow* chat = ShownWindow(560, 680);
+  unsigned long listed = windows.add(me, "Orvane", Rect{1040, 195, 560, 717});
+  EXPECT_EQ(own.frame(chat), (Rect{1040, 195, 560, 717}));
+
+  // The compositor has given the window a new size that GTK has not taken
+  // yet (GNOME Shell maximising it): still its listed window, never GTK's
+  // guess of a frame at the monitor's corner.
+  windows.list.back().frame = Rect{0, 0, 1600, 968};
+  EXPECT_EQ(own.frame(chat), (Rect{0, 0, 1600, 968}));
+  own.setFrame(chat, Rect{800, 0, 800, 968});
+  ASSERT_TRUE(SpinUntil([&] { return !windows.frame_writes.empty(); }, 5));
+  EXPECT_EQ(windows.frame_writes[0].id, listed);
+
+  // Hidden, it is forgotten: shown again, it is looked for anew.
+  gtk_widget_hide(GTK_WIDGET(chat));
+  windows.list.pop_back();
+  gtk_widget_show_all(GTK_WIDGET(chat));
+  ASSERT_TRUE(SpinUntil([&] { return gtk_widget_get_mapped(GTK_WIDGET(chat)); }, 10));
+  EXPECT_NE(own.frame(chat), (Rect{0, 0, 1600, 968}));
+  gtk_widget_destroy(GTK_WIDGET(chat));
+}
+
 } // namespace
 } // namespace orvane

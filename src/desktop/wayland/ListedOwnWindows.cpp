@@ -75,12 +75,38 @@ bool SameFrame(const Rect& a, const Rect& b) {
 
 } // namespace
 
+void ListedOwnWindows::track(GtkWindow* window) {
+  gtk_.track(window);
+  struct Forget {
+    std::weak_ptr<int> alive;
+    ListedOwnWindows* self;
+  };
+  auto forget = +[](GtkWidget* widget, gpointer data) {
+    auto* f = static_cast<Forget*>(data);
+    if (!f->alive.expired())
+      f->self->listed_ids_.erase(GTK_WINDOW(widget));
+  };
+  g_signal_connect_data(
+      window, "unmap", G_CALLBACK(forget), new Forget{alive_, this},
+      +[](gpointer data, GClosure*) { delete static_cast<Forget*>(data); }, GConnectFlags(0));
+  g_signal_connect_data(
+      window, "destroy", G_CALLBACK(forget), new Forget{alive_, this},
+      +[](gpointer data, GClosure*) { delete static_cast<Forget*>(data); }, GConnectFlags(0));
+}
+
 std::optional<WindowInfo> ListedOwnWindows::listedWindowOf(GtkWindow* window) {
   if (!gtk_widget_get_mapped(GTK_WIDGET(window)))
     return std::nullopt;
   std::optional<std::vector<WindowInfo>> mine = windows_.windowsOfPid(int(getpid()));
   if (!mine)
     return std::nullopt;
+  auto known = listed_ids_.find(window);
+  if (known != listed_ids_.end()) {
+    for (const WindowInfo& candidate : *mine)
+      if (candidate.id == known->second)
+        return candidate;
+    listed_ids_.erase(known);
+  }
   const char* title = gtk_window_get_title(window);
   int width = 0, height = 0;
   gtk_window_get_size(window, &width, &height);
@@ -88,6 +114,12 @@ std::optional<WindowInfo> ListedOwnWindows::listedWindowOf(GtkWindow* window) {
   double best_distance = 0;
   for (const WindowInfo& candidate : *mine) {
     if (!candidate.normal || candidate.title != (title ? title : ""))
+      continue;
+    // Another GTK window's listed window is not this one's.
+    bool taken = false;
+    for (const auto& [other, id] : listed_ids_)
+      taken = taken || (other != window && id == candidate.id);
+    if (taken)
       continue;
     // A frame far from the GTK window's size (decorations differ by a title
     // bar and borders) is another window of the same title, such as the
@@ -102,6 +134,8 @@ std::optional<WindowInfo> ListedOwnWindows::listedWindowOf(GtkWindow* window) {
       best_distance = distance;
     }
   }
+  if (best)
+    listed_ids_[window] = best->id;
   return best;
 }
 

@@ -3,7 +3,9 @@
 // Wayland client cannot place its windows or learn where they are; the
 // compositor can, so the frames are read and set through the desktop's
 // window list (a Windows), on the window of this process whose title is the
-// GTK window's title (the size decides between two of the same title).
+// GTK window's title (the size decides between two of the same title). Once
+// found, that listed window stays the GTK window's while it is mapped, so a
+// resize in progress (the sizes differing for a moment) never loses it.
 // Everything else is GTK's (GtkOwnWindows). Main thread only.
 //
 // A compositor keeps a window within the minimum size its client last
@@ -17,6 +19,7 @@
 #include "desktop/Windows.h"
 #include "desktop/wayland/GtkOwnWindows.h"
 
+#include <map>
 #include <memory>
 #include <optional>
 
@@ -41,7 +44,7 @@ public:
   ListedOwnWindows(Windows& windows, Options options)
       : windows_(windows), options_(std::move(options)) {}
 
-  void track(GtkWindow* window) override { gtk_.track(window); }
+  void track(GtkWindow* window) override;
   void whenOnScreen(GtkWindow* window, std::function<void()> task) override {
     gtk_.whenOnScreen(window, std::move(task));
   }
@@ -76,6 +79,9 @@ private:
   Windows& windows_;
   Options options_;
   GtkOwnWindows gtk_;
+  // The listed window found for each mapped GTK window; forgotten when it is
+  // unmapped (the compositor lists it anew when it is shown again).
+  std::map<GtkWindow*, unsigned long> listed_ids_;
   // Frames still waiting for their commit are dropped once this object goes.
   std::shared_ptr<int> alive_ = std::make_shared<int>(0);
 };

@@ -47,6 +47,11 @@ struct Places {
     TempDir::WriteFile(places.ready_copy + "/schemas/gschemas.compiled", std::string("GVar\0x", 6));
     // A link in the ready copy is not followed into the user's folder.
     symlink("/etc/passwd", (places.ready_copy + "/passwd").c_str());
+    places.ready_copy_module = dir.file("build/share/orvane/gnome-shell-45/orvane@tarnwick.com");
+    g_mkdir_with_parents(places.ready_copy_module.c_str(), 0755);
+    TempDir::WriteFile(places.ready_copy_module + "/metadata.json",
+                       "{\"uuid\": \"orvane@tarnwick.com\", \"shell-version\": [\"45\"]}");
+    TempDir::WriteFile(places.ready_copy_module + "/extension.js", "export default class {}\n");
   }
   std::string userCopy() const { return places.user_folder + "/orvane@tarnwick.com"; }
 };
@@ -162,6 +167,60 @@ TEST(GnomeExtensionSetupTest, AMissingExtensionIsInstalledAndTheUserIsAskedToLog
             std::string::npos);
   // No call enables an extension the shell does not know.
   EXPECT_EQ(shell.callsOf("EnableExtension"), 0u);
+}
+
+TEST(GnomeExtensionSetupTest, ShellVersionsAreReadByTheirFirstNumber) {
+  EXPECT_EQ(ShellMajorVersion("43.9"), 43);
+  EXPECT_EQ(ShellMajorVersion("45.beta"), 45);
+  EXPECT_EQ(ShellMajorVersion("48"), 48);
+  EXPECT_EQ(ShellMajorVersion(""), 0);
+  EXPECT_EQ(ShellMajorVersion("x45"), 0);
+  EXPECT_EQ(ShellMajorVersion("99999999999999"), 9999);
+}
+
+TEST(GnomeExtensionSetupTest, OnGnome45TheModuleFormIsInstalled) {
+  LogCapture log;
+  StandInShell shell;
+  shell.shellVersion("46.2");
+  shell.answer("GetExtensionInfo", "(@a{sv} {},)");
+  Places places;
+  FakeNotifications notifications;
+  EXPECT_EQ(RunSetup(places, &notifications), GnomeExtensionState::kInstalled);
+  EXPECT_EQ(TempDir::Read(places.userCopy() + "/extension.js"), "export default class {}\n");
+  EXPECT_EQ(notifications.shown.size(), 1u);
+}
+
+TEST(GnomeExtensionSetupTest, OnGnome45AnOlderSystemCopyGetsTheModuleFormBesideIt) {
+  LogCapture log;
+  StandInShell shell;
+  shell.shellVersion("45.0");
+  // The .deb's copy of the older form, which this shell refuses.
+  shell.answer("GetExtensionInfo", "({'state': <4.0>, 'path': <'/usr/share/gnome-shell/"
+                                   "extensions/orvane@tarnwick.com'>},)");
+  Places places;
+  FakeNotifications notifications;
+  EXPECT_EQ(RunSetup(places, &notifications), GnomeExtensionState::kInstalled);
+  EXPECT_EQ(TempDir::Read(places.userCopy() + "/extension.js"), "export default class {}\n");
+  EXPECT_TRUE(Contains(log.messages(), "GNOME Shell 45 refuses the extension's older form"));
+
+  // A copy of the user's own is left alone, whatever the shell says of it.
+  TempDir::WriteFile(places.userCopy() + "/extension.js", "// the user's\n");
+  LogCapture again;
+  EXPECT_EQ(RunSetup(places, &notifications), GnomeExtensionState::kFailed);
+  EXPECT_EQ(TempDir::Read(places.userCopy() + "/extension.js"), "// the user's\n");
+}
+
+TEST(GnomeExtensionSetupTest, OnGnome43TheOlderFormIsInstalledAndAShellWithoutAVersionToo) {
+  for (const char* version : {"43.9", ""}) {
+    LogCapture log;
+    StandInShell shell;
+    shell.shellVersion(version);
+    shell.answer("GetExtensionInfo", "(@a{sv} {},)");
+    Places places;
+    FakeNotifications notifications;
+    EXPECT_EQ(RunSetup(places, &notifications), GnomeExtensionState::kInstalled) << version;
+    EXPECT_EQ(TempDir::Read(places.userCopy() + "/extension.js"), "// the extension\n") << version;
+  }
 }
 
 TEST(GnomeExtensionSetupTest, TheUsersOwnCopyIsNeverOverwritten) {

@@ -43,6 +43,12 @@ public:
     std::lock_guard<std::mutex> lock(mutex_);
     replies_[method] = reply;
   }
+  // What org.gnome.Shell's ShellVersion property says; empty: no such
+  // property (a Get fails).
+  void shellVersion(const std::string& version) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    shell_version_ = version;
+  }
   std::vector<std::string> calls() {
     std::lock_guard<std::mutex> lock(mutex_);
     return calls_;
@@ -111,6 +117,17 @@ private:
     g_object_unref(invocation);
   }
 
+  static GVariant* OnGetProperty(GDBusConnection*, const gchar*, const gchar*, const gchar*,
+                                 const gchar*, GError** error, gpointer data) {
+    auto* self = static_cast<StandInShell*>(data);
+    std::lock_guard<std::mutex> lock(self->mutex_);
+    if (self->shell_version_.empty()) {
+      g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_PROPERTY, "no version");
+      return nullptr;
+    }
+    return g_variant_new_string(self->shell_version_.c_str());
+  }
+
   void run() {
     GMainContext* context = g_main_context_new();
     g_main_context_push_thread_default(context);
@@ -131,6 +148,9 @@ private:
                <arg type="a{sv}" direction="out"/></method>
              <method name="EnableExtension"><arg type="s" direction="in"/>
                <arg type="b" direction="out"/></method>
+           </interface>
+           <interface name="org.gnome.Shell">
+             <property name="ShellVersion" type="s" access="read"/>
            </interface></node>)",
         nullptr);
     GDBusInterfaceVTable vtable{&StandInShell::OnCall, nullptr, nullptr, {}};
@@ -141,6 +161,10 @@ private:
                                             node->interfaces[0], &vtable, this, nullptr, nullptr);
     guint manager = g_dbus_connection_register_object(
         bus_.get(), "/org/gnome/Shell", extensions->interfaces[0], &vtable, this, nullptr, nullptr);
+    GDBusInterfaceVTable properties{nullptr, &StandInShell::OnGetProperty, nullptr, {}};
+    guint shell_properties =
+        g_dbus_connection_register_object(bus_.get(), "/org/gnome/Shell", extensions->interfaces[1],
+                                          &properties, this, nullptr, nullptr);
     // The stand-in of an earlier test may still hold the name for a moment.
     for (int i = 0; i < 200; ++i) {
       GVariantPtr owned(g_dbus_connection_call_sync(
@@ -164,6 +188,7 @@ private:
     if (shell)
       g_dbus_connection_unregister_object(bus_.get(), shell);
     g_dbus_connection_unregister_object(bus_.get(), manager);
+    g_dbus_connection_unregister_object(bus_.get(), shell_properties);
     if (node)
       g_dbus_node_info_unref(node);
     g_dbus_node_info_unref(extensions);
@@ -190,6 +215,7 @@ private:
   std::atomic<bool> registered_{false};
   std::mutex mutex_;
   std::map<std::string, std::string> replies_;
+  std::string shell_version_ = "43.9";
   std::vector<std::string> calls_;
   std::vector<GDBusMethodInvocation*> held_;
   std::thread thread_;

@@ -97,6 +97,8 @@ GnomeExtensionPlaces StandardGnomeExtensionPlaces() {
   std::string install = RunningInstallFolder();
   std::string base = !install.empty() ? install : ParentFolder(RunningExecutable());
   places.ready_copy = JoinPath(JoinPath(base, "share/gnome-shell/extensions"), kGnomeExtensionUuid);
+  places.ready_copy_module =
+      JoinPath(JoinPath(base, "share/orvane/gnome-shell-45"), kGnomeExtensionUuid);
   return places;
 }
 
@@ -108,6 +110,34 @@ GnomeExtensionSetup::GnomeExtensionSetup(GDBusConnection* session_bus, GnomeExte
                                          Notifications* notifications, Options options)
     : bus_(session_bus), places_(std::move(places)), notifications_(notifications),
       options_(std::move(options)) {}
+
+int ShellMajorVersion(const std::string& version) {
+  int major = 0;
+  size_t digits = 0;
+  while (digits < version.size() && digits < 4 && g_ascii_isdigit(version[digits]))
+    major = major * 10 + (version[digits++] - '0');
+  return digits > 0 ? major : 0;
+}
+
+int GnomeExtensionSetup::shellMajorVersion() {
+  GVariantPtr reply(g_dbus_connection_call_sync(
+      bus_, options_.service.c_str(), "/org/gnome/Shell", "org.freedesktop.DBus.Properties", "Get",
+      g_variant_new("(ss)", "org.gnome.Shell", "ShellVersion"), G_VARIANT_TYPE("(v)"),
+      G_DBUS_CALL_FLAGS_NO_AUTO_START, int(options_.call_seconds * 1000), nullptr, nullptr));
+  if (!reply)
+    return 0;
+  GVariantPtr boxed(g_variant_get_child_value(reply.get(), 0));
+  GVariantPtr value(g_variant_get_variant(boxed.get()));
+  if (!g_variant_is_of_type(value.get(), G_VARIANT_TYPE_STRING))
+    return 0;
+  return ShellMajorVersion(ShortenedText(g_variant_get_string(value.get(), nullptr), 40));
+}
+
+const std::string& GnomeExtensionSetup::readyCopy() const {
+  return shell_major_ >= kFirstModuleShell && !places_.ready_copy_module.empty()
+             ? places_.ready_copy_module
+             : places_.ready_copy;
+}
 
 GnomeExtensionState GnomeExtensionSetup::run() {
   note_.clear();
@@ -124,6 +154,7 @@ GnomeExtensionState GnomeExtensionSetup::run() {
     log("gnome: the extension could not be checked: %@", ShortenedText(error.message(), 300));
     return GnomeExtensionState::kNoShell;
   }
+  shell_major_ = shellMajorVersion();
   GVariantPtr info(g_variant_get_child_value(reply.get(), 0));
   GVariantPtr state_value(g_variant_lookup_value(info.get(), "state", G_VARIANT_TYPE_DOUBLE));
   double state = state_value ? g_variant_get_double(state_value.get()) : kStateUninstalled;
@@ -151,6 +182,17 @@ GnomeExtensionState GnomeExtensionSetup::run() {
     note_ = "Enable \"Orvane\" in GNOME's Extensions application (and check that user "
             "extensions are not turned off there)";
     return GnomeExtensionState::kNotEnabled;
+  }
+  // A newer shell refusing the older form of a copy outside the user's
+  // folder (the .deb's): the module form goes into the user's folder, which
+  // the shell prefers, unless the user has a copy there.
+  std::string user_copy = JoinPath(places_.user_folder, kGnomeExtensionUuid);
+  if ((state == kStateOutOfDate || state == kStateError) && shell_major_ >= kFirstModuleShell &&
+      !places_.user_folder.empty() && !Exists(user_copy)) {
+    log("gnome: GNOME Shell %d refuses the extension's older form; installing the form "
+        "for GNOME %d and later",
+        shell_major_, kFirstModuleShell);
+    return installIntoUserFolder();
   }
   GVariantPtr error_value(g_variant_lookup_value(info.get(), "error", G_VARIANT_TYPE_STRING));
   std::string reason = error_value
@@ -191,15 +233,19 @@ GnomeExtensionState GnomeExtensionSetup::install() {
       return GnomeExtensionState::kPresent;
     }
   }
+  return installIntoUserFolder();
+}
+
+GnomeExtensionState GnomeExtensionSetup::installIntoUserFolder() {
+  const std::string& ready = readyCopy();
   auto not_installed = [&](const std::string& why) {
     log("gnome: the extension could not be installed into %@: %@", places_.user_folder, why);
     note_ = "Orvane could not install its GNOME Shell extension (" + why +
             "); install it, then log out and back in";
     return GnomeExtensionState::kNotInstalled;
   };
-  if (TypeAt(places_.ready_copy) != fs::file_type::directory ||
-      !Exists(JoinPath(places_.ready_copy, "metadata.json")))
-    return not_installed("no ready copy of it at " + places_.ready_copy);
+  if (TypeAt(ready) != fs::file_type::directory || !Exists(JoinPath(ready, "metadata.json")))
+    return not_installed("no ready copy of it at " + ready);
   fs::file_type user_type = TypeAt(places_.user_folder);
   if (user_type == fs::file_type::symlink)
     return not_installed("the folder is a symbolic link");
@@ -218,7 +264,7 @@ GnomeExtensionState GnomeExtensionSetup::install() {
     return not_installed(std::string("the folder cannot be written: ") + g_strerror(errno));
   std::string why;
   int entries = 0;
-  bool copied = CopyTree(places_.ready_copy, partial.str(), 0, entries, why);
+  bool copied = CopyTree(ready, partial.str(), 0, entries, why);
   std::string target = JoinPath(places_.user_folder, kGnomeExtensionUuid);
   std::error_code error;
   if (copied && !Exists(target) && g_rename(partial.get(), target.c_str()) == 0) {

@@ -8,6 +8,11 @@
 //   into the user's folder. GNOME reads extensions only at login, so the log
 //   and a notification then ask the user to log out and back in; everything
 //   that does not need the extension keeps working meanwhile.
+// GNOME 45 and later load only the extension's ES-module form, and GNOME 43
+// and 44 only the older one: the shell's ShellVersion decides which ready
+// copy is installed. A copy of the older form that a newer shell refuses
+// (the .deb's, in the system's folder) is left in place and the module form
+// installed into the user's folder, which the shell prefers.
 // A copy the user already has is never overwritten; a file or a symbolic
 // link where the folders should be, or a folder that cannot be written, is
 // one clear log line and nothing else. Main thread only.
@@ -33,14 +38,23 @@ struct GnomeExtensionPlaces {
   std::string user_folder;
   // The system's: each $XDG_DATA_DIRS entry's gnome-shell/extensions.
   std::vector<std::string> system_folders;
-  // The ready extension folder that comes with this copy of Orvane.
+  // The ready extension folders that come with this copy of Orvane: the
+  // form of GNOME 43 and 44, and the ES-module form of GNOME 45 and later.
   std::string ready_copy;
+  std::string ready_copy_module;
 };
+
+// The first number of a shell's version ("45.2" -> 45); 0 when the text
+// does not start with one.
+int ShellMajorVersion(const std::string& version);
+// The first GNOME Shell that loads only ES-module extensions.
+inline constexpr int kFirstModuleShell = 45;
 
 // The places of this process: the ready copy is
 // <install folder>/share/gnome-shell/extensions/<uuid> for an installed or
 // unpacked copy, and share/gnome-shell/extensions/<uuid> beside the
-// executable in a build tree.
+// executable in a build tree; the module form is share/orvane/gnome-shell-45/
+// <uuid> in either.
 GnomeExtensionPlaces StandardGnomeExtensionPlaces();
 
 enum class GnomeExtensionState {
@@ -81,6 +95,11 @@ public:
 
 private:
   GnomeExtensionState install();
+  // Copies the ready copy for this shell into the user's folder.
+  GnomeExtensionState installIntoUserFolder();
+  // The running shell's major version, 0 when it does not say.
+  int shellMajorVersion();
+  const std::string& readyCopy() const;
   void askToLogInAgain(const std::string& log_line);
   template <typename... Args> void log(std::string_view format, const Args&... args) {
     write(FormatLogMessage(format, {LogArg(args)...}));
@@ -94,6 +113,7 @@ private:
   std::string note_;
   bool notified_ = false;
   std::vector<std::string> held_lines_;
+  int shell_major_ = 0;
 };
 
 } // namespace orvane

@@ -67,9 +67,13 @@ class GnomeTestSession(_SessionDesktop, GnomeSession):
         env.pop("XDG_DATA_HOME", None)
         return env
 
-    def press(self, *chords: str) -> None:  # type: ignore[override]
+    def press(self, *chords: str) -> int:  # type: ignore[override]
+        """Presses the chords one after the other; the epoch milliseconds at
+        which the last one was sent."""
+        sent = 0
         for chord in chords:
-            GnomeSession.press(self, chord)
+            sent = GnomeSession.press(self, chord)
+        return sent
 
     def bus(self) -> Gio.DBusConnection:
         if self._bus is None:

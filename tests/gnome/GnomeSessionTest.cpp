@@ -6,6 +6,7 @@
 #include "desktop/gnome/GnomeShell.h"
 
 #include "support/MainLoop.h"
+#include "support/NativeWindowProcess.h"
 #include "support/TempDir.h"
 
 #include <cmath>
@@ -21,53 +22,11 @@ GObjectPtr<GDBusConnection> SessionBusConnection() {
   return GObjectPtr<GDBusConnection>::adopt(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
 }
 
-bool Near(const Rect& a, const Rect& b) {
-  return std::fabs(a.x - b.x) <= 1 && std::fabs(a.y - b.y) <= 1 &&
-         std::fabs(a.width - b.width) <= 1 && std::fabs(a.height - b.height) <= 1;
-}
-
 // Presses a chord through the session's keyboard.
 void Press(const std::string& chord) {
   std::ofstream fifo(getenv("ORVANE_GNOME_KEYS"));
   fifo << chord << "\n";
 }
-
-// A native Wayland GTK window in a process of its own, ended by its pid.
-class NativeWindow {
-public:
-  explicit NativeWindow(const std::string& title) {
-    std::string script = std::string(ORVANE_KWIN_FIXTURES) + "/native_window.py";
-    gchar** env = g_environ_setenv(g_get_environ(), "GDK_BACKEND", "wayland", TRUE);
-    const gchar* argv[] = {"/usr/bin/python3", script.c_str(), state_.path().c_str(), title.c_str(),
-                           nullptr};
-    GError* error = nullptr;
-    if (!g_spawn_async(nullptr, const_cast<gchar**>(argv), env, G_SPAWN_DO_NOT_REAP_CHILD, nullptr,
-                       nullptr, &pid_, &error)) {
-      ADD_FAILURE() << "the native window did not start: " << error->message;
-      g_clear_error(&error);
-    }
-    g_strfreev(env);
-  }
-  ~NativeWindow() {
-    if (pid_ > 0) {
-      kill(pid_, SIGTERM);
-      waitpid(pid_, nullptr, 0);
-    }
-  }
-  NativeWindow(const NativeWindow&) = delete;
-  NativeWindow& operator=(const NativeWindow&) = delete;
-
-  int pid() const { return pid_; }
-  bool mapped(double seconds = 20) {
-    return SpinUntil([&] { return g_file_test(state_.file("mapped").c_str(), G_FILE_TEST_EXISTS); },
-                     seconds);
-  }
-  std::string keys() const { return TempDir::Read(state_.file("keys")); }
-
-private:
-  TempDir state_;
-  GPid pid_ = 0;
-};
 
 std::string UniqueTitle(const std::string& what) {
   return "Orvane GNOME " + what + " " + std::to_string(g_random_int());

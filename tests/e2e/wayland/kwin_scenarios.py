@@ -14,11 +14,13 @@ from __future__ import annotations
 
 import json
 import os
+import urllib.parse
 from pathlib import Path
 from typing import Any
 
 import pytest
 
+from harness import WaitTimeout  # noqa: E402
 from wayland_harness import (
     PYTHON,
     REPO_ROOT,
@@ -82,6 +84,51 @@ def as_logged(frame: tuple[int, int, int, int], primary_height: int = 1000) -> s
     bottom edge)."""
     x, y, width, height = frame
     return f"{{{{{x:g}, {primary_height - (y + height):g}}}, {{{width:g}, {height:g}}}}}"
+
+
+def install_native_zathura(home_path: Path) -> str:
+    """Registers zathura on GDK's Wayland backend as a PDF viewer in the
+    home at `home_path` (made before Orvane starts in it); the desktop
+    file's name, for the setting PdfViewer."""
+    config = home_path / "zathura"
+    config.mkdir(parents=True)
+    applications = home_path / ".local" / "share" / "applications"
+    applications.mkdir(parents=True)
+    (config / "zathurarc").write_text('set window-title-basename true\nset guioptions ""\n')
+    (applications / "orvane-e2e-zathura.desktop").write_text(
+        "[Desktop Entry]\nType=Application\nName=zathura on Wayland for the tests\n"
+        f'Exec=env GDK_BACKEND=wayland zathura --config-dir "{config}" --data-dir "{config}" '
+        f'--cache-dir "{config}" %f\nMimeType=application/pdf;\nTerminal=false\n', encoding="utf-8")
+    return "orvane-e2e-zathura.desktop"
+
+
+def query_escape(text: str) -> str:
+    return urllib.parse.quote(text.encode("utf-8"), safe="-._~")
+
+
+def add_load(site, text: str | None = None):
+    """The next page load on "/?add=" (with exactly `text` when given)."""
+    def matches(record):
+        query = urllib.parse.urlsplit(record.href).query
+        return query.startswith("add=") and (text is None or query == "add=" + query_escape(text))
+    return site.wait_for_load(matches)
+
+
+def keys_on(site, page: str) -> list[str]:
+    return [r.data["key"] for r in site.records("key") if r.page == page and r.data.get("isTrusted")]
+
+
+def wait_for_value(read, expected, what: str) -> None:
+    """Waits until read() gives `expected`; a time-out says what it gave last."""
+    seen = []
+
+    def there():
+        seen[:] = [read()]
+        return seen[0] == expected
+    try:
+        wait_until(there, what=f"{what} at {expected}")
+    except WaitTimeout as exc:
+        raise AssertionError(f"{exc}; it is at {seen[0] if seen else None}") from None
 
 
 class KWinView:

@@ -11,13 +11,20 @@ from __future__ import annotations
 
 import json
 import re
-import urllib.parse
 
 import pytest
 
 from harness import _gvariant_string, holds_for, text_pdf, wait_until
 from gnome_scenarios import GnomeTestSession, GnomeView, centred, frame_of
-from kwin_scenarios import COPY_WINDOW, kwin_extras  # noqa: F401  (kwin_extras is a fixture)
+from kwin_scenarios import (  # noqa: F401  (kwin_extras is a fixture)
+    COPY_WINDOW,
+    add_load,
+    install_native_zathura,
+    keys_on,
+    kwin_extras,
+    query_escape,
+    wait_for_value,
+)
 from wayland_harness import PYTHON
 
 HOTKEYS_OK = "hotkeys: \u2325B registered, \u2325C registered, \u2325Q registered, \u2325V registered"
@@ -28,33 +35,6 @@ ACCOUNT = "alice"
 PAPER_ID = "cs/0101123"
 PAGES = ["First page opening words here", "Second page lattice argument", "Third page closing remark now"]
 LOG_OUT = "log out and back in to finish setting up Orvane's GNOME extension"
-
-
-def query_escape(text: str) -> str:
-    return urllib.parse.quote(text.encode("utf-8"), safe="-._~")
-
-
-def add_load(site, text: str | None = None):
-    def matches(record):
-        query = urllib.parse.urlsplit(record.href).query
-        return query.startswith("add=") and (text is None or query == "add=" + query_escape(text))
-    return site.wait_for_load(matches)
-
-
-def keys_on(site, page: str) -> list[str]:
-    return [r.data["key"] for r in site.records("key") if r.page == page and r.data.get("isTrusted")]
-
-
-def wait_for_value(read, expected, what: str) -> None:
-    seen = []
-
-    def there():
-        seen[:] = [read()]
-        return seen[0] == expected
-    try:
-        wait_until(there, what=f"{what} at {expected}")
-    except Exception as exc:  # WaitTimeout: say where it is instead
-        raise AssertionError(f"{exc}; it is at {seen[0] if seen else None}") from None
 
 
 def as_logged(frame: tuple[int, int, int, int], primary_height: int = 1000) -> str:
@@ -213,18 +193,10 @@ def test_a_place_request_moves_a_native_window_onto_the_second_monitor(
 def test_the_viewer_split_puts_native_zathura_left_and_the_chat_right(
         gnome, wayland_orvane, site, tmp_path):
     home_path = tmp_path / "home-0"
-    config = home_path / "zathura"
-    config.mkdir(parents=True)
-    applications = home_path / ".local" / "share" / "applications"
-    applications.mkdir(parents=True)
-    (config / "zathurarc").write_text('set window-title-basename true\nset guioptions ""\n')
-    (applications / "orvane-e2e-zathura.desktop").write_text(
-        "[Desktop Entry]\nType=Application\nName=zathura on Wayland for the tests\n"
-        f'Exec=env GDK_BACKEND=wayland zathura --config-dir "{config}" --data-dir "{config}" '
-        f'--cache-dir "{config}" %f\nMimeType=application/pdf;\nTerminal=false\n', encoding="utf-8")
+    viewer_app = install_native_zathura(home_path)
     site.set_scenario([{"post": {"action": "hello", "account": ACCOUNT}}, {"waitEvent": "claudeStatus"}])
     orvane, library, view, library_window = started(gnome, wayland_orvane, site,
-                                                    PdfViewer="orvane-e2e-zathura.desktop")
+                                                    PdfViewer=viewer_app)
     home = orvane.home
     assert home.path == home_path
     pdf = home.path / "paper.pdf"

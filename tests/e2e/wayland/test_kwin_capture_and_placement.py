@@ -15,17 +15,21 @@ from __future__ import annotations
 import io
 import json
 import subprocess
-import urllib.parse
 
 import pytest
 
-from harness import WaitTimeout, _gvariant_string, holds_for, text_pdf
+from harness import _gvariant_string, holds_for, text_pdf
 from kwin_scenarios import (  # noqa: F401  (kwin_extras is a fixture)
     COPY_WINDOW,
     KWinView,
+    add_load,
     as_logged,
     centred,
+    install_native_zathura,
+    keys_on,
     kwin_extras,
+    query_escape,
+    wait_for_value,
 )
 from wayland_harness import PYTHON, wait_until
 
@@ -36,10 +40,6 @@ NATIVE_CLASS = "orvane-e2e-native"
 ACCOUNT = "alice"
 PAPER_ID = "cs/0101123"
 PAGES = ["First page opening words here", "Second page lattice argument", "Third page closing remark now"]
-
-
-def query_escape(text: str) -> str:
-    return urllib.parse.quote(text.encode("utf-8"), safe="-._~")
 
 
 def png_bytes() -> bytes:
@@ -67,32 +67,8 @@ def started(session, wayland_orvane, site, wayland_clients, **settings):
     return orvane, library, kwin, library_window
 
 
-def add_load(site, text: str | None = None):
-    def matches(record):
-        query = urllib.parse.urlsplit(record.href).query
-        return query.startswith("add=") and (text is None or query == "add=" + query_escape(text))
-    return site.wait_for_load(matches)
-
-
-def keys_on(site, page: str) -> list[str]:
-    return [r.data["key"] for r in site.records("key") if r.page == page and r.data.get("isTrusted")]
-
-
 def other_windows(kwin, pid: int, known_ids) -> list[dict]:
     return [w for w in kwin.windows_of(pid) if w["id"] not in known_ids]
-
-
-def wait_for_value(read, expected, what: str) -> None:
-    """Waits until read() gives `expected`; a time-out says what it gave last."""
-    seen = []
-
-    def there():
-        seen[:] = [read()]
-        return seen[0] == expected
-    try:
-        wait_until(there, what=f"{what} at {expected}")
-    except WaitTimeout as exc:
-        raise AssertionError(f"{exc}; it is at {seen[0] if seen else None}") from None
 
 
 def read_clipboard(session, mime: str) -> bytes | None:
@@ -261,18 +237,10 @@ def test_the_viewer_split_puts_native_zathura_left_and_the_chat_right(
     # home wayland_orvane is about to use (its first, tmp_path/home-0) before
     # Orvane starts.
     home_path = tmp_path / "home-0"
-    config = home_path / "zathura"
-    config.mkdir(parents=True)
-    applications = home_path / ".local" / "share" / "applications"
-    applications.mkdir(parents=True)
-    (config / "zathurarc").write_text('set window-title-basename true\nset guioptions ""\n')
-    (applications / "orvane-e2e-zathura.desktop").write_text(
-        "[Desktop Entry]\nType=Application\nName=zathura on Wayland for the tests\n"
-        f'Exec=env GDK_BACKEND=wayland zathura --config-dir "{config}" --data-dir "{config}" '
-        f'--cache-dir "{config}" %f\nMimeType=application/pdf;\nTerminal=false\n', encoding="utf-8")
+    viewer_app = install_native_zathura(home_path)
     site.set_scenario([{"post": {"action": "hello", "account": ACCOUNT}}, {"waitEvent": "claudeStatus"}])
     orvane, library, kwin, library_window = started(kwin_session, wayland_orvane, site, wayland_clients,
-                                                    PdfViewer="orvane-e2e-zathura.desktop")
+                                                    PdfViewer=viewer_app)
     home = orvane.home
     assert home.path == home_path
     pdf = home.path / "paper.pdf"

@@ -16,7 +16,7 @@ for each run the benchmark prints:
 - context switches per second of the tree over idle seconds, voluntary and
   involuntary, summed over every thread of every process.
 
-    /usr/bin/python3 bench/startup/startup_bench.py [--runs 7] [--idle-runs 5] [--threads]
+    /usr/bin/python3 bench/startup/startup_bench.py [--runs 7] [--idle-runs 5] [--threads] [--sources]
 
 The figures are medians; each Orvane figure is printed against the floor's
 as a ratio, with its goal (reported, never enforced). `--threads` lists, for
@@ -27,7 +27,9 @@ and thread name.
 from __future__ import annotations
 
 import argparse
+import contextlib
 import os
+import shutil
 import statistics
 import subprocess
 import sys
@@ -40,7 +42,7 @@ REPO = Path(__file__).resolve().parents[2]
 sys.path.insert(0, str(REPO / "tests" / "e2e"))
 
 from harness import (  # noqa: E402
-    APP_ID, Desktop, FixtureSite, Home, orvane_binary, stop_process_group, wait_until)
+    APP_ID, Desktop, FixtureSite, Home, WaitTimeout, orvane_binary, stop_process_group, wait_until)
 
 PAGE_ROOT = Path(__file__).resolve().parent / "site"
 # The page has settled this long after its hello was answered.
@@ -139,19 +141,45 @@ def switch_counts(tree: list[int]) -> dict[tuple[int, int], ThreadCount]:
     return counts
 
 
+def source_counts(tree: list[int], folder: Path) -> dict[tuple[int, str, str], int]:
+    """Main-loop source dispatches so far of every process of the tree that
+    has the source counter loaded, keyed by (pid, thread, source): a "dump"
+    file made in its folder asks each of them for its counts."""
+    counted = [pid for pid in tree if "orvane_source_counter" in read_text(f"/proc/{pid}/maps")]
+    asked = time.time()
+    (folder / f"dump-{asked:.6f}").touch()
+
+    def written():
+        return all((folder / f"{pid}.txt").exists() and (folder / f"{pid}.txt").stat().st_mtime >= asked - 0.01
+                   for pid in counted)
+    with contextlib.suppress(WaitTimeout):
+        wait_until(written, 3, interval=0.05)
+    counts = {}
+    for pid in counted:
+        for line in read_text(str(folder / f"{pid}.txt")).splitlines():
+            parts = line.split("\t")
+            if len(parts) == 3 and parts[2].isdigit():
+                counts[(pid, parts[0], parts[1])] = int(parts[2])
+    return counts
+
+
 @dataclass
 class IdleWindow:
     per_second: float
     threads: list[tuple[str, int, str, int, float]]  # process, pid, thread, tid, per second
     ended_threads: int
+    # (pid, thread, source, dispatches) in the window, with --sources
+    sources: list[tuple[int, str, str, int]] = field(default_factory=list)
 
 
-def idle_window(root: int, seconds: float) -> IdleWindow:
+def idle_window(root: int, seconds: float, sources_folder: Path | None = None) -> IdleWindow:
     """Context switches of the tree over `seconds`; a thread that starts
     meanwhile counts from zero, one that ends is left out (and counted)."""
+    sources_before = source_counts(process_tree(root), sources_folder) if sources_folder else {}
     before = switch_counts(process_tree(root))
     time.sleep(seconds)
     after = switch_counts(process_tree(root))
+    sources_after = source_counts(process_tree(root), sources_folder) if sources_folder else {}
     threads = []
     total = 0
     for key, now in after.items():
@@ -160,7 +188,10 @@ def idle_window(root: int, seconds: float) -> IdleWindow:
         if delta:
             threads.append((now.process, key[0], now.thread, key[1], delta / seconds))
     threads.sort(key=lambda t: -t[4])
-    return IdleWindow(total / seconds, threads, sum(1 for key in before if key not in after))
+    sources = [(*key, count - sources_before.get(key, 0)) for key, count in sources_after.items()
+               if count > sources_before.get(key, 0)]
+    sources.sort(key=lambda s: -s[3])
+    return IdleWindow(total / seconds, threads, sum(1 for key in before if key not in after), sources)
 
 
 # --------------------------------------------------------------------------
@@ -175,11 +206,13 @@ class Series:
     private_mib: list[float] = field(default_factory=list)
     processes: list[int] = field(default_factory=list)
     idle: list[IdleWindow] = field(default_factory=list)
+    # (process name, pid, PSS KiB, private KiB) of each process of the last run
+    last_tree: list[tuple[str, int, int, int]] = field(default_factory=list)
 
 
 class Program:
     def __init__(self, name: str, argv: list[str], home: Home, desktop: Desktop, site: FixtureSite,
-                 owns_bus_name: bool):
+                 owns_bus_name: bool, source_counter: Path | None = None):
         self.name = name
         self.argv = argv
         self.home = home
@@ -187,6 +220,8 @@ class Program:
         self.site = site
         self.owns_bus_name = owns_bus_name
         self.out_path = home.path.parent / f"{name}.out"
+        self.source_counter = source_counter
+        self.sources_folder = home.path.parent / "source-counts"
 
     def run(self, series: Series | None, measure_idle: bool) -> None:
         """One start, measured into `series` (None: a warm-up run)."""
@@ -194,9 +229,14 @@ class Program:
             wait_until(lambda: not self.desktop.name_has_owner(APP_ID), 10,
                        what=f"the bus name {APP_ID} to be free")
         seen = len(self.site.records("mark"))
+        env = self.home.env()
+        if self.source_counter:
+            shutil.rmtree(self.sources_folder, ignore_errors=True)
+            self.sources_folder.mkdir()
+            env.update(LD_PRELOAD=str(self.source_counter), SOURCE_COUNTER_DIR=str(self.sources_folder))
         with open(self.out_path, "ab") as out:
             started = time.time() * 1000
-            proc = subprocess.Popen(self.argv, env=self.home.env(), cwd=self.home.path,
+            proc = subprocess.Popen(self.argv, env=env, cwd=self.home.path,
                                     stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.STDOUT,
                                     start_new_session=True)
         try:
@@ -210,9 +250,11 @@ class Program:
             time.sleep(max(0.0, mark.data["helloAnsweredAt"] / 1000 + SETTLE_S - time.time()))
             tree = process_tree(proc.pid)
             memory = [memory_kib(pid) for pid in tree]
+            names = [read_text(f"/proc/{pid}/comm").strip() or "?" for pid in tree]
             pss = sum(m[0] for m in memory) / 1024
             private = sum(m[1] for m in memory) / 1024
-            idle = idle_window(proc.pid, IDLE_S) if measure_idle else None
+            idle = idle_window(proc.pid, IDLE_S, self.sources_folder if self.source_counter else None) \
+                if measure_idle else None
         finally:
             stop_process_group(proc)
         if series is None:
@@ -220,6 +262,7 @@ class Program:
         series.hello_ms.append(hello_ms)
         series.pss_mib.append(pss)
         series.private_mib.append(private)
+        series.last_tree = [(name, pid, m[0], m[1]) for name, pid, m in zip(names, tree, memory)]
         series.processes.append(len(tree))
         if idle:
             series.idle.append(idle)
@@ -239,12 +282,22 @@ def ratio_line(label: str, unit: str, floor: float, orvane: float, goal: str, me
             f"{ratio:5.2f} x   goal {goal}: {'met' if met else 'NOT met'}")
 
 
+def print_processes(series: Series) -> None:
+    print(f"{series.name}: memory of each process in its last run")
+    for process, pid, pss, private in series.last_tree:
+        print(f"    {process:<16} {pid:>7}  PSS {pss / 1024:6.1f} MiB  private {private / 1024:6.1f} MiB")
+
+
 def print_threads(name: str, window: IdleWindow) -> None:
     print(f"{name}: threads that woke up in its last idle window ({IDLE_S:.0f} s), switches per second")
     for process, pid, thread, tid, rate in window.threads:
         print(f"    {process:<16} {pid:>7}  {thread:<16} {tid:>7}  {rate:6.1f}")
     if window.ended_threads:
         print(f"    ({window.ended_threads} threads ended during the window; their switches are not counted)")
+    if window.sources:
+        print(f"  main-loop sources dispatched in that window (pid, thread, dispatches, source)")
+        for pid, thread, source, count in window.sources:
+            print(f"    {pid:>7}  {thread:<16} {count:5d}  {source}")
 
 
 def main() -> int:
@@ -253,8 +306,20 @@ def main() -> int:
     parser.add_argument("--idle-runs", type=int, default=5,
                         help="of these, how many also measure the idle window")
     parser.add_argument("--threads", action="store_true",
-                        help="list the threads that woke up in each program's last idle window")
+                        help="list the threads that woke up in each program's last idle window "
+                             "and the memory of each process")
+    parser.add_argument("--sources", action="store_true",
+                        help="also count the main-loop sources that fire in the idle windows "
+                             "(with the source counter loaded into both programs; implies --threads)")
     args = parser.parse_args()
+    counter = None
+    if args.sources:
+        args.threads = True
+        counter = Path(os.environ.get("ORVANE_SOURCE_COUNTER") or
+                       REPO / "build" / "orvane_source_counter.so").absolute()
+        if not counter.is_file():
+            print(f"missing {counter}: build the target orvane_source_counter", file=sys.stderr)
+            return 1
 
     for binary in (orvane_binary(), floor_binary()):
         if not os.access(binary, os.X_OK):
@@ -275,8 +340,9 @@ def main() -> int:
         orvane_home = Home(scratch / "orvane" / "home", orvane_desktop)
         orvane_home.write_settings(AppURL=site.url, ProjectDir=str(scratch / "no-such-project"))
         programs = [
-            Program("floor", [str(floor_binary()), site.url + "/"], floor_home, floor_desktop, site, False),
-            Program("Orvane", [str(orvane_binary())], orvane_home, orvane_desktop, site, True),
+            Program("floor", [str(floor_binary()), site.url + "/"], floor_home, floor_desktop, site, False,
+                    counter),
+            Program("Orvane", [str(orvane_binary())], orvane_home, orvane_desktop, site, True, counter),
         ]
         series = {p.name: Series(p.name) for p in programs}
         # One start of each first, unmeasured: both then start with their
@@ -314,6 +380,10 @@ def main() -> int:
             print()
             print_threads("floor", floor.idle[-1])
             print_threads("Orvane", orvane.idle[-1])
+    if args.threads:
+        print()
+        print_processes(floor)
+        print_processes(orvane)
     print(f"(the run took {time.monotonic() - began:.0f} s)")
     return 0
 

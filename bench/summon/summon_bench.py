@@ -159,6 +159,9 @@ def main() -> int:
         return 0
     median, floor_median = statistics.median(summons), statistics.median(floors)
     print(summary("Alt+B press -> panel page load event", summons))
+    # The first press finds the panel's page never loaded since the launch.
+    print(f"{'first press after the launch':<42} {summons[0]:7.1f} ms   (goal: at most {GOAL_MS:.0f} ms: "
+          f"{'met' if summons[0] <= GOAL_MS else 'NOT met'})")
     print(f"ratio {median / floor_median:.2f} x the floor")
     met = median <= GOAL_RATIO * floor_median and median <= GOAL_MS
     print(f"goal: median <= {GOAL_RATIO} x floor and <= {GOAL_MS:.0f} ms: {'met' if met else 'NOT met'}")

@@ -306,12 +306,11 @@ void AppDelegate::applicationDidFinishLaunching() {
   lib_drops_ = std::make_unique<WindowDrops>(
       lib_web_->widget(), [this](const std::vector<std::string>& paths) { openFiles(paths); });
 
-  // 11. The quick panel, hidden until shown.
-  web_ = factory_.makeWebView();
+  // 11. The quick panel, hidden until shown. Its page runs in the library
+  // page's web process: the first summon finds that process running, and
+  // no second one is started, kept in memory or woken while idle.
+  web_ = factory_.makeWebView(lib_web_.get());
   window_ = std::make_unique<PanelWindow>(application_, web_->widget(), *seams_.own_windows);
-  // An empty page starts the panel's web process now rather than at the
-  // first summon; the site's first page reuses it.
-  web_->loadBlank();
   quick_panel_ = std::make_unique<QuickPanel>(*window_, *web_, *lib_window_, *seams_.screens, [] {
     EnsureServer(SiteAddress(), ProjectDirectory());
   });

@@ -21,6 +21,11 @@ PanelWindow::PanelWindow(GtkApplication* application, GtkWidget* content, OwnWin
   own_windows_.makePanel(window_);
   gtk_container_add(GTK_CONTAINER(window_), content);
   gtk_widget_show(content);
+  // Realized now, and mapped only when summoned. A web view whose window
+  // was never realized has no display to pace its page by: WebKit then
+  // drives the page's rendering updates from a timer at 60 per second, for
+  // seconds, while nothing is on the screen.
+  gtk_widget_realize(GTK_WIDGET(window_));
 
   // The close button and Escape hide the panel; it lives for the whole run.
   g_signal_connect(window_, "delete-event",

@@ -135,7 +135,7 @@ WebViewFactory::~WebViewFactory() {
     g_object_unref(context_);
 }
 
-std::shared_ptr<WebPage> WebViewFactory::makeWebView() {
+std::shared_ptr<WebPage> WebViewFactory::makeWebView(const WebPage* share_process_of) {
   if (!context_)
     context_ = MakeSharedContext();
 
@@ -147,8 +147,15 @@ std::shared_ptr<WebPage> WebViewFactory::makeWebView() {
   AddScript(content.get(), CapabilitiesScript(claude_path_ ? claude_path_() : "", release_),
             WEBKIT_USER_CONTENT_INJECT_TOP_FRAME, nullptr);
 
-  auto* view = WEBKIT_WEB_VIEW(g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", context_,
-                                            "user-content-manager", content.get(), nullptr));
+  // A related view takes its web context (and its web process) from the
+  // other view; its content manager stays its own, so that its messages
+  // still say which view posted them.
+  auto* view = WEBKIT_WEB_VIEW(share_process_of
+                                   ? g_object_new(WEBKIT_TYPE_WEB_VIEW, "related-view",
+                                                  share_process_of->view(), "user-content-manager",
+                                                  content.get(), nullptr)
+                                   : g_object_new(WEBKIT_TYPE_WEB_VIEW, "web-context", context_,
+                                                  "user-content-manager", content.get(), nullptr));
   // First, so that its record of the committed address is current for the
   // handlers below.
   auto page = std::make_shared<WebPage>(view);

@@ -75,8 +75,12 @@ public:
                  std::optional<std::string> release);
   ~WebViewFactory();
 
-  // The window that holds the view gives it its size.
-  std::shared_ptr<WebPage> makeWebView();
+  // The window that holds the view gives it its size. A view made with
+  // another view's page shares that view's web process (WebKit's related
+  // view) instead of starting one of its own at its first load: one process
+  // fewer to start, to keep in memory and to wake, and a first load that
+  // finds a process already running.
+  std::shared_ptr<WebPage> makeWebView(const WebPage* share_process_of = nullptr);
 
 private:
   WebViewDelegate& delegate_;

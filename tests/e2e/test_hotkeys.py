@@ -5,6 +5,7 @@ cannot grab the chords, ⌥B from the keyboard (with Caps Lock on too), and the
 from __future__ import annotations
 
 import contextlib
+import os
 
 import pytest
 
@@ -142,3 +143,48 @@ def test_every_summon_gives_the_panel_the_keyboard(home, site, desktop, launch, 
         assert desktop.active_window() == panel
         desktop.press("alt+b")
         orvane.wait_window_hidden(panel)
+
+
+def _web_processes(orvane: Orvane) -> list[int]:
+    """WebKit's web processes among Orvane's children (the network process
+    and anything else it started are left out)."""
+    found = []
+    for name in os.listdir("/proc"):
+        if not name.isdigit():
+            continue
+        try:
+            with open(f"/proc/{name}/stat", "rb") as fh:
+                fields = fh.read().rsplit(b")", 1)[1].split()
+            with open(f"/proc/{name}/comm", "rb") as fh:
+                comm = fh.read().strip()
+        except OSError:
+            continue
+        if int(fields[1]) == orvane.proc.pid and fields[0] != b"Z" and comm.startswith(b"WebKitWebProc"):
+            found.append(int(name))
+    return found
+
+
+def test_the_panel_page_runs_in_the_library_page_s_web_process(home, site, desktop, launch):
+    # The hidden panel starts no web process of its own at launch (one to
+    # keep in memory and to wake while idle), and its first page, on the
+    # first Alt+B, goes to the library page's process, which is running.
+    orvane = _launch_and_wait(home, site, launch)
+    library = site.wait_for_load("/")
+    assert holds_for(lambda: len(_web_processes(orvane)) == 1, 1.5), _web_processes(orvane)
+
+    desktop.press("alt+b")
+    orvane.wait_for_window("quick-panel")
+    site.wait_for_load(lambda r: r.page != library.page)
+    assert len(_web_processes(orvane)) == 1, _web_processes(orvane)
+
+
+def test_the_panel_window_is_made_unshown_at_launch(home, site, desktop, launch):
+    # Made but not mapped: its page has a display to pace its rendering by
+    # before it is first shown, instead of a 60-per-second timer.
+    orvane = _launch_and_wait(home, site, launch)
+    out = desktop.run_tool("xdotool", "search", "--pid", str(orvane.proc.pid)).stdout
+    panels = [int(w) for w in out.split()
+              if desktop.window_property(int(w), "WM_WINDOW_ROLE") == "quick-panel"]
+    assert len(panels) == 1, out
+    assert desktop.window_info(panels[0]).get("map_state") == "IsUnMapped"
+    assert not orvane.windows("quick-panel")

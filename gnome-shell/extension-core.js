@@ -410,17 +410,39 @@ class OrvaneShellService {
                 if (reached())
                     finish(true);
             };
-            signals.push(window.connect('position-changed', check));
-            signals.push(window.connect('size-changed', check));
-            signals.push(window.connect('unmanaged', () => finish(false)));
-            this._pendingWaits.add(cancel);
-            timer = this._timeout('MoveResize wait', MOVE_RESIZE_WAIT_MS, () => {
-                timer = 0;
-                finish(true);
-                return GLib.SOURCE_REMOVE;
+            const wait = () => {
+                signals.push(window.connect('position-changed', check));
+                signals.push(window.connect('size-changed', check));
+                signals.push(window.connect('unmanaged', () => finish(false)));
+                this._pendingWaits.add(cancel);
+                timer = this._timeout('MoveResize wait', MOVE_RESIZE_WAIT_MS, () => {
+                    timer = 0;
+                    finish(true);
+                    return GLib.SOURCE_REMOVE;
+                });
+                window.move_resize_frame(true, x, y, width, height);
+                check();
+            };
+            // A Wayland window takes a new frame only once its client has
+            // drawn at it, which a caller waiting for this very reply
+            // cannot do: the caller's own window is answered at once, and
+            // the caller reads its frame back itself.
+            this._withCallerPid(invocation, pid => {
+                if (finished)
+                    return;
+                if (this._windowById(id) !== window) {
+                    finish(false);
+                    return;
+                }
+                if (pid > 0 && window.get_pid() === pid) {
+                    finished = true;
+                    window.move_resize_frame(true, x, y, width, height);
+                    invocation.return_value(GLib.Variant.new_tuple(
+                        [GLib.Variant.new_boolean(true), this._windowVariant(window)]));
+                    return;
+                }
+                wait();
             });
-            window.move_resize_frame(true, x, y, width, height);
-            check();
         });
     }
 
@@ -452,30 +474,36 @@ class OrvaneShellService {
                 invocation.return_value(new GLib.Variant('(b)', [false]));
                 return;
             }
-            const sender = invocation.get_sender();
-            Gio.DBus.session.call('org.freedesktop.DBus', '/org/freedesktop/DBus',
-                'org.freedesktop.DBus', 'GetConnectionUnixProcessID',
-                new GLib.Variant('(s)', [sender]), new GLib.VariantType('(u)'),
-                Gio.DBusCallFlags.NONE, 2000, null, (connection, result) => {
-                    let pid = 0;
-                    try {
-                        [pid] = connection.call_finish(result).deepUnpack();
-                    } catch (e) {
-                        pid = 0;
-                    }
-                    // The window may have gone while the bus answered.
-                    const still = this._windowById(id);
-                    const ok = still !== null && pid > 0 && still.get_pid() === pid;
-                    if (ok) {
-                        still.make_above();
-                        still.stick();
-                    } else if (still) {
-                        orvaneLog(`MakePanel: refused window ${id} of pid ${still.get_pid()} ` +
-                            `for the caller of pid ${pid}`);
-                    }
-                    invocation.return_value(new GLib.Variant('(b)', [ok]));
-                });
+            this._withCallerPid(invocation, pid => {
+                // The window may have gone while the bus answered.
+                const still = this._windowById(id);
+                const ok = still !== null && pid > 0 && still.get_pid() === pid;
+                if (ok) {
+                    still.make_above();
+                    still.stick();
+                } else if (still) {
+                    orvaneLog(`MakePanel: refused window ${id} of pid ${still.get_pid()} ` +
+                        `for the caller of pid ${pid}`);
+                }
+                invocation.return_value(new GLib.Variant('(b)', [ok]));
+            });
         });
+    }
+
+    // The process of the caller (0 when the bus cannot tell).
+    _withCallerPid(invocation, then) {
+        Gio.DBus.session.call('org.freedesktop.DBus', '/org/freedesktop/DBus',
+            'org.freedesktop.DBus', 'GetConnectionUnixProcessID',
+            new GLib.Variant('(s)', [invocation.get_sender()]), new GLib.VariantType('(u)'),
+            Gio.DBusCallFlags.NONE, 2000, null, (connection, result) => {
+                let pid = 0;
+                try {
+                    [pid] = connection.call_finish(result).deepUnpack();
+                } catch (e) {
+                    pid = 0;
+                }
+                then(pid);
+            });
     }
 
     MonitorsAsync(_params, invocation) {

@@ -164,7 +164,7 @@ TEST_F(PaperSplitsTest, AWindowManagerThatNeverAppliesTheFrameIsWaitedForAShortW
   chat.frame_ = {80, 50, 1440, 900};
   viewerWindow();
   splits.tileWithPreview(kViewerPid, kPaper, 0);
-  scheduler.advance(0.29);
+  scheduler.advance(kChatFrameWait - 0.01);
   EXPECT_EQ(log.messages().size(), 1u);
   scheduler.advance(0.02);
   ASSERT_EQ(log.messages().size(), 2u);

@@ -31,11 +31,8 @@ constexpr double kSplitHoldInterval = 0.3;
 constexpr int kSplitHoldChecks = 4;
 constexpr int kSplitHoldChecksAfterFullScreen = 16;
 // How long the viewer split waits for the window manager to apply the
-// chat's frame before it logs the frame the chat has. A compositor applies
-// it only after the client's next commit, and a maximised window leaves that
-// state first (GNOME Shell maximises a new window as large as the screen):
-// well over the X11 round trip.
-constexpr double kChatFrameWait = 1.5;
+// chat's frame before it logs the frame the chat has.
+constexpr double kChatFrameWait = 0.3;
 
 // The halves of a visible frame: the paper on the left, the chat or the
 // free area on the right.

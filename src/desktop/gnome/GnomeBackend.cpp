@@ -36,7 +36,7 @@ GnomeBackend::GnomeBackend(GDBusConnection* session_bus, bool set_up_extension,
     // once the main loop runs.
     if (!setup.heldLines().empty()) {
       auto* lines = new std::vector<std::string>(setup.heldLines());
-      g_idle_add_full(
+      guint source = g_idle_add_full(
           G_PRIORITY_DEFAULT_IDLE,
           +[](gpointer data) -> gboolean {
             for (const std::string& line : *static_cast<std::vector<std::string>*>(data))
@@ -44,6 +44,7 @@ GnomeBackend::GnomeBackend(GDBusConnection* session_bus, bool set_up_extension,
             return G_SOURCE_REMOVE;
           },
           lines, +[](gpointer data) { delete static_cast<std::vector<std::string>*>(data); });
+      g_source_set_name_by_id(source, "[orvane] GNOME extension set-up lines");
     }
   }
   lacks_means_ = !told && !shell_->version();

@@ -32,12 +32,14 @@ test: build unit-asan
 	@scripts/install-claude-code.sh
 	cd $(BUILD_DIR) && ctest --output-on-failure --timeout 1800
 
-# The unit, integration, X11 and KWin tests once more, built with AddressSanitizer and UBSan.
+# The unit, integration, X11, KWin and GNOME tests once more, built with AddressSanitizer and
+# UBSan.
 unit-asan: deps
 	@cmake -S . -B $(ASAN_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DORVANE_SANITIZE=ON \
 		-DORVANE_E2E=OFF >/dev/null
 	@cmake --build $(ASAN_DIR) --target orvane_unit_tests orvane_integration_tests orvane_x11_tests \
-		orvane_kwin_tests orvane_kwin_selection_tests orvane_fake_keys fuzz_targets
+		orvane_kwin_tests orvane_kwin_selection_tests orvane_fake_keys orvane_gnome_tests \
+		orvane_gnome_extension fuzz_targets
 	cd $(ASAN_DIR) && ASAN_OPTIONS=detect_leaks=0 ctest --output-on-failure
 
 # The fuzz targets under libFuzzer (clang, ASan, UBSan), each for a bounded

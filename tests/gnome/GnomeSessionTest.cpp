@@ -73,13 +73,8 @@ TEST(GnomeSessionTest, ANativeClientInFrontIsReportedAndMovesOntoTheSecondMonito
   std::string title = UniqueTitle("front");
   NativeWindow window(title);
   ASSERT_TRUE(window.mapped());
-  std::optional<FrontWindow> seen;
-  ASSERT_TRUE(SpinUntil(
-      [&] {
-        seen = front.frontWindow();
-        return seen && seen->pid == window.pid();
-      },
-      20));
+  std::optional<FrontWindow> seen = FrontWindowOf(front, window.pid());
+  ASSERT_TRUE(seen);
   EXPECT_EQ(seen->title, title);
   EXPECT_EQ(seen->wm_class, "orvane-kwin-native");
   ASSERT_TRUE(seen->frame);
@@ -118,10 +113,7 @@ TEST(GnomeSessionTest, AltBFiresSummonWithANativeAppInFrontThatSeesNoB) {
   EXPECT_EQ(hotkeys.bindAll(requests), (std::vector<bool>{true, true, true, true}));
   NativeWindow window(UniqueTitle("keys"));
   ASSERT_TRUE(window.mapped());
-  ASSERT_TRUE(SpinUntil([&] {
-    auto seen = front.frontWindow();
-    return seen && seen->pid == window.pid();
-  }));
+  ASSERT_TRUE(FrontWindowOf(front, window.pid()));
   Press("alt+b");
   ASSERT_TRUE(SpinUntil([&] { return !fired.empty(); }, 10));
   Press("alt+v");

@@ -192,13 +192,8 @@ TEST(KWinFrontWindowsSessionTest, ANativeGtkClientInFrontIsReportedWithItsPidAnd
   std::string title = UniqueTitle("front");
   NativeWindow window(title);
   ASSERT_TRUE(window.mapped());
-  std::optional<FrontWindow> seen;
-  ASSERT_TRUE(SpinUntil(
-      [&] {
-        seen = front.frontWindow();
-        return seen && seen->pid == window.pid();
-      },
-      20));
+  std::optional<FrontWindow> seen = FrontWindowOf(front, window.pid());
+  ASSERT_TRUE(seen);
   EXPECT_EQ(seen->title, title);
   EXPECT_EQ(seen->wm_class, "orvane-kwin-native");
   EXPECT_NE(seen->id, 0u);
@@ -249,18 +244,12 @@ TEST(KWinWindowsSessionTest, ActivateBringsAWindowToTheFrontAndFullScreenIsLeft)
   ASSERT_TRUE(first.mapped());
   NativeWindow second(UniqueTitle("second"));
   ASSERT_TRUE(second.mapped());
-  ASSERT_TRUE(SpinUntil([&] {
-    auto seen = front.frontWindow();
-    return seen && seen->pid == second.pid();
-  }));
+  ASSERT_TRUE(FrontWindowOf(front, second.pid()));
   auto listed = windows.windowsOfPid(first.pid());
   ASSERT_TRUE(listed && listed->size() == 1);
   unsigned long id = listed->front().id;
   EXPECT_TRUE(windows.activate(id));
-  EXPECT_TRUE(SpinUntil([&] {
-    auto seen = front.frontWindow();
-    return seen && seen->pid == first.pid();
-  }));
+  EXPECT_TRUE(FrontWindowOf(front, first.pid()));
 
   auto internal_id = scripting.internalIdOf(id);
   ASSERT_TRUE(internal_id);
@@ -339,10 +328,7 @@ TEST_F(PortalHotkeysSessionTest, TheFourAreBoundAndAltBFiresSummonWithANativeApp
   ASSERT_TRUE(window.mapped());
   KWinScripting scripting(bus.get());
   KWinFrontWindows front(scripting);
-  ASSERT_TRUE(SpinUntil([&] {
-    auto seen = front.frontWindow();
-    return seen && seen->pid == window.pid();
-  }));
+  ASSERT_TRUE(FrontWindowOf(front, window.pid()));
   press("alt+b");
   EXPECT_TRUE(SpinUntil([&] { return fired["summon"] == 1; }, 10));
   press("alt+q");

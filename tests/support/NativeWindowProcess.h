@@ -3,6 +3,7 @@
 // ORVANE_KWIN_FIXTURES), and frames compared within a point.
 #pragma once
 
+#include "desktop/FrontWindows.h"
 #include "desktop/Geometry.h"
 
 #include "support/MainLoop.h"
@@ -10,6 +11,7 @@
 
 #include <cmath>
 #include <gtest/gtest.h>
+#include <optional>
 #include <signal.h>
 #include <string>
 #include <sys/wait.h>
@@ -61,5 +63,20 @@ private:
   TempDir state_;
   GPid pid_ = 0;
 };
+
+// The front window once it belongs to `pid` (a window just mapped takes the
+// focus a moment later), or nothing when it does not within `seconds`.
+inline std::optional<FrontWindow> FrontWindowOf(const FrontWindows& front, int pid,
+                                                double seconds = 20) {
+  std::optional<FrontWindow> seen;
+  if (SpinUntil(
+          [&] {
+            seen = front.frontWindow();
+            return seen && seen->pid == pid;
+          },
+          seconds))
+    return seen;
+  return std::nullopt;
+}
 
 } // namespace orvane

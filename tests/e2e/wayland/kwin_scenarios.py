@@ -7,7 +7,8 @@ backend).
 
 Everything is read back from KWin itself (frameGeometry in KWin's
 coordinates: y downwards, output 1 at x 0..1600, output 2 at x 1600..3200),
-not from what Orvane logs.
+not from what Orvane logs. The GNOME scenarios share the native clients, the
+fixtures' texts below and the helpers that do not read the desktop.
 """
 
 from __future__ import annotations
@@ -31,6 +32,15 @@ from wayland_harness import (
 )
 
 COPY_WINDOW = WAYLAND_E2E_DIR / "fixtures" / "copy_window.py"
+
+HOTKEYS_OK = "hotkeys: \u2325B registered, \u2325C registered, \u2325Q registered, \u2325V registered"
+# GtkEntry holds one line: the X11 tests' awkward text without its line break.
+AWKWARD = 'Entangled \u00e9tats & "quotes" = 100% / sure? ~ok_-. \u00fc'
+NATIVE_CLASS = "orvane-e2e-native"
+# The library the quote and split scenarios open: one paper of three pages.
+ACCOUNT = "alice"
+PAPER_ID = "cs/0101123"
+PAGES = ["First page opening words here", "Second page lattice argument", "Third page closing remark now"]
 
 # The window list (KWin 5.27's clientList, Plasma 6's windowList) and the
 # outputs, as one JSON report.

@@ -17,8 +17,15 @@ import pytest
 from harness import _gvariant_string, holds_for, text_pdf, wait_until
 from gnome_scenarios import GnomeTestSession, GnomeView, centred, frame_of
 from kwin_scenarios import (  # noqa: F401  (kwin_extras is a fixture)
+    ACCOUNT,
+    AWKWARD,
     COPY_WINDOW,
+    HOTKEYS_OK,
+    NATIVE_CLASS,
+    PAGES,
+    PAPER_ID,
     add_load,
+    as_logged,
     install_native_zathura,
     keys_on,
     kwin_extras,
@@ -27,19 +34,8 @@ from kwin_scenarios import (  # noqa: F401  (kwin_extras is a fixture)
 )
 from wayland_harness import PYTHON
 
-HOTKEYS_OK = "hotkeys: \u2325B registered, \u2325C registered, \u2325Q registered, \u2325V registered"
 DESKTOP = "desktop: GNOME (Wayland)"
-AWKWARD = 'Entangled \u00e9tats & "quotes" = 100% / sure? ~ok_-. \u00fc'
-NATIVE_CLASS = "orvane-e2e-native"
-ACCOUNT = "alice"
-PAPER_ID = "cs/0101123"
-PAGES = ["First page opening words here", "Second page lattice argument", "Third page closing remark now"]
 LOG_OUT = "log out and back in to finish setting up Orvane's GNOME extension"
-
-
-def as_logged(frame: tuple[int, int, int, int], primary_height: int = 1000) -> str:
-    x, y, width, height = frame
-    return f"{{{{{x:g}, {primary_height - (y + height):g}}}, {{{width:g}, {height:g}}}}}"
 
 
 @pytest.fixture

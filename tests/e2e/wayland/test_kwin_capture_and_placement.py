@@ -20,7 +20,13 @@ import pytest
 
 from harness import _gvariant_string, holds_for, text_pdf
 from kwin_scenarios import (  # noqa: F401  (kwin_extras is a fixture)
+    ACCOUNT,
+    AWKWARD,
     COPY_WINDOW,
+    HOTKEYS_OK,
+    NATIVE_CLASS,
+    PAGES,
+    PAPER_ID,
     KWinView,
     add_load,
     as_logged,
@@ -33,13 +39,6 @@ from kwin_scenarios import (  # noqa: F401  (kwin_extras is a fixture)
 )
 from wayland_harness import PYTHON, wait_until
 
-HOTKEYS_OK = "hotkeys: \u2325B registered, \u2325C registered, \u2325Q registered, \u2325V registered"
-# GtkEntry holds one line: the X11 tests' awkward text without its line break.
-AWKWARD = 'Entangled \u00e9tats & "quotes" = 100% / sure? ~ok_-. \u00fc'
-NATIVE_CLASS = "orvane-e2e-native"
-ACCOUNT = "alice"
-PAPER_ID = "cs/0101123"
-PAGES = ["First page opening words here", "Second page lattice argument", "Third page closing remark now"]
 
 
 def png_bytes() -> bytes:

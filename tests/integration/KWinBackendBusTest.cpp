@@ -2,11 +2,13 @@
 // their services runs (no desktop portal, no systemd user manager, no KWin):
 // each answers "nothing" at once and says why in one log line.
 #include "desktop/kwin/AppScope.h"
+#include "desktop/kwin/KWinBackend.h"
 #include "desktop/kwin/KWinScripting.h"
 #include "desktop/kwin/KWinWindows.h"
 #include "desktop/kwin/PortalHotkeys.h"
 
 #include "support/LogCapture.h"
+#include "support/MainLoop.h"
 #include "support/TempDir.h"
 
 #include <atomic>
@@ -19,6 +21,80 @@ namespace {
 
 GObjectPtr<GDBusConnection> Bus() {
   return GObjectPtr<GDBusConnection>::adopt(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
+}
+
+// A connection of its own, as another process on the bus would have, that
+// takes and gives back a well-known name.
+class NameHolder {
+public:
+  NameHolder()
+      : bus_(GObjectPtr<GDBusConnection>::adopt(g_dbus_connection_new_for_address_sync(
+            g_getenv("DBUS_SESSION_BUS_ADDRESS"),
+            GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                 G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+            nullptr, nullptr, nullptr))) {}
+  bool call(const char* method, const std::string& name) {
+    GVariant* reply = g_dbus_connection_call_sync(
+        bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method,
+        std::string(method) == "RequestName" ? g_variant_new("(su)", name.c_str(), 4u)
+                                             : g_variant_new("(s)", name.c_str()),
+        G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, 2000, nullptr, nullptr);
+    if (!reply)
+      return false;
+    guint32 result = 0;
+    g_variant_get(reply, "(u)", &result);
+    g_variant_unref(reply);
+    return result == 1; // primary owner / released
+  }
+
+private:
+  GObjectPtr<GDBusConnection> bus_;
+};
+
+TEST(KWinBackendBusTest, TrustIsKeptUntilKWinOrThePortalChangesHandsOnTheBus) {
+  auto bus = Bus();
+  ASSERT_TRUE(bus);
+  int checks = 0;
+  KWinMeans means{true, true, true};
+  KWinAccessibility accessibility(
+      [&] {
+        ++checks;
+        return means;
+      },
+      bus.get());
+  // The watches' first reports (nobody owns either name) come in first.
+  SpinFor(0.2);
+  EXPECT_TRUE(accessibility.isTrusted());
+  EXPECT_TRUE(accessibility.isTrusted());
+  EXPECT_EQ(accessibility.reasonNotTrusted(), "");
+  EXPECT_EQ(checks, 1);
+
+  for (const char* name : KWinAccessibility::kWatchedNames) {
+    NameHolder holder;
+    int before = checks;
+    ASSERT_TRUE(holder.call("RequestName", name)) << name;
+    // Asked until the new owner's report drops what was kept.
+    EXPECT_TRUE(SpinUntil(
+        [&] {
+          accessibility.isTrusted();
+          return checks > before;
+        },
+        5))
+        << name;
+    EXPECT_TRUE(accessibility.isTrusted());
+    before = checks;
+    means.global_shortcuts = false;
+    ASSERT_TRUE(holder.call("ReleaseName", name)) << name;
+    EXPECT_TRUE(SpinUntil([&] { return !accessibility.isTrusted(); }, 5)) << name;
+    EXPECT_GT(checks, before);
+    // A missing means is looked for again on every question.
+    before = checks;
+    EXPECT_FALSE(accessibility.isTrusted());
+    EXPECT_FALSE(accessibility.isTrusted());
+    EXPECT_EQ(checks, before + 2);
+    means.global_shortcuts = true;
+    EXPECT_TRUE(accessibility.isTrusted());
+  }
 }
 
 TEST(KWinBackendBusTest, WithoutTheDesktopPortalEveryHotkeyIsFalseAndOneLineSaysWhy) {

@@ -14,7 +14,8 @@ TEST(KWinAccessibilityTest, TrustedOnlyWithEveryMeans) {
   });
   EXPECT_TRUE(accessibility.isTrusted());
   EXPECT_EQ(accessibility.reasonNotTrusted(), "");
-  // Asked anew each time: a portal that goes away is noticed.
+  // Without a bus to watch, asked anew each time: a portal that goes away
+  // is noticed.
   means.global_shortcuts = false;
   EXPECT_FALSE(accessibility.isTrusted());
   EXPECT_EQ(checks, 3);

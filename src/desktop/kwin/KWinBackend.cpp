@@ -35,13 +35,43 @@ bool PortalHasGlobalShortcuts(GDBusConnection* bus) {
 
 } // namespace
 
-bool KWinAccessibility::isTrusted() const {
+KWinAccessibility::KWinAccessibility(std::function<KWinMeans()> check, GDBusConnection* bus)
+    : check_(std::move(check)) {
+  if (!bus)
+    return;
+  // Each report of an owner, or of none, drops what was kept: after its
+  // first report a watch reports only changes (gone, or a new process).
+  auto changed = +[](GDBusConnection*, const gchar*, gpointer data) {
+    static_cast<KWinAccessibility*>(data)->kept_ = false;
+  };
+  auto appeared = +[](GDBusConnection*, const gchar*, const gchar*, gpointer data) {
+    static_cast<KWinAccessibility*>(data)->kept_ = false;
+  };
+  for (const char* name : kWatchedNames)
+    watches_.push_back(g_bus_watch_name_on_connection(bus, name, G_BUS_NAME_WATCHER_FLAGS_NONE,
+                                                      appeared, changed, this, nullptr));
+}
+
+KWinAccessibility::~KWinAccessibility() {
+  for (guint watch : watches_)
+    g_bus_unwatch_name(watch);
+}
+
+KWinMeans KWinAccessibility::means() const {
+  if (kept_)
+    return {true, true, true};
   KWinMeans means = check_();
+  kept_ = !watches_.empty() && means.kwin_scripting && means.global_shortcuts && means.data_control;
+  return means;
+}
+
+bool KWinAccessibility::isTrusted() const {
+  KWinMeans means = this->means();
   return means.kwin_scripting && means.global_shortcuts && means.data_control;
 }
 
 std::string KWinAccessibility::reasonNotTrusted() const {
-  KWinMeans means = check_();
+  KWinMeans means = this->means();
   std::string missing;
   auto add = [&](bool present, const char* what) {
     if (present)
@@ -85,7 +115,7 @@ std::unique_ptr<Screens> KWinBackend::makeScreens() {
 }
 
 std::unique_ptr<Accessibility> KWinBackend::makeAccessibility() {
-  return std::make_unique<KWinAccessibility>([this] { return checkMeans(); });
+  return std::make_unique<KWinAccessibility>([this] { return checkMeans(); }, bus_.get());
 }
 
 std::unique_ptr<Hotkeys> KWinBackend::makeHotkeys() {

@@ -7,8 +7,10 @@
 #include "base/GObjectPtr.h"
 #include "desktop/DesktopBackend.h"
 
+#include <functional>
 #include <gio/gio.h>
 #include <memory>
+#include <vector>
 
 namespace orvane {
 
@@ -22,15 +24,29 @@ struct KWinMeans {
   bool data_control = false;     // the compositor offers data-control
 };
 
-// Trusted only with every means; otherwise says which are missing.
+// Trusted only with every means; otherwise says which are missing. With a
+// bus, a full set of means is kept (every capture asks) until KWin or the
+// portal leaves or changes hands on that bus; a missing means is checked
+// again each time. Without one, every question checks.
 class KWinAccessibility final : public Accessibility {
 public:
-  explicit KWinAccessibility(std::function<KWinMeans()> check) : check_(std::move(check)) {}
+  explicit KWinAccessibility(std::function<KWinMeans()> check, GDBusConnection* bus = nullptr);
+  ~KWinAccessibility() override;
+  KWinAccessibility(const KWinAccessibility&) = delete;
+  KWinAccessibility& operator=(const KWinAccessibility&) = delete;
+
   bool isTrusted() const override;
   std::string reasonNotTrusted() const override;
 
+  // The names whose owners the kept means depend on.
+  static constexpr const char* kWatchedNames[] = {"org.kde.KWin", "org.freedesktop.portal.Desktop"};
+
 private:
+  KWinMeans means() const;
+
   std::function<KWinMeans()> check_;
+  std::vector<guint> watches_;
+  mutable bool kept_ = false; // every means was there, and nobody left since
 };
 
 class KWinBackend final : public DesktopBackend {

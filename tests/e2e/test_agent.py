@@ -280,22 +280,31 @@ def test_opening_the_sparring_window_again_loads_its_page_afresh(home, site, des
 # agent turns
 
 
-def test_a_turn_streams_lines_in_order_and_ends_with_one_done(home, site, launch, agent):
-    agent_path = agent.install([
-        {"out": "first line\n"},
-        {"out": "partial"},  # no line break yet: not a line
-        {"waitFile": "go"},
-        {"out": " line\n\n"},  # completes it; the empty line is not sent
-        {"outHex": "636166c3"},  # "caf" and the first byte of "é" ...
-        {"sleep": 0.2},
-        {"outHex": "a90a"},  # ... and its second byte, then the line feed
-        {"err": "warning: made up\nsecond \u00fc line\n"},
-        {"out": "last line without a break"},
-        {"exit": 3},
-    ])
-    paper_text = "Paper text, line one.\nLine two with \u00e9 and \"quotes\"."
-    site.reply("/texts/paper.txt", paper_text, content_type="text/plain; charset=utf-8")
-    orvane, lib, status = started_library(home, site, launch)
+# One turn's agent: a line, a line completed only after "go", a character
+# split across two writes, standard error and a last line without a break.
+STREAMING_AGENT = [
+    {"out": "first line\n"},
+    {"out": "partial"},  # no line break yet: not a line
+    {"waitFile": "go"},
+    {"out": " line\n\n"},  # completes it; the empty line is not sent
+    {"outHex": "636166c3"},  # "caf" and the first byte of "\u00e9" ...
+    {"sleep": 0.2},
+    {"outHex": "a90a"},  # ... and its second byte, then the line feed
+    {"err": "warning: made up\nsecond \u00fc line\n"},
+    {"out": "last line without a break"},
+    {"exit": 3},
+]
+PAPER_TEXT = "Paper text, line one.\nLine two with \u00e9 and \"quotes\"."
+
+
+def serve_paper_text(site) -> None:
+    site.reply("/texts/paper.txt", PAPER_TEXT, content_type="text/plain; charset=utf-8")
+
+
+def check_streaming_turn(home, site, agent, agent_path, lib, status) -> None:
+    """Runs turn "t1" with STREAMING_AGENT from the library page `lib` (said
+    hello, answered with `status`) and checks its start, its lines while it
+    runs, and its end, event by event."""
     spar_root = home.account_dir("alice") / ".spar"
     assert status == {"type": "claudeStatus", "path": str(agent_path), "sparRoot": str(spar_root)}
     assert site.caps()[0].data["caps"]["claude"] == str(agent_path)
@@ -318,13 +327,13 @@ def test_a_turn_streams_lines_in_order_and_ends_with_one_done(home, site, launch
     site.run_in_page([{"post": body}], page=lib.page)
 
     run = agent.wait_for_run()[0]
-    prompt = ("HEAD \u2014 about the paper\n[full text follows]\n" + paper_text +
+    prompt = ("HEAD \u2014 about the paper\n[full text follows]\n" + PAPER_TEXT +
               "\n[/full text]\nWhat is the claim?")
     assert run["argv"] == args
     assert run["cwd"] == str(spar_root)
     assert run["stdin"] == prompt
     assert run["files"] == {"escaped.txt": "only the last part of the name counts",
-                            "notes.md": "my notes \u00fc\n", "paper.txt": paper_text}
+                            "notes.md": "my notes \u00fc\n", "paper.txt": PAPER_TEXT}
     assert not (home.account_dir("alice").parent / "escaped.txt").exists()
     assert run["env_path"].startswith(
         f"{agent_path.parent}:{home.path}/.local/bin:/opt/homebrew/bin:/usr/local/bin:"), run["env_path"]
@@ -352,6 +361,13 @@ def test_a_turn_streams_lines_in_order_and_ends_with_one_done(home, site, launch
     assert holds_for(lambda: len(of_type(events_of_turn(site, "t1"), "claudeDone")) == 1, 0.5)
     # Every event went to the page that said hello.
     assert {r.page for r in site.records("event")} == {lib.page}
+
+
+def test_a_turn_streams_lines_in_order_and_ends_with_one_done(home, site, launch, agent):
+    agent_path = agent.install(STREAMING_AGENT)
+    serve_paper_text(site)
+    orvane, lib, status = started_library(home, site, launch)
+    check_streaming_turn(home, site, agent, agent_path, lib, status)
 
 
 def test_stop_claude_ends_a_running_turn_with_code_15(home, site, launch, agent):

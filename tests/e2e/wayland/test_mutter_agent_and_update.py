@@ -21,14 +21,13 @@ from harness import (
     SIGN_TOOL,
     StandInAgent,
     folder_snapshot as snapshot,
-    holds_for,
     pid_alive,
     run,
     terminate_pids,
     wait_until,
 )
 from wayland_harness import Home, ScopedOrvane
-from test_agent import events_of_turn, hello, of_type, wait_for_done, wait_for_lines
+from test_agent import STREAMING_AGENT, check_streaming_turn, hello, serve_paper_text
 from test_update import (
     NEW_VERSION,
     STAGES,
@@ -74,20 +73,8 @@ def test_an_agent_turn_streams_its_lines_into_the_page_and_ends_on_mutter(
         mutter_session, mutter_home, site, request):
     home = mutter_home
     agent = StandInAgent(home)
-    agent_path = agent.install([
-        {"out": "first line\n"},
-        {"out": "partial"},  # no line break yet: not a line
-        {"waitFile": "go"},
-        {"out": " line\n\n"},  # completes it; the empty line is not sent
-        {"outHex": "636166c3"},  # "caf" and the first byte of "é" ...
-        {"sleep": 0.2},
-        {"outHex": "a90a"},  # ... and its second byte, then the line feed
-        {"err": "warning: made up\nsecond \u00fc line\n"},
-        {"out": "last line without a break"},
-        {"exit": 3},
-    ])
-    paper_text = "Paper text, line one.\nLine two with \u00e9 and \"quotes\"."
-    site.reply("/texts/paper.txt", paper_text, content_type="text/plain; charset=utf-8")
+    agent_path = agent.install(STREAMING_AGENT)
+    serve_paper_text(site)
     home.write_settings(AppURL=site.url)
     orvane = ScopedOrvane(home, mutter_session, None)
     request.node._wayland_orvanes = [orvane]
@@ -103,61 +90,7 @@ def test_an_agent_turn_streams_its_lines_into_the_page_and_ends_on_mutter(
     site.run_in_page([hello(), {"waitEvent": "claudeStatus"}], page=lib.page)
     status = site.wait_for_record(
         "event", lambda r: r.page == lib.page and r.data.get("type") == "claudeStatus").data
-    spar_root = home.account_dir("alice") / ".spar"
-    assert status == {"type": "claudeStatus", "path": str(agent_path), "sparRoot": str(spar_root)}
-    assert site.caps()[0].data["caps"]["claude"] == str(agent_path)
-    assert home.log_messages().count(f"claude: {agent_path}") == 1
-
-    args = ["-p", "--output-format", "stream-json", "two words", "\u00fcml\u00e4ut", "--flag=a b"]
-    site.run_in_page([{"post": {
-        "action": "runClaude",
-        "turn": "t1",
-        "args": args,
-        "files": [
-            {"name": "notes.md", "content": "my notes \u00fc\n"},
-            {"name": "../../escaped.txt", "content": "only the last part of the name counts"},
-            {"name": "paper.txt", "url": site.url + "/texts/paper.txt?v=1"},
-        ],
-        "prompt_head": "HEAD \u2014 about the paper\n",
-        "text_file": "paper.txt",
-        "prompt_tail": "What is the claim?",
-    }}], page=lib.page)
-
-    started = agent.wait_for_run()[0]
-    prompt = ("HEAD \u2014 about the paper\n[full text follows]\n" + paper_text +
-              "\n[/full text]\nWhat is the claim?")
-    assert started["argv"] == args
-    assert started["cwd"] == str(spar_root)
-    assert started["stdin"] == prompt
-    assert started["files"] == {"escaped.txt": "only the last part of the name counts",
-                                "notes.md": "my notes \u00fc\n", "paper.txt": paper_text}
-    assert not (home.account_dir("alice").parent / "escaped.txt").exists()
-    assert started["env_path"].startswith(
-        f"{agent_path.parent}:{home.path}/.local/bin:/opt/homebrew/bin:/usr/local/bin:"), started["env_path"]
-    [fetch] = site.requests("/texts/paper.txt")
-    assert fetch.raw_query == "v=1"
-    prompt_units = len(prompt.encode("utf-16-le")) // 2
-    home.wait_for_log(f"claude: turn t1 started ({len(args)} args, {prompt_units}-char prompt)")
-
-    # A line reaches the page while the agent still runs; the unfinished one does not.
-    assert wait_for_lines(site, "t1", 1) == ["first line"]
-    assert holds_for(lambda: [e.get("type") for e in events_of_turn(site, "t1")] == ["claudeLine"], 0.5), \
-        events_of_turn(site, "t1")
-    assert pid_alive(started["pid"])
-
-    agent.release("go")
-    events = wait_for_done(site, "t1")
-    assert events == [
-        {"type": "claudeLine", "turn": "t1", "line": "first line"},
-        {"type": "claudeLine", "turn": "t1", "line": "partial line"},
-        {"type": "claudeLine", "turn": "t1", "line": "caf\u00e9"},
-        {"type": "claudeLine", "turn": "t1", "line": "last line without a break"},
-        {"type": "claudeDone", "turn": "t1", "code": 3, "stderr": "warning: made up\nsecond \u00fc line\n"},
-    ]
-    home.wait_for_log("claude: turn t1 exited 3")
-    assert holds_for(lambda: len(of_type(events_of_turn(site, "t1"), "claudeDone")) == 1, 0.5)
-    # Every event went to the page that said hello, and Orvane runs on.
-    assert {r.page for r in site.records("event")} == {lib.page}
+    check_streaming_turn(home, site, agent, agent_path, lib, status)
     assert orvane.running()
 
 

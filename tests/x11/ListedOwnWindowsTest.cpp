@@ -43,17 +43,21 @@ TEST(ListedOwnWindowsTest, AListedWindowOfTheSameTitleButAnotherSizeIsAnotherWin
   SpinFor(0.2);
   EXPECT_TRUE(windows.activations.empty());
 
-  // Once listed, the window asked to be activated is.
+  // Once listed, the window asked to be activated is, and placed where it
+  // was asked to be.
   unsigned long listed = windows.add(me, "Orvane", Rect{1040, 195, 560, 717});
   ASSERT_TRUE(SpinUntil([&] { return !windows.activations.empty(); }, 5));
   EXPECT_EQ(windows.activations, (std::vector<unsigned long>{listed}));
-  EXPECT_EQ(own.frame(panel), (Rect{1040, 195, 560, 717}));
+  ASSERT_TRUE(SpinUntil([&] { return !windows.frame_writes.empty(); }, 5));
+  EXPECT_EQ(windows.frame_writes[0].id, listed);
+  EXPECT_EQ(windows.frame_writes[0].frame, (Rect{520, 100, 560, 717}));
+  EXPECT_EQ(own.frame(panel), (Rect{520, 100, 560, 717}));
   own.requestActivation(panel, 0);
   EXPECT_EQ(windows.activations, (std::vector<unsigned long>{listed, listed}));
-  own.setFrame(panel, Rect{520, 100, 560, 717});
-  ASSERT_EQ(windows.frame_writes.size(), 1u);
-  EXPECT_EQ(windows.frame_writes[0].id, listed);
-  EXPECT_NE(windows.frame_writes[0].id, library);
+  own.setFrame(panel, Rect{600, 100, 560, 717});
+  ASSERT_EQ(windows.frame_writes.size(), 2u);
+  EXPECT_EQ(windows.frame_writes[1].id, listed);
+  EXPECT_NE(windows.frame_writes[1].id, library);
   gtk_widget_destroy(GTK_WIDGET(panel));
 }
 

@@ -177,6 +177,15 @@ void ListedOwnWindows::setFrame(GtkWindow* window, const Rect& frame) {
 
 void ListedOwnWindows::applyFrame(GtkWindow* window, const Rect& frame) {
   std::optional<WindowInfo> found = listedWindowOf(window);
+  if (!found && gtk_widget_get_mapped(GTK_WIDGET(window))) {
+    // A window just mapped may not be listed yet (a busy compositor lists
+    // it some frames later): it is placed once it is.
+    whenListed(window, [this, window, frame](std::optional<WindowInfo> listed) {
+      if (!listed || !windows_.setFrame(listed->id, frame))
+        gtk_.setFrame(window, frame);
+    });
+    return;
+  }
   if (!found || !windows_.setFrame(found->id, frame))
     gtk_.setFrame(window, frame);
 }

@@ -72,8 +72,8 @@ private:
   // not at all when the window is hidden or this object goes meanwhile.
   void whenListed(GtkWindow* window, std::function<void(std::optional<WindowInfo>)> task);
 
-  // Sets the frame through the desktop at once (GTK's request when the
-  // desktop cannot).
+  // Sets the frame through the desktop at once, or once the desktop lists
+  // the mapped window (GTK's request when the desktop cannot).
   void applyFrame(GtkWindow* window, const Rect& frame);
 
   Windows& windows_;

@@ -61,6 +61,9 @@ def parse_chord(text: str) -> list[int]:
 class Presser:
     def __init__(self) -> None:
         self.bus = Gio.bus_get_sync(Gio.BusType.SESSION, None)
+        self._start()
+
+    def _start(self) -> None:
         reply = self.bus.call_sync(RD_NAME, "/org/gnome/Mutter/RemoteDesktop", RD_NAME,
                                    "CreateSession", None, GLib.VariantType("(o)"),
                                    Gio.DBusCallFlags.NONE, 10000, None)
@@ -69,7 +72,7 @@ class Presser:
         # The shell adds the keyboard to its seat with the first key event;
         # until then Wayland clients get no keyboard (nor the focus), and that
         # first event itself reaches no client. A lone Shift does it.
-        self.chord([KEYSYMS["shift"]])
+        self._press([KEYSYMS["shift"]])
 
     def _session_call(self, method: str, params) -> None:
         self.bus.call_sync(RD_NAME, self.path, RD_NAME + ".Session", method, params, None,
@@ -78,13 +81,24 @@ class Presser:
     def key(self, keysym: int, pressed: bool) -> None:
         self._session_call("NotifyKeyboardKeysym", GLib.Variant("(ub)", (keysym, pressed)))
 
-    def chord(self, keys: list[int]) -> int:
+    def _press(self, keys: list[int]) -> int:
         for keysym in keys:
             self.key(keysym, True)
         sent = int(time.time() * 1000)
         for keysym in reversed(keys):
             self.key(keysym, False)
         return sent
+
+    def chord(self, keys: list[int]) -> int:
+        try:
+            return self._press(keys)
+        except GLib.Error as exc:
+            # The shell may close a remote-desktop session on its own (seen
+            # on a loaded machine); a new one presses the whole chord again.
+            print(f"gnome_keys.py: the session ended ({exc.message}); starting another",
+                  file=sys.stderr, flush=True)
+            self._start()
+            return self._press(keys)
 
     def stop(self) -> None:
         try:

@@ -14,7 +14,7 @@ const ORVANE_BUS_NAME = 'com.tarnwick.orvane';
 const ORVANE_OBJECT_PATH = '/com/tarnwick/orvane/Shell';
 const ORVANE_INTERFACE = 'com.tarnwick.orvane.Shell';
 const ORVANE_NOT_ALLOWED = 'com.tarnwick.orvane.Shell.Error.NotAllowed';
-const ORVANE_INTERFACE_VERSION = 1;
+const ORVANE_INTERFACE_VERSION = 2;
 
 const HOTKEY_NAMES = ['summon', 'quote', 'friend-quote', 'talk'];
 const COPY_CHORDS = new Map([['ctrl-c', false], ['ctrl-shift-c', true]]); // name -> with Shift
@@ -101,6 +101,7 @@ class OrvaneShellService {
         this._bound = new Set();
         this._clipboardChanges = 0;
         this._selectionChanged = 0;
+        this._layoutSignals = [];
         this._virtualKeyboard = null;
         this._refusedSenders = new Set();
         this._timeouts = new Set();
@@ -122,6 +123,15 @@ class OrvaneShellService {
                     this._clipboardChanges++;
             });
 
+        // Whatever changes Monitors' answer is told to the owner, which
+        // keeps that answer until then.
+        for (const [object, signal] of [[Main.layoutManager, 'monitors-changed'],
+            [global.display, 'workareas-changed'],
+            [global.workspace_manager, 'active-workspace-changed']]) {
+            this._layoutSignals.push([object,
+                object.connect(signal, () => this._tellOwner('MonitorsChanged', null))]);
+        }
+
         this._nameWatch = Gio.bus_watch_name_on_connection(Gio.DBus.session, ORVANE_BUS_NAME,
             Gio.BusNameWatcherFlags.NONE,
             (_connection, _name, owner) => {
@@ -140,6 +150,9 @@ class OrvaneShellService {
         }
         this._owner = null;
         this._unbindHotkeys();
+        for (const [object, id] of this._layoutSignals)
+            object.disconnect(id);
+        this._layoutSignals = [];
         if (this._selectionChanged) {
             global.display.get_selection().disconnect(this._selectionChanged);
             this._selectionChanged = 0;
@@ -326,10 +339,15 @@ class OrvaneShellService {
             timestamp = event.get_time();
         if (!timestamp)
             timestamp = global.get_current_time();
+        this._tellOwner('HotkeyPressed', new GLib.Variant('(su)', [name, timestamp >>> 0]));
+    }
+
+    // A signal for the owner of com.tarnwick.orvane alone; nobody else is told.
+    _tellOwner(signal, parameters) {
         if (!this._owner)
             return;
         Gio.DBus.session.emit_signal(this._owner, ORVANE_OBJECT_PATH, ORVANE_INTERFACE,
-            'HotkeyPressed', new GLib.Variant('(su)', [name, timestamp >>> 0]));
+            signal, parameters);
     }
 
     FrontWindowAsync(_params, invocation) {

@@ -12,6 +12,7 @@
 #include <cmath>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <map>
 #include <signal.h>
 #include <sys/wait.h>
 
@@ -28,6 +29,71 @@ void Press(const std::string& chord) {
   fifo << chord << "\n";
 }
 
+// Moves the second monitor `dy` pixels down for this session only, through
+// mutter's display configuration (as GNOME's Settings does).
+bool MoveSecondMonitor(GDBusConnection* bus, int dy) {
+  auto call = [&](const char* method, GVariant* parameters) {
+    return GVariantPtr(g_dbus_connection_call_sync(
+        bus, "org.gnome.Mutter.DisplayConfig", "/org/gnome/Mutter/DisplayConfig",
+        "org.gnome.Mutter.DisplayConfig", method, parameters, nullptr, G_DBUS_CALL_FLAGS_NONE,
+        10000, nullptr, nullptr));
+  };
+  GVariantPtr state = call("GetCurrentState", nullptr);
+  if (!state)
+    return false;
+  guint32 serial = 0;
+  GVariantIter* monitors = nullptr;
+  GVariantIter* logical = nullptr;
+  g_variant_get(state.get(), "(ua((ssss)a(siiddada{sv})a{sv})a(iiduba(ssss)a{sv})a{sv})", &serial,
+                &monitors, &logical, nullptr);
+  // Each connector's current mode.
+  std::map<std::string, std::string> modes;
+  const gchar *connector = nullptr, *vendor = nullptr, *product = nullptr, *number = nullptr;
+  GVariantIter* mode_list = nullptr;
+  while (g_variant_iter_next(monitors, "((&s&s&s&s)a(siiddada{sv})@a{sv})", &connector, &vendor,
+                             &product, &number, &mode_list, nullptr)) {
+    GVariant* mode = nullptr;
+    while ((mode = g_variant_iter_next_value(mode_list))) {
+      const gchar* id = nullptr;
+      GVariant* properties = nullptr;
+      g_variant_get(mode, "(&siiddad@a{sv})", &id, nullptr, nullptr, nullptr, nullptr, nullptr,
+                    &properties);
+      gboolean current = FALSE;
+      if (g_variant_lookup(properties, "is-current", "b", &current) && current)
+        modes[connector] = id;
+      g_variant_unref(properties);
+      g_variant_unref(mode);
+    }
+    g_variant_iter_free(mode_list);
+  }
+  GVariantBuilder layout;
+  g_variant_builder_init(&layout, G_VARIANT_TYPE("a(iiduba(ssa{sv}))"));
+  gint32 x = 0, y = 0;
+  gdouble scale = 1;
+  guint32 transform = 0;
+  gboolean primary = FALSE;
+  GVariantIter* specs = nullptr;
+  while (g_variant_iter_next(logical, "(iiduba(ssss)@a{sv})", &x, &y, &scale, &transform, &primary,
+                             &specs, nullptr)) {
+    const gchar *spec_connector = nullptr, *a = nullptr, *b = nullptr, *c = nullptr;
+    g_variant_iter_next(specs, "(&s&s&s&s)", &spec_connector, &a, &b, &c);
+    GVariantBuilder assigned;
+    g_variant_builder_init(&assigned, G_VARIANT_TYPE("a(ssa{sv})"));
+    g_variant_builder_add(&assigned, "(ss@a{sv})", spec_connector, modes[spec_connector].c_str(),
+                          g_variant_new_array(G_VARIANT_TYPE("{sv}"), nullptr, 0));
+    g_variant_builder_add(&layout, "(iidub@a(ssa{sv}))", x, primary ? y : y + dy, scale, transform,
+                          primary, g_variant_builder_end(&assigned));
+    g_variant_iter_free(specs);
+  }
+  g_variant_iter_free(monitors);
+  g_variant_iter_free(logical);
+  // 1: temporary, not written to monitors.xml.
+  return bool(call("ApplyMonitorsConfig",
+                   g_variant_new("(uu@a(iiduba(ssa{sv}))@a{sv})", serial, 1u,
+                                 g_variant_builder_end(&layout),
+                                 g_variant_new_array(G_VARIANT_TYPE("{sv}"), nullptr, 0))));
+}
+
 std::string UniqueTitle(const std::string& what) {
   return "Orvane GNOME " + what + " " + std::to_string(g_random_int());
 }
@@ -37,7 +103,7 @@ TEST(GnomeSessionTest, TheExtensionAnswersAndTheTwoMonitorsAreScreens) {
   GnomeShell shell(bus.get());
   std::optional<uint32_t> version = shell.version();
   ASSERT_TRUE(version);
-  EXPECT_EQ(*version, 1u);
+  EXPECT_EQ(*version, GnomeShell::kMonitorsChangedVersion);
   GnomeAccessibility accessibility(shell, "");
   EXPECT_TRUE(accessibility.isTrusted());
   GnomeScreens screens(shell);
@@ -121,6 +187,34 @@ TEST(GnomeSessionTest, AltBFiresSummonWithANativeAppInFrontThatSeesNoB) {
   SpinFor(0.3);
   EXPECT_EQ(fired, (std::vector<std::string>{"summon", "talk"}));
   EXPECT_EQ(window.keys().find("b\n"), std::string::npos) << window.keys();
+}
+
+// Last: the layout it changes and puts back is a reconfiguration of the
+// shell the other tests need not see.
+TEST(GnomeSessionTest, TheScreensFollowAChangedLayout) {
+  auto bus = SessionBusConnection();
+  GnomeShell shell(bus.get());
+  GnomeScreens screens(shell);
+  // Once the shell's owner is known, the answer is kept.
+  SpinFor(0.2);
+  ASSERT_EQ(screens.screens().size(), 2u);
+  ASSERT_EQ(screens.screens()[1].frame, (Rect{1600, 200, 1280, 800}));
+  ASSERT_TRUE(MoveSecondMonitor(bus.get(), 100));
+  std::vector<Screen> now;
+  EXPECT_TRUE(SpinUntil(
+      [&] {
+        now = screens.screens();
+        return now.size() == 2 && now[1].frame == Rect{1600, 100, 1280, 800};
+      },
+      10))
+      << (now.size() == 2 ? RectText(now[1].frame) : "not two screens");
+  ASSERT_TRUE(MoveSecondMonitor(bus.get(), -100));
+  EXPECT_TRUE(SpinUntil(
+      [&] {
+        now = screens.screens();
+        return now.size() == 2 && now[1].frame == Rect{1600, 200, 1280, 800};
+      },
+      10));
 }
 
 } // namespace

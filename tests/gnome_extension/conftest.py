@@ -118,8 +118,29 @@ class Peer:
         self.bus_call("ReleaseName", "(s)", ORVANE_NAME)
 
     def hotkeys(self) -> list[tuple]:
+        return self.signals_named("HotkeyPressed")
+
+    def signals_named(self, name: str) -> list[tuple]:
         pump()
-        return [params for name, params in self.signals if name == "HotkeyPressed"]
+        return [params for signal, params in self.signals if signal == name]
+
+    def move_second_monitor(self, dy: int) -> None:
+        """Moves the second monitor `dy` pixels down (for this session only)
+        through mutter's own display configuration, as GNOME's Settings does."""
+        def display_config(method: str, params: GLib.Variant | None = None):
+            return self.bus.call_sync(
+                "org.gnome.Mutter.DisplayConfig", "/org/gnome/Mutter/DisplayConfig",
+                "org.gnome.Mutter.DisplayConfig", method, params, None, Gio.DBusCallFlags.NONE,
+                10000, None).unpack()
+        serial, monitors, logical, _properties = display_config("GetCurrentState")
+        current_mode = {monitor[0][0]: mode[0] for monitor in monitors for mode in monitor[1]
+                        if mode[6].get("is-current")}
+        layout = [(x, y + (0 if primary else dy), scale, transform, primary,
+                   [(specs[0][0], current_mode[specs[0][0]], {})])
+                  for x, y, scale, transform, primary, specs, _ in logical]
+        # 1: temporary, not written to monitors.xml.
+        display_config("ApplyMonitorsConfig", GLib.Variant(
+            "(uua(iiduba(ssa{sv}))a{sv})", (serial, 1, layout, {})))
 
     def close(self) -> None:
         self.bus.signal_unsubscribe(self._subscription)

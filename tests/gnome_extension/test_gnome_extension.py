@@ -62,7 +62,7 @@ def frame(window: dict) -> tuple[int, int, int, int]:
 
 
 def test_version_and_the_four_hotkeys_bound(owner):
-    assert owner.call("Version") == (1,)
+    assert owner.call("Version") == (2,)
     assert owner.call("BindHotkeys") == (
         {"summon": True, "quote": True, "friend-quote": True, "talk": True},)
     # Asked again, they stay bound (and are not bound twice).
@@ -86,7 +86,7 @@ def test_every_method_refuses_a_caller_that_does_not_own_the_name(gnome, owner, 
         f"from {stranger.unique_name}:") == 1
     # The stranger got no signal either, and the owner is still answered.
     assert stranger.hotkeys() == []
-    assert owner.call("Version") == (1,)
+    assert owner.call("Version") == (2,)
 
 
 def test_the_four_hotkeys_reach_the_owner_and_not_the_native_window(gnome, owner, stranger, native):
@@ -270,7 +270,7 @@ def test_a_frozen_selection_owner_costs_a_bounded_wait(gnome, owner, native):
         assert owner.call("PrimaryText", timeout_ms=20000) == (False, "")
         assert owner.save_clipboard() == []
         assert time.monotonic() - started < 15
-        assert owner.call("Version") == (1,)
+        assert owner.call("Version") == (2,)
     finally:
         os.kill(window.pid, signal.SIGCONT)
     log = gnome.compositor_log.read_text(errors="replace")
@@ -322,7 +322,7 @@ def test_hostile_input_is_refused_and_the_shell_stays_up(gnome, owner, native):
     assert restore([("x/" + "y" * 300, b"x")]) == (False,)
 
     assert shell_alive(gnome)
-    assert owner.call("Version") == (1,)
+    assert owner.call("Version") == (2,)
     # None of the refused restores took the CLIPBOARD.
     assert owner.call("ClipboardChangeCount") == (count,)
     assert owner.call("ClipboardText") == (True, "kept")
@@ -363,6 +363,24 @@ def test_hotkeys_are_dropped_when_the_name_has_no_owner(gnome, owner, native):
         owner.own()
     assert owner.call("BindHotkeys") == (
         {"summon": True, "quote": True, "friend-quote": True, "talk": True},)
+
+
+# Last of the tests in the shared session: the layout it changes and puts
+# back is a reconfiguration of the shell the others need not see.
+def test_a_changed_layout_is_told_to_the_owner_alone(owner, stranger):
+    before = len(owner.signals_named("MonitorsChanged"))
+    owner.move_second_monitor(100)
+    try:
+        wait_until(lambda: len(owner.signals_named("MonitorsChanged")) > before, timeout=10,
+                   what="MonitorsChanged at the owner")
+        monitors, _ = owner.call("Monitors")
+        assert [m[:4] for m in monitors] == [(0, 0, 1600, 1000), (1600, 100, 1280, 800)]
+    finally:
+        owner.move_second_monitor(-100)
+    wait_until(lambda: [m[:4] for m in owner.call("Monitors")[0]][1] == (1600, 0, 1280, 800),
+               timeout=10, what="the second monitor back in its place")
+    # A unicast signal: a bystander on the bus saw none.
+    assert stranger.signals_named("MonitorsChanged") == []
 
 
 def test_a_disabled_extension_answers_nothing_until_enabled(tmp_path):
@@ -412,6 +430,6 @@ def test_a_disabled_extension_answers_nothing_until_enabled(tmp_path):
 
 def _answers(peer: Peer) -> bool:
     try:
-        return peer.call("Version") == (1,)
+        return peer.call("Version") == (2,)
     except GLib.Error:
         return False

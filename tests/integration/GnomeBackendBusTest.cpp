@@ -434,6 +434,100 @@ TEST(GnomeBackendBusTest, AShellThatRestartsGetsTheHotkeysBoundAgainAndOnlyItsSi
             lines.end());
 }
 
+const char* const kMovedMonitors =
+    "([(0, 0, 1600, 1000, 0, 32, 1600, 968), (1600, 100, 1280, 800, 1600, 100, 1280, 800)], 0)";
+
+TEST(GnomeBackendBusTest, MonitorsAreKeptUntilTheShellSaysTheyChanged) {
+  LogCapture log;
+  StandInShell stand_in;
+  stand_in.answer("Version", "(uint32 2,)");
+  stand_in.answer("Monitors", kMonitors);
+  auto bus = Bus();
+  GnomeShell shell(bus.get(), Quick());
+  GnomeScreens screens(shell);
+  // The watch of the shell's owner reports first.
+  SpinFor(0.2);
+  for (int i = 0; i < 5; ++i)
+    ASSERT_EQ(screens.screens().size(), 2u);
+  EXPECT_EQ(stand_in.callsOf("Monitors"), 1u);
+  EXPECT_EQ(stand_in.callsOf("Version"), 1u);
+  std::string me = g_dbus_connection_get_unique_name(bus.get());
+
+  // Another peer's MonitorsChanged is ignored, and said.
+  GCharPtr address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
+  auto forger = GObjectPtr<GDBusConnection>::adopt(g_dbus_connection_new_for_address_sync(
+      address.get(),
+      GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+      nullptr, nullptr, nullptr));
+  ASSERT_TRUE(forger);
+  stand_in.answer("Monitors", kMovedMonitors);
+  g_dbus_connection_emit_signal(forger.get(), me.c_str(), GnomeShell::kPath, GnomeShell::kInterface,
+                                "MonitorsChanged", nullptr, nullptr);
+  g_dbus_connection_flush_sync(forger.get(), nullptr, nullptr);
+  SpinFor(0.2);
+  EXPECT_EQ(screens.screens()[1].frame.y, 200); // 1000 - (0 + 800)
+  EXPECT_EQ(stand_in.callsOf("Monitors"), 1u);
+  std::vector<std::string> lines = log.messages();
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].rfind("gnome: MonitorsChanged failed: a signal from ", 0), 0u) << lines[0];
+
+  // The shell's own is taken: the next question asks again.
+  stand_in.emitSignal(me, "MonitorsChanged", nullptr);
+  EXPECT_TRUE(SpinUntil([&] { return screens.screens()[1].frame.y == 100; }, 5));
+  EXPECT_EQ(stand_in.callsOf("Monitors"), 2u);
+  screens.screens();
+  EXPECT_EQ(stand_in.callsOf("Monitors"), 2u);
+
+  // A failed call drops them too.
+  stand_in.answer("FrontWindow", "@error");
+  GnomeFrontWindows front(shell);
+  EXPECT_EQ(front.frontWindow(), std::nullopt);
+  screens.screens();
+  EXPECT_EQ(stand_in.callsOf("Monitors"), 3u);
+}
+
+TEST(GnomeBackendBusTest, AnOlderExtensionsMonitorsAreAskedEveryTime) {
+  StandInShell stand_in;
+  stand_in.answer("Version", "(uint32 1,)");
+  stand_in.answer("Monitors", kMonitors);
+  auto bus = Bus();
+  GnomeShell shell(bus.get(), Quick());
+  GnomeScreens screens(shell);
+  SpinFor(0.2);
+  for (int i = 0; i < 3; ++i)
+    ASSERT_EQ(screens.screens().size(), 2u);
+  EXPECT_EQ(stand_in.callsOf("Monitors"), 3u);
+  EXPECT_EQ(stand_in.callsOf("Version"), 1u);
+}
+
+TEST(GnomeBackendBusTest, AShellThatRestartsTakesTheKeptMonitorsAlong) {
+  auto bus = Bus();
+  GnomeShell shell(bus.get(), Quick());
+  GnomeScreens screens(shell);
+  {
+    StandInShell first;
+    first.answer("Version", "(uint32 2,)");
+    first.answer("Monitors", kMonitors);
+    ASSERT_TRUE(SpinUntil([&] { return screens.screens().size() == 2; }, 5));
+    SpinFor(0.2);
+    size_t asked = first.callsOf("Monitors");
+    screens.screens();
+    screens.screens();
+    screens.screens();
+    EXPECT_EQ(first.callsOf("Monitors"), asked + 1);
+  }
+  StandInShell second;
+  second.answer("Version", "(uint32 2,)");
+  second.answer("Monitors", kMovedMonitors);
+  EXPECT_TRUE(SpinUntil(
+      [&] {
+        std::vector<Screen> now = screens.screens();
+        return now.size() == 2 && now[1].frame.y == 100;
+      },
+      5));
+}
+
 TEST(GnomeBackendBusTest, TheWindowsOfAPidAndTheApplicationsPids) {
   StandInShell stand_in;
   stand_in.answer("Monitors", kMonitors);

@@ -66,13 +66,15 @@ public:
   }
   // The unique name of the stand-in's connection.
   std::string uniqueName() const { return unique_name_; }
-  // Emits HotkeyPressed from the owner's connection (GDBus connections may
-  // be used from any thread).
-  void emitHotkey(const std::string& destination, GVariant* parameters) {
+  // Emits a signal of the interface from the owner's connection (GDBus
+  // connections may be used from any thread).
+  void emitSignal(const std::string& destination, const char* name, GVariant* parameters) {
     g_dbus_connection_emit_signal(bus_.get(), destination.c_str(), "/com/tarnwick/orvane/Shell",
-                                  "com.tarnwick.orvane.Shell", "HotkeyPressed", parameters,
-                                  nullptr);
+                                  "com.tarnwick.orvane.Shell", name, parameters, nullptr);
     g_dbus_connection_flush_sync(bus_.get(), nullptr, nullptr);
+  }
+  void emitHotkey(const std::string& destination, GVariant* parameters) {
+    emitSignal(destination, "HotkeyPressed", parameters);
   }
 
 private:

@@ -228,7 +228,50 @@ std::optional<std::map<std::string, bool>> ParseShellBoundHotkeys(GVariant* repl
 GnomeShell::GnomeShell(GDBusConnection* session_bus) : GnomeShell(session_bus, Options{}) {}
 
 GnomeShell::GnomeShell(GDBusConnection* session_bus, Options options)
-    : bus_(GObjectPtr<GDBusConnection>::retain(session_bus)), options_(std::move(options)) {}
+    : bus_(GObjectPtr<GDBusConnection>::retain(session_bus)), options_(std::move(options)) {
+  if (!bus_ || !options_.keep_monitors)
+    return;
+  // The kept monitors belong to one shell: a shell that goes or is
+  // replaced takes them along, and its version with them.
+  auto appeared = +[](GDBusConnection*, const gchar*, const gchar* owner, gpointer data) {
+    auto* self = static_cast<GnomeShell*>(data);
+    if (self->owner_ != (owner ? owner : "")) {
+      self->owner_ = owner ? owner : "";
+      self->kept_monitors_.reset();
+      self->version_.reset();
+    }
+  };
+  auto vanished = +[](GDBusConnection*, const gchar*, gpointer data) {
+    auto* self = static_cast<GnomeShell*>(data);
+    self->owner_.clear();
+    self->kept_monitors_.reset();
+    self->version_.reset();
+  };
+  owner_watch_ = g_bus_watch_name_on_connection(bus_.get(), options_.service.c_str(),
+                                                G_BUS_NAME_WATCHER_FLAGS_NONE, appeared, vanished,
+                                                this, nullptr);
+  monitors_changed_ = g_dbus_connection_signal_subscribe(
+      bus_.get(), nullptr, kInterface, "MonitorsChanged", kPath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+      &GnomeShell::OnMonitorsChanged, this, nullptr);
+}
+
+GnomeShell::~GnomeShell() {
+  if (monitors_changed_)
+    g_dbus_connection_signal_unsubscribe(bus_.get(), monitors_changed_);
+  if (owner_watch_)
+    g_bus_unwatch_name(owner_watch_);
+}
+
+void GnomeShell::OnMonitorsChanged(GDBusConnection*, const gchar* sender, const gchar*,
+                                   const gchar*, const gchar*, GVariant*, gpointer data) {
+  auto* self = static_cast<GnomeShell*>(data);
+  if (!sender || self->owner_.empty() || self->owner_ != sender) {
+    self->fail("MonitorsChanged", std::string("a signal from ") + (sender ? sender : "(nobody)") +
+                                      ", which is not GNOME Shell, was ignored");
+    return;
+  }
+  self->kept_monitors_.reset();
+}
 
 void GnomeShell::fail(const std::string& what, const std::string& why) {
   complain("gnome: " + what + " failed: " + why);
@@ -265,6 +308,8 @@ GVariantPtr GnomeShell::call(const char* method, GVariant* parameters, const cha
       G_VARIANT_TYPE(reply_type), G_DBUS_CALL_FLAGS_NO_AUTO_START, int(seconds * 1000), nullptr,
       error.out()));
   if (!reply) {
+    // Whatever was kept may have gone with the shell.
+    kept_monitors_.reset();
     failed(ShortenedText(error.message(), 300));
     return GVariantPtr();
   }
@@ -283,6 +328,7 @@ std::optional<uint32_t> GnomeShell::version() {
     last_call_worked_ = false;
     return std::nullopt;
   }
+  version_ = version;
   return version;
 }
 
@@ -381,6 +427,11 @@ std::optional<bool> GnomeShell::makePanel(uint64_t id) {
 }
 
 std::optional<ShellMonitors> GnomeShell::monitors() {
+  if (kept_monitors_)
+    return kept_monitors_;
+  // Whether this shell's extension says when they change, asked once.
+  if (options_.keep_monitors && !owner_.empty() && !version_)
+    version();
   GVariantPtr reply = call("Monitors", nullptr, "(a(iiiiiiii)i)", options_.call_seconds);
   if (!reply)
     return std::nullopt;
@@ -389,6 +440,9 @@ std::optional<ShellMonitors> GnomeShell::monitors() {
   if (!monitors) {
     last_call_worked_ = false;
     fail("Monitors", why);
+  } else if (options_.keep_monitors && !owner_.empty() && version_ &&
+             *version_ >= kMonitorsChangedVersion) {
+    kept_monitors_ = monitors;
   }
   return monitors;
 }

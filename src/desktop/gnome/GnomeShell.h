@@ -94,13 +94,19 @@ public:
     double call_seconds = 2;                 // each ordinary call
     double slow_call_seconds = 4;            // MoveResize and SendCopyChord wait in the shell
     std::string service = "org.gnome.Shell"; // the destination, whose owner answers
+    // Keep the Monitors answer until the shell says it changed (an
+    // extension of interface version 2 or later does).
+    bool keep_monitors = true;
   };
+  // The first interface version whose extension sends MonitorsChanged.
+  static constexpr uint32_t kMonitorsChangedVersion = 2;
   static constexpr const char* kPath = "/com/tarnwick/orvane/Shell";
   static constexpr const char* kInterface = "com.tarnwick.orvane.Shell";
 
   // `session_bus` may be null: every call then answers nothing.
   explicit GnomeShell(GDBusConnection* session_bus);
   GnomeShell(GDBusConnection* session_bus, Options options);
+  ~GnomeShell();
   GnomeShell(const GnomeShell&) = delete;
   GnomeShell& operator=(const GnomeShell&) = delete;
 
@@ -128,6 +134,8 @@ public:
   std::optional<bool> activate(uint64_t id, uint32_t timestamp);
   std::optional<bool> leaveFullScreen(uint64_t id);
   std::optional<bool> makePanel(uint64_t id);
+  // Kept from the last answer while the shell that gave it runs and has
+  // not said since that they changed, or a call failed.
   std::optional<ShellMonitors> monitors();
   std::optional<Point> pointer(); // shell coordinates
   // The outer nothing: the call failed; the inner: the selection holds no
@@ -159,10 +167,19 @@ private:
   std::optional<bool> okCall(const char* method, GVariant* parameters, double seconds);
   std::optional<std::optional<std::string>> selectionText(const char* method);
 
+  static void OnMonitorsChanged(GDBusConnection*, const gchar* sender, const gchar*, const gchar*,
+                                const gchar*, GVariant*, gpointer data);
+
   GObjectPtr<GDBusConnection> bus_;
   Options options_;
   bool last_call_worked_ = false;
   LogThrottle throttle_;
+  // The extension's version as the present owner of the service answered it.
+  std::optional<uint32_t> version_;
+  std::string owner_; // the service's owner, as watched; "" when none
+  std::optional<ShellMonitors> kept_monitors_;
+  guint owner_watch_ = 0;
+  guint monitors_changed_ = 0;
 };
 
 } // namespace orvane

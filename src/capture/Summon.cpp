@@ -19,6 +19,9 @@ void Summon::hotkeySummon(uint32_t timestamp) {
     panel_.hide();
     return;
   }
+  // Every other path loads the page. What the load waits for runs while
+  // the front window and the selection are read.
+  panel_.prepareLoad();
   // One key press, one front window: read once for the checks and the
   // capture below.
   FrontWindowHold hold(capture_);

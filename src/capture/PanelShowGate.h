@@ -1,0 +1,47 @@
+// Holds the quick panel's showing back while the page it is to show is on
+// its way: the panel is mapped once the new page has committed (or its load
+// has ended without one), or after a short limit, whichever comes first.
+// Shown earlier, the panel would first show the page of the summon before,
+// and mapping the window and painting it would compete with the new page's
+// load for the machine at the moment that load starts.
+#pragma once
+
+#include "desktop/Scheduler.h"
+
+#include <functional>
+
+namespace orvane {
+
+// How long the panel waits for its page to commit before it is shown anyway.
+inline constexpr double kPanelCommitWait = 0.2;
+
+class PanelShowGate {
+public:
+  explicit PanelShowGate(Scheduler& scheduler, double limit = kPanelCommitWait);
+  ~PanelShowGate();
+  PanelShowGate(const PanelShowGate&) = delete;
+  PanelShowGate& operator=(const PanelShowGate&) = delete;
+
+  // A page load was asked for: a showing waits for it from now on.
+  void loadStarted();
+  // The page committed, or its load ended without a commit (failed or
+  // stopped): a waiting showing runs now.
+  void loadCommitted();
+  // Runs the showing at once when no page is on its way, else when it
+  // commits or the limit passes. A newer showing replaces a waiting one.
+  void show(std::function<void()> showing);
+  // Drops a waiting showing (the panel was hidden meanwhile).
+  void cancel();
+  bool waiting() const { return static_cast<bool>(showing_); }
+
+private:
+  void release();
+
+  Scheduler& scheduler_;
+  double limit_;
+  bool loading_ = false;
+  std::function<void()> showing_;
+  Scheduler::TimerId timer_ = 0;
+};
+
+} // namespace orvane

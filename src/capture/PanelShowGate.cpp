@@ -16,7 +16,7 @@ void PanelShowGate::loadStarted() {
   loading_ = true;
 }
 
-void PanelShowGate::loadCommitted() {
+void PanelShowGate::loadEnded() {
   loading_ = false;
   release();
 }

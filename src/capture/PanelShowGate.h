@@ -1,9 +1,10 @@
-// Holds the quick panel's showing back while the page it is to show is on
-// its way: the panel is mapped once the new page has committed (or its load
-// has ended without one), or after a short limit, whichever comes first.
-// Shown earlier, the panel would first show the page of the summon before,
-// and mapping the window and painting it would compete with the new page's
-// load for the machine at the moment that load starts.
+// Holds the quick panel's showing back while the page it is to show loads:
+// the panel is mapped once the new page's load has ended (loaded, or failed),
+// or after a short limit, whichever comes first. Mapped earlier, the panel
+// would first show the page of the summon before, and mapping the window and
+// painting it (in this process and in the page's web process) would compete
+// with the new page's load for the machine, putting its load event off by
+// about ten milliseconds.
 #pragma once
 
 #include "desktop/Scheduler.h"
@@ -12,7 +13,7 @@
 
 namespace orvane {
 
-// How long the panel waits for its page to commit before it is shown anyway.
+// How long the panel waits for its page before it is shown anyway.
 inline constexpr double kPanelCommitWait = 0.2;
 
 class PanelShowGate {
@@ -24,11 +25,11 @@ public:
 
   // A page load was asked for: a showing waits for it from now on.
   void loadStarted();
-  // The page committed, or its load ended without a commit (failed or
-  // stopped): a waiting showing runs now.
-  void loadCommitted();
-  // Runs the showing at once when no page is on its way, else when it
-  // commits or the limit passes. A newer showing replaces a waiting one.
+  // The page's load has ended (loaded, failed or stopped): a waiting
+  // showing runs now.
+  void loadEnded();
+  // Runs the showing at once when no page is on its way, else when its load
+  // ends or the limit passes. A newer showing replaces a waiting one.
   void show(std::function<void()> showing);
   // Drops a waiting showing (the panel was hidden meanwhile).
   void cancel();

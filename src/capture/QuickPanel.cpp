@@ -25,13 +25,13 @@ QuickPanel::QuickPanel(PanelWindow& window, WebPage& web, LibraryWindow& library
                        std::function<PanelServerCheck::Check()> server_check)
     : window_(window), web_(web), library_(library), screens_(screens),
       server_check_(std::move(server_check)), show_gate_(scheduler) {
-  // A commit, or the end of a load that never committed, lets a waiting
-  // showing through.
+  // The end of the page's load (after its load event, or its failure) lets
+  // a waiting showing through.
   load_changed_handler_ =
       g_signal_connect(web_.view(), "load-changed",
                        G_CALLBACK(+[](WebKitWebView*, WebKitLoadEvent event, gpointer data) {
-                         if (event == WEBKIT_LOAD_COMMITTED || event == WEBKIT_LOAD_FINISHED)
-                           static_cast<QuickPanel*>(data)->show_gate_.loadCommitted();
+                         if (event == WEBKIT_LOAD_FINISHED)
+                           static_cast<QuickPanel*>(data)->show_gate_.loadEnded();
                        }),
                        this);
 }
@@ -83,8 +83,8 @@ void QuickPanel::presentPanel(const std::optional<Screen>& screen, uint32_t time
   if (std::optional<size_t> length = std::exchange(loaded_selection_length_, std::nullopt))
     SparLog("panel opens with a %lu-char selection", *length);
 
-  // The panel is mapped once its new page has committed: until then it
-  // would show the page it had before.
+  // The panel is mapped once its new page has loaded: until then it would
+  // show the page it had before, and mapping it would slow that load down.
   show_gate_.show([this, screen, timestamp] { showNow(screen, timestamp); });
 }
 

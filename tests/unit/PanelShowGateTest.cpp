@@ -21,27 +21,27 @@ TEST_F(PanelShowGateTest, WithNoPageOnItsWayThePanelShowsAtOnce) {
   EXPECT_EQ(scheduler.pending(), 0u);
 }
 
-TEST_F(PanelShowGateTest, ThePanelShowsWhenItsNewPageCommitsAndOnlyOnce) {
+TEST_F(PanelShowGateTest, ThePanelShowsWhenItsNewPageHasLoadedAndOnlyOnce) {
   gate.loadStarted();
   gate.show(showing(1));
   EXPECT_TRUE(shown.empty());
   EXPECT_TRUE(gate.waiting());
-  gate.loadCommitted();
+  gate.loadEnded();
   EXPECT_EQ(shown, std::vector<int>{1});
   EXPECT_EQ(scheduler.pending(), 0u); // the limit's timer is gone
-  gate.loadCommitted();               // the load's end
+  gate.loadEnded();                   // a late second end
   scheduler.runAll();
   EXPECT_EQ(shown, std::vector<int>{1});
 }
 
-TEST_F(PanelShowGateTest, APageThatDoesNotCommitInTimeLetsThePanelShowAtTheLimit) {
+TEST_F(PanelShowGateTest, APageThatDoesNotLoadInTimeLetsThePanelShowAtTheLimit) {
   gate.loadStarted();
   gate.show(showing(1));
   scheduler.advance(kPanelCommitWait - 0.01);
   EXPECT_TRUE(shown.empty());
   scheduler.advance(0.01);
   EXPECT_EQ(shown, std::vector<int>{1});
-  gate.loadCommitted();
+  gate.loadEnded();
   EXPECT_EQ(shown, std::vector<int>{1});
   // Shown since: a raise while that page still loads is not held back.
   gate.show(showing(2));
@@ -52,7 +52,7 @@ TEST_F(PanelShowGateTest, ANewerShowingReplacesTheWaitingOneAndDoesNotPutTheLimi
   gate.loadStarted();
   gate.show(showing(1));
   scheduler.advance(0.1);
-  gate.loadStarted(); // a second press before the first page committed
+  gate.loadStarted(); // a second press before the first page loaded
   gate.show(showing(2));
   scheduler.advance(kPanelCommitWait - 0.1);
   EXPECT_EQ(shown, std::vector<int>{2});
@@ -64,20 +64,20 @@ TEST_F(PanelShowGateTest, AHideDropsTheWaitingShowing) {
   gate.cancel();
   EXPECT_FALSE(gate.waiting());
   EXPECT_EQ(scheduler.pending(), 0u);
-  gate.loadCommitted();
+  gate.loadEnded();
   scheduler.runAll();
   EXPECT_TRUE(shown.empty());
 }
 
 TEST_F(PanelShowGateTest, EveryLoadHoldsTheNextShowingBackAgain) {
   gate.loadStarted();
-  gate.loadCommitted();
+  gate.loadEnded();
   gate.show(showing(1));
   EXPECT_EQ(shown, std::vector<int>{1});
   gate.loadStarted();
   gate.show(showing(2));
   EXPECT_EQ(shown, std::vector<int>{1});
-  gate.loadCommitted();
+  gate.loadEnded();
   EXPECT_EQ(shown, (std::vector<int>{1, 2}));
 }
 

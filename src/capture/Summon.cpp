@@ -25,6 +25,8 @@ void Summon::hotkeySummon(uint32_t timestamp) {
   // One key press, one front window: read once for the checks and the
   // capture below.
   FrontWindowHold hold(capture_);
+  // The selection's owner is asked for it while the front window is read.
+  capture_.readSelectionAhead();
   std::optional<FrontApplication> front = capture_.frontApplication();
   if (front && front->is_this_program) {
     // Orvane itself is in front: nothing to capture, nothing to activate.

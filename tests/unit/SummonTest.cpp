@@ -194,6 +194,13 @@ TEST_F(SummonTest, ThePressThatHidesThePanelPreparesNoLoad) {
   EXPECT_TRUE(panel.loads.empty());
 }
 
+TEST_F(SummonTest, TheSelectionIsReadAheadWhileTheFrontWindowIsHeld) {
+  capture.selection = "a passage";
+  summon.hotkeySummon(1);
+  EXPECT_EQ(capture.reads_ahead, 1);
+  EXPECT_TRUE(capture.read_ahead_while_held);
+}
+
 TEST_F(SummonTest, OnePressReadsOneFrontWindowForItsChecksAndCapture) {
   capture.selection = "held";
   summon.hotkeySummon(1);

@@ -37,15 +37,16 @@ void Summon::hotkeySummon(uint32_t timestamp) {
   // While the other application is still in front: where the user looks,
   // and what they selected there.
   Point point = capture_.attentionPoint();
-  std::optional<Screen> screen = ScreenContainingPoint(screens_.screens(), point);
   std::optional<std::string> text = capture_.captureSelection();
   if (text)
     SparLog("hotkey: %lu chars from %@", Utf16Length(*text),
             front ? front->identifier : std::string("?"));
   // The address is known now: the page loads while the activation goes
-  // round, and the panel is shown by whichever path comes first.
+  // round, and the panel is shown by whichever path comes first. The screen
+  // of the point is looked up once the load is on its way (the screens are
+  // read from the X server).
   panel_.loadPage(text);
-  setPendingSummon(screen, timestamp);
+  setPendingSummon(ScreenContainingPoint(screens_.screens(), point), timestamp);
 
   // The request's "activate" comes before its answer. Under load it can
   // come after the fallback has shown the panel; it must then not count as

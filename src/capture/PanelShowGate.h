@@ -14,11 +14,11 @@
 namespace orvane {
 
 // How long the panel waits for its page before it is shown anyway.
-inline constexpr double kPanelCommitWait = 0.2;
+inline constexpr double kPanelLoadWait = 0.2;
 
 class PanelShowGate {
 public:
-  explicit PanelShowGate(Scheduler& scheduler, double limit = kPanelCommitWait);
+  explicit PanelShowGate(Scheduler& scheduler, double limit = kPanelLoadWait);
   ~PanelShowGate();
   PanelShowGate(const PanelShowGate&) = delete;
   PanelShowGate& operator=(const PanelShowGate&) = delete;

@@ -37,7 +37,7 @@ TEST_F(PanelShowGateTest, ThePanelShowsWhenItsNewPageHasLoadedAndOnlyOnce) {
 TEST_F(PanelShowGateTest, APageThatDoesNotLoadInTimeLetsThePanelShowAtTheLimit) {
   gate.loadStarted();
   gate.show(showing(1));
-  scheduler.advance(kPanelCommitWait - 0.01);
+  scheduler.advance(kPanelLoadWait - 0.01);
   EXPECT_TRUE(shown.empty());
   scheduler.advance(0.01);
   EXPECT_EQ(shown, std::vector<int>{1});
@@ -54,7 +54,7 @@ TEST_F(PanelShowGateTest, ANewerShowingReplacesTheWaitingOneAndDoesNotPutTheLimi
   scheduler.advance(0.1);
   gate.loadStarted(); // a second press before the first page loaded
   gate.show(showing(2));
-  scheduler.advance(kPanelCommitWait - 0.1);
+  scheduler.advance(kPanelLoadWait - 0.1);
   EXPECT_EQ(shown, std::vector<int>{2});
 }
 

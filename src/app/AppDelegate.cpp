@@ -73,7 +73,8 @@ public:
   bool isKeyInActiveApplication() const override {
     return window_.isVisible() && window_.isKeyWindow();
   }
-  void hide() override { window_.orderOut(); }
+  void hide() override { panel_.hidePanel(); }
+  void prepareLoad() override { panel_.startServerCheck(); }
   std::optional<Screen> keyWindowScreen() const override {
     std::optional<Screen> screen;
     GtkWindow* active = gtk_application_get_active_window(application_);
@@ -311,9 +312,11 @@ void AppDelegate::applicationDidFinishLaunching() {
   // no second one is started, kept in memory or woken while idle.
   web_ = factory_.makeWebView(lib_web_.get());
   window_ = std::make_unique<PanelWindow>(application_, web_->widget(), *seams_.own_windows);
-  quick_panel_ = std::make_unique<QuickPanel>(*window_, *web_, *lib_window_, *seams_.screens, [] {
-    EnsureServer(SiteAddress(), ProjectDirectory());
-  });
+  quick_panel_ = std::make_unique<QuickPanel>(
+      *window_, *web_, *lib_window_, *seams_.screens, *seams_.scheduler,
+      []() -> PanelServerCheck::Check {
+        return [site = SiteAddress(), folder = ProjectDirectory()] { EnsureServer(site, folder); };
+      });
 
   // The sparring window's operations; its window is made on first use.
   spar_ = std::make_unique<SparringWindow>(SparringWindow::Context{
@@ -524,7 +527,7 @@ void AppDelegate::closeSparWindow() {
 }
 
 void AppDelegate::hideQuickPanel() {
-  window_->orderOut();
+  quick_panel_->hidePanel();
 }
 
 void AppDelegate::beginFileDrag(const std::string& path, const PageRef& page) {

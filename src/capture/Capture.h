@@ -36,6 +36,10 @@ public:
   // asked again for each of them.
   virtual void holdFrontWindow() {}
   virtual void releaseFrontWindow() {}
+  // While held: starts reading the selection that the capture of this key
+  // press will most likely take, so that the read runs while the front
+  // window is looked at. Dropped, when not taken, at the release.
+  virtual void readSelectionAhead() {}
 };
 
 // Holds the front window for the life of the scope.

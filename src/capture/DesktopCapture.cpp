@@ -27,6 +27,13 @@ void DesktopCapture::holdFrontWindow() {
 void DesktopCapture::releaseFrontWindow() {
   holding_front_window_ = false;
   held_front_window_.reset();
+  seams_.selections.dropPrimaryAhead();
+}
+
+void DesktopCapture::readSelectionAhead() {
+  // Nothing is read from other applications without the permission.
+  if (holding_front_window_ && seams_.accessibility.isTrusted())
+    seams_.selections.readPrimaryAhead();
 }
 
 std::optional<FrontApplication> DesktopCapture::frontApplication() {

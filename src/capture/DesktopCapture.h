@@ -39,6 +39,7 @@ public:
   int pageOfQuote(const std::string& pdf_path, const std::string& quote) override;
   void holdFrontWindow() override;
   void releaseFrontWindow() override;
+  void readSelectionAhead() override;
 
   // Whether a capture wrote the user's clipboard back, so that this process
   // owns it (a capture process must then keep it alive when it exits).

@@ -21,9 +21,24 @@ Rect CentredPanelFrame(const Rect& vf, Size size) {
 }
 
 QuickPanel::QuickPanel(PanelWindow& window, WebPage& web, LibraryWindow& library,
-                       const Screens& screens, std::function<void()> ensure_server)
+                       const Screens& screens, Scheduler& scheduler,
+                       std::function<PanelServerCheck::Check()> server_check)
     : window_(window), web_(web), library_(library), screens_(screens),
-      ensure_server_(std::move(ensure_server)) {}
+      server_check_(std::move(server_check)), show_gate_(scheduler) {
+  // The end of the page's load (after its load event, or its failure) lets
+  // a waiting showing through.
+  load_changed_handler_ =
+      g_signal_connect(web_.view(), "load-changed",
+                       G_CALLBACK(+[](WebKitWebView*, WebKitLoadEvent event, gpointer data) {
+                         if (event == WEBKIT_LOAD_FINISHED)
+                           static_cast<QuickPanel*>(data)->show_gate_.loadEnded();
+                       }),
+                       this);
+}
+
+QuickPanel::~QuickPanel() {
+  g_signal_handler_disconnect(web_.view(), load_changed_handler_);
+}
 
 void QuickPanel::showPanel() {
   std::optional<std::string> selection = takeHandoffFile(HandoffFile("selection.txt"));
@@ -52,10 +67,14 @@ void QuickPanel::showPanelWithSelection(const std::optional<std::string>& select
 }
 
 void QuickPanel::loadPanelPage(const std::optional<std::string>& selection) {
-  ensure_server_();
+  // The page never loads before the server's check has ended (started
+  // here unless a summon started it at its key press).
+  server_check_.finish();
   std::string text = selection.value_or("");
   // Every summon reloads the page.
   web_.load(PanelAddress(SiteAddress(), text));
+  // After the call: the end of a load it replaced is not this one's.
+  show_gate_.loadStarted();
   loaded_selection_length_ = text.empty() ? std::nullopt : std::optional(Utf16Length(text));
 }
 
@@ -64,6 +83,17 @@ void QuickPanel::presentPanel(const std::optional<Screen>& screen, uint32_t time
   if (std::optional<size_t> length = std::exchange(loaded_selection_length_, std::nullopt))
     SparLog("panel opens with a %lu-char selection", *length);
 
+  // The panel is mapped once its new page has loaded: until then it would
+  // show the page it had before, and mapping it would slow that load down.
+  show_gate_.show([this, screen, timestamp] { showNow(screen, timestamp); });
+}
+
+void QuickPanel::hidePanel() {
+  show_gate_.cancel();
+  window_.orderOut();
+}
+
+void QuickPanel::showNow(const std::optional<Screen>& screen, uint32_t timestamp) {
   // Activating the program must not pull the user to another workspace.
   if (library_.isVisible() && !window_.ownWindows().isOnActiveWorkspace(library_.gtkWindow()))
     library_.orderOut();

@@ -3,7 +3,10 @@
 // screen the user was looking at.
 #pragma once
 
+#include "capture/PanelServerCheck.h"
+#include "capture/PanelShowGate.h"
 #include "capture/PanelWindow.h"
+#include "desktop/Scheduler.h"
 #include "desktop/Screens.h"
 #include "web/LibraryWindow.h"
 #include "web/WebPage.h"
@@ -21,8 +24,13 @@ Rect CentredPanelFrame(const Rect& visible_frame, Size panel_size);
 
 class QuickPanel {
 public:
+  // `server_check` makes the development server's check (EnsureServer with
+  // the current site and project folder) that comes before each page load.
   QuickPanel(PanelWindow& window, WebPage& web, LibraryWindow& library, const Screens& screens,
-             std::function<void()> ensure_server);
+             Scheduler& scheduler, std::function<PanelServerCheck::Check()> server_check);
+  ~QuickPanel();
+  QuickPanel(const QuickPanel&) = delete;
+  QuickPanel& operator=(const QuickPanel&) = delete;
 
   void showPanel();
   std::optional<std::string> takeHandoffFile(const std::string& path);
@@ -34,17 +42,24 @@ public:
   // The two halves of showPanelWithSelection, for a summon that starts the
   // page as soon as its selection is known and shows the panel later.
   void loadPanelPage(const std::optional<std::string>& selection);
+  // Starts the check that the next page load waits for, ahead of it.
+  void startServerCheck() { server_check_.start(); }
   void presentPanel(const std::optional<Screen>& screen, uint32_t timestamp = 0);
   void centrePanelOnScreen(const std::optional<Screen>& screen);
+  // Hides the panel, and drops a showing that waits for its page.
+  void hidePanel();
 
 private:
+  void showNow(const std::optional<Screen>& screen, uint32_t timestamp);
   void logShown();
 
   PanelWindow& window_;
   WebPage& web_;
   LibraryWindow& library_;
   const Screens& screens_;
-  std::function<void()> ensure_server_;
+  PanelServerCheck server_check_;
+  PanelShowGate show_gate_;
+  gulong load_changed_handler_ = 0;
   // The length of the selection in the page last loaded and not yet shown.
   std::optional<size_t> loaded_selection_length_;
 };

@@ -19,9 +19,14 @@ void Summon::hotkeySummon(uint32_t timestamp) {
     panel_.hide();
     return;
   }
+  // Every other path loads the page. What the load waits for runs while
+  // the front window and the selection are read.
+  panel_.prepareLoad();
   // One key press, one front window: read once for the checks and the
   // capture below.
   FrontWindowHold hold(capture_);
+  // The selection's owner is asked for it while the front window is read.
+  capture_.readSelectionAhead();
   std::optional<FrontApplication> front = capture_.frontApplication();
   if (front && front->is_this_program) {
     // Orvane itself is in front: nothing to capture, nothing to activate.
@@ -32,15 +37,16 @@ void Summon::hotkeySummon(uint32_t timestamp) {
   // While the other application is still in front: where the user looks,
   // and what they selected there.
   Point point = capture_.attentionPoint();
-  std::optional<Screen> screen = ScreenContainingPoint(screens_.screens(), point);
   std::optional<std::string> text = capture_.captureSelection();
   if (text)
     SparLog("hotkey: %lu chars from %@", Utf16Length(*text),
             front ? front->identifier : std::string("?"));
   // The address is known now: the page loads while the activation goes
-  // round, and the panel is shown by whichever path comes first.
+  // round, and the panel is shown by whichever path comes first. The screen
+  // of the point is looked up once the load is on its way (the screens are
+  // read from the X server).
   panel_.loadPage(text);
-  setPendingSummon(screen, timestamp);
+  setPendingSummon(ScreenContainingPoint(screens_.screens(), point), timestamp);
 
   // The request's "activate" comes before its answer. Under load it can
   // come after the fallback has shown the panel; it must then not count as

@@ -1,6 +1,7 @@
 // The ⌥B summon of the quick panel: the toggle, the capture while the other
-// application is still in front, the page load that starts as soon as the
-// capture is done, and the pending summon that the first of three paths
+// application is still in front (with the development server's check
+// running meanwhile), the page load that starts as soon as the capture is
+// done, and the pending summon that the first of three paths
 // shows (the activation's "activate", a refused activation, a fallback
 // timer).
 #pragma once
@@ -28,6 +29,9 @@ public:
   // The screen of the program's window that has the keyboard, else the
   // primary screen; nothing without screens.
   virtual std::optional<Screen> keyWindowScreen() const = 0;
+  // Starts, in the background, what loading the page must wait for (the
+  // development server's check), so that it runs during the capture.
+  virtual void prepareLoad() = 0;
   // Starts loading the panel's page for the selection; the panel stays as
   // it is until presented.
   virtual void loadPage(const std::optional<std::string>& selection) = 0;

@@ -35,6 +35,13 @@ public:
   // PRIMARY as UTF-8 text: "" when its owner answers with empty text,
   // nothing when it has no owner or gives no text.
   virtual std::optional<std::string> primaryText() = 0;
+  // Starts reading PRIMARY as text in the background, for a primaryText()
+  // that is about to follow: that call then takes this answer, when PRIMARY
+  // still has the owner it came from, instead of asking the owner again.
+  // Where the desktop has no such means, nothing happens.
+  virtual void readPrimaryAhead() {}
+  // Drops an answer read ahead and not taken, so that no later read uses it.
+  virtual void dropPrimaryAhead() {}
 
   // A number that changes whenever the CLIPBOARD changes hands (owner or
   // ownership timestamp).

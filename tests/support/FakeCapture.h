@@ -33,6 +33,10 @@ public:
     ++holds;
   }
   void releaseFrontWindow() override { held = false; }
+  void readSelectionAhead() override {
+    ++reads_ahead;
+    read_ahead_while_held = held;
+  }
   std::optional<std::string> focusedDocumentPath() override { return document; }
   int pageOfQuote(const std::string& pdf_path, const std::string& quote) override {
     page_queries.emplace_back(pdf_path, quote);
@@ -58,6 +62,8 @@ public:
   int holds = 0;
   bool selection_while_held = false;
   bool point_while_held = false;
+  int reads_ahead = 0;
+  bool read_ahead_while_held = false;
   std::vector<std::pair<std::string, std::string>> page_queries;
 };
 

@@ -33,6 +33,8 @@ public:
   std::vector<ClipboardContents> restores;
   std::vector<std::chrono::milliseconds> pauses;
   int primary_reads = 0;
+  int reads_ahead = 0;
+  int drops_ahead = 0;
   // False for a desktop that never tells PRIMARY's owner (Wayland).
   bool tells_primary_owner = true;
   int keep_after_exit_calls = 0;
@@ -45,6 +47,8 @@ public:
     ++primary_reads;
     return primary_text;
   }
+  void readPrimaryAhead() override { ++reads_ahead; }
+  void dropPrimaryAhead() override { ++drops_ahead; }
 
   uint64_t clipboardChangeCount() override {
     landPendingCopy();

@@ -606,6 +606,32 @@ TEST_F(DesktopCaptureTest, FrontApplicationIsNamedByItsWindowClass) {
   EXPECT_EQ(capture->frontApplication(), std::nullopt);
 }
 
+TEST_F(DesktopCaptureTest, TheSelectionIsReadAheadOnlyWhileTheFrontWindowIsHeld) {
+  auto capture = MakeDesktopCapture(seams());
+  windows.front = FakeFrontWindows::Window(31, "gedit", "Gedit");
+  selections.primary_owner_pid = 31;
+  selections.primary_text = "a passage";
+  capture->readSelectionAhead();
+  EXPECT_EQ(selections.reads_ahead, 0);
+  {
+    FrontWindowHold hold(*capture);
+    capture->readSelectionAhead();
+    EXPECT_EQ(selections.reads_ahead, 1);
+    EXPECT_EQ(capture->captureSelection(), "a passage");
+    EXPECT_EQ(selections.drops_ahead, 0);
+  }
+  // What was read ahead and not taken is never used by a later capture.
+  EXPECT_EQ(selections.drops_ahead, 1);
+}
+
+TEST_F(DesktopCaptureTest, NothingIsReadAheadWithoutThePermission) {
+  auto capture = MakeDesktopCapture(seams());
+  accessibility.trusted = false;
+  FrontWindowHold hold(*capture);
+  capture->readSelectionAhead();
+  EXPECT_EQ(selections.reads_ahead, 0);
+}
+
 TEST_F(DesktopCaptureTest, AHeldFrontWindowIsReadOnceUntilReleased) {
   auto capture = MakeDesktopCapture(seams());
   windows.front = FakeFrontWindows::Window(31, "gedit", "Gedit", Rect{0, 0, 200, 100});

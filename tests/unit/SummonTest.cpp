@@ -42,6 +42,11 @@ public:
     ++hides;
   }
   std::optional<Screen> keyWindowScreen() const override { return key_screen; }
+  void prepareLoad() override {
+    ++prepares;
+    selections_read_at_prepare = capture ? capture->selection_calls : -1;
+    loads_at_prepare = int(loads.size());
+  }
   void loadPage(const std::optional<std::string>& selection) override {
     loads.push_back(selection);
     steps.push_back("load:" + selection.value_or("-"));
@@ -55,6 +60,10 @@ public:
   bool visible = false;
   bool key = false;
   int hides = 0;
+  const FakeCapture* capture = nullptr;
+  int prepares = 0;
+  int selections_read_at_prepare = -1;
+  int loads_at_prepare = -1;
   std::optional<Screen> key_screen;
   std::vector<std::optional<std::string>> loads;
   std::vector<Presented> presented;
@@ -63,7 +72,10 @@ public:
 
 class SummonTest : public ::testing::Test {
 protected:
-  SummonTest() { capture.otherApplication(4242, "Gedit"); }
+  SummonTest() {
+    capture.otherApplication(4242, "Gedit");
+    panel.capture = &capture;
+  }
   LogCapture log;
   FakeCapture capture;
   FakeScreens screens;
@@ -151,6 +163,42 @@ TEST_F(SummonTest, ASecondPressBeforeTheFirstIsShownLoadsItsOwnPageAndShowsOnce)
   ASSERT_TRUE(panel.presented[0].screen);
   EXPECT_EQ(panel.presented[0].screen->index, 1);
   EXPECT_EQ(panel.presented[0].timestamp, 2u);
+}
+
+// The development server's check runs while the selection is read: it is
+// started before the capture, and the page is loaded after it.
+TEST_F(SummonTest, WhatTheLoadWaitsForStartsBeforeTheCapture) {
+  capture.selection = "a passage";
+  summon.hotkeySummon(1);
+  EXPECT_EQ(panel.prepares, 1);
+  EXPECT_EQ(panel.selections_read_at_prepare, 0);
+  EXPECT_EQ(panel.loads_at_prepare, 0);
+  EXPECT_EQ(capture.selection_calls, 1);
+  EXPECT_EQ(panel.loads.size(), 1u);
+}
+
+TEST_F(SummonTest, ThisProgramInFrontPreparesTheLoadToo) {
+  capture.thisProgram();
+  summon.hotkeySummon(1);
+  EXPECT_EQ(panel.prepares, 1);
+  EXPECT_EQ(panel.loads_at_prepare, 0);
+  EXPECT_EQ(panel.loads.size(), 1u);
+}
+
+TEST_F(SummonTest, ThePressThatHidesThePanelPreparesNoLoad) {
+  panel.visible = true;
+  panel.key = true;
+  summon.hotkeySummon(1);
+  EXPECT_EQ(panel.hides, 1);
+  EXPECT_EQ(panel.prepares, 0);
+  EXPECT_TRUE(panel.loads.empty());
+}
+
+TEST_F(SummonTest, TheSelectionIsReadAheadWhileTheFrontWindowIsHeld) {
+  capture.selection = "a passage";
+  summon.hotkeySummon(1);
+  EXPECT_EQ(capture.reads_ahead, 1);
+  EXPECT_TRUE(capture.read_ahead_while_held);
 }
 
 TEST_F(SummonTest, OnePressReadsOneFrontWindowForItsChecksAndCapture) {

@@ -138,6 +138,40 @@ TEST_F(X11SelectionsTest, LatinOneStringIsReadAsUtf8WhenNoUtf8IsOffered) {
   EXPECT_EQ(selections.primaryText(), "café");
 }
 
+TEST_F(X11SelectionsTest, AReadAheadAnswersTheNextPrimaryReadFromTheSameOwner) {
+  std::unique_ptr<Child> owner = serve("PRIMARY", {{"UTF8_STRING", "UTF8_STRING", "read ahead"}});
+  ASSERT_TRUE(owner);
+  X11Selections selections;
+  selections.readPrimaryAhead();
+  EXPECT_EQ(selections.primaryOwnerPid(), owner->pid());
+  EXPECT_EQ(selections.primaryText(), "read ahead");
+  // Taken once; the next read asks the owner again.
+  EXPECT_EQ(selections.primaryText(), "read ahead");
+}
+
+TEST_F(X11SelectionsTest, APrimaryThatChangedHandsAfterTheReadAheadIsReadFromItsNewOwner) {
+  std::unique_ptr<Child> first = serve("PRIMARY", {{"UTF8_STRING", "UTF8_STRING", "first"}});
+  ASSERT_TRUE(first);
+  X11Selections selections;
+  selections.readPrimaryAhead();
+  // The worker runs its jobs in order: once this read is answered, the read
+  // ahead has its answer from the first owner.
+  selections.clipboardText();
+  std::unique_ptr<Child> second = serve("PRIMARY", {{"UTF8_STRING", "UTF8_STRING", "second"}});
+  ASSERT_TRUE(second);
+  EXPECT_EQ(selections.primaryOwnerPid(), second->pid());
+  EXPECT_EQ(selections.primaryText(), "second");
+}
+
+TEST_F(X11SelectionsTest, ADroppedReadAheadLeavesTheNextReadToTheOwner) {
+  std::unique_ptr<Child> owner = serve("PRIMARY", {{"UTF8_STRING", "UTF8_STRING", "kept"}});
+  ASSERT_TRUE(owner);
+  X11Selections selections;
+  selections.readPrimaryAhead();
+  selections.dropPrimaryAhead();
+  EXPECT_EQ(selections.primaryText(), "kept");
+}
+
 TEST_F(X11SelectionsTest, EveryTargetOfTheClipboardIsSavedAndRestoredByteForByte) {
   // The big target is larger than the owner's chunk, so it travels by INCR.
   std::string png = AllByteValues(256);

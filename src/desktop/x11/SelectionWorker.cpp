@@ -7,6 +7,10 @@ namespace orvane {
 // One job and where its end is told. `done` is read and written only on the
 // thread that iterates `context` (the idle source runs there).
 struct SelectionWorker::Pending {
+  ~Pending() {
+    if (context)
+      g_main_context_unref(context);
+  }
   Job job;
   GMainContext* context = nullptr;
   bool done = false;
@@ -51,14 +55,18 @@ SelectionWorker::~SelectionWorker() {
 }
 
 void SelectionWorker::run(Job job) {
+  wait(post(std::move(job)));
+}
+
+SelectionWorker::Ticket SelectionWorker::post(Job job) {
   auto pending = std::make_shared<Pending>();
   pending->job = std::move(job);
   pending->context = g_main_context_ref_thread_default();
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (stopping_) {
-      g_main_context_unref(pending->context);
-      return;
+      pending->done = true;
+      return pending;
     }
     if (!thread_.joinable()) {
       XSelectionReader::InstallErrorHandler();
@@ -67,9 +75,12 @@ void SelectionWorker::run(Job job) {
     queue_.push_back(pending);
   }
   wake_.notify_one();
+  return pending;
+}
+
+void SelectionWorker::wait(const Ticket& pending) {
   while (!pending->done)
     g_main_context_iteration(pending->context, TRUE);
-  g_main_context_unref(pending->context);
 }
 
 void SelectionWorker::loop() {

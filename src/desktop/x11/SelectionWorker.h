@@ -37,8 +37,15 @@ public:
   // waits with; a job queued after the worker began to shut down is not run.
   void run(Job job);
 
-private:
+  // The two halves of run: post queues the job and returns at once; wait,
+  // on the thread that posted it, iterates that thread's main context until
+  // the job has run (at once when it has).
   struct Pending;
+  using Ticket = std::shared_ptr<Pending>;
+  Ticket post(Job job);
+  static void wait(const Ticket& ticket);
+
+private:
   void loop();
 
   std::mutex mutex_;

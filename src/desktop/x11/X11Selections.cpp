@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <gtk/gtk.h>
 #include <unistd.h>
+#include <utility>
 
 namespace orvane {
 
@@ -126,6 +127,13 @@ std::string OwnExecutable() {
 
 } // namespace
 
+// The owner window PRIMARY was converted from and its text, written on the
+// worker thread before the job's end is told.
+struct X11Selections::Ahead {
+  SelectionWorker::Ticket ticket;
+  std::shared_ptr<std::pair<unsigned long, std::optional<std::string>>> answer;
+};
+
 X11Selections::X11Selections(X11SelectionLimits limits) : limits_(std::move(limits)) {}
 
 X11Selections::~X11Selections() {
@@ -164,7 +172,33 @@ std::optional<std::string> X11Selections::readText(const char* selection) {
 }
 
 std::optional<std::string> X11Selections::primaryText() {
+  if (std::unique_ptr<Ahead> ahead = std::move(primary_ahead_)) {
+    std::shared_ptr<bool> alive = alive_;
+    SelectionWorker::wait(ahead->ticket);
+    if (!*alive)
+      return std::nullopt;
+    // Taken only from the owner that holds PRIMARY now: a selection that
+    // changed hands since is read from its new owner.
+    auto& [owner, text] = *ahead->answer;
+    if (owner != 0 && owner == reader().owner("PRIMARY"))
+      return text;
+  }
   return readText("PRIMARY");
+}
+
+void X11Selections::readPrimaryAhead() {
+  auto answer =
+      std::make_shared<std::pair<unsigned long, std::optional<std::string>>>(0, std::nullopt);
+  X11SelectionLimits limits = limits_;
+  SelectionWorker::Ticket ticket = worker().post([answer, limits](XSelectionReader& reader) {
+    answer->first = reader.owner("PRIMARY");
+    answer->second = ReadSelectionText(reader, "PRIMARY", limits);
+  });
+  primary_ahead_ = std::make_unique<Ahead>(Ahead{std::move(ticket), std::move(answer)});
+}
+
+void X11Selections::dropPrimaryAhead() {
+  primary_ahead_.reset();
 }
 
 uint64_t X11Selections::clipboardChangeCount() {

@@ -51,6 +51,8 @@ public:
 
   std::optional<int> primaryOwnerPid() override;
   std::optional<std::string> primaryText() override;
+  void readPrimaryAhead() override;
+  void dropPrimaryAhead() override;
   uint64_t clipboardChangeCount() override;
   ClipboardContents saveClipboard() override;
   std::optional<std::string> clipboardText() override;
@@ -67,6 +69,10 @@ private:
   SelectionWorker& worker();
   bool servingClipboard() const;
   std::optional<std::string> readText(const char* selection);
+
+  // PRIMARY read ahead and not yet taken.
+  struct Ahead;
+  std::unique_ptr<Ahead> primary_ahead_;
 
   X11SelectionLimits limits_;
   std::unique_ptr<XSelectionReader> reader_;

@@ -1,0 +1,38 @@
+// The development server's check that comes before every load of the quick
+// panel's page (a probe, and a start when the server does not answer). A
+// summon starts it at the key press on a thread of its own, so that it runs
+// while the selection is read from the other application; the page load
+// then waits for it, so the page never loads before the check has ended.
+#pragma once
+
+#include <functional>
+#include <memory>
+
+namespace orvane {
+
+class PanelServerCheck {
+public:
+  // The whole check, blocking. It runs on the check's own thread, so it
+  // works only on what it was given (no settings, no main-thread state).
+  using Check = std::function<void()>;
+  // Makes the check with what it needs from the main thread (the site
+  // address, the project folder), each time one starts.
+  explicit PanelServerCheck(std::function<Check()> make_check);
+  ~PanelServerCheck();
+  PanelServerCheck(const PanelServerCheck&) = delete;
+  PanelServerCheck& operator=(const PanelServerCheck&) = delete;
+
+  // Starts a check, unless one is started and not yet waited for.
+  void start();
+  // Returns once the started check has ended; without a started one, makes
+  // one first. Each wait takes its check: the next page load checks anew.
+  void finish();
+  bool started() const { return running_ != nullptr; }
+
+private:
+  struct Running;
+  std::function<Check()> make_check_;
+  std::shared_ptr<Running> running_;
+};
+
+} // namespace orvane

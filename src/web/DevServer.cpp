@@ -268,6 +268,19 @@ bool WaitForSource(GMainContext* context, GSource* source, gint64 until) {
   return fired;
 }
 
+bool IsRedirect(int status) {
+  return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+}
+
+// Text that goes into the request as it stands: no space and no control
+// character, so that nothing in an address can add a line to the request.
+bool FitsTheRequestLine(const char* text) {
+  for (const char* c = text; c && *c; ++c)
+    if (static_cast<unsigned char>(*c) <= 0x20 || *c == 0x7f)
+      return false;
+  return true;
+}
+
 enum class Exchange { Answered, Failed };
 
 // One request on a fresh connection to `uri`: GET and read the answer, all
@@ -279,7 +292,10 @@ Exchange ProbeOnce(GUri* uri, gint64 deadline, ProbeAnswer& answer) {
   if (!secure && g_ascii_strcasecmp(scheme, "http") != 0)
     return Exchange::Failed;
   const char* host = g_uri_get_host(uri);
-  if (!host || !*host)
+  const char* path = g_uri_get_path(uri);
+  const char* query = g_uri_get_query(uri);
+  if (!host || !*host || !FitsTheRequestLine(host) || !FitsTheRequestLine(path) ||
+      !FitsTheRequestLine(query))
     return Exchange::Failed;
   int port = g_uri_get_port(uri);
   if (port <= 0)
@@ -312,8 +328,6 @@ Exchange ProbeOnce(GUri* uri, gint64 deadline, ProbeAnswer& answer) {
     return std::min(deadline, g_get_monotonic_time() + gint64(kProbeRequestTimeout * 1e6));
   };
 
-  const char* path = g_uri_get_path(uri);
-  const char* query = g_uri_get_query(uri);
   // An IPv6 literal goes between brackets; the port only when it is not
   // the scheme's own.
   std::string host_header = std::string_view(host).find(':') != std::string_view::npos
@@ -365,10 +379,6 @@ Exchange ProbeOnce(GUri* uri, gint64 deadline, ProbeAnswer& answer) {
                                                                              : Exchange::Failed;
 }
 
-bool IsRedirect(int status) {
-  return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
-}
-
 } // namespace
 
 bool IsLocalSite(const std::string& site_address) {
@@ -381,8 +391,10 @@ bool ServerIsUp(const std::string& site_address) {
   // A loopback server that answers costs about a millisecond.
   gint64 deadline = g_get_monotonic_time() + gint64(kProbeWait * 1e6);
   std::string address = site_address + kProbePath;
-  GUri* uri = g_uri_parse(address.c_str(), G_URI_FLAGS_NONE, nullptr);
-  // Redirects are followed, as a browser would, within the same wait.
+  // Kept as written (percent escapes stay escaped) for the request line.
+  GUri* uri = g_uri_parse(address.c_str(), G_URI_FLAGS_ENCODED, nullptr);
+  // Redirects are followed, as a browser would, within the same wait (and
+  // on this machine only).
   for (int hop = 0; uri && hop <= kMaxProbeRedirects; ++hop) {
     ProbeAnswer answer;
     if (ProbeOnce(uri, deadline, answer) != Exchange::Answered)
@@ -391,9 +403,14 @@ bool ServerIsUp(const std::string& site_address) {
       g_uri_unref(uri);
       return answer.status() == 200;
     }
-    GUri* next = g_uri_parse_relative(uri, answer.location().c_str(), G_URI_FLAGS_NONE, nullptr);
+    GUri* next = g_uri_parse_relative(uri, answer.location().c_str(), G_URI_FLAGS_ENCODED, nullptr);
     g_uri_unref(uri);
     uri = next;
+    // Only to this machine: a name elsewhere would be looked up, and that
+    // wait is not bounded by the probe's.
+    const char* host = uri ? g_uri_get_host(uri) : nullptr;
+    if (!host || (g_strcmp0(host, "127.0.0.1") != 0 && g_strcmp0(host, "localhost") != 0))
+      break;
   }
   if (uri)
     g_uri_unref(uri);

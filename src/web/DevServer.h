@@ -19,7 +19,8 @@ inline constexpr double kStartAttemptDelay = 0.25;
 inline constexpr char kServerLogPath[] = "/tmp/shelfkeep.log";
 
 // One probe: GET <site>/api/papers answered with exactly 200 within 1.5 s,
-// the whole answer read (redirects followed); no byte for 1.0 s ends it too.
+// the whole answer read (redirects on this machine followed); no byte for
+// 1.0 s ends it too.
 // It runs on the calling thread, without a thread or an HTTP session of its
 // own, and reaches the server directly (never through a proxy).
 bool ServerIsUp(const std::string& site_address);

@@ -3,6 +3,7 @@
 #include "support/RawServer.h"
 #include "support/TestHttpServer.h"
 
+#include <algorithm>
 #include <cstring>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -243,6 +244,34 @@ TEST(DevServerProbeTest, ARedirectLoopIsDown) {
       Sending("HTTP/1.1 302 Found\r\nLocation: /api/papers\r\nContent-Length: 0\r\n\r\n"));
   EXPECT_FALSE(ServerIsUp(SiteOf(server)));
   EXPECT_LE(server.connections(), 21u);
+}
+
+TEST(DevServerProbeTest, RedirectsAwayFromThisMachineAreNotFollowed) {
+  RawServer server(Sending("HTTP/1.1 302 Found\r\nLocation: http://papers.example/api/papers\r\n"
+                           "Content-Length: 0\r\n\r\n"));
+  EXPECT_FALSE(ServerIsUp(SiteOf(server)));
+  EXPECT_EQ(server.connections(), 1u);
+}
+
+TEST(DevServerProbeTest, NothingInTheSiteAddressAddsALineToTheRequest) {
+  std::vector<std::string> received;
+  RawServer server([&](RawServer&, int client, const std::string& request) {
+    received.push_back(request);
+    RawServer::Send(client, "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n");
+  });
+  // Line breaks, escaped or not, and spaces in the address go out escaped,
+  // or not at all: every request that arrives is the one GET line and its
+  // three headers.
+  for (const char* tail : {"/x\r\nX-Evil: 1", "/x%0d%0aX-Evil: 1", "/a b", "/x\nX-Evil: 1",
+                           "/x\tX-Evil:1", "/?q=\r\nX-Evil:1"})
+    ServerIsUp(SiteOf(server) + tail);
+  EXPECT_FALSE(received.empty());
+  for (const std::string& request : received) {
+    EXPECT_EQ(request.find("\nX-Evil"), std::string::npos) << request;
+    std::string line = request.substr(0, request.find("\r\n"));
+    EXPECT_EQ(std::count(line.begin(), line.end(), ' '), 2) << line;
+    EXPECT_EQ(std::count(request.begin(), request.end(), '\n'), 5) << request;
+  }
 }
 
 TEST(DevServerProbeTest, UnusableSiteAddressesAreDown) {

@@ -58,10 +58,11 @@ package-check: build
 
 # Benchmarks print figures against floors measured in the same run.
 bench: build
-	@cmake --build $(BUILD_DIR) --target orvane_library_bench orvane_agent_bench \
+	@cmake --build $(BUILD_DIR) --target orvane_library_bench orvane_probe_bench orvane_agent_bench \
 		orvane_agent_page_bench orvane_placement_bench orvane_fake_keys orvane_startup_floor
 	$(BUILD_DIR)/orvane_library_bench
 	$(BUILD_DIR)/orvane_placement_bench
+	$(BUILD_DIR)/orvane_probe_bench
 	$(BUILD_DIR)/orvane_agent_bench
 	NO_AT_BRIDGE=1 dbus-run-session -- xvfb-run -a $(BUILD_DIR)/orvane_agent_page_bench
 	ORVANE_BIN=$(abspath $(BUILD_DIR))/orvane ORVANE_STARTUP_FLOOR=$(abspath $(BUILD_DIR))/orvane_startup_floor \

@@ -307,6 +307,14 @@ void AppDelegate::applicationDidFinishLaunching() {
   lib_drops_ = std::make_unique<WindowDrops>(
       lib_web_->widget(), [this](const std::vector<std::string>& paths) { openFiles(paths); });
 
+  // 12, begun early. When the library window comes first, its page starts
+  // loading now: the web process starts while the rest below is made. No
+  // event can reach the program before the launch returns to the main loop,
+  // so everything is in place by the time the page says hello.
+  bool handoff_waits = g_file_test(HandoffFile("selection.txt").c_str(), G_FILE_TEST_EXISTS);
+  if (!handoff_waits)
+    showLibraryWindow();
+
   // 11. The quick panel, hidden until shown. Its page runs in the library
   // page's web process: the first summon finds that process running, and
   // no second one is started, kept in memory or woken while idle.
@@ -347,11 +355,10 @@ void AppDelegate::applicationDidFinishLaunching() {
                         quotes_->askDesktopWith(std::string(), path, pid, point);
                       }});
 
-  // 12. The first window: the panel when a capture hand-off waits.
-  if (g_file_test(HandoffFile("selection.txt").c_str(), G_FILE_TEST_EXISTS))
+  // 12. The first window: the panel when a capture hand-off waits (the
+  // library window, otherwise, is shown above).
+  if (handoff_waits)
     quick_panel_->showPanel();
-  else
-    showLibraryWindow();
 }
 
 void AppDelegate::subscribeToNotifications() {

@@ -18,7 +18,11 @@ inline constexpr double kStartAttemptDelay = 0.25;
 // Where the start command sends the server's output (overwritten each start).
 inline constexpr char kServerLogPath[] = "/tmp/shelfkeep.log";
 
-// One probe: GET <site>/api/papers answered with exactly 200 within 1.5 s.
+// One probe: GET <site>/api/papers answered with exactly 200 within 1.5 s,
+// the whole answer read (redirects on this machine followed); no byte for
+// 1.0 s ends it too.
+// It runs on the calling thread, without a thread or an HTTP session of its
+// own, and reaches the server directly (never through a proxy).
 bool ServerIsUp(const std::string& site_address);
 
 // "cd <folder> && nohup .venv/bin/uvicorn main:app --port 8000 > /tmp/shelfkeep.log 2>&1 &"

@@ -95,6 +95,19 @@ Figure MeasureTurn(WebKitWebView* view, PageState& page, const std::string& agen
     WebKitWebView* view;
     explicit ViewPage(WebKitWebView* v) : view(v) {}
     void evaluateScript(const std::string& script) override { Evaluate(view, script); }
+    void evaluateScriptThen(const std::string& script, std::function<void()> done) override {
+      auto* held = new std::function<void()>(std::move(done));
+      webkit_web_view_evaluate_javascript(
+          view, script.c_str(), gssize(script.size()), nullptr, nullptr, nullptr,
+          [](GObject* source, GAsyncResult* result, gpointer data) {
+            std::unique_ptr<std::function<void()>> call(static_cast<std::function<void()>*>(data));
+            if (JSCValue* value = webkit_web_view_evaluate_javascript_finish(
+                    WEBKIT_WEB_VIEW(source), result, nullptr))
+              g_object_unref(value);
+            (*call)();
+          },
+          held);
+    }
     std::string currentAddress() const override { return "http://bench.invalid/"; }
     std::string committedAddress() const override { return "http://bench.invalid/"; }
   };
@@ -109,6 +122,9 @@ Figure MeasureTurn(WebKitWebView* view, PageState& page, const std::string& agen
                              delivery.sendEvent(event);
                            });
   turns.setEventBatching([&] { delivery.openBatch(); }, [&] { delivery.closeBatch(); });
+  turns.setBackPressure(
+      [&] { return delivery.isBackedUp(); },
+      [&](std::function<void()> resume) { delivery.whenDrained(std::move(resume)); });
   turns.runClaude({{"turn", "bench"}, {"args", {"--agent", std::to_string(count)}}});
   g_main_loop_run(page.loop);
   return Finish(page, FirstWriteFrom(standard_error), count);

@@ -109,6 +109,8 @@ struct AgentTurns::Core {
   std::function<void(const Event&)> send_event;
   std::function<void()> open_batch;
   std::function<void()> close_batch;
+  std::function<bool()> backed_up;
+  std::function<void(std::function<void()>)> when_drained;
   std::string home;
   AgentTurnLimits limits;
   GObjectPtr<SoupSession> session;
@@ -152,6 +154,7 @@ struct AgentTurns::Turn {
   bool exited = false;
   bool reported = false;
   bool output_abandoned = false; // pipes still open when the drain time ran out
+  bool output_paused = false;    // the receiver is behind: output is not read
   int code = 0;
   Scheduler::TimerId drain_timer = 0;
   Scheduler::TimerId kill_timer = 0;
@@ -275,6 +278,12 @@ AgentTurns::AgentTurns(std::function<std::optional<std::string>()> claude_path,
 void AgentTurns::setEventBatching(std::function<void()> open, std::function<void()> close) {
   core_->open_batch = std::move(open);
   core_->close_batch = std::move(close);
+}
+
+void AgentTurns::setBackPressure(std::function<bool()> backed_up,
+                                 std::function<void(std::function<void()>)> when_drained) {
+  core_->backed_up = std::move(backed_up);
+  core_->when_drained = std::move(when_drained);
 }
 
 AgentTurns::~AgentTurns() {
@@ -552,22 +561,33 @@ void AgentTurns::startTurn(const std::shared_ptr<Core>& core, const std::string&
     turn->exited = true;
     // A process the agent left behind may hold its output open: wait for
     // that only a little, then end the turn with what has arrived.
-    if (!turn->output_ended || !turn->error_ended) {
-      std::weak_ptr<Turn> weak = turn;
-      turn->drain_timer = core->scheduler.after(core->limits.drain_seconds, [weak] {
-        auto turn = weak.lock();
-        if (!turn || turn->reported)
-          return;
-        turn->drain_timer = 0;
-        turn->output_ended = turn->error_ended = true;
-        turn->output_abandoned = true;
-        finishIfDone(turn);
-      });
-    }
+    if (!turn->output_ended || !turn->error_ended)
+      waitForDrain(core, turn);
     finishIfDone(turn);
   });
   g_subprocess_wait_async(turn->process.get(), turn->cancellable.get(), callback, data);
   writePrompt(turn);
+}
+
+void AgentTurns::waitForDrain(const std::shared_ptr<Core>& core,
+                              const std::shared_ptr<Turn>& turn) {
+  std::weak_ptr<Turn> weak = turn;
+  turn->drain_timer = core->scheduler.after(core->limits.drain_seconds, [weak] {
+    auto turn = weak.lock();
+    auto core = turn ? turn->core.lock() : nullptr;
+    if (!turn || !core || turn->reported)
+      return;
+    turn->drain_timer = 0;
+    // Output not read because the page is behind is not a process holding
+    // the pipe open: wait on.
+    if (turn->output_paused) {
+      waitForDrain(core, turn);
+      return;
+    }
+    turn->output_ended = turn->error_ended = true;
+    turn->output_abandoned = true;
+    finishIfDone(turn);
+  });
 }
 
 void AgentTurns::readOutput(const std::shared_ptr<Turn>& turn, bool standard_error) {
@@ -592,6 +612,18 @@ void AgentTurns::readOutput(const std::shared_ptr<Turn>& turn, bool standard_err
                               [&](std::string_view line) { turn->sendLine(receiver, line); });
         if (receiver.close_batch)
           receiver.close_batch();
+        if (receiver.backed_up && receiver.when_drained && receiver.backed_up()) {
+          turn->output_paused = true;
+          std::weak_ptr<Turn> weak = turn;
+          receiver.when_drained([weak] {
+            auto turn = weak.lock();
+            if (!turn || turn->reported || !turn->output_paused)
+              return;
+            turn->output_paused = false;
+            readOutput(turn, false);
+          });
+          return;
+        }
       }
       readOutput(turn, standard_error);
       return;

@@ -91,6 +91,15 @@ public:
   // receiver may hand them over together.
   void setEventBatching(std::function<void()> open, std::function<void()> close);
 
+  // The receiver's back-pressure: after each read of an agent's output,
+  // when `backed_up` says the receiver is behind, that output is not read
+  // again until the receiver calls the function handed to `when_drained`.
+  // The agent then blocks on its full pipe; no line is dropped. While the
+  // reading waits, the time an exited agent's output is waited for does not
+  // run out.
+  void setBackPressure(std::function<bool()> backed_up,
+                       std::function<void(std::function<void()>)> when_drained);
+
   // Writes the entries of a "files" array into the working folder, one after
   // the other: "content" as UTF-8 text, else the body fetched from "url";
   // each atomically, under the last component of "name". Stops at the first
@@ -122,6 +131,7 @@ private:
   static void readOutput(const std::shared_ptr<Turn>& turn, bool standard_error);
   static void writePrompt(const std::shared_ptr<Turn>& turn);
   static void finishIfDone(const std::shared_ptr<Turn>& turn);
+  static void waitForDrain(const std::shared_ptr<Core>& core, const std::shared_ptr<Turn>& turn);
   std::shared_ptr<Core> core_;
 };
 

@@ -32,57 +32,6 @@ size_t PieceEnd(std::string_view run, size_t limit) {
 
 } // namespace
 
-bool IsValidUtf8(std::string_view bytes) {
-  const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
-  const unsigned char* end = p + bytes.size();
-  while (p < end) {
-    // Runs of ASCII, eight bytes at a time.
-    while (end - p >= 8) {
-      uint64_t word;
-      std::memcpy(&word, p, 8);
-      if (word & 0x8080808080808080ULL)
-        break;
-      p += 8;
-    }
-    if (p >= end)
-      break;
-    unsigned char c = *p;
-    if (c < 0x80) {
-      ++p;
-      continue;
-    }
-    size_t length;
-    uint32_t lowest;
-    uint32_t code;
-    if ((c & 0xE0) == 0xC0) {
-      length = 2;
-      lowest = 0x80;
-      code = c & 0x1F;
-    } else if ((c & 0xF0) == 0xE0) {
-      length = 3;
-      lowest = 0x800;
-      code = c & 0x0F;
-    } else if ((c & 0xF8) == 0xF0) {
-      length = 4;
-      lowest = 0x10000;
-      code = c & 0x07;
-    } else {
-      return false;
-    }
-    if (size_t(end - p) < length)
-      return false;
-    for (size_t i = 1; i < length; ++i) {
-      if ((p[i] & 0xC0) != 0x80)
-        return false;
-      code = (code << 6) | (p[i] & 0x3F);
-    }
-    if (code < lowest || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF))
-      return false;
-    p += length;
-  }
-  return true;
-}
-
 size_t LineSplitter::append(std::string_view chunk, std::vector<std::string>& lines) {
   return append(chunk, [&lines](std::string_view line) { lines.emplace_back(line); });
 }

@@ -16,16 +16,14 @@
 // with) is dropped, and the other pieces of the same line still come out.
 #pragma once
 
+#include "base/Text.h" // IsValidUtf8
+
 #include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace orvane {
-
-// Strict UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
-// NUL is a valid character.
-bool IsValidUtf8(std::string_view bytes);
 
 class LineSplitter {
 public:

@@ -293,6 +293,10 @@ void AppDelegate::applicationDidFinishLaunching() {
   agent_turns_ = std::make_unique<AgentTurns>([this] { return discovery_->claudePath(); },
                                               [this] { return sparFolder(); }, send_event);
   agent_turns_->setEventBatching([this] { events_.openBatch(); }, [this] { events_.closeBatch(); });
+  agent_turns_->setBackPressure([this] { return events_.isBackedUp(); },
+                                [this](std::function<void()> resume) {
+                                  events_.whenDrained(std::move(resume));
+                                });
   discovery_->findClaude();
 
   // 9. Edits noticed in the library folder reach the page.

@@ -34,4 +34,8 @@ std::string NewUpperCaseUuid();
 // sequence that is not UTF-8 becomes U+FFFD, the rest stays as it is.
 std::string ValidUtf8(std::string_view bytes);
 
+// Strict UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
+// NUL is a valid character.
+bool IsValidUtf8(std::string_view bytes);
+
 } // namespace orvane

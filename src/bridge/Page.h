@@ -2,6 +2,7 @@
 // an address. The real one wraps a WebKit web view; tests use fakes.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -12,6 +13,10 @@ public:
   virtual ~Page() = default;
   // Evaluates the script in the page; the result and any error are ignored.
   virtual void evaluateScript(const std::string& script) = 0;
+  // The same, calling `done` once the page has run the script, failed to,
+  // or gone away; never before this call returns. A page that cannot tell
+  // when a script has run calls it soon after handing the script over.
+  virtual void evaluateScriptThen(const std::string& script, std::function<void()> done) = 0;
   // The address the page shows, which changes as soon as a load starts;
   // "" before the first load.
   virtual std::string currentAddress() const = 0;

@@ -4,6 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <memory>
+
 namespace orvane {
 
 std::string ScriptForDocumentOf(const std::string& script, const std::string& committed_address) {
@@ -45,6 +47,22 @@ void WebPage::evaluateScript(const std::string& script) {
   std::string guarded = ScriptForDocumentOf(script, committed_address_);
   webkit_web_view_evaluate_javascript(view_, guarded.c_str(), gssize(guarded.size()), nullptr,
                                       nullptr, nullptr, nullptr, nullptr);
+}
+
+void WebPage::evaluateScriptThen(const std::string& script, std::function<void()> done) {
+  std::string guarded = ScriptForDocumentOf(script, committed_address_);
+  auto* held = new std::function<void()>(std::move(done));
+  webkit_web_view_evaluate_javascript(
+      view_, guarded.c_str(), gssize(guarded.size()), nullptr, nullptr, nullptr,
+      [](GObject* view, GAsyncResult* result, gpointer data) {
+        std::unique_ptr<std::function<void()>> call(static_cast<std::function<void()>*>(data));
+        // The value and any error are of no interest; finishing frees them.
+        if (JSCValue* value =
+                webkit_web_view_evaluate_javascript_finish(WEBKIT_WEB_VIEW(view), result, nullptr))
+          g_object_unref(value);
+        (*call)();
+      },
+      held);
 }
 
 std::string WebPage::currentAddress() const {

@@ -24,6 +24,9 @@ public:
 
   // Only in a document of the committed document's origin.
   void evaluateScript(const std::string& script) override;
+  // `done` runs when WebKit reports the script's end (or its failure, as
+  // when the web process goes away).
+  void evaluateScriptThen(const std::string& script, std::function<void()> done) override;
   std::string currentAddress() const override;
   // Recorded when a load commits (WEBKIT_LOAD_COMMITTED); "" before the
   // first commit and after the page's web process has gone.

@@ -370,6 +370,22 @@ def test_a_turn_streams_lines_in_order_and_ends_with_one_done(home, site, launch
     check_streaming_turn(home, site, agent, agent_path, lib, status)
 
 
+def test_a_burst_of_lines_reaches_the_page_once_each_in_order_and_intact(home, site, launch, agent):
+    # Thousands of lines in one write reach the page in few scripts; each
+    # event is the object a script of its own would have handed over.
+    tricky = ["quote \" and backslash \\ and tab \t", "carriage return\r", "control \x01\x1f",
+              "caf\u00e9 \u2713 \U0001F600", "separators \u2028 \u2029", "</script><b>not html</b>",
+              "NUL \x00 inside", "   spaces   "]
+    lines = [f"line {i} " + tricky[i % len(tricky)] for i in range(3000)]
+    agent.install([{"out": "".join(line + "\n" for line in lines)}, {"exit": 0}])
+    orvane, lib, _ = started_library(home, site, launch)
+    site.run_in_page([{"post": {"action": "runClaude", "turn": "burst", "args": []}}], page=lib.page)
+    events = wait_for_done(site, "burst", timeout=120)
+    assert events == [{"type": "claudeLine", "turn": "burst", "line": line} for line in lines] + [
+        {"type": "claudeDone", "turn": "burst", "code": 0, "stderr": ""}]
+    assert not site.errors(), site.errors()
+
+
 def test_stop_claude_ends_a_running_turn_with_code_15(home, site, launch, agent):
     agent.install([{"out": "working\n"}, {"waitFile": "never"}])
     orvane, lib, _ = started_library(home, site, launch)

@@ -7,6 +7,7 @@
 
 #include "support/MainLoop.h"
 #include "support/NativeWindowProcess.h"
+#include "support/PeerConnection.h"
 #include "support/TempDir.h"
 
 #include <cmath>
@@ -72,18 +73,18 @@ bool MoveSecondMonitor(GDBusConnection* bus, int dy) {
   gdouble scale = 1;
   guint32 transform = 0;
   gboolean primary = FALSE;
-  GVariantIter* specs = nullptr;
+  GVariantIter* monitor_ids = nullptr;
   while (g_variant_iter_next(logical, "(iiduba(ssss)@a{sv})", &x, &y, &scale, &transform, &primary,
-                             &specs, nullptr)) {
-    const gchar *spec_connector = nullptr, *a = nullptr, *b = nullptr, *c = nullptr;
-    g_variant_iter_next(specs, "(&s&s&s&s)", &spec_connector, &a, &b, &c);
+                             &monitor_ids, nullptr)) {
+    const gchar *connector_name = nullptr, *a = nullptr, *b = nullptr, *c = nullptr;
+    g_variant_iter_next(monitor_ids, "(&s&s&s&s)", &connector_name, &a, &b, &c);
     GVariantBuilder assigned;
     g_variant_builder_init(&assigned, G_VARIANT_TYPE("a(ssa{sv})"));
-    g_variant_builder_add(&assigned, "(ss@a{sv})", spec_connector, modes[spec_connector].c_str(),
+    g_variant_builder_add(&assigned, "(ss@a{sv})", connector_name, modes[connector_name].c_str(),
                           g_variant_new_array(G_VARIANT_TYPE("{sv}"), nullptr, 0));
     g_variant_builder_add(&layout, "(iidub@a(ssa{sv}))", x, primary ? y : y + dy, scale, transform,
                           primary, g_variant_builder_end(&assigned));
-    g_variant_iter_free(specs);
+    g_variant_iter_free(monitor_ids);
   }
   g_variant_iter_free(monitors);
   g_variant_iter_free(logical);
@@ -118,12 +119,7 @@ TEST(GnomeSessionTest, TheExtensionAnswersAndTheTwoMonitorsAreScreens) {
 }
 
 TEST(GnomeSessionTest, AnotherPeerIsRefusedAndSoNotTrusted) {
-  GCharPtr address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
-  auto other = GObjectPtr<GDBusConnection>::adopt(g_dbus_connection_new_for_address_sync(
-      address.get(),
-      GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-      nullptr, nullptr, nullptr));
+  auto other = NewPeerConnection();
   ASSERT_TRUE(other);
   GnomeShell shell(other.get());
   GnomeAccessibility accessibility(shell, "");

@@ -136,8 +136,8 @@ class Peer:
         current_mode = {monitor[0][0]: mode[0] for monitor in monitors for mode in monitor[1]
                         if mode[6].get("is-current")}
         layout = [(x, y + (0 if primary else dy), scale, transform, primary,
-                   [(specs[0][0], current_mode[specs[0][0]], {})])
-                  for x, y, scale, transform, primary, specs, _ in logical]
+                   [(monitor_ids[0][0], current_mode[monitor_ids[0][0]], {})])
+                  for x, y, scale, transform, primary, monitor_ids, _ in logical]
         # 1: temporary, not written to monitors.xml.
         display_config("ApplyMonitorsConfig", GLib.Variant(
             "(uua(iiduba(ssa{sv}))a{sv})", (serial, 1, layout, {})))

@@ -8,6 +8,7 @@
 #include "desktop/session/RunningInstance.h"
 
 #include "support/LogCapture.h"
+#include "support/PeerConnection.h"
 #include "support/TempDir.h"
 
 #include <fcntl.h>
@@ -98,13 +99,7 @@ bool ClaimName(GDBusConnection* connection, const char* method) {
 
 TEST(RunningInstanceTest, OwnerOfTheApplicationNameIsTheRunningInstance) {
   EXPECT_EQ(RunningInstancePid(), std::nullopt);
-  GCharPtr address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
-  ASSERT_TRUE(address);
-  auto connection = GObjectPtr<GDBusConnection>::adopt(g_dbus_connection_new_for_address_sync(
-      address.get(),
-      GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-      nullptr, nullptr, nullptr));
+  auto connection = NewPeerConnection();
   ASSERT_TRUE(connection);
   ASSERT_TRUE(ClaimName(connection.get(), "RequestName"));
   EXPECT_EQ(RunningInstancePid(), int(getpid()));

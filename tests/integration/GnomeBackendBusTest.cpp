@@ -11,6 +11,7 @@
 
 #include "support/LogCapture.h"
 #include "support/MainLoop.h"
+#include "support/PeerConnection.h"
 #include "support/StandInShell.h"
 
 #include <cmath>
@@ -342,12 +343,7 @@ TEST(GnomeBackendBusTest, HotkeysAreDispatchedByNameOnlyFromTheShellsOwner) {
   EXPECT_EQ(fired, (std::vector<std::string>{"quote 4321"}));
 
   // A second connection on the same bus forges the signal: ignored.
-  GCharPtr address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
-  auto forger = GObjectPtr<GDBusConnection>::adopt(g_dbus_connection_new_for_address_sync(
-      address.get(),
-      GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-      nullptr, nullptr, nullptr));
+  auto forger = NewPeerConnection();
   ASSERT_TRUE(forger);
   for (const char* destination : {me.c_str(), (const char*)nullptr})
     g_dbus_connection_emit_signal(forger.get(), destination, GnomeShell::kPath,
@@ -454,12 +450,7 @@ TEST(GnomeBackendBusTest, MonitorsAreKeptUntilTheShellSaysTheyChanged) {
   std::string me = g_dbus_connection_get_unique_name(bus.get());
 
   // Another peer's MonitorsChanged is ignored, and said.
-  GCharPtr address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
-  auto forger = GObjectPtr<GDBusConnection>::adopt(g_dbus_connection_new_for_address_sync(
-      address.get(),
-      GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-      nullptr, nullptr, nullptr));
+  auto forger = NewPeerConnection();
   ASSERT_TRUE(forger);
   stand_in.answer("Monitors", kMovedMonitors);
   g_dbus_connection_emit_signal(forger.get(), me.c_str(), GnomeShell::kPath, GnomeShell::kInterface,

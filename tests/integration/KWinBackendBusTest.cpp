@@ -9,6 +9,7 @@
 
 #include "support/LogCapture.h"
 #include "support/MainLoop.h"
+#include "support/PeerConnection.h"
 #include "support/TempDir.h"
 
 #include <atomic>
@@ -27,12 +28,7 @@ GObjectPtr<GDBusConnection> Bus() {
 // takes and gives back a well-known name.
 class NameHolder {
 public:
-  NameHolder()
-      : bus_(GObjectPtr<GDBusConnection>::adopt(g_dbus_connection_new_for_address_sync(
-            g_getenv("DBUS_SESSION_BUS_ADDRESS"),
-            GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                 G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-            nullptr, nullptr, nullptr))) {}
+  NameHolder() : bus_(NewPeerConnection()) {}
   bool call(const char* method, const std::string& name) {
     GVariant* reply = g_dbus_connection_call_sync(
         bus_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", method,
@@ -188,12 +184,7 @@ private:
   void run() {
     GMainContext* context = g_main_context_new();
     g_main_context_push_thread_default(context);
-    GCharPtr address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
-    auto bus = GObjectPtr<GDBusConnection>::adopt(g_dbus_connection_new_for_address_sync(
-        address.get(),
-        GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                             G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, nullptr));
+    auto bus = NewPeerConnection();
     GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(
         R"(<node><interface name="org.kde.kwin.Scripting">
              <method name="loadScript"><arg type="s" direction="in"/><arg type="s" direction="in"/>

@@ -11,6 +11,7 @@
 #include "support/LogCapture.h"
 #include "support/MainLoop.h"
 #include "support/NativeWindowProcess.h"
+#include "support/PeerConnection.h"
 #include "support/TempDir.h"
 
 #include "base/Text.h"
@@ -29,16 +30,6 @@ namespace {
 
 GObjectPtr<GDBusConnection> SessionBusConnection() {
   return GObjectPtr<GDBusConnection>::adopt(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
-}
-
-// A second, separate connection: another peer on the bus.
-GObjectPtr<GDBusConnection> OtherPeer() {
-  GCharPtr address(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, nullptr));
-  return GObjectPtr<GDBusConnection>::adopt(g_dbus_connection_new_for_address_sync(
-      address.get(),
-      GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-      nullptr, nullptr, nullptr));
 }
 
 std::string UniqueTitle(const std::string& what) {
@@ -105,7 +96,7 @@ TEST(KWinScriptingSessionTest, AnAnswerFromAPeerThatIsNotKWinIsIgnored) {
   std::thread forger([&] {
     GMainContext* context = g_main_context_new();
     g_main_context_push_thread_default(context);
-    auto peer = OtherPeer();
+    auto peer = NewPeerConnection();
     while (!stop) {
       GError* error = nullptr;
       GVariant* reply = g_dbus_connection_call_sync(
@@ -344,7 +335,7 @@ TEST_F(PortalHotkeysSessionTest, TheFourAreBoundAndAltBFiresSummonWithANativeApp
 TEST_F(PortalHotkeysSessionTest, AnActivatedSignalFromAnotherPeerIsIgnored) {
   PortalHotkeys hotkeys(bus.get());
   ASSERT_EQ(hotkeys.bindAll(requests()), (std::vector<bool>{true, true, true, true}));
-  auto peer = OtherPeer();
+  auto peer = NewPeerConnection();
   ASSERT_TRUE(peer);
   const char* portal_path = "/org/freedesktop/portal/desktop";
   const char* interface = "org.freedesktop.portal.GlobalShortcuts";

@@ -20,6 +20,7 @@ const HOTKEY_NAMES = ['summon', 'quote', 'friend-quote', 'talk'];
 const COPY_CHORDS = new Map([['ctrl-c', false], ['ctrl-shift-c', true]]); // name -> with Shift
 
 const MOVE_RESIZE_WAIT_MS = 1000;
+const FIRST_SHOW_WAIT_MS = 2000;
 const MODIFIER_WAIT_MS = 500;
 const MODIFIER_POLL_MS = 20;
 const TEXT_READ_WAIT_MS = 2000;
@@ -292,6 +293,44 @@ class OrvaneShellService {
         });
     }
 
+    // The shell lists a Wayland window from the moment its client makes it,
+    // and places it itself when it first shows it, over any frame set
+    // before. A window not shown yet (its actor hidden, though it is neither
+    // minimised nor on another workspace) runs `then` once it has been
+    // shown, or after FIRST_SHOW_WAIT_MS for a client that never draws;
+    // `otherwise` runs instead once the window is gone or the extension is
+    // disabled.
+    _whenShown(window, then, otherwise = () => {}) {
+        const actor = window.get_compositor_private();
+        const workspace = global.workspace_manager.get_active_workspace();
+        if (!actor || actor.visible || window.minimized || !window.located_on_workspace(workspace)) {
+            then();
+            return;
+        }
+        const signals = [];
+        let timer = 0;
+        const end = run => {
+            for (const signal of signals)
+                window.disconnect(signal);
+            signals.length = 0;
+            this._clearTimeout(timer);
+            this._pendingWaits.delete(cancel);
+            if (run)
+                then();
+            else
+                otherwise();
+        };
+        const cancel = () => end(false);
+        signals.push(window.connect('shown', () => end(true)));
+        signals.push(window.connect('unmanaged', cancel));
+        this._pendingWaits.add(cancel);
+        timer = this._timeout('first show wait', FIRST_SHOW_WAIT_MS, () => {
+            timer = 0;
+            end(true);
+            return GLib.SOURCE_REMOVE;
+        });
+    }
+
     _windowList(windows) {
         return new GLib.Variant('(aa{sv})', [windows.map(w => this._windowVariant(w).deepUnpack())]);
     }
@@ -454,12 +493,13 @@ class OrvaneShellService {
                 }
                 if (pid > 0 && window.get_pid() === pid) {
                     finished = true;
-                    window.move_resize_frame(true, x, y, width, height);
                     invocation.return_value(GLib.Variant.new_tuple(
                         [GLib.Variant.new_boolean(true), this._windowVariant(window)]));
+                    this._whenShown(window,
+                        () => window.move_resize_frame(true, x, y, width, height));
                     return;
                 }
-                wait();
+                this._whenShown(window, wait, () => finish(false));
             });
         });
     }

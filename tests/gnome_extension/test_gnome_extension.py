@@ -195,6 +195,66 @@ def test_move_resize_leaves_maximized_and_full_screen_first(gnome, owner, native
     assert ok is True and moved["full_screen"] is False and frame(moved) == target
 
 
+def start_held_window(gnome: GnomeSession, state: Path, hold_ms: int, *target: int) -> subprocess.Popen:
+    """held_window.py: a window the shell lists some time before it is shown."""
+    env = gnome.command_env()
+    env["GDK_BACKEND"] = "wayland"
+    return subprocess.Popen([PYTHON, str(HERE / "held_window.py"), str(state), str(hold_ms),
+                             *map(str, target)], env=env, stdin=subprocess.DEVNULL,
+                            start_new_session=True)
+
+
+def stop_held_window(client: subprocess.Popen) -> None:
+    client.terminate()
+    try:
+        client.wait(5)
+    except subprocess.TimeoutExpired:
+        client.kill()
+        client.wait(5)
+
+
+def test_a_frame_asked_before_the_shell_shows_a_window_is_where_it_is_shown(gnome, owner, tmp_path):
+    # The shell places a window when it first shows it; a frame set before
+    # that would be overridden by the shell's own placement.
+    client = start_held_window(gnome, tmp_path / "held", 1500)
+    try:
+        wait_until(lambda: (tmp_path / "held" / "held.json").exists(), timeout=15,
+                   what="held_window.py to hold its first frame")
+        listed = wait_until(lambda: owner.call("WindowsOfPid", "(i)", client.pid)[0], timeout=5,
+                            what="the held window in the shell's list")
+        assert (listed[0]["width"], listed[0]["height"]) == (0, 0), "shown before the move"
+        target = (1600 + 150, 120, 500, 350)
+        ok, moved = owner.call("MoveResize", "(tiiii)", listed[0]["id"], *target)
+        assert ok is True and frame(moved) == target
+        (read_back,) = owner.call("Window", "(t)", listed[0]["id"])
+        assert frame(read_back) == target
+    finally:
+        stop_held_window(client)
+
+
+def test_the_callers_own_window_asked_a_frame_before_it_is_shown_is_shown_there(gnome, owner, tmp_path):
+    owner.release()
+    state = tmp_path / "own"
+    target = (1600 + 300, 200, 450, 320)
+    client = start_held_window(gnome, state, 1000, *target)
+    try:
+        moved = wait_until(lambda: json.loads((state / "moved.json").read_text()), timeout=15,
+                           what="held_window.py's MoveResize answer")
+        assert moved.get("error") is None, moved
+        assert moved["pid"] == client.pid and moved["ok"] is True
+        shown = wait_until(lambda: tuple(json.loads((state / "frame.json").read_text())) == target,
+                           timeout=5, what="the held window shown at the frame it asked for")
+        assert shown
+        # It stays there: the shell's placement came before the move.
+        time.sleep(0.3)
+        assert tuple(json.loads((state / "frame.json").read_text())) == target
+    finally:
+        stop_held_window(client)
+        wait_until(lambda: not gnome.name_has_owner(ORVANE_NAME), timeout=5,
+                   what="held_window.py to let go of the name")
+        owner.own()
+
+
 def test_primary_text_after_ctrl_a_in_a_native_entry(gnome, owner, native):
     native(text="primary words from GTK", title="Orvane GNOME primary")
     gnome.press("ctrl+a")

@@ -433,16 +433,25 @@ TEST(GnomeBackendBusTest, AShellThatRestartsGetsTheHotkeysBoundAgainAndOnlyItsSi
 const char* const kMovedMonitors =
     "([(0, 0, 1600, 1000, 0, 32, 1600, 968), (1600, 100, 1280, 800, 1600, 100, 1280, 800)], 0)";
 
+// A stand-in shell whose extension has the given interface version and
+// answers kMonitors, and the screens read through it once the watch of the
+// shell's owner has reported (nothing is asked before the loop runs).
+struct ScreensOfAStandIn {
+  explicit ScreensOfAStandIn(unsigned version) {
+    stand_in.answer("Version", "(uint32 " + std::to_string(version) + ",)");
+    stand_in.answer("Monitors", kMonitors);
+    SpinFor(0.2);
+  }
+  StandInShell stand_in;
+  GObjectPtr<GDBusConnection> bus = Bus();
+  GnomeShell shell{bus.get(), Quick()};
+  GnomeScreens screens{shell};
+};
+
 TEST(GnomeBackendBusTest, MonitorsAreKeptUntilTheShellSaysTheyChanged) {
   LogCapture log;
-  StandInShell stand_in;
-  stand_in.answer("Version", "(uint32 2,)");
-  stand_in.answer("Monitors", kMonitors);
-  auto bus = Bus();
-  GnomeShell shell(bus.get(), Quick());
-  GnomeScreens screens(shell);
-  // The watch of the shell's owner reports first.
-  SpinFor(0.2);
+  ScreensOfAStandIn kept(2);
+  auto& [stand_in, bus, shell, screens] = kept;
   for (int i = 0; i < 5; ++i)
     ASSERT_EQ(screens.screens().size(), 2u);
   EXPECT_EQ(stand_in.callsOf("Monitors"), 1u);
@@ -479,13 +488,8 @@ TEST(GnomeBackendBusTest, MonitorsAreKeptUntilTheShellSaysTheyChanged) {
 }
 
 TEST(GnomeBackendBusTest, AnOlderExtensionsMonitorsAreAskedEveryTime) {
-  StandInShell stand_in;
-  stand_in.answer("Version", "(uint32 1,)");
-  stand_in.answer("Monitors", kMonitors);
-  auto bus = Bus();
-  GnomeShell shell(bus.get(), Quick());
-  GnomeScreens screens(shell);
-  SpinFor(0.2);
+  ScreensOfAStandIn asked(1);
+  auto& [stand_in, bus, shell, screens] = asked;
   for (int i = 0; i < 3; ++i)
     ASSERT_EQ(screens.screens().size(), 2u);
   EXPECT_EQ(stand_in.callsOf("Monitors"), 3u);

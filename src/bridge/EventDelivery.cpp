@@ -17,15 +17,6 @@ std::string Json(const Event& event) {
   return event.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-constexpr char kSingleHead[] = "window.panelEvent && window.panelEvent(";
-
-std::string SingleEventScript(std::string_view json) {
-  std::string script;
-  script.reserve(sizeof kSingleHead + json.size() + 1);
-  script.append(kSingleHead).append(json).append(")");
-  return script;
-}
-
 // A batch: an array whose entries are events, or runs of "claudeLine"
 // events of one turn written as [turn, the lines joined by "\n"] (a line
 // never holds a line feed), or an event that is itself an array, wrapped as
@@ -202,12 +193,6 @@ struct EventDelivery::Segment {
   bool in_run = false;
   std::string run_turn;
   std::string run_turn_json;
-  // The first event, to write it as a single-event script when it stays
-  // alone: its JSON text, or its escaped line (of the run's turn).
-  size_t first_begin = 0;
-  size_t first_end = 0;
-  bool first_is_line = false;
-  std::string first_turn_json;
 
   void reset() {
     script.clear();
@@ -238,49 +223,25 @@ struct EventDelivery::Segment {
       script.append(",\"");
       in_run = true;
     }
-    size_t begin = script.size();
     AppendEscaped(script, *event.line);
-    if (events++ == 0) {
-      first_is_line = true;
-      first_begin = begin;
-      first_end = script.size();
-      first_turn_json = run_turn_json;
-    }
+    ++events;
   }
   void addJson(const std::string& json, bool is_array) {
     closeRun();
     startEntry();
     if (is_array)
       script.push_back('[');
-    size_t begin = script.size();
     script.append(json);
     if (is_array)
       script.push_back(']');
-    if (events++ == 0) {
-      first_is_line = false;
-      first_begin = begin;
-      first_end = begin + json.size();
-    }
+    ++events;
   }
   // The finished script, leaving the segment empty.
   std::string take() {
+    closeRun();
+    script.append(kBatchTail);
     std::string done;
-    if (events == 1) {
-      std::string_view first(script.data() + first_begin, first_end - first_begin);
-      if (first_is_line) {
-        std::string json;
-        json.reserve(first.size() + first_turn_json.size() + 40);
-        json.append("{\"line\":\"").append(first).append("\",\"turn\":");
-        json.append(first_turn_json).append(",\"type\":\"claudeLine\"}");
-        done = SingleEventScript(json);
-      } else {
-        done = SingleEventScript(first);
-      }
-    } else {
-      closeRun();
-      script.append(kBatchTail);
-      done.swap(script);
-    }
+    done.swap(script);
     reset();
     return done;
   }
@@ -314,7 +275,7 @@ void EventDelivery::pageCommitted(const PageRef& page) {
 }
 
 std::string EventDelivery::EventScript(const Event& event) {
-  return SingleEventScript(Json(event));
+  return "window.panelEvent && window.panelEvent(" + Json(event) + ")";
 }
 
 bool EventDelivery::isBackedUp() const {

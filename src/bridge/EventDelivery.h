@@ -60,8 +60,8 @@ public:
   // together when it closes (or when the script grows past the limit): a
   // burst of agent output reaches the page in one script evaluation per
   // read instead of one per line. The script hands every event to
-  // window.panelEvent in order, each exactly as a script of its own would,
-  // and a batch of one event is that script. Batches nest.
+  // window.panelEvent in order, each exactly as a script of its own would.
+  // Batches nest.
   void openBatch() { ++batch_depth_; }
   void closeBatch();
 

@@ -27,17 +27,11 @@ QuickPanel::QuickPanel(PanelWindow& window, WebPage& web, LibraryWindow& library
       server_check_(std::move(server_check)), show_gate_(scheduler) {
   // The end of the page's load (after its load event, or its failure) lets
   // a waiting showing through.
-  load_changed_handler_ =
-      g_signal_connect(web_.view(), "load-changed",
-                       G_CALLBACK(+[](WebKitWebView*, WebKitLoadEvent event, gpointer data) {
-                         if (event == WEBKIT_LOAD_FINISHED)
-                           static_cast<QuickPanel*>(data)->show_gate_.loadEnded();
-                       }),
-                       this);
+  web_.onLoadFinished([this] { show_gate_.loadEnded(); });
 }
 
 QuickPanel::~QuickPanel() {
-  g_signal_handler_disconnect(web_.view(), load_changed_handler_);
+  web_.onLoadFinished(nullptr);
 }
 
 void QuickPanel::showPanel() {

@@ -59,7 +59,6 @@ private:
   const Screens& screens_;
   PanelServerCheck server_check_;
   PanelShowGate show_gate_;
-  gulong load_changed_handler_ = 0;
   // The length of the selection in the page last loaded and not yet shown.
   std::optional<size_t> loaded_selection_length_;
 };

@@ -1,8 +1,8 @@
 #include "library/HttpTransfer.h"
 
 #include "base/GObjectPtr.h"
+#include "base/HttpResponseParser.h"
 #include "base/MainThread.h"
-#include "library/HttpResponseParser.h"
 
 #include <algorithm>
 #include <cerrno>

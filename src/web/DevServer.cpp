@@ -1,13 +1,13 @@
 #include "web/DevServer.h"
 
 #include "base/GObjectPtr.h"
+#include "base/HttpResponseParser.h"
 #include "base/SiteAddress.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <gio/gio.h>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -16,226 +16,10 @@ namespace orvane {
 
 namespace {
 
-// Caps on what a probed server may send before its answer counts as bad.
-constexpr size_t kMaxProbeLine = 16 * 1024;
-constexpr int kMaxProbeHeaders = 100;
+// Interim answers (100 Continue) a probed server may send before its real
+// one; more and it only stalls.
 constexpr int kMaxInterimAnswers = 4;
 constexpr int kMaxProbeRedirects = 5;
-// Lengths beyond this are refused before they could overflow.
-constexpr uint64_t kMaxProbeLength = uint64_t(1) << 56;
-
-// Reads one HTTP/1.1 answer as it arrives: its status, where it redirects,
-// and where it ends. The body is counted and dropped, so whatever the server
-// sends, the reader holds no more than one line.
-class ProbeAnswer {
-public:
-  enum class State { NeedMore, Done, Failed };
-
-  State feed(std::string_view bytes) {
-    while (!bytes.empty() && state_ == State::NeedMore) {
-      if (step_ == Step::LengthBody || step_ == Step::ChunkData) {
-        size_t take = size_t(std::min<uint64_t>(remaining_, bytes.size()));
-        bytes.remove_prefix(take);
-        remaining_ -= take;
-        if (remaining_ == 0) {
-          if (step_ == Step::LengthBody)
-            state_ = State::Done;
-          else
-            step_ = Step::ChunkEnd;
-        }
-        continue;
-      }
-      if (step_ == Step::BodyToEnd)
-        return state_;
-      size_t end = bytes.find('\n');
-      size_t take = end == std::string_view::npos ? bytes.size() : end;
-      if (line_.size() + take > kMaxProbeLine + 1)
-        return state_ = State::Failed;
-      line_.append(bytes.data(), take);
-      if (end == std::string_view::npos)
-        return state_;
-      bytes.remove_prefix(end + 1);
-      if (!line_.empty() && line_.back() == '\r')
-        line_.pop_back();
-      takeLine();
-      line_.clear();
-    }
-    return state_;
-  }
-
-  // The server closed the connection: an answer that runs to its end is
-  // complete now, any other unfinished one has failed.
-  State finish() {
-    if (state_ == State::NeedMore)
-      state_ = step_ == Step::BodyToEnd ? State::Done : State::Failed;
-    return state_;
-  }
-
-  int status() const { return status_; }
-  const std::string& location() const { return location_; }
-  // The final answer's head has arrived: its status stands even when its
-  // body then fails, as an interrupted transfer still has its response.
-  bool headArrived() const { return head_arrived_; }
-
-private:
-  enum class Step {
-    StatusLine,
-    HeaderLine,
-    LengthBody,
-    ChunkSize,
-    ChunkData,
-    ChunkEnd,
-    Trailer,
-    BodyToEnd
-  };
-
-  static bool ParseLength(std::string_view text, int base, uint64_t& value) {
-    if (text.empty())
-      return false;
-    value = 0;
-    for (char c : text) {
-      int digit = g_ascii_xdigit_value(c);
-      if (digit < 0 || digit >= base)
-        return false;
-      value = value * uint64_t(base) + uint64_t(digit);
-      if (value > kMaxProbeLength)
-        return false;
-    }
-    return true;
-  }
-
-  static std::string_view Trimmed(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t'))
-      text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t'))
-      text.remove_suffix(1);
-    return text;
-  }
-
-  void takeLine() {
-    switch (step_) {
-    case Step::StatusLine:
-      statusLine();
-      break;
-    case Step::HeaderLine:
-      headerLine();
-      break;
-    case Step::ChunkSize: {
-      std::string_view size = Trimmed(std::string_view(line_).substr(0, line_.find(';')));
-      if (!ParseLength(size, 16, remaining_))
-        state_ = State::Failed;
-      else if (remaining_ == 0)
-        step_ = Step::Trailer;
-      else
-        step_ = Step::ChunkData;
-      break;
-    }
-    case Step::ChunkEnd:
-      if (!line_.empty())
-        state_ = State::Failed;
-      else
-        step_ = Step::ChunkSize;
-      break;
-    case Step::Trailer:
-      if (line_.empty())
-        state_ = State::Done;
-      else if (++header_lines_ > kMaxProbeHeaders)
-        state_ = State::Failed;
-      break;
-    default:
-      break;
-    }
-  }
-
-  void statusLine() {
-    // "HTTP/1.1 200 OK": the version, a space, three digits, then a space
-    // and the reason, or nothing.
-    std::string_view line = line_;
-    size_t space = line.find(' ');
-    std::string_view code = space == std::string_view::npos ? "" : line.substr(space + 1);
-    if (line.rfind("HTTP/", 0) != 0 || code.size() < 3 || code[0] < '1' || code[0] > '9' ||
-        !g_ascii_isdigit(code[1]) || !g_ascii_isdigit(code[2]) ||
-        (code.size() > 3 && code[3] != ' ')) {
-      state_ = State::Failed;
-      return;
-    }
-    status_ = (code[0] - '0') * 100 + (code[1] - '0') * 10 + (code[2] - '0');
-    header_lines_ = 0;
-    length_.reset();
-    bad_length_ = false;
-    chunked_ = false;
-    location_.clear();
-    step_ = Step::HeaderLine;
-  }
-
-  void headerLine() {
-    if (line_.empty()) {
-      headEnded();
-      return;
-    }
-    if (++header_lines_ > kMaxProbeHeaders) {
-      state_ = State::Failed;
-      return;
-    }
-    size_t colon = line_.find(':');
-    if (colon == std::string::npos)
-      return;
-    GCharPtr name(g_ascii_strdown(line_.data(), gssize(colon)));
-    std::string_view value = Trimmed(std::string_view(line_).substr(colon + 1));
-    if (std::string_view(name.get()) == "content-length") {
-      uint64_t length = 0;
-      // A bad length, or two different ones: no telling where the body ends.
-      if (!ParseLength(value, 10, length) || (length_ && *length_ != length))
-        bad_length_ = true;
-      length_ = length;
-    } else if (std::string_view(name.get()) == "transfer-encoding") {
-      GCharPtr lower(g_ascii_strdown(value.data(), gssize(value.size())));
-      chunked_ = std::string_view(lower.get()).find("chunked") != std::string_view::npos;
-    } else if (std::string_view(name.get()) == "location") {
-      location_ = value;
-    }
-  }
-
-  void headEnded() {
-    if (status_ < 200) {
-      // An interim answer (100 Continue); the real one follows, unless the
-      // server only stalls with them.
-      step_ = Step::StatusLine;
-      if (++interim_answers_ > kMaxInterimAnswers)
-        state_ = State::Failed;
-      return;
-    }
-    head_arrived_ = true;
-    if (bad_length_) {
-      state_ = State::Failed;
-    } else if (status_ == 204 || status_ == 304) {
-      state_ = State::Done;
-    } else if (chunked_) {
-      step_ = Step::ChunkSize;
-    } else if (length_) {
-      remaining_ = *length_;
-      if (remaining_ == 0)
-        state_ = State::Done;
-      else
-        step_ = Step::LengthBody;
-    } else {
-      step_ = Step::BodyToEnd;
-    }
-  }
-
-  State state_ = State::NeedMore;
-  Step step_ = Step::StatusLine;
-  std::string line_;
-  int status_ = 0;
-  int header_lines_ = 0;
-  int interim_answers_ = 0;
-  std::optional<uint64_t> length_;
-  bool bad_length_ = false;
-  bool head_arrived_ = false;
-  bool chunked_ = false;
-  uint64_t remaining_ = 0;
-  std::string location_;
-};
 
 // Runs `context` until the pollable stream's `source` (attached to it
 // here) fires or the monotonic clock passes `until`; true when it fired.
@@ -268,7 +52,7 @@ bool WaitForSource(GMainContext* context, GSource* source, gint64 until) {
   return fired;
 }
 
-bool IsRedirect(int status) {
+bool IsRedirect(long status) {
   return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
 }
 
@@ -286,7 +70,7 @@ enum class Exchange { Answered, Failed };
 // One request on a fresh connection to `uri`: GET and read the answer, all
 // by `deadline`; every wait for the server also ends after the request
 // time-out without a byte. Answered when the answer's status is known.
-Exchange ProbeOnce(GUri* uri, gint64 deadline, ProbeAnswer& answer) {
+Exchange ProbeOnce(GUri* uri, gint64 deadline, HttpResponseParser& answer) {
   const char* scheme = g_uri_get_scheme(uri);
   bool secure = g_ascii_strcasecmp(scheme, "https") == 0;
   if (!secure && g_ascii_strcasecmp(scheme, "http") != 0)
@@ -358,7 +142,7 @@ Exchange ProbeOnce(GUri* uri, gint64 deadline, ProbeAnswer& answer) {
   // ends, or no byte has come for the request time-out; whatever status
   // had arrived by then stands. Only the end of the wait leaves none.
   char buffer[16384];
-  while (answer.feed({}) == ProbeAnswer::State::NeedMore) {
+  while (answer.feed({}) == HttpResponseParser::State::NeedMore) {
     GErrorPtr error;
     gssize got =
         g_pollable_input_stream_read_nonblocking(in, buffer, sizeof buffer, nullptr, error.out());
@@ -375,8 +159,9 @@ Exchange ProbeOnce(GUri* uri, gint64 deadline, ProbeAnswer& answer) {
       break;
     }
   }
-  return answer.finish() == ProbeAnswer::State::Done || answer.headArrived() ? Exchange::Answered
-                                                                             : Exchange::Failed;
+  return answer.finish() == HttpResponseParser::State::Done || answer.headArrived()
+             ? Exchange::Answered
+             : Exchange::Failed;
 }
 
 } // namespace
@@ -396,14 +181,20 @@ bool ServerIsUp(const std::string& site_address) {
   // Redirects are followed, as a browser would, within the same wait (and
   // on this machine only).
   for (int hop = 0; uri && hop <= kMaxProbeRedirects; ++hop) {
-    ProbeAnswer answer;
+    // The answer is read to its end, but only its status and where it
+    // redirects matter: the body is counted and dropped, so however long
+    // the server keeps sending, the probe holds no more than one head.
+    HttpResponseParser answer(HttpResponseParser::Body::Drop, kMaxInterimAnswers);
     if (ProbeOnce(uri, deadline, answer) != Exchange::Answered)
       break;
-    if (!IsRedirect(answer.status()) || answer.location().empty()) {
+    const HttpResponse& response = answer.response();
+    auto location = response.headers.find("location");
+    if (!IsRedirect(response.status) || location == response.headers.end() ||
+        location->second.empty()) {
       g_uri_unref(uri);
-      return answer.status() == 200;
+      return response.status == 200;
     }
-    GUri* next = g_uri_parse_relative(uri, answer.location().c_str(), G_URI_FLAGS_ENCODED, nullptr);
+    GUri* next = g_uri_parse_relative(uri, location->second.c_str(), G_URI_FLAGS_ENCODED, nullptr);
     g_uri_unref(uri);
     uri = next;
     // Only to this machine: a name elsewhere would be looked up, and that

@@ -23,10 +23,15 @@ WebPage::WebPage(WebKitWebView* view) : view_(view) {
   load_changed_handler_ =
       g_signal_connect(view_, "load-changed",
                        G_CALLBACK(+[](WebKitWebView* v, WebKitLoadEvent event, gpointer data) {
-                         if (event != WEBKIT_LOAD_COMMITTED)
-                           return;
-                         const gchar* uri = webkit_web_view_get_uri(v);
-                         static_cast<WebPage*>(data)->committed_address_ = uri ? uri : "";
+                         auto* self = static_cast<WebPage*>(data);
+                         if (event == WEBKIT_LOAD_COMMITTED) {
+                           const gchar* uri = webkit_web_view_get_uri(v);
+                           self->committed_address_ = uri ? uri : "";
+                         } else if (event == WEBKIT_LOAD_FINISHED && self->load_finished_) {
+                           // A copy: the call may replace the listener.
+                           std::function<void()> finished = self->load_finished_;
+                           finished();
+                         }
                        }),
                        this);
   terminated_handler_ = g_signal_connect(

@@ -3,6 +3,8 @@
 
 #include "bridge/Page.h"
 
+#include <functional>
+#include <string>
 #include <webkit2/webkit2.h>
 
 namespace orvane {
@@ -40,6 +42,10 @@ public:
   // the site's origin).
   void loadHtml(const std::string& html);
   bool hasLoadedAnything() const;
+  // `finished` runs each time a load of the view finishes
+  // (WEBKIT_LOAD_FINISHED, which also ends a failed load). One at a time: a
+  // new one replaces the last, and an empty one stops them.
+  void onLoadFinished(std::function<void()> finished) { load_finished_ = std::move(finished); }
 
   WebKitWebView* view() const { return view_; }
   GtkWidget* widget() const { return GTK_WIDGET(view_); }
@@ -47,6 +53,7 @@ public:
 private:
   WebKitWebView* view_;
   std::string committed_address_;
+  std::function<void()> load_finished_;
   gulong load_changed_handler_ = 0;
   gulong terminated_handler_ = 0;
 };

@@ -1,7 +1,8 @@
 // A server's answer to an upload, in pieces of any size: the reading never
 // throws, holds no more than its caps, reads the same however the bytes are
-// cut, and never reports a body of another length than the one declared.
-#include "library/HttpResponseParser.h"
+// cut, and never reports a body of another length than the one declared;
+// dropping the body instead of keeping it changes nothing else.
+#include "base/HttpResponseParser.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -55,6 +56,33 @@ void CheckAnswer(const HttpResponse& answer) {
   }
 }
 
+// A parser that drops the body reads the same answer in the same pieces,
+// holding none of its body: only the keeping parser's body cap can part
+// them, and after that the dropping one reads on.
+void CheckDropping(std::string_view bytes, size_t piece, const HttpResponseParser& keeping) {
+  HttpResponseParser dropping(HttpResponseParser::Body::Drop);
+  for (size_t at = 0; at < bytes.size(); at += piece)
+    dropping.feed(bytes.substr(at, piece));
+  if (dropping.state() == HttpResponseParser::State::NeedMore)
+    dropping.finish();
+  if (dropping.state() == HttpResponseParser::State::NeedMore || !dropping.response().body.empty())
+    std::abort();
+  if (keeping.state() == HttpResponseParser::State::Failed &&
+      keeping.error() == "The server's answer is too long")
+    return;
+  if (dropping.state() != keeping.state() || dropping.error() != keeping.error() ||
+      dropping.headArrived() != keeping.headArrived() ||
+      dropping.bodyLength() != keeping.bodyLength())
+    std::abort();
+  if (keeping.headArrived() && (dropping.response().status != keeping.response().status ||
+                                dropping.response().headers != keeping.response().headers))
+    std::abort();
+  if (keeping.state() == HttpResponseParser::State::Done &&
+      (keeping.bodyLength() != keeping.response().body.size() ||
+       dropping.response().declared_length != keeping.response().declared_length))
+    std::abort();
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -77,6 +105,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     bool done = parser.state() == HttpResponseParser::State::Done;
     if (done != whole.response.has_value())
       std::abort();
+    CheckDropping(bytes, piece, parser);
     if (!done) {
       if (parser.error().empty() || parser.error() != whole.error)
         std::abort();

@@ -212,6 +212,24 @@ TEST(DevServerProbeTest, AnAnswerThatNeverEndsIsDownAfterTheWait) {
   EXPECT_FALSE(ServerIsUp(SiteOf(server)));
 }
 
+TEST(DevServerProbeTest, ABodyThatNeverEndsAtFullSpeedIsDownAfterTheWait) {
+  // Megabytes a second and no end, without a length and with one far too
+  // large to arrive: the probe reads (and drops) it until the wait is over,
+  // and the answer never counts as whole.
+  for (std::string head :
+       {std::string("HTTP/1.1 200 OK\r\n\r\n"),
+        std::string("HTTP/1.1 200 OK\r\nContent-Length: 1000000000000\r\n\r\n")}) {
+    RawServer server([head](RawServer& self, int client, const std::string&) {
+      if (!RawServer::Send(client, head))
+        return;
+      const std::string piece(64 * 1024, 'x');
+      while (!self.stopping() && RawServer::Send(client, piece)) {
+      }
+    });
+    EXPECT_FALSE(ServerIsUp(SiteOf(server))) << head;
+  }
+}
+
 TEST(DevServerProbeTest, ASilentConnectionIsDownAfterTheWait) {
   RawServer server([](RawServer& self, int, const std::string&) { self.holdOpen(); });
   EXPECT_FALSE(ServerIsUp(SiteOf(server)));

@@ -160,26 +160,6 @@ Event Line(const std::string& turn, const std::string& line) {
   return {{"type", "claudeLine"}, {"turn", turn}, {"line", line}};
 }
 
-TEST(EventBatchTest, EventsOfABatchReachEachPageInOneScriptInOrder) {
-  EventDelivery events;
-  auto library = std::make_shared<FakePage>();
-  auto sparring = std::make_shared<FakePage>();
-  events.setPrimaryWeb(sparring);
-  events.openBatch();
-  events.sendEvent(Line("t", "1"));
-  events.sendEvent(Line("t", "2 \"quoted\""));
-  events.sendEvent({{"type", "friendQuote"}}, library);
-  events.sendEvent(Line("t", "3"));
-  EXPECT_TRUE(sparring->scripts.empty());
-  events.closeBatch();
-  ASSERT_EQ(sparring->scripts.size(), 1u);
-  EXPECT_THAT(sparring->events(),
-              ElementsAre(Line("t", "1"), Line("t", "2 \"quoted\""), Line("t", "3")));
-  // A batch of one event is the script of that event alone.
-  EXPECT_EQ(library->scripts,
-            std::vector<std::string>{EventDelivery::EventScript({{"type", "friendQuote"}})});
-}
-
 // Every kind of entry a batch holds, in one script, in order: runs of lines
 // of one turn and of another, a line that cannot travel in a run (it holds
 // a line feed, or bytes that are not UTF-8), other events, and an event
@@ -239,6 +219,28 @@ std::vector<Event> AsSeparateScriptsWouldHandThem(const std::vector<Event>& sent
   return expected;
 }
 
+TEST(EventBatchTest, EventsOfABatchReachEachPageInOneScriptInOrder) {
+  EventDelivery events;
+  auto library = std::make_shared<FakePage>();
+  auto sparring = std::make_shared<FakePage>();
+  events.setPrimaryWeb(sparring);
+  events.openBatch();
+  events.sendEvent(Line("t", "1"));
+  events.sendEvent(Line("t", "2 \"quoted\""));
+  events.sendEvent({{"type", "friendQuote"}}, library);
+  events.sendEvent(Line("t", "3"));
+  EXPECT_TRUE(sparring->scripts.empty());
+  events.closeBatch();
+  ASSERT_EQ(sparring->scripts.size(), 1u);
+  EXPECT_THAT(sparring->events(),
+              ElementsAre(Line("t", "1"), Line("t", "2 \"quoted\""), Line("t", "3")));
+  // A batch of one event hands the page that event, as its own script would.
+  ASSERT_EQ(library->scripts.size(), 1u);
+  EXPECT_EQ(RunInJavaScript(library->scripts),
+            RunInJavaScript({EventDelivery::EventScript({{"type", "friendQuote"}})}));
+  EXPECT_THAT(library->events(), ElementsAre(Event{{"type", "friendQuote"}}));
+}
+
 TEST(EventBatchTest, ABatchHandsThePageEveryEventExactlyAsSeparateScriptsWould) {
   EventDelivery events;
   auto page = std::make_shared<FakePage>();
@@ -264,7 +266,7 @@ TEST(EventBatchTest, ABatchHandsThePageEveryEventExactlyAsSeparateScriptsWould) 
   g_object_unref(context);
 }
 
-TEST(EventBatchTest, ABatchOfOneLineIsExactlyThatLinesOwnScript) {
+TEST(EventBatchTest, ABatchOfOneLineHandsThePageWhatThatLinesOwnScriptWould) {
   for (const std::string& line :
        {std::string("plain"), std::string("q\"b\\c\x01\x7f\b\f\r\t"), std::string("é ✓ 😀"),
         std::string("NUL \0", 5), std::string(100, 'x')}) {
@@ -274,8 +276,11 @@ TEST(EventBatchTest, ABatchOfOneLineIsExactlyThatLinesOwnScript) {
     events.openBatch();
     events.sendEvent(Line("turn \"q\"", line));
     events.closeBatch();
-    EXPECT_EQ(page->scripts,
-              std::vector<std::string>{EventDelivery::EventScript(Line("turn \"q\"", line))});
+    ASSERT_EQ(page->scripts.size(), 1u);
+    std::vector<Event> alone =
+        RunInJavaScript({EventDelivery::EventScript(Line("turn \"q\"", line))});
+    EXPECT_EQ(RunInJavaScript(page->scripts), alone);
+    EXPECT_EQ(alone, AsSeparateScriptsWouldHandThem({Line("turn \"q\"", line)}));
   }
 }
 
@@ -333,7 +338,7 @@ TEST(EventBatchTest, ALineLargerThanTheScriptLimitGoesInAScriptOfItsOwn) {
   events.sendEvent(Line("t", "after"));
   events.closeBatch();
   ASSERT_EQ(page->scripts.size(), 3u);
-  EXPECT_EQ(page->scripts[1], EventDelivery::EventScript(Line("t", huge)));
+  EXPECT_EQ(RunInJavaScript({page->scripts[1]}), std::vector<Event>{Line("t", huge)});
   EXPECT_THAT(page->events(),
               ElementsAre(Line("t", "before"), Line("t", huge), Line("t", "after")));
 }

@@ -1,5 +1,6 @@
-// The upload client's reading of a server's answer, bytes in, answer out.
-#include "library/HttpResponseParser.h"
+// The reading of a server's HTTP/1.1 answer, bytes in, answer out: as the
+// upload client keeps it, and as the development server's probe drops its body.
+#include "base/HttpResponseParser.h"
 
 #include <gtest/gtest.h>
 
@@ -191,6 +192,99 @@ TEST(HttpResponseParserTest, NothingIsTakenAfterTheParserHasFailed) {
   EXPECT_EQ(parser.feed("HTTP/1.1 200 OK\r\n\r\n"), HttpResponseParser::State::Failed);
   EXPECT_EQ(parser.finish(), HttpResponseParser::State::Failed);
   EXPECT_EQ(parser.error(), "The server's answer was not HTTP");
+}
+
+// The whole answer fed in pieces of 64 KiB to a parser that drops the body.
+HttpResponseParser Dropping(const std::string& bytes, int interim_answers = 1) {
+  HttpResponseParser parser(HttpResponseParser::Body::Drop, interim_answers);
+  for (size_t at = 0; at < bytes.size(); at += 0x10000)
+    parser.feed(std::string_view(bytes).substr(at, 0x10000));
+  return parser;
+}
+
+TEST(HttpResponseParserTest, ADroppedBodyIsCountedAndNotHeld) {
+  const std::string big(3 * kMaxResponseBody, 'b');
+  HttpResponseParser by_length =
+      Dropping("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(big.size()) + "\r\n\r\n" +
+               big + "HTTP/1.1 500 No\r\n\r\n");
+  ASSERT_EQ(by_length.state(), HttpResponseParser::State::Done) << by_length.error();
+  EXPECT_EQ(by_length.response().status, 200);
+  EXPECT_EQ(by_length.response().declared_length, int64_t(big.size()));
+  EXPECT_EQ(by_length.bodyLength(), big.size());
+  EXPECT_EQ(by_length.response().body, "");
+
+  std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
+  for (int i = 0; i < 48; ++i)
+    chunked += "10000\r\n" + std::string(0x10000, 'c') + "\r\n";
+  HttpResponseParser by_chunks = Dropping(chunked + "0\r\nX-Trailer: t\r\n\r\n");
+  ASSERT_EQ(by_chunks.state(), HttpResponseParser::State::Done) << by_chunks.error();
+  EXPECT_EQ(by_chunks.bodyLength(), 48u * 0x10000);
+  EXPECT_EQ(by_chunks.response().body, "");
+  // The framing is checked as when the body is kept.
+  EXPECT_EQ(
+      Dropping("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n4\r\nbodyXX\r\n").error(),
+      "The server's answer has an invalid chunk");
+}
+
+TEST(HttpResponseParserTest, ABodyThatNeverEndsKeepsADroppingParserSmall) {
+  // A body without a length, 64 MiB and still coming: nothing of it is
+  // held, and the answer is complete only when the connection ends.
+  HttpResponseParser parser(HttpResponseParser::Body::Drop);
+  parser.feed("HTTP/1.1 200 OK\r\n\r\n");
+  const std::string piece(0x10000, 'x');
+  for (int i = 0; i < 1024; ++i)
+    ASSERT_EQ(parser.feed(piece), HttpResponseParser::State::NeedMore) << i;
+  EXPECT_TRUE(parser.headArrived());
+  EXPECT_EQ(parser.bodyLength(), 1024u * piece.size());
+  EXPECT_EQ(parser.response().body.capacity(), std::string().capacity());
+  EXPECT_EQ(parser.finish(), HttpResponseParser::State::Done);
+
+  // Lengths a dropping parser counts to, and those it refuses.
+  HttpResponseParser huge = Dropping(
+      "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(kMaxCountedBody) + "\r\n\r\nxyz");
+  EXPECT_EQ(huge.state(), HttpResponseParser::State::NeedMore);
+  EXPECT_EQ(huge.bodyLength(), 3u);
+  EXPECT_EQ(Dropping("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(kMaxCountedBody + 1) +
+                     "\r\n\r\n")
+                .error(),
+            "The server's answer is too long");
+  EXPECT_EQ(Dropping("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n"
+                     "fffffffffffffffffffffff\r\n")
+                .error(),
+            "The server's answer is too long");
+}
+
+TEST(HttpResponseParserTest, TheStatusOfAnArrivedHeadStandsWhenTheBodyFails) {
+  for (std::string answer : {"HTTP/1.1 200 OK\r\nContent-Length: 2\r\nContent-Length: 3\r\n\r\n[]",
+                             "HTTP/1.1 200 OK\r\nContent-Length: -1\r\n\r\n",
+                             "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\n"}) {
+    HttpResponseParser parser;
+    ASSERT_EQ(parser.feed(answer), HttpResponseParser::State::Failed) << answer;
+    EXPECT_TRUE(parser.headArrived()) << answer;
+    EXPECT_EQ(parser.response().status, 200) << answer;
+  }
+  // Not before the final head has ended.
+  for (std::string answer : {"HTTP/1.1 200 OK\r\nX: " + std::string(kMaxResponseLine, 'v') + "\r\n",
+                             std::string("HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 200 OK\r\n")}) {
+    HttpResponseParser parser;
+    parser.feed(answer);
+    parser.finish();
+    EXPECT_EQ(parser.state(), HttpResponseParser::State::Failed);
+    EXPECT_FALSE(parser.headArrived()) << answer.substr(0, 40);
+  }
+}
+
+TEST(HttpResponseParserTest, TheNumberOfInterimAnswersIsTheReadersChoice) {
+  std::string four;
+  for (int i = 0; i < 4; ++i)
+    four += "HTTP/1.1 100 Continue\r\n\r\n";
+  const std::string final_answer = "HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n";
+  EXPECT_EQ(Dropping(four + final_answer, 4).state(), HttpResponseParser::State::Done);
+  EXPECT_EQ(Dropping(four + "HTTP/1.1 103 Early Hints\r\n\r\n" + final_answer, 4).state(),
+            HttpResponseParser::State::Failed);
+  EXPECT_EQ(Dropping(final_answer, 0).state(), HttpResponseParser::State::Done);
+  EXPECT_EQ(Dropping("HTTP/1.1 100 Continue\r\n\r\n" + final_answer, 0).state(),
+            HttpResponseParser::State::Failed);
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-#include "library/HttpResponseParser.h"
+#include "base/HttpResponseParser.h"
 
 #include <algorithm>
 
@@ -46,10 +46,10 @@ std::string Lower(std::string_view text) {
   return lower;
 }
 
-// A length in digits of base 10 or 16. Values past the body cap are all
-// alike (too long), so nothing can overflow.
+// A length in digits of base 10 or 16. Values past `cap` are all alike (too
+// long), so nothing can overflow.
 enum class Length { Valid, Invalid, TooLong };
-Length ParseLength(std::string_view text, int base, uint64_t& value) {
+Length ParseLength(std::string_view text, int base, uint64_t cap, uint64_t& value) {
   if (text.empty())
     return Length::Invalid;
   value = 0;
@@ -60,7 +60,7 @@ Length ParseLength(std::string_view text, int base, uint64_t& value) {
       return Length::Invalid;
     if (!too_long) {
       value = value * uint64_t(base) + uint64_t(digit);
-      too_long = value > kMaxResponseBody;
+      too_long = value > cap;
     }
   }
   return too_long ? Length::TooLong : Length::Valid;
@@ -86,7 +86,7 @@ HttpResponseParser::State HttpResponseParser::done() {
 HttpResponseParser::State HttpResponseParser::feed(std::string_view bytes) {
   while (!bytes.empty() && state_ == State::NeedMore) {
     if (step_ == Step::LengthBody || step_ == Step::ChunkData || step_ == Step::BodyToEnd) {
-      bytes.remove_prefix(takeBody(bytes, remaining_));
+      bytes.remove_prefix(takeBody(bytes));
       continue;
     }
     bool complete = false;
@@ -180,6 +180,7 @@ void HttpResponseParser::statusLine() {
   response_.status = (code[0] - '0') * 100 + (code[1] - '0') * 10 + (code[2] - '0');
   response_.headers.clear();
   header_lines_ = 0;
+  lengths_differ_ = false;
   step_ = Step::HeaderLine;
 }
 
@@ -201,26 +202,30 @@ void HttpResponseParser::headerLine(bool trailer) {
   std::string name = Lower(std::string_view(line_).substr(0, colon));
   std::string value(Trimmed(std::string_view(line_).substr(colon + 1)));
   if (name == "content-length") {
+    // Two different lengths: no telling where the body ends. The answer
+    // fails once its head is complete, so that its status is known.
     auto earlier = response_.headers.find(name);
-    if (earlier != response_.headers.end() && earlier->second != value) {
-      // Two different lengths: no telling where the body ends.
-      fail(kBadLength);
-      return;
-    }
+    if (earlier != response_.headers.end() && earlier->second != value)
+      lengths_differ_ = true;
   }
   response_.headers[name] = std::move(value);
 }
 
 void HttpResponseParser::headEnded() {
   long status = response_.status;
-  if (status >= 100 && status < 200) {
-    // An interim answer (100 Continue); the real one follows. One is
-    // plenty: a server that keeps sending them is stalling.
-    if (interim_seen_) {
+  bool interim = status >= 100 && status < 200;
+  head_arrived_ = !interim;
+  if (lengths_differ_) {
+    fail(kBadLength);
+    return;
+  }
+  if (interim) {
+    // An interim answer (100 Continue); the real one follows. A server that
+    // keeps sending them is stalling.
+    if (interim_left_-- <= 0) {
       fail(kManyInterim);
       return;
     }
-    interim_seen_ = true;
     step_ = Step::StatusLine;
     return;
   }
@@ -252,7 +257,7 @@ void HttpResponseParser::headEnded() {
 
 bool HttpResponseParser::readLength(std::string_view text, int base, const char* invalid,
                                     uint64_t& value) {
-  switch (ParseLength(text, base, value)) {
+  switch (ParseLength(text, base, bodyCap(), value)) {
   case Length::Invalid:
     fail(invalid);
     return false;
@@ -277,7 +282,7 @@ void HttpResponseParser::chunkSizeLine() {
     step_ = Step::Trailer;
     return;
   }
-  if (size > kMaxResponseBody - response_.body.size()) {
+  if (size > bodyCap() - body_length_) {
     fail(kLongBody);
     return;
   }
@@ -285,19 +290,21 @@ void HttpResponseParser::chunkSizeLine() {
   step_ = Step::ChunkData;
 }
 
-size_t HttpResponseParser::takeBody(std::string_view bytes, uint64_t limit) {
+size_t HttpResponseParser::takeBody(std::string_view bytes) {
+  size_t take = bytes.size();
   if (step_ == Step::BodyToEnd) {
-    if (bytes.size() > kMaxResponseBody - response_.body.size()) {
+    if (take > bodyCap() - body_length_) {
       fail(kLongBody);
-      return bytes.size();
+      return take;
     }
-    response_.body.append(bytes.data(), bytes.size());
-    return bytes.size();
+  } else {
+    take = size_t(std::min<uint64_t>(remaining_, take));
+    remaining_ -= take;
   }
-  size_t take = size_t(std::min<uint64_t>(limit, bytes.size()));
-  response_.body.append(bytes.data(), take);
-  remaining_ -= take;
-  if (remaining_ == 0) {
+  if (keep_body_)
+    response_.body.append(bytes.data(), take);
+  body_length_ += take;
+  if (step_ != Step::BodyToEnd && remaining_ == 0) {
     if (step_ == Step::LengthBody)
       done();
     else

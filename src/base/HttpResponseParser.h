@@ -1,8 +1,8 @@
-// Reads a server's answer to an upload: bytes in, as they arrive, and out
-// the status, the headers and the body, or the reason the answer cannot be
+// Reads a server's HTTP/1.1 answer: bytes in, as they arrive, and out the
+// status, the headers and the body, or the reason the answer cannot be
 // trusted. Nothing here touches the network, so any byte sequence can be fed
-// to it; whatever it is fed, it holds at most one header line and one
-// capped body in memory.
+// to it; whatever it is fed, it holds at most one header line, the headers
+// of one head and, when it keeps the body, one capped body in memory.
 #pragma once
 
 #include <cstddef>
@@ -18,11 +18,14 @@ namespace orvane {
 inline constexpr size_t kMaxResponseLine = 16 * 1024; // one status or header line
 inline constexpr size_t kMaxResponseHeaders = 100;    // header lines in one head
 inline constexpr size_t kMaxResponseBody = 1024 * 1024;
+// The most body a parser that drops it will count: far more than any server
+// sends before the reader gives up waiting, and far from overflowing.
+inline constexpr uint64_t kMaxCountedBody = uint64_t(1) << 56;
 
 struct HttpResponse {
   long status = 0;
   std::map<std::string, std::string> headers; // lower-case names; the last of repeats
-  std::string body;
+  std::string body;                           // empty when the body is dropped
   // The body's length as the Content-Length header declared it, when the
   // body was framed by one.
   std::optional<int64_t> declared_length;
@@ -31,6 +34,16 @@ struct HttpResponse {
 class HttpResponseParser {
 public:
   enum class State { NeedMore, Done, Failed };
+  // Keep: the body is held, up to kMaxResponseBody. Drop: it is only
+  // counted (up to kMaxCountedBody), for a reader that wants the status and
+  // the end of the answer but not its body; memory stays bounded however
+  // long the body runs.
+  enum class Body { Keep, Drop };
+
+  // `interim_answers`: how many interim (1xx) answers may come before the
+  // final one; one more fails the answer.
+  explicit HttpResponseParser(Body body = Body::Keep, int interim_answers = 1)
+      : keep_body_(body == Body::Keep), interim_left_(interim_answers) {}
 
   // Takes the next bytes of the connection. Bytes after the end of the
   // answer are ignored.
@@ -40,8 +53,13 @@ public:
   State finish();
 
   State state() const { return state_; }
-  // Valid once Done.
+  // Valid once Done, and its status and headers once headArrived().
   const HttpResponse& response() const { return response_; }
+  // The head of the final answer has arrived: its status stands even when
+  // the body then fails, as an interrupted transfer still has its response.
+  bool headArrived() const { return head_arrived_; }
+  // Bytes of body read so far (held or dropped).
+  uint64_t bodyLength() const { return body_length_; }
   // Why the answer failed, once Failed.
   const std::string& error() const { return error_; }
 
@@ -71,16 +89,21 @@ private:
   // A body or chunk length in `base`; on a bad one the answer fails (with
   // `invalid`, or as too long) and false comes back.
   bool readLength(std::string_view text, int base, const char* invalid, uint64_t& value);
-  size_t takeBody(std::string_view bytes, uint64_t limit);
+  size_t takeBody(std::string_view bytes);
+  uint64_t bodyCap() const { return keep_body_ ? kMaxResponseBody : kMaxCountedBody; }
 
+  bool keep_body_;
+  int interim_left_;
   State state_ = State::NeedMore;
   Step step_ = Step::StatusLine;
   std::string line_;
   std::string error_;
   HttpResponse response_;
   size_t header_lines_ = 0;
-  bool interim_seen_ = false;
+  bool lengths_differ_ = false; // two Content-Length headers disagree
+  bool head_arrived_ = false;
   uint64_t remaining_ = 0; // bytes still due in a length body or a chunk
+  uint64_t body_length_ = 0;
 };
 
 // A whole answer at once: the bytes of a connection from its first byte to

@@ -80,17 +80,12 @@ void SparringWindow::create(const Rect& frame) {
                    }),
                    this);
   // After the empty page that makes a reopen a fresh load, the page itself.
-  g_signal_connect(spar_web_->view(), "load-changed",
-                   G_CALLBACK(+[](WebKitWebView*, WebKitLoadEvent event, gpointer data) {
-                     auto* self = static_cast<SparringWindow*>(data);
-                     std::string shown = self->spar_web_->currentAddress();
-                     if (event != WEBKIT_LOAD_FINISHED || !self->pending_address_ ||
-                         !(shown.empty() || shown == "about:blank"))
-                       return;
-                     std::string address = *std::exchange(self->pending_address_, std::nullopt);
-                     self->spar_web_->load(address);
-                   }),
-                   this);
+  spar_web_->onLoadFinished([this] {
+    std::string shown = spar_web_->currentAddress();
+    if (!pending_address_ || !(shown.empty() || shown == "about:blank"))
+      return;
+    spar_web_->load(*std::exchange(pending_address_, std::nullopt));
+  });
   g_signal_connect(
       window_, "window-state-event",
       G_CALLBACK(+[](GtkWidget*, GdkEventWindowState* event, gpointer data) -> gboolean {

@@ -52,22 +52,11 @@ protected:
 
   void TearDown() override {
     stopRunning();
-    for (const auto& [turn, process] : turns_->claudeTasks()) {
-      if (const char* id = g_subprocess_get_identifier(process.get()))
-        kill(-pid_t(std::stol(id)), SIGKILL);
-      g_subprocess_force_exit(process.get());
-    }
+    EndRunningAgents(*turns_);
     turns_.reset();
   }
 
-  void install(const std::string& fixture) {
-    std::string bin = root_.path() + "/bin";
-    g_mkdir_with_parents(bin.c_str(), 0755);
-    std::string path = bin + "/claude";
-    TempDir::WriteFile(path, TempDir::Read(AgentFixturePath(fixture)));
-    chmod(path.c_str(), 0755);
-    claude_ = path;
-  }
+  void install(const std::string& fixture) { claude_ = InstallAgent(root_.path(), fixture); }
 
   // A page that says hello: it becomes primary and gets what was queued.
   std::shared_ptr<FakePage> hello() {
@@ -98,6 +87,22 @@ protected:
   void stopRunning() {
     if (runner_)
       g_source_remove(std::exchange(runner_, 0));
+  }
+
+  // The page's events once the turn has ended.
+  std::vector<json> eventsOnceEnded(const FakePage& page, const std::string& turn, double seconds) {
+    EXPECT_TRUE(SpinUntil([&] { return !turns_->claudeTasks().count(turn); }, seconds))
+        << "the turn " << turn << " did not end";
+    SpinFor(0.05);
+    return page.events();
+  }
+  // A count_lines.sh turn that ended well, its lines 0 to count - 1 on the
+  // page once each and in order.
+  void expectCountedTurn(const FakePage& page, const std::string& turn, int count, double seconds) {
+    std::vector<json> events = eventsOnceEnded(page, turn, seconds);
+    ASSERT_TRUE(EndsTheTurn(events));
+    EXPECT_EQ(events.back()["code"], 0);
+    EXPECT_EQ(LinesIn(events), Numbers(count));
   }
 
   static std::vector<std::string> LinesIn(const std::vector<json>& events) {
@@ -137,12 +142,7 @@ TEST_F(AgentToPageTest, AMillionLinesReachThePageOnceEachAndInOrder) {
   auto page = hello();
   keepRunning(page);
   turns_->runClaude({{"turn", "flood"}, {"args", {"1000000"}}});
-  ASSERT_TRUE(SpinUntil([&] { return !turns_->claudeTasks().count("flood"); }, 120));
-  SpinFor(0.05);
-  auto events = page->events();
-  ASSERT_TRUE(EndsTheTurn(events));
-  EXPECT_EQ(events.back()["code"], 0);
-  EXPECT_EQ(LinesIn(events), Numbers(1000000));
+  expectCountedTurn(*page, "flood", 1000000, 120);
   // Far fewer scripts than lines, none of them huge, and the page never
   // further behind than the limit and one read of output.
   EXPECT_LT(page->scripts.size(), 10000u);
@@ -165,12 +165,7 @@ TEST_F(AgentToPageTest, APageThatRunsNothingStopsTheReadingAndThenGetsEveryLine)
   EXPECT_LE(page->unfinishedBytes(), limits.in_flight_bytes + (128 << 10));
   EXPECT_EQ(turns_->claudeTasks().count("stalled"), 1u);
   keepRunning(page);
-  ASSERT_TRUE(SpinUntil([&] { return !turns_->claudeTasks().count("stalled"); }, 120));
-  SpinFor(0.05);
-  auto events = page->events();
-  ASSERT_TRUE(EndsTheTurn(events));
-  EXPECT_EQ(events.back()["code"], 0);
-  EXPECT_EQ(LinesIn(events), Numbers(1000000));
+  expectCountedTurn(*page, "stalled", 1000000, 120);
 }
 
 TEST_F(AgentToPageTest, AnAgentThatExitsWhileThePageIsBehindLosesNoLine) {
@@ -187,12 +182,7 @@ TEST_F(AgentToPageTest, AnAgentThatExitsWhileThePageIsBehindLosesNoLine) {
   SpinFor(1.0);
   EXPECT_EQ(turns_->claudeTasks().count("exited"), 1u);
   keepRunning(page);
-  ASSERT_TRUE(SpinUntil([&] { return !turns_->claudeTasks().count("exited"); }, 30));
-  SpinFor(0.05);
-  auto events = page->events();
-  ASSERT_TRUE(EndsTheTurn(events));
-  EXPECT_EQ(events.back()["code"], 0);
-  EXPECT_EQ(LinesIn(events), Numbers(20000));
+  expectCountedTurn(*page, "exited", 20000, 30);
   EXPECT_THAT(log_.messages(), Not(Contains(::testing::HasSubstr("left processes"))));
 }
 
@@ -207,9 +197,7 @@ TEST_F(AgentToPageTest, AnAgentThatNeverEndsALineArrivesInPiecesEachInAScriptOfI
   keepRunning(page);
   const size_t written = 4 << 20;
   turns_->runClaude({{"turn", "endless"}, {"args", {std::to_string(written)}}});
-  ASSERT_TRUE(SpinUntil([&] { return !turns_->claudeTasks().count("endless"); }, 60));
-  SpinFor(0.05);
-  auto events = page->events();
+  auto events = eventsOnceEnded(*page, "endless", 60);
   ASSERT_TRUE(EndsTheTurn(events));
   auto pieces = LinesIn(events);
   ASSERT_EQ(pieces.size(), (written + 99999) / 100000);

@@ -161,11 +161,7 @@ protected:
   void TearDown() override {
     // A test that failed may leave its agent and what it started running:
     // end them (they are ours).
-    for (const auto& [turn, process] : turns_->claudeTasks()) {
-      if (const char* id = g_subprocess_get_identifier(process.get()))
-        kill(-pid_t(std::stol(id)), SIGKILL);
-      g_subprocess_force_exit(process.get());
-    }
+    EndRunningAgents(*turns_);
     for (pid_t pid : started_)
       kill(pid, SIGKILL);
     turns_.reset();
@@ -200,13 +196,8 @@ protected:
 
   // Installs a stand-in as the agent's executable, at <root>/bin/claude.
   std::string install(const std::string& fixture) {
-    std::string bin = root_.path() + "/bin";
-    g_mkdir_with_parents(bin.c_str(), 0755);
-    std::string path = bin + "/claude";
-    TempDir::WriteFile(path, TempDir::Read(AgentFixturePath(fixture)));
-    chmod(path.c_str(), 0755);
-    claude_ = path;
-    return path;
+    claude_ = InstallAgent(root_.path(), fixture);
+    return *claude_;
   }
 
   void run(const json& body) { turns_->runClaude(body); }

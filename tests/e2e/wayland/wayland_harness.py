@@ -197,6 +197,11 @@ class NativeWindow(_Client):
     def texts(self) -> list[str]:
         return [t["text"] for t in read_json_lines(self.state / "text.jsonl")]
 
+    def primary_texts(self) -> list[str]:
+        """PRIMARY's text as the compositor gave it back after each change
+        it reported to the window ("" for none)."""
+        return [t["text"] for t in read_json_lines(self.state / "primary.jsonl")]
+
 
 class ShortcutsClient(_Client):
     """fixtures/shortcuts_client.py, a GlobalShortcuts portal client, started

@@ -185,6 +185,10 @@ struct DataControl::Thread : std::enable_shared_from_this<DataControl::Thread> {
   std::set<Write*> writes;
   std::shared_ptr<Served> serving; // whose source is alive on the connection
   std::atomic<bool> lost{false};
+  // The outcome of the one connection attempt once known, and the callers
+  // waiting for it meanwhile.
+  std::optional<bool> connect_outcome;
+  std::vector<std::function<void(bool)>> connect_waiters;
 
   // Runs `job` on the connection's thread.
   void post(std::function<void()> job) { RunOnContext(context, std::move(job)); }
@@ -263,6 +267,25 @@ struct DataControl::Thread : std::enable_shared_from_this<DataControl::Thread> {
   }
 
   // ---- the connection ----
+
+  // The one connection attempt; each waiter hears its outcome once.
+  void connectOnce() {
+    connect([this](bool ok) {
+      connect_outcome = ok;
+      std::vector<std::function<void(bool)>> waiters = std::move(connect_waiters);
+      connect_waiters.clear();
+      for (auto& waiter : waiters)
+        waiter(ok);
+    });
+  }
+
+  // Answers at once when the attempt has ended, otherwise when it ends.
+  void whenConnected(std::function<void(bool)> reply) {
+    if (connect_outcome)
+      reply(*connect_outcome);
+    else
+      connect_waiters.push_back(std::move(reply));
+  }
 
   // Connects and answers once the device has told the current selections.
   void connect(std::function<void(bool)> reply) {
@@ -884,16 +907,27 @@ uint64_t DataControl::primaryChanges() const {
   return thread_->primary_changes;
 }
 
+void DataControl::startConnecting() {
+  if (connect_started_)
+    return;
+  connect_started_ = true;
+  thread_->start();
+  std::shared_ptr<Thread> thread = thread_;
+  thread->post([thread] { thread->connectOnce(); });
+}
+
 bool DataControl::connect() {
   if (connect_tried_)
     return connected();
   connect_tried_ = true;
-  // The thread and its connection start with the first use: a program that
-  // never reads a selection has neither.
-  thread_->start();
+  // The thread and its connection start with the first use, or earlier
+  // through startConnecting(): a program that never reads a selection has
+  // neither. A connection already under way is waited for, not made again.
+  startConnecting();
   std::shared_ptr<Thread> thread = thread_;
   std::optional<bool> ok = Thread::ask<bool>(
-      thread, [thread](std::function<void(bool)> reply) { thread->connect(reply); },
+      thread,
+      [thread](std::function<void(bool)> reply) { thread->whenConnected(std::move(reply)); },
       limits_.connect_wait);
   if (!ok)
     SparLog("data-control: the compositor did not answer within %lld ms",

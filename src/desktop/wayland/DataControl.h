@@ -91,6 +91,11 @@ public:
   // seat, or when the compositor did not answer in time.
   bool connect();
   bool connected() const;
+  // Starts connecting on the thread and returns at once, so that the first
+  // read finds the connection made (a compositor may take long over a new
+  // client: KWin checksums the client's executable). A later connect()
+  // waits for this attempt instead of making another. Once only.
+  void startConnecting();
 
   // How often the CLIPBOARD changed hands since the connection started
   // (each selection event of the device, our own restores included).
@@ -126,6 +131,7 @@ private:
   // (the main loop they run may destroy it).
   std::shared_ptr<Thread> thread_;
   DataControlLimits limits_;
+  bool connect_started_ = false;
   bool connect_tried_ = false;
 };
 

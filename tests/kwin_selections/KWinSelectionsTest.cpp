@@ -194,6 +194,85 @@ TEST(DataControlTest, SavesAndRestoresEveryMimeTypeByteForByte) {
   EXPECT_EQ(selections.clipboardText(), original[0].bytes);
 }
 
+// The ids of this process's threads that carry `name`.
+std::vector<std::string> ThreadsNamed(const std::string& name) {
+  std::vector<std::string> found;
+  GDir* dir = g_dir_open("/proc/self/task", 0, nullptr);
+  if (!dir)
+    return found;
+  while (const gchar* tid = g_dir_read_name(dir)) {
+    std::string comm = TempDir::Read(std::string("/proc/self/task/") + tid + "/comm");
+    if (!comm.empty() && comm.back() == '\n')
+      comm.pop_back();
+    if (comm == name)
+      found.push_back(tid);
+  }
+  g_dir_close(dir);
+  return found;
+}
+
+// How often a thread of this process has been switched out so far.
+long ContextSwitchesOf(const std::string& tid) {
+  std::string status = TempDir::Read("/proc/self/task/" + tid + "/status");
+  long total = 0;
+  for (const char* key : {"voluntary_ctxt_switches:", "nonvoluntary_ctxt_switches:"}) {
+    size_t at = status.find(std::string("\n") + key);
+    if (at != std::string::npos)
+      total += std::atol(status.c_str() + at + 1 + strlen(key));
+  }
+  return total;
+}
+
+TEST(DataControlTest, WarmUpConnectsInTheBackgroundAndTheFirstReadUsesThatConnection) {
+  LogCapture log;
+  const std::string text = "selected after the warm-up";
+  KWinSelections selections;
+  Selections& seam = selections;
+  EXPECT_FALSE(selections.dataControl().connected());
+  seam.warmUp();
+  // The connection comes up on its own thread: this thread neither waits
+  // for it nor runs its main loop meanwhile.
+  Clock::time_point deadline = Clock::now() + std::chrono::seconds(10);
+  while (!selections.dataControl().connected() && Clock::now() < deadline)
+    g_usleep(10 * 1000);
+  ASSERT_TRUE(selections.dataControl().connected())
+      << "no data-control connection after the warm-up\n"
+      << JoinedLog(log);
+  std::vector<std::string> threads = ThreadsNamed(DataControl::kThreadName);
+  ASSERT_EQ(threads.size(), 1u) << "one connection thread, no second one";
+
+  // A warmed connection waits for the compositor's events; it does not poll.
+  long before = ContextSwitchesOf(threads[0]);
+  g_usleep(1000 * 1000);
+  EXPECT_LE(ContextSwitchesOf(threads[0]) - before, 2) << "the idle connection thread woke up";
+
+  // The first read goes over the warmed connection (a second warm-up
+  // changes nothing) and sees the selection of a real client.
+  seam.warmUp();
+  SelectedEntry entry(text);
+  ASSERT_TRUE(entry.started());
+  ASSERT_TRUE(entry.selectAll(selections.dataControl())) << "GTK did not take PRIMARY";
+  EXPECT_EQ(selections.primaryText(), text);
+  EXPECT_EQ(ThreadsNamed(DataControl::kThreadName), threads);
+  EXPECT_FALSE(LogHas(log, "did not answer")) << JoinedLog(log);
+}
+
+TEST(DataControlTest, AReadDuringTheWarmUpWaitsForItsConnection) {
+  LogCapture log;
+  KWinSelections selections;
+  selections.warmUp();
+  // Asked at once, while the warm-up's connection may still be on its way:
+  // the read waits for that one attempt and does not make another.
+  ASSERT_TRUE(selections.dataControl().connect()) << JoinedLog(log);
+  EXPECT_EQ(ThreadsNamed(DataControl::kThreadName).size(), 1u);
+  uint64_t before = selections.dataControl().clipboardChanges();
+  std::unique_ptr<Child> copy =
+      Child::Start({"wl-copy", "--foreground", "-t", "text/plain", "after the warm-up"});
+  ASSERT_TRUE(copy);
+  ASSERT_TRUE(WaitForChange([&] { return selections.dataControl().clipboardChanges(); }, before));
+  EXPECT_EQ(selections.clipboardText(), "after the warm-up");
+}
+
 TEST(DataControlTest, PrimaryTextOfANativeGtkEntry) {
   LogCapture log;
   const std::string text = "Selected in GTK: \xc3\xa9t\xc3\xa9 \xe2\x86\x92 fin";

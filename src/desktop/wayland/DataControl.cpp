@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <condition_variable>
 #include <csignal>
+#include <pthread.h>
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
@@ -247,6 +248,8 @@ struct DataControl::Thread : std::enable_shared_from_this<DataControl::Thread> {
   void start() {
     std::shared_ptr<Thread> self = shared_from_this();
     thread = std::thread([self] {
+      // Named, so that a profiler or a debugger tells who woke up.
+      pthread_setname_np(pthread_self(), kThreadName);
       sigset_t set;
       sigemptyset(&set);
       sigaddset(&set, SIGPIPE);

@@ -78,6 +78,9 @@ bool DataControlOffered(std::chrono::milliseconds limit = std::chrono::milliseco
 
 class DataControl {
 public:
+  // The name of the connection's thread (as /proc/PID/task/TID/comm shows).
+  static constexpr const char* kThreadName = "data-control";
+
   explicit DataControl(DataControlLimits limits = {});
   // Stops the thread: pending reads end empty, the served CLIPBOARD goes
   // with the connection.

@@ -10,7 +10,11 @@
 #include "support/TempDir.h"
 
 #include <algorithm>
+#include <gdk/gdkwayland.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 namespace orvane {
 
@@ -271,6 +275,63 @@ TEST(DataControlTest, AReadDuringTheWarmUpWaitsForItsConnection) {
   ASSERT_TRUE(copy);
   ASSERT_TRUE(WaitForChange([&] { return selections.dataControl().clipboardChanges(); }, before));
   EXPECT_EQ(selections.clipboardText(), "after the warm-up");
+}
+
+// A Unix socket in the runtime folder that only counts who connects to it.
+class CountingSocket {
+public:
+  CountingSocket() {
+    name_ = "wayland-orvane-counting-" + std::to_string(getpid());
+    const char* runtime = getenv("XDG_RUNTIME_DIR");
+    path_ = std::string(runtime ? runtime : "/tmp") + "/" + name_;
+    unlink(path_.c_str());
+    fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    snprintf(address.sun_path, sizeof(address.sun_path), "%s", path_.c_str());
+    listening_ = fd_ >= 0 &&
+                 bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
+                 listen(fd_, 8) == 0;
+  }
+  ~CountingSocket() {
+    if (fd_ >= 0)
+      close(fd_);
+    unlink(path_.c_str());
+  }
+  bool listening() const { return listening_; }
+  const std::string& name() const { return name_; }
+  int connections() {
+    int count = 0;
+    for (int peer; (peer = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+      close(peer);
+      ++count;
+    }
+    return count;
+  }
+
+private:
+  std::string name_;
+  std::string path_;
+  int fd_ = -1;
+  bool listening_ = false;
+};
+
+TEST(DataControlTest, TheOfferCheckAsksOverGdksConnectionAndOpensNoneOfItsOwn) {
+  // KWin takes most of a second over each new connection of a large
+  // executable, and the launch waits for this check. (No other test of this
+  // program asks it, so its kept answer does not hide the question.)
+  gdk_set_allowed_backends("wayland");
+  ASSERT_TRUE(gdk_init_check(nullptr, nullptr)) << "GDK could not open KWin's display";
+  ASSERT_TRUE(GDK_IS_WAYLAND_DISPLAY(gdk_display_get_default()));
+  // A connection of its own would go to this socket from now on.
+  CountingSocket counting;
+  ASSERT_TRUE(counting.listening());
+  std::string session_display = getenv("WAYLAND_DISPLAY");
+  setenv("WAYLAND_DISPLAY", counting.name().c_str(), 1);
+  bool offered = DataControlOffered(milliseconds(1000));
+  setenv("WAYLAND_DISPLAY", session_display.c_str(), 1);
+  EXPECT_TRUE(offered) << "KWin offers data-control";
+  EXPECT_EQ(counting.connections(), 0) << "the check opened a connection of its own";
 }
 
 TEST(DataControlTest, PrimaryTextOfANativeGtkEntry) {

@@ -11,15 +11,16 @@
 #include <cerrno>
 #include <condition_variable>
 #include <csignal>
-#include <pthread.h>
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
+#include <gdk/gdkwayland.h>
 #include <glib-unix.h>
 #include <glib.h>
 #include <map>
 #include <mutex>
 #include <poll.h>
+#include <pthread.h>
 #include <set>
 #include <thread>
 #include <unistd.h>
@@ -1055,18 +1056,29 @@ ClipboardContents DataControl::servedClipboard() const {
   return {};
 }
 
-bool DataControlOffered(milliseconds limit) {
-  static std::atomic<bool> offered{false};
-  if (offered)
-    return true;
-  wl_display* display = wl_display_connect(nullptr);
-  if (!display)
-    return false;
+namespace {
+
+// The Wayland connection GDK made for this process's windows, when GDK
+// runs on Wayland (main thread only).
+wl_display* GdkWaylandConnection() {
+  GdkDisplay* display = gdk_display_get_default();
+  if (!display || !GDK_IS_WAYLAND_DISPLAY(display))
+    return nullptr;
+  return gdk_wayland_display_get_wl_display(display);
+}
+
+// Whether the globals of `display` include the data-control manager: a
+// registry and a sync on a queue of their own, so that nothing of the
+// connection's other users is dispatched here; bounded by `limit`.
+bool ListsDataControlManager(wl_display* display, milliseconds limit) {
   struct Listing {
     bool found = false;
     bool done = false;
   } listing;
-  wl_registry* registry = wl_display_get_registry(display);
+  wl_event_queue* queue = wl_display_create_queue(display);
+  auto* wrapper = static_cast<wl_display*>(wl_proxy_create_wrapper(display));
+  wl_proxy_set_queue(reinterpret_cast<wl_proxy*>(wrapper), queue);
+  wl_registry* registry = wl_display_get_registry(wrapper);
   static const wl_registry_listener listener = {
       [](void* data, wl_registry*, uint32_t, const char* interface, uint32_t) {
         if (interface && std::strcmp(interface, zwlr_data_control_manager_v1_interface.name) == 0)
@@ -1076,14 +1088,18 @@ bool DataControlOffered(milliseconds limit) {
   wl_registry_add_listener(registry, &listener, &listing);
   // The globals are all announced before the answer to a sync that follows
   // the registry request.
-  wl_callback* sync = wl_display_sync(display);
+  wl_callback* sync = wl_display_sync(wrapper);
   static const wl_callback_listener done_listener = {
       [](void* data, wl_callback*, uint32_t) { static_cast<Listing*>(data)->done = true; }};
   wl_callback_add_listener(sync, &done_listener, &listing);
   Clock::time_point deadline = Clock::now() + limit;
   while (!listing.done) {
-    while (wl_display_prepare_read(display) != 0)
-      wl_display_dispatch_pending(display);
+    while (wl_display_prepare_read_queue(display, queue) != 0)
+      wl_display_dispatch_queue_pending(display, queue);
+    if (listing.done) {
+      wl_display_cancel_read(display);
+      break;
+    }
     wl_display_flush(display);
     auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now()).count();
     pollfd fd{wl_display_get_fd(display), POLLIN, 0};
@@ -1093,14 +1109,37 @@ bool DataControlOffered(milliseconds limit) {
     }
     if (wl_display_read_events(display) != 0)
       break;
-    wl_display_dispatch_pending(display);
+    wl_display_dispatch_queue_pending(display, queue);
   }
   wl_callback_destroy(sync);
   wl_registry_destroy(registry);
-  wl_display_disconnect(display);
-  if (listing.found)
-    offered = true;
+  wl_proxy_wrapper_destroy(wrapper);
+  wl_event_queue_destroy(queue);
   return listing.found;
+}
+
+} // namespace
+
+bool DataControlOffered(milliseconds limit) {
+  static std::atomic<bool> offered{false};
+  if (offered)
+    return true;
+  // GDK's connection when there is one: a compositor may take long over a
+  // new connection (KWin checksums the client's executable, most of a
+  // second for a large one), and this check runs while the launch waits.
+  bool found = false;
+  if (wl_display* shared = GdkWaylandConnection()) {
+    found = ListsDataControlManager(shared, limit);
+  } else {
+    wl_display* display = wl_display_connect(nullptr);
+    if (!display)
+      return false;
+    found = ListsDataControlManager(display, limit);
+    wl_display_disconnect(display);
+  }
+  if (found)
+    offered = true;
+  return found;
 }
 
 } // namespace orvane

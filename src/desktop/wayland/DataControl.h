@@ -72,8 +72,10 @@ std::vector<std::string> TextMimeTypesOf(const std::vector<std::string>& types);
 std::string TextFromMimeBytes(const std::string& type, const std::string& bytes);
 
 // Whether the compositor of WAYLAND_DISPLAY offers the data-control
-// manager: one short connection that lists its globals, bounded by
-// `limit`. Once seen, the answer is kept for the life of the process.
+// manager: its globals listed, bounded by `limit`, over GDK's connection
+// when GDK runs on Wayland (then main thread only), otherwise over one short
+// connection of its own. Once seen, the answer is kept for the life of the
+// process.
 bool DataControlOffered(std::chrono::milliseconds limit = std::chrono::milliseconds(1000));
 
 class DataControl {

@@ -41,6 +41,8 @@ constexpr char kPlaceNotification[] = "com.tarnwick.orvane.place";
 constexpr char kFocusSearchScript[] = "document.getElementById('quick-search')?.focus();";
 // Addresses from pages are cut to this many characters in log lines.
 constexpr size_t kLoggedAddressLength = 200;
+// How long after the first page has loaded the desktop's set-up begins.
+constexpr double kDesktopWarmUpDelaySeconds = 0.5;
 
 void ShowMessageDialog(GtkWindow* parent, const std::string& message, const std::string& detail) {
   GtkWidget* dialog =
@@ -742,6 +744,14 @@ void AppDelegate::didCommitNavigation(WebKitWebView* view) {
 }
 
 void AppDelegate::didFinishNavigation(WebKitWebView* view) {
+  // Once the first page has loaded and had a moment to paint, the desktop's
+  // one-time set-up (on KDE Plasma, the data-control connection, which KWin
+  // takes most of a second to admit) begins in the background, so that the
+  // first summon does not wait for it.
+  if (!desktop_warm_up_scheduled_) {
+    desktop_warm_up_scheduled_ = true;
+    seams_.scheduler->after(kDesktopWarmUpDelaySeconds, [this] { seams_.selections->warmUp(); });
+  }
   if (!web_ || view != web_->view())
     return;
   GUri* uri = g_uri_parse(web_->currentAddress().c_str(), G_URI_FLAGS_NONE, nullptr);

@@ -198,6 +198,7 @@ private:
   std::unique_ptr<PlacementRequests> placement_;
   std::unique_ptr<SelfUpdate> self_update_;
   LogThrottle dropped_addresses_;
+  bool desktop_warm_up_scheduled_ = false;
 };
 
 } // namespace orvane

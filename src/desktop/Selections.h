@@ -42,6 +42,11 @@ public:
   virtual void readPrimaryAhead() {}
   // Drops an answer read ahead and not taken, so that no later read uses it.
   virtual void dropPrimaryAhead() {}
+  // Starts, in the background and without waiting, the one-time set-up that
+  // the first read would otherwise pay for while the user waits (a
+  // connection to the compositor). Called once, after the launch has
+  // settled; nothing happens where there is no such set-up.
+  virtual void warmUp() {}
 
   // A number that changes whenever the CLIPBOARD changes hands (owner or
   // ownership timestamp).

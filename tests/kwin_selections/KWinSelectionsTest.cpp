@@ -10,7 +10,11 @@
 #include "support/TempDir.h"
 
 #include <algorithm>
+#include <gdk/gdkwayland.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 namespace orvane {
 
@@ -192,6 +196,142 @@ TEST(DataControlTest, SavesAndRestoresEveryMimeTypeByteForByte) {
   // A save while our restore is the clipboard gives the same bytes.
   EXPECT_EQ(Sorted(selections.saveClipboard()), Sorted(original));
   EXPECT_EQ(selections.clipboardText(), original[0].bytes);
+}
+
+// The ids of this process's threads that carry `name`.
+std::vector<std::string> ThreadsNamed(const std::string& name) {
+  std::vector<std::string> found;
+  GDir* dir = g_dir_open("/proc/self/task", 0, nullptr);
+  if (!dir)
+    return found;
+  while (const gchar* tid = g_dir_read_name(dir)) {
+    std::string comm = TempDir::Read(std::string("/proc/self/task/") + tid + "/comm");
+    if (!comm.empty() && comm.back() == '\n')
+      comm.pop_back();
+    if (comm == name)
+      found.push_back(tid);
+  }
+  g_dir_close(dir);
+  return found;
+}
+
+// How often a thread of this process has been switched out so far.
+long ContextSwitchesOf(const std::string& tid) {
+  std::string status = TempDir::Read("/proc/self/task/" + tid + "/status");
+  long total = 0;
+  for (const char* key : {"voluntary_ctxt_switches:", "nonvoluntary_ctxt_switches:"}) {
+    size_t at = status.find(std::string("\n") + key);
+    if (at != std::string::npos)
+      total += std::atol(status.c_str() + at + 1 + strlen(key));
+  }
+  return total;
+}
+
+TEST(DataControlTest, WarmUpConnectsInTheBackgroundAndTheFirstReadUsesThatConnection) {
+  LogCapture log;
+  const std::string text = "selected after the warm-up";
+  KWinSelections selections;
+  Selections& seam = selections;
+  EXPECT_FALSE(selections.dataControl().connected());
+  seam.warmUp();
+  // The connection comes up on its own thread: this thread neither waits
+  // for it nor runs its main loop meanwhile.
+  Clock::time_point deadline = Clock::now() + std::chrono::seconds(10);
+  while (!selections.dataControl().connected() && Clock::now() < deadline)
+    g_usleep(10 * 1000);
+  ASSERT_TRUE(selections.dataControl().connected())
+      << "no data-control connection after the warm-up\n"
+      << JoinedLog(log);
+  std::vector<std::string> threads = ThreadsNamed(DataControl::kThreadName);
+  ASSERT_EQ(threads.size(), 1u) << "one connection thread, no second one";
+
+  // A warmed connection waits for the compositor's events; it does not poll.
+  long before = ContextSwitchesOf(threads[0]);
+  g_usleep(1000 * 1000);
+  EXPECT_LE(ContextSwitchesOf(threads[0]) - before, 2) << "the idle connection thread woke up";
+
+  // The first read goes over the warmed connection (a second warm-up
+  // changes nothing) and sees the selection of a real client.
+  seam.warmUp();
+  SelectedEntry entry(text);
+  ASSERT_TRUE(entry.started());
+  ASSERT_TRUE(entry.selectAll(selections.dataControl())) << "GTK did not take PRIMARY";
+  EXPECT_EQ(selections.primaryText(), text);
+  EXPECT_EQ(ThreadsNamed(DataControl::kThreadName), threads);
+  EXPECT_FALSE(LogHas(log, "did not answer")) << JoinedLog(log);
+}
+
+TEST(DataControlTest, AReadDuringTheWarmUpWaitsForItsConnection) {
+  LogCapture log;
+  KWinSelections selections;
+  selections.warmUp();
+  // Asked at once, while the warm-up's connection may still be on its way:
+  // the read waits for that one attempt and does not make another.
+  ASSERT_TRUE(selections.dataControl().connect()) << JoinedLog(log);
+  EXPECT_EQ(ThreadsNamed(DataControl::kThreadName).size(), 1u);
+  uint64_t before = selections.dataControl().clipboardChanges();
+  std::unique_ptr<Child> copy =
+      Child::Start({"wl-copy", "--foreground", "-t", "text/plain", "after the warm-up"});
+  ASSERT_TRUE(copy);
+  ASSERT_TRUE(WaitForChange([&] { return selections.dataControl().clipboardChanges(); }, before));
+  EXPECT_EQ(selections.clipboardText(), "after the warm-up");
+}
+
+// A Unix socket in the runtime folder that only counts who connects to it.
+class CountingSocket {
+public:
+  CountingSocket() {
+    name_ = "wayland-orvane-counting-" + std::to_string(getpid());
+    const char* runtime = getenv("XDG_RUNTIME_DIR");
+    path_ = std::string(runtime ? runtime : "/tmp") + "/" + name_;
+    unlink(path_.c_str());
+    fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    snprintf(address.sun_path, sizeof(address.sun_path), "%s", path_.c_str());
+    listening_ = fd_ >= 0 &&
+                 bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0 &&
+                 listen(fd_, 8) == 0;
+  }
+  ~CountingSocket() {
+    if (fd_ >= 0)
+      close(fd_);
+    unlink(path_.c_str());
+  }
+  bool listening() const { return listening_; }
+  const std::string& name() const { return name_; }
+  int connections() {
+    int count = 0;
+    for (int peer; (peer = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+      close(peer);
+      ++count;
+    }
+    return count;
+  }
+
+private:
+  std::string name_;
+  std::string path_;
+  int fd_ = -1;
+  bool listening_ = false;
+};
+
+TEST(DataControlTest, TheOfferCheckAsksOverGdksConnectionAndOpensNoneOfItsOwn) {
+  // KWin takes most of a second over each new connection of a large
+  // executable, and the launch waits for this check. (No other test of this
+  // program asks it, so its kept answer does not hide the question.)
+  gdk_set_allowed_backends("wayland");
+  ASSERT_TRUE(gdk_init_check(nullptr, nullptr)) << "GDK could not open KWin's display";
+  ASSERT_TRUE(GDK_IS_WAYLAND_DISPLAY(gdk_display_get_default()));
+  // A connection of its own would go to this socket from now on.
+  CountingSocket counting;
+  ASSERT_TRUE(counting.listening());
+  std::string session_display = getenv("WAYLAND_DISPLAY");
+  setenv("WAYLAND_DISPLAY", counting.name().c_str(), 1);
+  bool offered = DataControlOffered(milliseconds(1000));
+  setenv("WAYLAND_DISPLAY", session_display.c_str(), 1);
+  EXPECT_TRUE(offered) << "KWin offers data-control";
+  EXPECT_EQ(counting.connections(), 0) << "the check opened a connection of its own";
 }
 
 TEST(DataControlTest, PrimaryTextOfANativeGtkEntry) {

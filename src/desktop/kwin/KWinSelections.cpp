@@ -23,6 +23,10 @@ std::optional<std::string> KWinSelections::primaryText() {
   return data_control_.readText(SelectionKind::kPrimary);
 }
 
+void KWinSelections::warmUp() {
+  data_control_.startConnecting();
+}
+
 uint64_t KWinSelections::clipboardChangeCount() {
   data_control_.connect();
   return data_control_.clipboardChanges();

@@ -51,6 +51,9 @@ public:
   // (Plasma's clipboard manager, Klipper, puts its last copy back when it
   // runs). Only logs what happens.
   void keepClipboardAfterExit() override;
+  // Connects data-control ahead of the first capture: KWin takes most of a
+  // second over each new connection of a large executable.
+  void warmUp() override;
 
   DataControl& dataControl() { return data_control_; }
 

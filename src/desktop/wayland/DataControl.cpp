@@ -14,11 +14,13 @@
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
+#include <gdk/gdkwayland.h>
 #include <glib-unix.h>
 #include <glib.h>
 #include <map>
 #include <mutex>
 #include <poll.h>
+#include <pthread.h>
 #include <set>
 #include <thread>
 #include <unistd.h>
@@ -185,6 +187,10 @@ struct DataControl::Thread : std::enable_shared_from_this<DataControl::Thread> {
   std::set<Write*> writes;
   std::shared_ptr<Served> serving; // whose source is alive on the connection
   std::atomic<bool> lost{false};
+  // The outcome of the one connection attempt once known, and the callers
+  // waiting for it meanwhile.
+  std::optional<bool> connect_outcome;
+  std::vector<std::function<void(bool)>> connect_waiters;
 
   // Runs `job` on the connection's thread.
   void post(std::function<void()> job) { RunOnContext(context, std::move(job)); }
@@ -243,6 +249,8 @@ struct DataControl::Thread : std::enable_shared_from_this<DataControl::Thread> {
   void start() {
     std::shared_ptr<Thread> self = shared_from_this();
     thread = std::thread([self] {
+      // Named, so that a profiler or a debugger tells who woke up.
+      pthread_setname_np(pthread_self(), kThreadName);
       sigset_t set;
       sigemptyset(&set);
       sigaddset(&set, SIGPIPE);
@@ -263,6 +271,25 @@ struct DataControl::Thread : std::enable_shared_from_this<DataControl::Thread> {
   }
 
   // ---- the connection ----
+
+  // The one connection attempt; each waiter hears its outcome once.
+  void connectOnce() {
+    connect([this](bool ok) {
+      connect_outcome = ok;
+      std::vector<std::function<void(bool)>> waiters = std::move(connect_waiters);
+      connect_waiters.clear();
+      for (auto& waiter : waiters)
+        waiter(ok);
+    });
+  }
+
+  // Answers at once when the attempt has ended, otherwise when it ends.
+  void whenConnected(std::function<void(bool)> reply) {
+    if (connect_outcome)
+      reply(*connect_outcome);
+    else
+      connect_waiters.push_back(std::move(reply));
+  }
 
   // Connects and answers once the device has told the current selections.
   void connect(std::function<void(bool)> reply) {
@@ -884,16 +911,27 @@ uint64_t DataControl::primaryChanges() const {
   return thread_->primary_changes;
 }
 
+void DataControl::startConnecting() {
+  if (connect_started_)
+    return;
+  connect_started_ = true;
+  thread_->start();
+  std::shared_ptr<Thread> thread = thread_;
+  thread->post([thread] { thread->connectOnce(); });
+}
+
 bool DataControl::connect() {
   if (connect_tried_)
     return connected();
   connect_tried_ = true;
-  // The thread and its connection start with the first use: a program that
-  // never reads a selection has neither.
-  thread_->start();
+  // The thread and its connection start with the first use, or earlier
+  // through startConnecting(): a program that never reads a selection has
+  // neither. A connection already under way is waited for, not made again.
+  startConnecting();
   std::shared_ptr<Thread> thread = thread_;
   std::optional<bool> ok = Thread::ask<bool>(
-      thread, [thread](std::function<void(bool)> reply) { thread->connect(reply); },
+      thread,
+      [thread](std::function<void(bool)> reply) { thread->whenConnected(std::move(reply)); },
       limits_.connect_wait);
   if (!ok)
     SparLog("data-control: the compositor did not answer within %lld ms",
@@ -1018,18 +1056,29 @@ ClipboardContents DataControl::servedClipboard() const {
   return {};
 }
 
-bool DataControlOffered(milliseconds limit) {
-  static std::atomic<bool> offered{false};
-  if (offered)
-    return true;
-  wl_display* display = wl_display_connect(nullptr);
-  if (!display)
-    return false;
+namespace {
+
+// The Wayland connection GDK made for this process's windows, when GDK
+// runs on Wayland (main thread only).
+wl_display* GdkWaylandConnection() {
+  GdkDisplay* display = gdk_display_get_default();
+  if (!display || !GDK_IS_WAYLAND_DISPLAY(display))
+    return nullptr;
+  return gdk_wayland_display_get_wl_display(display);
+}
+
+// Whether the globals of `display` include the data-control manager: a
+// registry and a sync on a queue of their own, so that nothing of the
+// connection's other users is dispatched here; bounded by `limit`.
+bool ListsDataControlManager(wl_display* display, milliseconds limit) {
   struct Listing {
     bool found = false;
     bool done = false;
   } listing;
-  wl_registry* registry = wl_display_get_registry(display);
+  wl_event_queue* queue = wl_display_create_queue(display);
+  auto* wrapper = static_cast<wl_display*>(wl_proxy_create_wrapper(display));
+  wl_proxy_set_queue(reinterpret_cast<wl_proxy*>(wrapper), queue);
+  wl_registry* registry = wl_display_get_registry(wrapper);
   static const wl_registry_listener listener = {
       [](void* data, wl_registry*, uint32_t, const char* interface, uint32_t) {
         if (interface && std::strcmp(interface, zwlr_data_control_manager_v1_interface.name) == 0)
@@ -1039,14 +1088,18 @@ bool DataControlOffered(milliseconds limit) {
   wl_registry_add_listener(registry, &listener, &listing);
   // The globals are all announced before the answer to a sync that follows
   // the registry request.
-  wl_callback* sync = wl_display_sync(display);
+  wl_callback* sync = wl_display_sync(wrapper);
   static const wl_callback_listener done_listener = {
       [](void* data, wl_callback*, uint32_t) { static_cast<Listing*>(data)->done = true; }};
   wl_callback_add_listener(sync, &done_listener, &listing);
   Clock::time_point deadline = Clock::now() + limit;
   while (!listing.done) {
-    while (wl_display_prepare_read(display) != 0)
-      wl_display_dispatch_pending(display);
+    while (wl_display_prepare_read_queue(display, queue) != 0)
+      wl_display_dispatch_queue_pending(display, queue);
+    if (listing.done) {
+      wl_display_cancel_read(display);
+      break;
+    }
     wl_display_flush(display);
     auto left = std::chrono::duration_cast<milliseconds>(deadline - Clock::now()).count();
     pollfd fd{wl_display_get_fd(display), POLLIN, 0};
@@ -1056,14 +1109,37 @@ bool DataControlOffered(milliseconds limit) {
     }
     if (wl_display_read_events(display) != 0)
       break;
-    wl_display_dispatch_pending(display);
+    wl_display_dispatch_queue_pending(display, queue);
   }
   wl_callback_destroy(sync);
   wl_registry_destroy(registry);
-  wl_display_disconnect(display);
-  if (listing.found)
-    offered = true;
+  wl_proxy_wrapper_destroy(wrapper);
+  wl_event_queue_destroy(queue);
   return listing.found;
+}
+
+} // namespace
+
+bool DataControlOffered(milliseconds limit) {
+  static std::atomic<bool> offered{false};
+  if (offered)
+    return true;
+  // GDK's connection when there is one: a compositor may take long over a
+  // new connection (KWin checksums the client's executable, most of a
+  // second for a large one), and this check runs while the launch waits.
+  bool found = false;
+  if (wl_display* shared = GdkWaylandConnection()) {
+    found = ListsDataControlManager(shared, limit);
+  } else {
+    wl_display* display = wl_display_connect(nullptr);
+    if (!display)
+      return false;
+    found = ListsDataControlManager(display, limit);
+    wl_display_disconnect(display);
+  }
+  if (found)
+    offered = true;
+  return found;
 }
 
 } // namespace orvane

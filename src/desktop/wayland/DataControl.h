@@ -72,12 +72,17 @@ std::vector<std::string> TextMimeTypesOf(const std::vector<std::string>& types);
 std::string TextFromMimeBytes(const std::string& type, const std::string& bytes);
 
 // Whether the compositor of WAYLAND_DISPLAY offers the data-control
-// manager: one short connection that lists its globals, bounded by
-// `limit`. Once seen, the answer is kept for the life of the process.
+// manager: its globals listed, bounded by `limit`, over GDK's connection
+// when GDK runs on Wayland (then main thread only), otherwise over one short
+// connection of its own. Once seen, the answer is kept for the life of the
+// process.
 bool DataControlOffered(std::chrono::milliseconds limit = std::chrono::milliseconds(1000));
 
 class DataControl {
 public:
+  // The name of the connection's thread (as /proc/PID/task/TID/comm shows).
+  static constexpr const char* kThreadName = "data-control";
+
   explicit DataControl(DataControlLimits limits = {});
   // Stops the thread: pending reads end empty, the served CLIPBOARD goes
   // with the connection.
@@ -91,6 +96,11 @@ public:
   // seat, or when the compositor did not answer in time.
   bool connect();
   bool connected() const;
+  // Starts connecting on the thread and returns at once, so that the first
+  // read finds the connection made (a compositor may take long over a new
+  // client: KWin checksums the client's executable). A later connect()
+  // waits for this attempt instead of making another. Once only.
+  void startConnecting();
 
   // How often the CLIPBOARD changed hands since the connection started
   // (each selection event of the device, our own restores included).
@@ -126,6 +136,7 @@ private:
   // (the main loop they run may destroy it).
   std::shared_ptr<Thread> thread_;
   DataControlLimits limits_;
+  bool connect_started_ = false;
   bool connect_tried_ = false;
 };
 

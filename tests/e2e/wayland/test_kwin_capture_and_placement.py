@@ -15,6 +15,7 @@ from __future__ import annotations
 import io
 import json
 import subprocess
+from pathlib import Path
 
 import pytest
 
@@ -84,6 +85,31 @@ def clipboard_types(session) -> list[str]:
 
 # --------------------------------------------------------------------------
 # the summon
+
+
+def thread_names(pid: int) -> list[str]:
+    names = []
+    for task in Path(f"/proc/{pid}/task").iterdir():
+        try:
+            names.append((task / "comm").read_text().strip())
+        except OSError:
+            pass  # the thread ended meanwhile
+    return names
+
+
+def test_the_selection_connection_is_made_once_the_library_page_has_loaded_before_any_key_press(
+        kwin_session, wayland_orvane, wayland_clients, site):
+    # KWin takes most of a second over each new connection of a large
+    # executable: made at the first key press, the first panel would wait
+    # for it.
+    orvane, library, kwin, library_window = started(kwin_session, wayland_orvane, site, wayland_clients)
+    wait_until(lambda: "data-control" in thread_names(orvane.pid), 10,
+               what="Orvane's data-control thread before any key press")
+    assert thread_names(orvane.pid).count("data-control") == 1
+    assert not any(m.startswith(("hotkey:", "capture:")) for m in orvane.home.log_messages())
+    # Connected without trouble.
+    assert not any(m.startswith("data-control: the ") for m in orvane.home.log_messages()), \
+        orvane.home.log_messages()
 
 
 def test_alt_b_over_a_native_window_opens_the_panel_on_its_output_with_the_selection_and_the_keyboard(

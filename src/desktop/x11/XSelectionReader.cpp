@@ -1,7 +1,6 @@
 #include "desktop/x11/XSelectionReader.h"
 
 #include <X11/Xatom.h>
-#include <X11/extensions/XRes.h>
 #include <X11/extensions/XTest.h>
 #include <X11/extensions/Xfixes.h>
 #include <algorithm>
@@ -211,28 +210,6 @@ void XSelectionReader::disown(const char* selection) {
     return;
   XSetSelectionOwner(display_, atom(selection), None, CurrentTime);
   XSync(display_, False);
-}
-
-std::optional<int> PidOfWindowClient(Display* display, unsigned long window) {
-  int event_base = 0, error_base = 0, major = 0, minor = 0;
-  if (window == 0 || !XResQueryExtension(display, &event_base, &error_base) ||
-      !XResQueryVersion(display, &major, &minor) || major < 1 || (major == 1 && minor < 2))
-    return std::nullopt;
-  XResClientIdSpec wanted{window, XRES_CLIENT_ID_PID_MASK};
-  long count = 0;
-  XResClientIdValue* ids = nullptr;
-  std::optional<int> pid;
-  if (XResQueryClientIds(display, 1, &wanted, &count, &ids) == Success) {
-    for (long i = 0; i < count; ++i) {
-      if (XResGetClientIdType(&ids[i]) == XRES_CLIENT_ID_PID) {
-        pid_t found = XResGetClientPid(&ids[i]);
-        if (found > 0)
-          pid = int(found);
-      }
-    }
-    XResClientIdsDestroy(count, ids);
-  }
-  return pid;
 }
 
 std::optional<int> XSelectionReader::pidOfWindow(unsigned long window) {

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "desktop/session/KeptClipboard.h"
+#include "desktop/x11/XClientIds.h"
 
 #include <X11/Xlib.h>
 #include <atomic>
@@ -24,11 +25,6 @@ struct SelectionAnswer {
   int format = 8;
   std::string bytes;
 };
-
-// The process of the X client that created the window, by XRes (the
-// window's own _NET_WM_PID is not reliable: helper windows have none).
-// Callers catch X errors themselves.
-std::optional<int> PidOfWindowClient(Display* display, unsigned long window);
 
 // How long the conversations of one read or save wait on the selection's
 // owner. The owner may stay silent `idle` at a time: its answer and each INCR

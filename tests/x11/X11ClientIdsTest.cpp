@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "desktop/x11/XClientIds.h"
+#include "desktop/x11/XSelectionReader.h"
 #include "x11/X11TestSupport.h"
 
 #include <unistd.h>
@@ -50,6 +51,21 @@ TEST(X11ClientIdsTest, AConnectionOpenedAfterAnotherClosedAsksAnew) {
   EXPECT_GE(XNextRequest(second.get()) - before, 1UL);
   Window window = MakeWindow(second.get());
   EXPECT_EQ(PidOfWindowClient(second.get(), window), int(getpid()));
+}
+
+TEST(X11ClientIdsTest, AReaderAsksForTheProcessOfAWindowInOneRoundTrip) {
+  XSelectionReader reader(/*watch_clipboard=*/false);
+  ASSERT_TRUE(reader.connected());
+  TestDisplay display;
+  ASSERT_TRUE(display.get());
+  Window window = MakeWindow(display.get());
+  EXPECT_EQ(reader.pidOfWindow(window), int(getpid()));
+  unsigned long before = XNextRequest(reader.display());
+  EXPECT_EQ(reader.pidOfWindow(window), int(getpid()));
+  // The query's reply already tells that no error came before it: no
+  // further round trip to catch errors.
+  EXPECT_EQ(XNextRequest(reader.display()) - before, 1UL);
+  EXPECT_EQ(reader.untrappedErrors(), 0U);
 }
 
 } // namespace

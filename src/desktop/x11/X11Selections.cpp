@@ -58,12 +58,10 @@ WaitBudget BudgetOf(const X11SelectionLimits& limits) {
   return WaitBudget(limits.idle_wait, limits.stall_budget, limits.ceiling);
 }
 
-// The selection as text, UTF8_STRING first, else STRING; both tries share
-// one budget. Runs on the worker thread.
-std::optional<std::string> ReadSelectionText(XSelectionReader& reader, const char* selection,
-                                             const X11SelectionLimits& limits) {
-  if (reader.owner(selection) == 0)
-    return std::nullopt;
+// The text of a selection that has an owner, UTF8_STRING first, else
+// STRING; both tries share one budget. Runs on the worker thread.
+std::optional<std::string> ReadOwnedSelectionText(XSelectionReader& reader, const char* selection,
+                                                  const X11SelectionLimits& limits) {
   WaitBudget budget = BudgetOf(limits);
   for (const char* target : {"UTF8_STRING", "STRING"}) {
     if (budget.spent())
@@ -76,6 +74,14 @@ std::optional<std::string> ReadSelectionText(XSelectionReader& reader, const cha
     }
   }
   return std::nullopt;
+}
+
+// The selection as text; nothing without an owner.
+std::optional<std::string> ReadSelectionText(XSelectionReader& reader, const char* selection,
+                                             const X11SelectionLimits& limits) {
+  if (reader.owner(selection) == 0)
+    return std::nullopt;
+  return ReadOwnedSelectionText(reader, selection, limits);
 }
 
 // What a save of the CLIPBOARD got from its owner.
@@ -192,7 +198,8 @@ void X11Selections::readPrimaryAhead() {
   X11SelectionLimits limits = limits_;
   SelectionWorker::Ticket ticket = worker().post([answer, limits](XSelectionReader& reader) {
     answer->first = reader.owner("PRIMARY");
-    answer->second = ReadSelectionText(reader, "PRIMARY", limits);
+    if (answer->first != 0)
+      answer->second = ReadOwnedSelectionText(reader, "PRIMARY", limits);
   });
   primary_ahead_ = std::make_unique<Ahead>(Ahead{std::move(ticket), std::move(answer)});
 }

@@ -103,7 +103,7 @@ public:
   explicit ErrorTrap(Display* display)
       : display_(display), outer_(ErrorRouter::Push(display, &code_)) {}
   ~ErrorTrap() {
-    XSync(display_, False);
+    settle();
     ErrorRouter::Pop(display_, outer_);
   }
   ErrorTrap(const ErrorTrap&) = delete;
@@ -111,11 +111,20 @@ public:
 
   // Whether any request so far failed.
   bool failed() {
-    XSync(display_, False);
+    settle();
     return code_.load() != 0;
   }
 
 private:
+  // Makes sure the errors of every request sent so far have been seen: a
+  // round trip, unless the server has already answered the last request
+  // sent (a reply, or the round trip of an XSync), which it does only after
+  // every request before it.
+  void settle() {
+    if (XNextRequest(display_) - 1 != LastKnownRequestProcessed(display_))
+      XSync(display_, False);
+  }
+
   Display* display_;
   std::atomic<int> code_{0};
   std::atomic<int>* outer_;

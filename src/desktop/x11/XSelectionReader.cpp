@@ -406,7 +406,10 @@ std::optional<SelectionAnswer> XSelectionReader::readAnswer(unsigned long reques
 
 std::optional<SelectionAnswer> XSelectionReader::convert(const char* selection,
                                                          const std::string& target,
-                                                         WaitBudget& budget, size_t limit) {
+                                                         WaitBudget& budget, size_t limit,
+                                                         unsigned long* owner) {
+  if (owner)
+    *owner = 0;
   if (!display_ || target.empty())
     return std::nullopt;
   ErrorTrap trap(display_);
@@ -418,7 +421,11 @@ std::optional<SelectionAnswer> XSelectionReader::convert(const char* selection,
   Atom property = atom("ORVANE_SELECTION");
   XConvertSelection(display_, atom(selection), atom(target.c_str()), property, requestor,
                     CurrentTime);
-  XFlush(display_);
+  // Either sends the requests.
+  if (owner)
+    *owner = XGetSelectionOwner(display_, atom(selection));
+  else
+    XFlush(display_);
   std::optional<SelectionAnswer> answer = readAnswer(requestor, property, budget, limit);
   XDestroyWindow(display_, requestor);
   XSync(display_, False);

@@ -88,8 +88,12 @@ public:
   // Converts the selection to the target and reads the answer, INCR included.
   // Nothing when the owner refuses, stays silent past the budget's waits,
   // answers with a malformed property, or sends more than `limit` bytes.
+  // With `owner`, the selection's owner is asked for right after the
+  // conversion is sent (the server hands the request to that owner), so
+  // that the question and the owner's work overlap; 0 when it has none.
   std::optional<SelectionAnswer> convert(const char* selection, const std::string& target,
-                                         WaitBudget& budget, size_t limit);
+                                         WaitBudget& budget, size_t limit,
+                                         unsigned long* owner = nullptr);
   // The selection's targets (a TARGETS answer of atoms), at most `max` names.
   std::optional<std::vector<std::string>> targets(const char* selection, WaitBudget& budget,
                                                   size_t max = 512);

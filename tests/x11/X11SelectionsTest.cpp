@@ -182,6 +182,10 @@ TEST_F(X11SelectionsTest, AConversionTellsTheOwnerItWentTo) {
   asked = 12345;
   EXPECT_FALSE(reader.convert("PRIMARY", "UTF8_STRING", budget, 1000, &asked));
   EXPECT_EQ(asked, 0UL);
+  // What the conversions' windows were still sent is dropped once asked.
+  reader.tidy();
+  EXPECT_EQ(XQLength(reader.display()), 0);
+  EXPECT_EQ(reader.untrappedErrors(), 0U);
 }
 
 TEST_F(X11SelectionsTest, AReadAheadOfAPrimaryNobodyOwnsGivesNothing) {

@@ -412,35 +412,55 @@ std::optional<SelectionAnswer> XSelectionReader::convert(const char* selection,
     *owner = 0;
   if (!display_ || target.empty())
     return std::nullopt;
-  ErrorTrap trap(display_);
-  // A window for each conversion: a late answer to an abandoned one cannot
-  // land in the next.
-  Window requestor =
-      XCreateSimpleWindow(display_, DefaultRootWindow(display_), -10, -10, 1, 1, 0, 0, 0);
-  XSelectInput(display_, requestor, PropertyChangeMask);
-  Atom property = atom("ORVANE_SELECTION");
-  XConvertSelection(display_, atom(selection), atom(target.c_str()), property, requestor,
-                    CurrentTime);
-  // Either sends the requests.
-  if (owner)
-    *owner = XGetSelectionOwner(display_, atom(selection));
-  else
-    XFlush(display_);
-  std::optional<SelectionAnswer> answer = readAnswer(requestor, property, budget, limit);
-  XDestroyWindow(display_, requestor);
-  XSync(display_, False);
-  // Events already queued for the window would otherwise stay forever.
-  XEvent event;
-  while (XCheckIfEvent(
-      display_, &event,
-      [](Display*, XEvent* e, XPointer w) -> Bool {
-        return IsOnWindow(*e, *reinterpret_cast<Window*>(w)) ? True : False;
-      },
-      reinterpret_cast<XPointer>(&requestor))) {
+  tidy();
+  std::optional<SelectionAnswer> answer;
+  bool failed = false;
+  Window requestor = None;
+  {
+    ErrorTrap trap(display_);
+    // A window for each conversion: a late answer to an abandoned one cannot
+    // land in the next.
+    requestor = XCreateSimpleWindow(display_, DefaultRootWindow(display_), -10, -10, 1, 1, 0, 0, 0);
+    XSelectInput(display_, requestor, PropertyChangeMask);
+    Atom property = atom("ORVANE_SELECTION");
+    XConvertSelection(display_, atom(selection), atom(target.c_str()), property, requestor,
+                      CurrentTime);
+    // Either sends the requests.
+    if (owner)
+      *owner = XGetSelectionOwner(display_, atom(selection));
+    else
+      XFlush(display_);
+    answer = readAnswer(requestor, property, budget, limit);
+    // Without a round trip when the last request was answered (the
+    // property's read).
+    failed = trap.failed();
   }
-  if (trap.failed() || !answer || answer->type.empty())
+  // The window goes now; the events still queued or coming for it are
+  // dropped by the next tidy(), once the caller has its answer.
+  XDestroyWindow(display_, requestor);
+  XFlush(display_);
+  spent_requestors_.push_back(requestor);
+  if (failed || !answer || answer->type.empty())
     return std::nullopt;
   return answer;
+}
+
+void XSelectionReader::tidy() {
+  if (!display_ || spent_requestors_.empty())
+    return;
+  XSync(display_, False);
+  // Events already queued for the windows would otherwise stay forever.
+  for (unsigned long window : spent_requestors_) {
+    XEvent event;
+    while (XCheckIfEvent(
+        display_, &event,
+        [](Display*, XEvent* e, XPointer w) -> Bool {
+          return IsOnWindow(*e, *reinterpret_cast<Window*>(w)) ? True : False;
+        },
+        reinterpret_cast<XPointer>(&window))) {
+    }
+  }
+  spent_requestors_.clear();
 }
 
 std::optional<std::vector<std::string>> XSelectionReader::targets(const char* selection,

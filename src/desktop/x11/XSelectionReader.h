@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace orvane {
 
@@ -104,6 +105,11 @@ public:
   // order (XTest). False without XTest or when a keysym has no key.
   bool sendChord(const std::vector<unsigned long>& keysyms);
 
+  // Drops what the conversions so far left behind: the events still coming
+  // for their windows. A round trip when there are any; a conversion leaves
+  // this for later, so that its caller has the answer without it.
+  void tidy();
+
 private:
   unsigned long atom(const char* name);
   bool waitForEvent(WaitBudget& budget, XEvent* event, bool (*match)(const XEvent&, const void*),
@@ -119,6 +125,8 @@ private:
   int fixes_event_base_ = -1;
   uint64_t changes_ = 0;
   unsigned long last_owner_ = 0;
+  // Windows of ended conversions, destroyed, whose events tidy() drops.
+  std::vector<unsigned long> spent_requestors_;
 };
 
 } // namespace orvane

@@ -4,6 +4,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdio>
+#include <fstream>
 #include <future>
 #include <string>
 #include <sys/syscall.h>
@@ -86,6 +88,21 @@ long ThreadId() {
   return long(syscall(SYS_gettid));
 }
 
+// The times the thread has gone to sleep and woken since it started.
+long Switches(long tid) {
+  std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
+  std::string line;
+  long count = -1;
+  while (std::getline(status, line)) {
+    long value = 0;
+    if (sscanf(line.c_str(), "voluntary_ctxt_switches: %ld", &value) == 1)
+      count = (count < 0 ? 0 : count) + value;
+    else if (sscanf(line.c_str(), "nonvoluntary_ctxt_switches: %ld", &value) == 1)
+      count = (count < 0 ? 0 : count) + value;
+  }
+  return count;
+}
+
 bool ThreadGone(long tid) {
   std::string task = "/proc/self/task/" + std::to_string(tid);
   for (int i = 0; i < 500; ++i) {
@@ -110,8 +127,12 @@ TEST(PanelServerCheckTest, EveryCheckRunsOnOneWorkerThatIsKept) {
   EXPECT_NE(ran_on[0], ThreadId());
   for (long tid : ran_on)
     EXPECT_EQ(tid, ran_on[0]);
-  // Kept between the checks, asleep.
+  // Kept between the checks, asleep: it does not wake while no check comes.
   EXPECT_EQ(access(("/proc/self/task/" + std::to_string(ran_on[0])).c_str(), F_OK), 0);
+  long before = Switches(ran_on[0]);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_GE(before, 0);
+  EXPECT_EQ(Switches(ran_on[0]), before);
 }
 
 TEST(PanelServerCheckTest, NoWorkerBeforeTheFirstCheck) {

@@ -8,7 +8,7 @@ packages=(
   build-essential cmake ninja-build pkg-config git clang-format
   libgtk-3-dev libwebkit2gtk-4.1-dev libsoup-3.0-dev libx11-dev
   nlohmann-json3-dev libgtest-dev libgmock-dev libbenchmark-dev
-  libkeybinder-3.0-dev libxtst-dev libxres-dev libxfixes-dev libpoppler-glib-dev
+  libkeybinder-3.0-dev libxtst-dev libxres-dev libxfixes-dev libx11-xcb-dev libxcb-res0-dev libpoppler-glib-dev
   libwnck-3-dev libsodium-dev libarchive-dev
   # Wayland selections: libwayland-client, wayland-scanner for the generated
   # protocol code, KWin's protocol files (fake-input)

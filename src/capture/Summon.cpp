@@ -19,14 +19,15 @@ void Summon::hotkeySummon(uint32_t timestamp) {
     panel_.hide();
     return;
   }
-  // Every other path loads the page. What the load waits for runs while
-  // the front window and the selection are read.
-  panel_.prepareLoad();
   // One key press, one front window: read once for the checks and the
   // capture below.
   FrontWindowHold hold(capture_);
-  // The selection's owner is asked for it while the front window is read.
+  // The selection's owner is asked for it first: its answer is the longest
+  // wait of the summon, and what follows is done while it comes.
   capture_.readSelectionAhead();
+  // Every other path loads the page. What the load waits for runs while
+  // the front window and the selection are read.
+  panel_.prepareLoad();
   std::optional<FrontApplication> front = capture_.frontApplication();
   if (front && front->is_this_program) {
     // Orvane itself is in front: nothing to capture, nothing to activate.

@@ -3,9 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
 #include <future>
 #include <string>
+#include <sys/syscall.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace orvane {
@@ -77,6 +82,90 @@ TEST(PanelServerCheckTest, ASecondStartJoinsTheRunningCheckAndEachLoadChecksAnew
   EXPECT_EQ(checks.ended, 2);
   EXPECT_EQ(checks.given,
             (std::vector<std::string>{"http://127.0.0.1:8000", "http://localhost:8001"}));
+}
+
+long ThreadId() {
+  return long(syscall(SYS_gettid));
+}
+
+// The times the thread has gone to sleep and woken since it started.
+long Switches(long tid) {
+  std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
+  std::string line;
+  long count = -1;
+  while (std::getline(status, line)) {
+    long value = 0;
+    if (sscanf(line.c_str(), "voluntary_ctxt_switches: %ld", &value) == 1)
+      count = (count < 0 ? 0 : count) + value;
+    else if (sscanf(line.c_str(), "nonvoluntary_ctxt_switches: %ld", &value) == 1)
+      count = (count < 0 ? 0 : count) + value;
+  }
+  return count;
+}
+
+bool ThreadGone(long tid) {
+  std::string task = "/proc/self/task/" + std::to_string(tid);
+  for (int i = 0; i < 500; ++i) {
+    if (access(task.c_str(), F_OK) != 0)
+      return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return false;
+}
+
+TEST(PanelServerCheckTest, EveryCheckRunsOnOneWorkerThatIsKept) {
+  std::vector<long> ran_on;
+  PanelServerCheck check([&ran_on]() -> PanelServerCheck::Check {
+    return [&ran_on] { ran_on.push_back(ThreadId()); };
+  });
+  for (int i = 0; i < 4; ++i) {
+    check.start();
+    check.finish();
+  }
+  check.finish(); // a load without a started check
+  ASSERT_EQ(ran_on.size(), 5U);
+  EXPECT_NE(ran_on[0], ThreadId());
+  for (long tid : ran_on)
+    EXPECT_EQ(tid, ran_on[0]);
+  // Kept between the checks, asleep: it does not wake while no check comes.
+  EXPECT_EQ(access(("/proc/self/task/" + std::to_string(ran_on[0])).c_str(), F_OK), 0);
+  long before = Switches(ran_on[0]);
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_GE(before, 0);
+  EXPECT_EQ(Switches(ran_on[0]), before);
+}
+
+TEST(PanelServerCheckTest, NoWorkerBeforeTheFirstCheck) {
+  std::atomic<int> made{0};
+  {
+    PanelServerCheck check([&made]() -> PanelServerCheck::Check {
+      ++made;
+      return [] {};
+    });
+    EXPECT_FALSE(check.started());
+  }
+  EXPECT_EQ(made, 0);
+}
+
+TEST(PanelServerCheckTest, GoingAwayDuringACheckDoesNotWaitAndTheWorkerEndsAfterIt) {
+  std::promise<long> entered;
+  std::promise<void> release;
+  std::shared_future<void> go = release.get_future().share();
+  std::atomic<bool> ended{false};
+  auto check = std::make_unique<PanelServerCheck>([&]() -> PanelServerCheck::Check {
+    return [&entered, go, &ended] {
+      entered.set_value(ThreadId());
+      go.wait();
+      ended = true;
+    };
+  });
+  check->start();
+  long worker = entered.get_future().get();
+  check.reset(); // returns while the check still runs
+  EXPECT_FALSE(ended);
+  release.set_value();
+  EXPECT_TRUE(ThreadGone(worker));
+  EXPECT_TRUE(ended);
 }
 
 TEST(PanelServerCheckTest, AnEmptyCheckEndsAtOnce) {

@@ -45,6 +45,8 @@ public:
   void prepareLoad() override {
     ++prepares;
     selections_read_at_prepare = capture ? capture->selection_calls : -1;
+    reads_ahead_at_prepare = capture ? capture->reads_ahead : -1;
+    front_reads_at_prepare = capture ? capture->front_calls : -1;
     loads_at_prepare = int(loads.size());
   }
   void loadPage(const std::optional<std::string>& selection) override {
@@ -63,6 +65,8 @@ public:
   const FakeCapture* capture = nullptr;
   int prepares = 0;
   int selections_read_at_prepare = -1;
+  int reads_ahead_at_prepare = -1;
+  int front_reads_at_prepare = -1;
   int loads_at_prepare = -1;
   std::optional<Screen> key_screen;
   std::vector<std::optional<std::string>> loads;
@@ -175,6 +179,19 @@ TEST_F(SummonTest, WhatTheLoadWaitsForStartsBeforeTheCapture) {
   EXPECT_EQ(panel.loads_at_prepare, 0);
   EXPECT_EQ(capture.selection_calls, 1);
   EXPECT_EQ(panel.loads.size(), 1u);
+}
+
+// The other application's answer is the longest wait of a summon: it is
+// asked for first, and the rest is done while it comes.
+TEST_F(SummonTest, TheSelectionIsAskedForBeforeTheLoadIsPreparedAndTheFrontWindowRead) {
+  capture.otherApplication();
+  capture.selection = "a passage";
+  summon.hotkeySummon(1);
+  EXPECT_EQ(panel.reads_ahead_at_prepare, 1);
+  EXPECT_EQ(panel.front_reads_at_prepare, 0);
+  EXPECT_EQ(capture.reads_ahead, 1);
+  EXPECT_TRUE(capture.read_ahead_while_held);
+  EXPECT_EQ(panel.prepares, 1);
 }
 
 TEST_F(SummonTest, ThisProgramInFrontPreparesTheLoadToo) {

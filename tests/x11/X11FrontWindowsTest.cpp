@@ -104,6 +104,31 @@ TEST(X11FrontWindowsTest, AnOldStyleWindowWithoutPidPropertyStillHasItsProcess) 
   EXPECT_EQ(*front->frame, *expected);
 }
 
+TEST(X11FrontWindowsTest, WithoutFrameExtentsTheFrameIsTheWindowManagersFrameWindow) {
+  TempDir dir;
+  Window window = None;
+  std::unique_ptr<Child> entry = StartReady({"/usr/bin/python3", FixtureScript("entry_window.py"),
+                                             "no extents", "text", dir.file("keys.log")},
+                                            &window);
+  ASSERT_TRUE(entry);
+  ASSERT_TRUE(WaitUntilFront(window));
+  std::optional<Rect> expected = FrameByTools(window);
+  ASSERT_TRUE(expected);
+  // The frame is then found by walking up to the window that openbox made
+  // around the client, a child of the root.
+  std::string id = std::to_string(window);
+  ASSERT_TRUE(RunTool({"xprop", "-id", id, "-remove", "_NET_FRAME_EXTENTS"}).ok());
+  ASSERT_NE(RunTool({"xprop", "-id", id, "_NET_FRAME_EXTENTS"}).out.find("not found"),
+            std::string::npos);
+
+  std::optional<FrontWindow> front = X11FrontWindows().frontWindow();
+  ASSERT_TRUE(front);
+  EXPECT_EQ(front->id, window);
+  EXPECT_EQ(front->pid, entry->pid());
+  ASSERT_TRUE(front->frame);
+  EXPECT_EQ(*front->frame, *expected);
+}
+
 TEST(X11FrontWindowsTest, AnXtermInFrontIsKnownByItsClass) {
   std::unique_ptr<Child> xterm = Child::Start({"xterm", "-T", "a terminal"});
   ASSERT_TRUE(xterm);

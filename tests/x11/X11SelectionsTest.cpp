@@ -163,6 +163,39 @@ TEST_F(X11SelectionsTest, APrimaryThatChangedHandsAfterTheReadAheadIsReadFromIts
   EXPECT_EQ(selections.primaryText(), "second");
 }
 
+TEST_F(X11SelectionsTest, AConversionTellsTheOwnerItWentTo) {
+  std::unique_ptr<Child> owner = serve("PRIMARY", {{"UTF8_STRING", "UTF8_STRING", "whose"}});
+  ASSERT_TRUE(owner);
+  Window holder = TestDisplay().owner("PRIMARY");
+  ASSERT_NE(holder, None);
+  XSelectionReader reader(/*watch_clipboard=*/false);
+  WaitBudget budget(std::chrono::seconds(2), std::chrono::seconds(2), std::chrono::seconds(5));
+  unsigned long asked = 12345;
+  std::optional<SelectionAnswer> answer =
+      reader.convert("PRIMARY", "UTF8_STRING", budget, 1000, &asked);
+  EXPECT_EQ(asked, holder);
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->bytes, "whose");
+  // Nobody owns it: the server refuses at once, and the owner is none.
+  owner.reset();
+  ASSERT_TRUE(SpinUntil([] { return TestDisplay().owner("PRIMARY") == None; }));
+  asked = 12345;
+  EXPECT_FALSE(reader.convert("PRIMARY", "UTF8_STRING", budget, 1000, &asked));
+  EXPECT_EQ(asked, 0UL);
+  // What the conversions' windows were still sent is dropped once asked.
+  reader.tidy();
+  EXPECT_EQ(XQLength(reader.display()), 0);
+  EXPECT_EQ(reader.untrappedErrors(), 0U);
+}
+
+TEST_F(X11SelectionsTest, AReadAheadOfAPrimaryNobodyOwnsGivesNothing) {
+  TestDisplay().disown("PRIMARY");
+  X11Selections selections;
+  selections.readPrimaryAhead();
+  EXPECT_EQ(selections.primaryOwnerPid(), std::nullopt);
+  EXPECT_EQ(selections.primaryText(), std::nullopt);
+}
+
 TEST_F(X11SelectionsTest, ADroppedReadAheadLeavesTheNextReadToTheOwner) {
   std::unique_ptr<Child> owner = serve("PRIMARY", {{"UTF8_STRING", "UTF8_STRING", "kept"}});
   ASSERT_TRUE(owner);

@@ -104,6 +104,9 @@ void SelectionWorker::loop() {
       pending->job(*reader);
     }
     PostDone(pending, &pending->done, pending->context);
+    // After the answer is on its way: what the job's conversions left.
+    if (reader)
+      reader->tidy();
   }
 }
 

@@ -59,17 +59,24 @@ WaitBudget BudgetOf(const X11SelectionLimits& limits) {
 }
 
 // The selection as text, UTF8_STRING first, else STRING; both tries share
-// one budget. Runs on the worker thread.
+// one budget. With `owner`, also the owner the text came from, asked for
+// while the first conversion goes round (0: nobody owns the selection).
+// Runs on the worker thread.
 std::optional<std::string> ReadSelectionText(XSelectionReader& reader, const char* selection,
-                                             const X11SelectionLimits& limits) {
-  if (reader.owner(selection) == 0)
+                                             const X11SelectionLimits& limits,
+                                             unsigned long* owner = nullptr) {
+  if (!owner && reader.owner(selection) == 0)
     return std::nullopt;
   WaitBudget budget = BudgetOf(limits);
+  bool first = true;
   for (const char* target : {"UTF8_STRING", "STRING"}) {
     if (budget.spent())
       break;
-    std::optional<SelectionAnswer> answer =
-        reader.convert(selection, target, budget, limits.max_clipboard_bytes);
+    std::optional<SelectionAnswer> answer = reader.convert(
+        selection, target, budget, limits.max_clipboard_bytes, first ? owner : nullptr);
+    if (first && owner && *owner == 0)
+      return std::nullopt;
+    first = false;
     if (answer) {
       if (std::optional<std::string> text = TextOf(answer->type, answer->format, answer->bytes))
         return text;
@@ -191,8 +198,7 @@ void X11Selections::readPrimaryAhead() {
       std::make_shared<std::pair<unsigned long, std::optional<std::string>>>(0, std::nullopt);
   X11SelectionLimits limits = limits_;
   SelectionWorker::Ticket ticket = worker().post([answer, limits](XSelectionReader& reader) {
-    answer->first = reader.owner("PRIMARY");
-    answer->second = ReadSelectionText(reader, "PRIMARY", limits);
+    answer->second = ReadSelectionText(reader, "PRIMARY", limits, &answer->first);
   });
   primary_ahead_ = std::make_unique<Ahead>(Ahead{std::move(ticket), std::move(answer)});
 }

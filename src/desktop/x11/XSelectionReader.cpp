@@ -1,7 +1,6 @@
 #include "desktop/x11/XSelectionReader.h"
 
 #include <X11/Xatom.h>
-#include <X11/extensions/XRes.h>
 #include <X11/extensions/XTest.h>
 #include <X11/extensions/Xfixes.h>
 #include <algorithm>
@@ -104,7 +103,7 @@ public:
   explicit ErrorTrap(Display* display)
       : display_(display), outer_(ErrorRouter::Push(display, &code_)) {}
   ~ErrorTrap() {
-    XSync(display_, False);
+    settle();
     ErrorRouter::Pop(display_, outer_);
   }
   ErrorTrap(const ErrorTrap&) = delete;
@@ -112,11 +111,20 @@ public:
 
   // Whether any request so far failed.
   bool failed() {
-    XSync(display_, False);
+    settle();
     return code_.load() != 0;
   }
 
 private:
+  // Makes sure the errors of every request sent so far have been seen: a
+  // round trip, unless the server has already answered the last request
+  // sent (a reply, or the round trip of an XSync), which it does only after
+  // every request before it.
+  void settle() {
+    if (XNextRequest(display_) - 1 != LastKnownRequestProcessed(display_))
+      XSync(display_, False);
+  }
+
   Display* display_;
   std::atomic<int> code_{0};
   std::atomic<int>* outer_;
@@ -211,28 +219,6 @@ void XSelectionReader::disown(const char* selection) {
     return;
   XSetSelectionOwner(display_, atom(selection), None, CurrentTime);
   XSync(display_, False);
-}
-
-std::optional<int> PidOfWindowClient(Display* display, unsigned long window) {
-  int event_base = 0, error_base = 0, major = 0, minor = 0;
-  if (window == 0 || !XResQueryExtension(display, &event_base, &error_base) ||
-      !XResQueryVersion(display, &major, &minor) || major < 1 || (major == 1 && minor < 2))
-    return std::nullopt;
-  XResClientIdSpec wanted{window, XRES_CLIENT_ID_PID_MASK};
-  long count = 0;
-  XResClientIdValue* ids = nullptr;
-  std::optional<int> pid;
-  if (XResQueryClientIds(display, 1, &wanted, &count, &ids) == Success) {
-    for (long i = 0; i < count; ++i) {
-      if (XResGetClientIdType(&ids[i]) == XRES_CLIENT_ID_PID) {
-        pid_t found = XResGetClientPid(&ids[i]);
-        if (found > 0)
-          pid = int(found);
-      }
-    }
-    XResClientIdsDestroy(count, ids);
-  }
-  return pid;
 }
 
 std::optional<int> XSelectionReader::pidOfWindow(unsigned long window) {
@@ -420,34 +406,61 @@ std::optional<SelectionAnswer> XSelectionReader::readAnswer(unsigned long reques
 
 std::optional<SelectionAnswer> XSelectionReader::convert(const char* selection,
                                                          const std::string& target,
-                                                         WaitBudget& budget, size_t limit) {
+                                                         WaitBudget& budget, size_t limit,
+                                                         unsigned long* owner) {
+  if (owner)
+    *owner = 0;
   if (!display_ || target.empty())
     return std::nullopt;
-  ErrorTrap trap(display_);
-  // A window for each conversion: a late answer to an abandoned one cannot
-  // land in the next.
-  Window requestor =
-      XCreateSimpleWindow(display_, DefaultRootWindow(display_), -10, -10, 1, 1, 0, 0, 0);
-  XSelectInput(display_, requestor, PropertyChangeMask);
-  Atom property = atom("ORVANE_SELECTION");
-  XConvertSelection(display_, atom(selection), atom(target.c_str()), property, requestor,
-                    CurrentTime);
-  XFlush(display_);
-  std::optional<SelectionAnswer> answer = readAnswer(requestor, property, budget, limit);
-  XDestroyWindow(display_, requestor);
-  XSync(display_, False);
-  // Events already queued for the window would otherwise stay forever.
-  XEvent event;
-  while (XCheckIfEvent(
-      display_, &event,
-      [](Display*, XEvent* e, XPointer w) -> Bool {
-        return IsOnWindow(*e, *reinterpret_cast<Window*>(w)) ? True : False;
-      },
-      reinterpret_cast<XPointer>(&requestor))) {
+  tidy();
+  std::optional<SelectionAnswer> answer;
+  bool failed = false;
+  Window requestor = None;
+  {
+    ErrorTrap trap(display_);
+    // A window for each conversion: a late answer to an abandoned one cannot
+    // land in the next.
+    requestor = XCreateSimpleWindow(display_, DefaultRootWindow(display_), -10, -10, 1, 1, 0, 0, 0);
+    XSelectInput(display_, requestor, PropertyChangeMask);
+    Atom property = atom("ORVANE_SELECTION");
+    XConvertSelection(display_, atom(selection), atom(target.c_str()), property, requestor,
+                      CurrentTime);
+    // Either sends the requests.
+    if (owner)
+      *owner = XGetSelectionOwner(display_, atom(selection));
+    else
+      XFlush(display_);
+    answer = readAnswer(requestor, property, budget, limit);
+    // Without a round trip when the last request was answered (the
+    // property's read).
+    failed = trap.failed();
   }
-  if (trap.failed() || !answer || answer->type.empty())
+  // The window goes now; the events still queued or coming for it are
+  // dropped by the next tidy(), once the caller has its answer.
+  XDestroyWindow(display_, requestor);
+  XFlush(display_);
+  spent_requestors_.push_back(requestor);
+  if (failed || !answer || answer->type.empty())
     return std::nullopt;
   return answer;
+}
+
+void XSelectionReader::tidy() {
+  if (!display_ || spent_requestors_.empty())
+    return;
+  XSync(display_, False);
+  // Events already queued for the windows would otherwise stay forever.
+  for (unsigned long window : spent_requestors_) {
+    XEvent event;
+    while (XCheckIfEvent(
+        display_, &event,
+        [](Display*, XEvent* e, XPointer w) -> Bool {
+          return IsOnWindow(*e, *reinterpret_cast<Window*>(w)) ? True : False;
+        },
+        reinterpret_cast<XPointer>(&window))) {
+    }
+  }
+  spent_requestors_.clear();
 }
 
 std::optional<std::vector<std::string>> XSelectionReader::targets(const char* selection,

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "desktop/session/KeptClipboard.h"
+#include "desktop/x11/XClientIds.h"
 
 #include <X11/Xlib.h>
 #include <atomic>
@@ -14,6 +15,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace orvane {
 
@@ -24,11 +26,6 @@ struct SelectionAnswer {
   int format = 8;
   std::string bytes;
 };
-
-// The process of the X client that created the window, by XRes (the
-// window's own _NET_WM_PID is not reliable: helper windows have none).
-// Callers catch X errors themselves.
-std::optional<int> PidOfWindowClient(Display* display, unsigned long window);
 
 // How long the conversations of one read or save wait on the selection's
 // owner. The owner may stay silent `idle` at a time: its answer and each INCR
@@ -92,8 +89,12 @@ public:
   // Converts the selection to the target and reads the answer, INCR included.
   // Nothing when the owner refuses, stays silent past the budget's waits,
   // answers with a malformed property, or sends more than `limit` bytes.
+  // With `owner`, the selection's owner is asked for right after the
+  // conversion is sent (the server hands the request to that owner), so
+  // that the question and the owner's work overlap; 0 when it has none.
   std::optional<SelectionAnswer> convert(const char* selection, const std::string& target,
-                                         WaitBudget& budget, size_t limit);
+                                         WaitBudget& budget, size_t limit,
+                                         unsigned long* owner = nullptr);
   // The selection's targets (a TARGETS answer of atoms), at most `max` names.
   std::optional<std::vector<std::string>> targets(const char* selection, WaitBudget& budget,
                                                   size_t max = 512);
@@ -103,6 +104,11 @@ public:
   // Sends the keysyms' presses in order, then their releases in reverse
   // order (XTest). False without XTest or when a keysym has no key.
   bool sendChord(const std::vector<unsigned long>& keysyms);
+
+  // Drops what the conversions so far left behind: the events still coming
+  // for their windows. A round trip when there are any; a conversion leaves
+  // this for later, so that its caller has the answer without it.
+  void tidy();
 
 private:
   unsigned long atom(const char* name);
@@ -119,6 +125,8 @@ private:
   int fixes_event_base_ = -1;
   uint64_t changes_ = 0;
   unsigned long last_owner_ = 0;
+  // Windows of ended conversions, destroyed, whose events tidy() drops.
+  std::vector<unsigned long> spent_requestors_;
 };
 
 } // namespace orvane

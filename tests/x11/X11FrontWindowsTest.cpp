@@ -49,6 +49,18 @@ bool WaitUntilFront(Window window) {
   });
 }
 
+// A GTK window with a text entry, titled `title`, started and waited for
+// until it is in front and framed; empty when it is not.
+std::unique_ptr<Child> StartEntryInFront(const TempDir& dir, const std::string& title,
+                                         Window* window) {
+  std::unique_ptr<Child> entry = StartReady(
+      {"/usr/bin/python3", FixtureScript("entry_window.py"), title, "text", dir.file("keys.log")},
+      window);
+  if (!entry || !WaitUntilFront(*window))
+    return nullptr;
+  return entry;
+}
+
 void SetActiveWindowProperty(Atom type, long value) {
   TestDisplay display;
   XChangeProperty(display.get(), DefaultRootWindow(display.get()),
@@ -60,11 +72,8 @@ void SetActiveWindowProperty(Atom type, long value) {
 TEST(X11FrontWindowsTest, AGtkWindowInFrontWithItsPidClassTitleAndFrame) {
   TempDir dir;
   Window window = None;
-  std::unique_ptr<Child> entry = StartReady({"/usr/bin/python3", FixtureScript("entry_window.py"),
-                                             "Überschrift — ✓", "text", dir.file("keys.log")},
-                                            &window);
+  std::unique_ptr<Child> entry = StartEntryInFront(dir, "Überschrift — ✓", &window);
   ASSERT_TRUE(entry);
-  ASSERT_TRUE(WaitUntilFront(window));
 
   std::optional<FrontWindow> front = X11FrontWindows().frontWindow();
   ASSERT_TRUE(front);
@@ -107,11 +116,8 @@ TEST(X11FrontWindowsTest, AnOldStyleWindowWithoutPidPropertyStillHasItsProcess) 
 TEST(X11FrontWindowsTest, WithoutFrameExtentsTheFrameIsTheWindowManagersFrameWindow) {
   TempDir dir;
   Window window = None;
-  std::unique_ptr<Child> entry = StartReady({"/usr/bin/python3", FixtureScript("entry_window.py"),
-                                             "no extents", "text", dir.file("keys.log")},
-                                            &window);
+  std::unique_ptr<Child> entry = StartEntryInFront(dir, "no extents", &window);
   ASSERT_TRUE(entry);
-  ASSERT_TRUE(WaitUntilFront(window));
   std::optional<Rect> expected = FrameByTools(window);
   ASSERT_TRUE(expected);
   // The frame is then found by walking up to the window that openbox made

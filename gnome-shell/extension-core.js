@@ -99,7 +99,10 @@ class OrvaneShellService {
         this._owner = null;
         this._nameWatch = 0;
         this._exported = null;
-        this._bound = new Set();
+        // Hotkey name -> the shell's action id of its grabbed accelerator.
+        this._bound = new Map();
+        this._acceleratorActivated = 0;
+        this._hotkeySettingsChanged = 0;
         this._clipboardChanges = 0;
         this._selectionChanged = 0;
         this._layoutSignals = [];
@@ -123,6 +126,16 @@ class OrvaneShellService {
                 if (type === Meta.SelectionType.SELECTION_CLIPBOARD)
                     this._clipboardChanges++;
             });
+
+        this._acceleratorActivated = global.display.connect('accelerator-activated',
+            (_display, action, _device, timestamp) => this._hotkeyPressed(action, timestamp));
+        // A hotkey changed in the settings is grabbed anew while it is bound.
+        this._hotkeySettingsChanged = this._settings.connect('changed', (_settings, name) => {
+            if (!this._bound.has(name))
+                return;
+            this._ungrab(name);
+            this._grab(name);
+        });
 
         // Whatever changes Monitors' answer is told to the owner, which
         // keeps that answer until then.
@@ -151,6 +164,14 @@ class OrvaneShellService {
         }
         this._owner = null;
         this._unbindHotkeys();
+        if (this._acceleratorActivated) {
+            global.display.disconnect(this._acceleratorActivated);
+            this._acceleratorActivated = 0;
+        }
+        if (this._hotkeySettingsChanged) {
+            this._settings.disconnect(this._hotkeySettingsChanged);
+            this._hotkeySettingsChanged = 0;
+        }
         for (const [object, id] of this._layoutSignals)
             object.disconnect(id);
         this._layoutSignals = [];
@@ -347,38 +368,55 @@ class OrvaneShellService {
         this._guard(invocation, () => {
             const bound = {};
             for (const name of HOTKEY_NAMES) {
-                if (!this._bound.has(name)) {
-                    const action = Main.wm.addKeybinding(name, this._settings,
-                        Meta.KeyBindingFlags.NONE,
-                        Shell.ActionMode.NORMAL | Shell.ActionMode.OVERVIEW | Shell.ActionMode.POPUP,
-                        (...args) => this._hotkeyPressed(name, args));
-                    if (action !== Meta.KeyBindingAction.NONE)
-                        this._bound.add(name);
-                    else
-                        orvaneLog(`could not bind ${name} (${this._settings.get_strv(name).join(', ')})`);
-                }
+                if (!this._bound.has(name) && !this._grab(name))
+                    orvaneLog(`could not bind ${name} (${this._settings.get_strv(name).join(', ')})`);
                 bound[name] = this._bound.has(name);
             }
             invocation.return_value(new GLib.Variant('(a{sb})', [bound]));
         });
     }
 
-    _unbindHotkeys() {
-        for (const name of this._bound)
-            Main.wm.removeKeybinding(name);
-        this._bound.clear();
+    // The hotkeys are grabbed accelerators, not keybindings: the shell
+    // removes a grab at once, while a removed keybinding stays in its
+    // table until an idle rebuild, and a key press in between runs a freed
+    // handler and ends the shell.
+    _grab(name) {
+        const accelerator = this._settings.get_strv(name)[0] ?? '';
+        const action = accelerator
+            ? global.display.grab_accelerator(accelerator, Meta.KeyBindingFlags.NONE)
+            : Meta.KeyBindingAction.NONE;
+        if (action === Meta.KeyBindingAction.NONE)
+            return false;
+        Main.wm.allowKeybinding(Meta.external_binding_name_for_action(action),
+            Shell.ActionMode.NORMAL | Shell.ActionMode.OVERVIEW | Shell.ActionMode.POPUP);
+        this._bound.set(name, action);
+        return true;
     }
 
-    _hotkeyPressed(name, args) {
-        // The handler gets (display, window, event, binding); the event's
-        // time is the key press's.
-        let timestamp = 0;
-        const event = args[2];
-        if (event && typeof event.get_time === 'function')
-            timestamp = event.get_time();
-        if (!timestamp)
-            timestamp = global.get_current_time();
-        this._tellOwner('HotkeyPressed', new GLib.Variant('(su)', [name, timestamp >>> 0]));
+    _ungrab(name) {
+        const action = this._bound.get(name);
+        this._bound.delete(name);
+        if (action === undefined)
+            return;
+        global.display.ungrab_accelerator(action);
+        Main.wm.allowKeybinding(Meta.external_binding_name_for_action(action), Shell.ActionMode.NONE);
+    }
+
+    _unbindHotkeys() {
+        for (const name of [...this._bound.keys()])
+            this._ungrab(name);
+    }
+
+    // Every grabbed accelerator of the shell is reported here; only ours
+    // count. The time is the key press's.
+    _hotkeyPressed(action, timestamp) {
+        for (const [name, bound] of this._bound) {
+            if (bound === action) {
+                this._tellOwner('HotkeyPressed', new GLib.Variant('(su)',
+                    [name, (timestamp || global.get_current_time()) >>> 0]));
+                return;
+            }
+        }
     }
 
     // A signal for the owner of com.tarnwick.orvane alone; nobody else is told.

@@ -38,6 +38,13 @@ void Collect(xcb_connection_t* connection, Cookie cookie, Take take, Answer<Repl
   std::free(error);
 }
 
+// Which kinds of id an XRes answer carries (its client-and-mask header,
+// the value's first field; a standard-layout struct starts at its first
+// member).
+uint32_t IdMaskOf(const xcb_res_client_id_value_t* value) {
+  return reinterpret_cast<const xcb_res_client_id_spec_t*>(value)->mask;
+}
+
 // The property's items when it has the given type and format.
 const void* PropertyItems(const xcb_get_property_reply_t* reply, xcb_atom_t type, uint8_t format,
                           size_t& count) {
@@ -211,7 +218,7 @@ std::optional<FrontWindow> X11FrontWindows::frontWindow() const {
   if (ids.reply) {
     for (xcb_res_client_id_value_iterator_t it = xcb_res_query_client_ids_ids_iterator(ids.reply);
          it.rem > 0; xcb_res_client_id_value_next(&it)) {
-      if ((it.data->spec.mask & XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID) &&
+      if ((IdMaskOf(it.data) & XCB_RES_CLIENT_ID_MASK_LOCAL_CLIENT_PID) &&
           xcb_res_client_id_value_value_length(it.data) == 1) {
         uint32_t value = *xcb_res_client_id_value_value(it.data);
         if (value > 0 && value < (1U << 31))

@@ -1,6 +1,8 @@
 #include "capture/PageOfQuote.h"
 
 #include "base/GObjectPtr.h"
+#include "base/SharedLibrary.h"
+#include "base/SparLog.h"
 #include "base/Text.h"
 
 #include <glib.h>
@@ -55,7 +57,46 @@ std::string Prefix(const std::string& text, size_t max_characters) {
   return std::string(text.c_str(), size_t(p - text.c_str()));
 }
 
+// poppler-glib, with the functions the search calls. It is opened on the
+// first search, not at launch: it and the libraries it needs (NSS, libtiff,
+// OpenJPEG and more) would cost every start some 3 MB and their loading.
+struct Poppler {
+  decltype(&poppler_document_new_from_file) document_new_from_file;
+  decltype(&poppler_document_get_n_pages) document_get_n_pages;
+  decltype(&poppler_document_get_page) document_get_page;
+  decltype(&poppler_page_find_text_with_options) page_find_text_with_options;
+  decltype(&poppler_rectangle_free) rectangle_free;
+};
+
+// The library's functions, or nullptr (said once in the log) when it cannot be
+// opened; then no PDF is searched. Safe from any thread.
+const Poppler* OpenPoppler() {
+  static const Poppler* const poppler = []() -> const Poppler* {
+    static SharedLibrary library(PageOfQuoteLibraryName());
+    static Poppler functions{
+        ORVANE_LIBRARY_FUNCTION(library, poppler_document_new_from_file),
+        ORVANE_LIBRARY_FUNCTION(library, poppler_document_get_n_pages),
+        ORVANE_LIBRARY_FUNCTION(library, poppler_document_get_page),
+        ORVANE_LIBRARY_FUNCTION(library, poppler_page_find_text_with_options),
+        ORVANE_LIBRARY_FUNCTION(library, poppler_rectangle_free),
+    };
+    bool complete = functions.document_new_from_file && functions.document_get_n_pages &&
+                    functions.document_get_page && functions.page_find_text_with_options &&
+                    functions.rectangle_free;
+    if (complete)
+      return &functions;
+    SparLog("quote: PDFs cannot be searched for the page of a quote (%@)", library.error());
+    return nullptr;
+  }();
+  return poppler;
+}
+
 } // namespace
+
+std::string PageOfQuoteLibraryName() {
+  const char* name = g_getenv("ORVANE_POPPLER_LIBRARY");
+  return name && *name ? name : ORVANE_POPPLER_GLIB_SONAME;
+}
 
 std::string QuoteNeedle(const std::string& quote) {
   // Text from another application may be anything; search what it means.
@@ -83,20 +124,23 @@ int PageOfQuote(const std::string& pdf_path, const std::string& quote) {
   GCharPtr uri(g_filename_to_uri(pdf_path.c_str(), nullptr, nullptr));
   if (!uri)
     return 0;
+  const Poppler* poppler = OpenPoppler();
+  if (!poppler)
+    return 0;
   auto document = GObjectPtr<PopplerDocument>::adopt(
-      poppler_document_new_from_file(uri.get(), nullptr, nullptr));
+      poppler->document_new_from_file(uri.get(), nullptr, nullptr));
   if (!document)
     return 0;
-  int pages = poppler_document_get_n_pages(document.get());
+  int pages = poppler->document_get_n_pages(document.get());
   for (int index = 0; index < pages; ++index) {
-    auto page = GObjectPtr<PopplerPage>::adopt(poppler_document_get_page(document.get(), index));
+    auto page = GObjectPtr<PopplerPage>::adopt(poppler->document_get_page(document.get(), index));
     if (!page)
       continue;
     // The default search ignores case; a passage may run over a line end.
     GList* matches =
-        poppler_page_find_text_with_options(page.get(), needle.c_str(), POPPLER_FIND_MULTILINE);
+        poppler->page_find_text_with_options(page.get(), needle.c_str(), POPPLER_FIND_MULTILINE);
     bool found = matches != nullptr;
-    g_list_free_full(matches, reinterpret_cast<GDestroyNotify>(poppler_rectangle_free));
+    g_list_free_full(matches, reinterpret_cast<GDestroyNotify>(poppler->rectangle_free));
     if (found)
       return index + 1;
   }

@@ -96,15 +96,23 @@ def test_alt_c_with_the_chat_hidden_goes_to_the_desktop_application(home, site, 
     assert orvane.windows("sparring") == []
 
 
+def maps_poppler(orvane) -> bool:
+    with open(f"/proc/{orvane.proc.pid}/maps") as maps:
+        return "libpoppler" in maps.read()
+
+
 def test_alt_c_in_a_pdf_viewer_posts_the_ask_with_path_quote_and_page(home, site, desktop, launch, clients):
-    started_library(home, site, launch)
+    orvane, _ = started_library(home, site, launch)
     pdf = library_pdf(home)
     recorder = clients.signal_recorder([ASK_SIGNAL])
     viewer = clients.pdf_viewer(pdf, page=2)
     selected = select_line(desktop, viewer)
+    # The PDF library is opened by the first search for a quote's page, not at launch.
+    assert not maps_poppler(orvane), "poppler was loaded before any PDF was searched"
 
     desktop.press("alt+c")
     signal = recorder.wait_for_signal(ASK_SIGNAL)[0]
+    assert maps_poppler(orvane)
     assert signal["path"] == "/nl/tarnwick/pendrel"
     ask = json.loads(signal["args"][0])
     assert sorted(ask) == ["page", "path", "quote", "splitW", "splitX", "title", "x", "y"]

@@ -1,11 +1,15 @@
 #include "capture/PageOfQuote.h"
 
 #include "base/Text.h"
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 #include "support/TextPdf.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdlib>
 
 namespace orvane {
 namespace {
@@ -92,6 +96,29 @@ TEST_F(PageOfQuoteTest, LongLineIsSearchedByItsFirstEightyCharacters) {
   std::string quote = first80 + std::string(120, 'z');
   EXPECT_EQ(PageOfQuote(long_pdf, quote), 2);
   EXPECT_EQ(PageOfQuote(long_pdf, "x" + first80), 0);
+}
+
+// Exits 0 when a search without the PDF library finds no page and says why
+// in the log, once however often it is asked.
+[[noreturn]] void SearchWithoutThePdfLibrary(const std::string& pdf) {
+  g_setenv("ORVANE_POPPLER_LIBRARY", "libno-such-pdf-library.so.0", true);
+  LogCapture log;
+  bool no_page = PageOfQuote(pdf, "Entangled states persist") == 0 &&
+                 PageOfQuote(pdf, "third page repeats") == 0;
+  std::vector<std::string> messages = log.messages();
+  auto said = std::count_if(messages.begin(), messages.end(), [](const std::string& m) {
+    return m.starts_with("quote: PDFs cannot be searched for the page of a quote (") &&
+           m.find("libno-such-pdf-library.so.0") != std::string::npos;
+  });
+  std::exit(no_page && said == 1 && messages.size() == 1 ? 0 : 1);
+}
+
+TEST_F(PageOfQuoteTest, WithoutThePdfLibraryNoPageIsFoundAndTheLogSaysWhyOnce) {
+  // The library is opened once per process: the search runs in a fresh one.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(SearchWithoutThePdfLibrary(pdf), ::testing::ExitedWithCode(0), "");
+  // With the library, this process finds the page as before.
+  EXPECT_EQ(PageOfQuote(pdf, "Entangled states persist"), 2);
 }
 
 TEST_F(PageOfQuoteTest, NoMatchGivesZero) {

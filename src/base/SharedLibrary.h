@@ -1,0 +1,45 @@
+// A shared library opened when a feature first needs it rather than at exec.
+// Code that only some features run (reading a PDF, unpacking an update) then
+// costs the launch nothing: neither the library nor the libraries it needs
+// are mapped, relocated or initialised until then.
+#pragma once
+
+#include <gmodule.h>
+
+#include <string>
+
+namespace orvane {
+
+class SharedLibrary {
+public:
+  // Opens the library by its file name (its soname, as the loader finds it).
+  // A library once opened stays for the process's life: one that registers
+  // GObject types may never be unloaded.
+  explicit SharedLibrary(const std::string& file_name);
+  SharedLibrary(const SharedLibrary&) = delete;
+  SharedLibrary& operator=(const SharedLibrary&) = delete;
+
+  bool loaded() const { return module_ != nullptr; }
+  // Why the library or the last symbol asked for could not be found.
+  const std::string& error() const { return error_; }
+
+  // The function `name`, typed as the declaration it was given for; nullptr,
+  // with error() saying so, when the library lacks it.
+  template <typename Function> Function* function(const char* name) {
+    return reinterpret_cast<Function*>(symbol(name));
+  }
+
+private:
+  void* symbol(const char* name);
+
+  GModule* module_ = nullptr;
+  std::string file_name_;
+  std::string error_;
+};
+
+// Looks a function up by the name of its declaration, typed by it, so that
+// a call through the pointer is checked like a direct one.
+#define ORVANE_LIBRARY_FUNCTION(library, function_name)                                            \
+  (library).function<decltype(function_name)>(#function_name)
+
+} // namespace orvane

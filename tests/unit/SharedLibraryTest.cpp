@@ -1,0 +1,36 @@
+#include "base/SharedLibrary.h"
+
+#include <gtest/gtest.h>
+
+namespace orvane {
+namespace {
+
+TEST(SharedLibraryTest, AFunctionOfAnOpenedLibraryIsCalledThroughItsDeclaredType) {
+  SharedLibrary library("libgmodule-2.0.so.0");
+  ASSERT_TRUE(library.loaded()) << library.error();
+  auto supported = ORVANE_LIBRARY_FUNCTION(library, g_module_supported);
+  ASSERT_NE(supported, nullptr) << library.error();
+  EXPECT_TRUE(supported());
+  EXPECT_EQ(library.error(), "");
+}
+
+TEST(SharedLibraryTest, AMissingLibraryIsNotLoadedAndSaysWhy) {
+  SharedLibrary library("libno-such-library-here.so.0");
+  EXPECT_FALSE(library.loaded());
+  EXPECT_NE(library.error().find("libno-such-library-here.so.0"), std::string::npos)
+      << library.error();
+  EXPECT_EQ(library.function<void()>("anything"), nullptr);
+}
+
+TEST(SharedLibraryTest, AMissingFunctionIsNullAndNamedInTheError) {
+  SharedLibrary library("libgmodule-2.0.so.0");
+  ASSERT_TRUE(library.loaded()) << library.error();
+  EXPECT_EQ(library.function<void()>("orvane_no_such_function"), nullptr);
+  EXPECT_EQ(library.error(), "libgmodule-2.0.so.0 has no orvane_no_such_function");
+  // A hostile name (a path, an empty one) is only not found.
+  EXPECT_EQ(library.function<void()>("../../etc/passwd"), nullptr);
+  EXPECT_EQ(library.function<void()>(""), nullptr);
+}
+
+} // namespace
+} // namespace orvane

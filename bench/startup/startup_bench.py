@@ -99,6 +99,20 @@ def read_text(path: str) -> str:
         return ""
 
 
+def private_kib_by_mapping(pid: int) -> dict[str, int]:
+    """The private memory of a process by what it maps: a file's path, or the
+    kernel's name for an anonymous mapping ("[heap]", "[anon]" for the rest)."""
+    sizes: dict[str, int] = {}
+    mapping = "[anon]"
+    for line in read_text(f"/proc/{pid}/smaps").splitlines():
+        head = line.split(None, 5)
+        if head and "-" in head[0] and not head[0].endswith(":"):
+            mapping = head[5].strip() if len(head) > 5 else "[anon]"
+        elif line.startswith(("Private_Clean:", "Private_Dirty:")):
+            sizes[mapping] = sizes.get(mapping, 0) + int(line.split()[1])
+    return sizes
+
+
 def memory_kib(pid: int) -> tuple[int, int]:
     """(PSS, private memory) of a process: its proportional share of every
     page it maps, and the pages it alone maps (which other programs on the
@@ -208,11 +222,13 @@ class Series:
     idle: list[IdleWindow] = field(default_factory=list)
     # (process name, pid, PSS KiB, private KiB) of each process of the last run
     last_tree: list[tuple[str, int, int, int]] = field(default_factory=list)
+    # private KiB by mapping of each process of the last run, with --mappings
+    last_mappings: list[tuple[str, dict[str, int]]] = field(default_factory=list)
 
 
 class Program:
     def __init__(self, name: str, argv: list[str], home: Home, desktop: Desktop, site: FixtureSite,
-                 owns_bus_name: bool, source_counter: Path | None = None):
+                 owns_bus_name: bool, source_counter: Path | None = None, mappings: bool = False):
         self.name = name
         self.argv = argv
         self.home = home
@@ -222,6 +238,7 @@ class Program:
         self.out_path = home.path.parent / f"{name}.out"
         self.source_counter = source_counter
         self.sources_folder = home.path.parent / "source-counts"
+        self.mappings = mappings
 
     def run(self, series: Series | None, measure_idle: bool) -> None:
         """One start, measured into `series` (None: a warm-up run)."""
@@ -253,6 +270,7 @@ class Program:
             names = [read_text(f"/proc/{pid}/comm").strip() or "?" for pid in tree]
             pss = sum(m[0] for m in memory) / 1024
             private = sum(m[1] for m in memory) / 1024
+            by_mapping = [private_kib_by_mapping(pid) for pid in tree] if self.mappings else []
             idle = idle_window(proc.pid, IDLE_S, self.sources_folder if self.source_counter else None) \
                 if measure_idle else None
         finally:
@@ -264,6 +282,7 @@ class Program:
         series.private_mib.append(private)
         series.last_tree = [(name, pid, m[0], m[1]) for name, pid, m in zip(names, tree, memory)]
         series.processes.append(len(tree))
+        series.last_mappings = list(zip(names, by_mapping))
         if idle:
             series.idle.append(idle)
         note = f"  idle {idle.per_second:6.1f} switches/s" if idle else ""
@@ -286,6 +305,28 @@ def print_processes(series: Series) -> None:
     print(f"{series.name}: memory of each process in its last run")
     for process, pid, pss, private in series.last_tree:
         print(f"    {process:<16} {pid:>7}  PSS {pss / 1024:6.1f} MiB  private {private / 1024:6.1f} MiB")
+
+
+def print_mappings(floor: Series, orvane: Series, smallest_kib: int = 64) -> None:
+    """Private memory by mapping, per kind of process, Orvane against the
+    floor, largest difference first."""
+    def by_kind(series: Series) -> dict[str, dict[str, int]]:
+        kinds: dict[str, dict[str, int]] = {}
+        for name, sizes in series.last_mappings:
+            kind = name if name.startswith("WebKit") else "UI process"
+            merged = kinds.setdefault(kind, {})
+            for mapping, kib in sizes.items():
+                merged[mapping] = merged.get(mapping, 0) + kib
+        return kinds
+    f_kinds, o_kinds = by_kind(floor), by_kind(orvane)
+    for kind in sorted(set(f_kinds) | set(o_kinds)):
+        f, o = f_kinds.get(kind, {}), o_kinds.get(kind, {})
+        print(f"{kind}: private memory by mapping, KiB (floor, Orvane, difference), "
+              f"total {sum(f.values())} and {sum(o.values())}")
+        rows = [(o.get(m, 0) - f.get(m, 0), m) for m in set(f) | set(o)]
+        for diff, mapping in sorted(rows, key=lambda r: -abs(r[0])):
+            if abs(diff) >= smallest_kib:
+                print(f"    {f.get(mapping, 0):8d} {o.get(mapping, 0):8d} {diff:+8d}  {mapping}")
 
 
 def print_threads(name: str, window: IdleWindow) -> None:
@@ -311,6 +352,9 @@ def main() -> int:
     parser.add_argument("--sources", action="store_true",
                         help="also count the main-loop sources that fire in the idle windows "
                              "(with the source counter loaded into both programs; implies --threads)")
+    parser.add_argument("--mappings", action="store_true",
+                        help="also list each kind of process's private memory by mapped file, "
+                             "Orvane against the floor, for the last run")
     args = parser.parse_args()
     counter = None
     if args.sources:
@@ -341,8 +385,9 @@ def main() -> int:
         orvane_home.write_settings(AppURL=site.url, ProjectDir=str(scratch / "no-such-project"))
         programs = [
             Program("floor", [str(floor_binary()), site.url + "/"], floor_home, floor_desktop, site, False,
-                    counter),
-            Program("Orvane", [str(orvane_binary())], orvane_home, orvane_desktop, site, True, counter),
+                    counter, args.mappings),
+            Program("Orvane", [str(orvane_binary())], orvane_home, orvane_desktop, site, True, counter,
+                    args.mappings),
         ]
         series = {p.name: Series(p.name) for p in programs}
         # One start of each first, unmeasured: both then start with their
@@ -384,6 +429,9 @@ def main() -> int:
         print()
         print_processes(floor)
         print_processes(orvane)
+    if args.mappings:
+        print()
+        print_mappings(floor, orvane)
     print(f"(the run took {time.monotonic() - began:.0f} s)")
     return 0
 

@@ -83,7 +83,17 @@ shlibs=$(cd "$stage" && dpkg-shlibdeps -O "${elves[@]/#/-e}" 2>"$stage/shlibdeps
   || fail "dpkg-shlibdeps failed: $(cat "$stage/shlibdeps.err")"
 shlibs=${shlibs#shlibs:Depends=}
 [ -n "$shlibs" ] || fail "dpkg-shlibdeps found no libraries"
-depends="$shlibs, $runtime_depends"
+# The libraries the program opens at run time instead of linking them, which
+# dpkg-shlibdeps cannot see: the build lists their sonames, one a line.
+opened=""
+[ -f "$build/opened-libraries.txt" ] || fail "$build/opened-libraries.txt is missing: configure the build again"
+while read -r soname; do
+  [ -n "$soname" ] || continue
+  package=$(dpkg-query -S "*/$soname" 2>/dev/null | head -n1 | cut -d: -f1)
+  [ -n "$package" ] || fail "no package installed here provides $soname, which the program opens"
+  opened="$opened, $package"
+done < "$build/opened-libraries.txt"
+depends="$shlibs$opened, $runtime_depends"
 
 # The release notes: what to install on a minimal system, as one apt-get
 # command (the Depends' package names, the first of alternatives, and

@@ -1,7 +1,9 @@
 // A shared library opened when a feature first needs it rather than at exec.
 // Code that only some features run (reading a PDF, unpacking an update) then
 // costs the launch nothing: neither the library nor the libraries it needs
-// are mapped, relocated or initialised until then.
+// are mapped, relocated or initialised until then. A library opened this way
+// is listed in build/opened-libraries.txt (CMakeLists.txt), from which the
+// release's package takes its dependency on it.
 #pragma once
 
 #include <gmodule.h>

@@ -360,6 +360,8 @@ def test_deb_depends_come_from_the_binaries_with_versions(release):
     for versioned in ("libarchive13", "libwebkit2gtk-4.1-0", "libwnck-3-0", "libc6", "libstdc++6",
                       "libsodium23", "libgtk-3-0"):
         assert re.search(rf"(^|, ){re.escape(versioned)} \(>= [^)]+\)", depends), (versioned, depends)
+    # What the program opens at run time rather than links: the PDF library.
+    assert "libpoppler-glib8" in names, depends
     # What the program runs: the site on Debian's python3 and its packages,
     # the desktop's handlers and the desktop database.
     for runtime in ("python3", "python3-fastapi", "python3-uvicorn", "python3-multipart",
@@ -379,6 +381,11 @@ def test_every_library_of_the_deb_comes_with_its_depends(release, tmp_path):
     assert run("dpkg-deb", "-x", deb, root).returncode == 0
     needs = program_needs(root / "opt/orvane")
     assert "libarchive.so.13" in needs, needs
+    # And what it opens at run time instead of linking (the build's list).
+    libraries = library_paths()
+    for soname in (REPO_ROOT / "build" / "opened-libraries.txt").read_text().split():
+        needs[soname] = owning_package(libraries[soname])
+    assert needs.get("libpoppler-glib.so.8") == "libpoppler-glib8", needs
     closure = dependency_closure(deb_depends(deb)[1])
     missing = {need: package for need, package in needs.items() if package not in closure}
     assert not missing, f"needed but not among the Depends or their dependencies: {missing}"

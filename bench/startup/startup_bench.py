@@ -17,11 +17,14 @@ for each run the benchmark prints:
   involuntary, summed over every thread of every process.
 
     /usr/bin/python3 bench/startup/startup_bench.py [--runs 7] [--idle-runs 5] [--threads] [--sources]
+        [--idle-from 3] [--idle-seconds 10] [--mappings]
 
 The figures are medians; each Orvane figure is printed against the floor's
 as a ratio, with its goal (reported, never enforced). `--threads` lists, for
 the last idle window of each program, every thread that woke up, by process
-and thread name.
+and thread name; `--idle-from` and `--idle-seconds` place the idle window
+(the steady state: `--idle-from 60`; the whole first minute: `--idle-seconds
+60`); `--mappings` lists each kind of process's private memory by mapped file.
 """
 
 from __future__ import annotations
@@ -186,26 +189,40 @@ class IdleWindow:
     sources: list[tuple[int, str, str, int]] = field(default_factory=list)
 
 
+# How often the idle window reads the threads' counts: a thread that ends
+# meanwhile (WebKit's and JavaScriptCore's helper threads end after a few idle
+# seconds) counts what it had switched when last read.
+IDLE_SAMPLE_S = 0.25
+
+
 def idle_window(root: int, seconds: float, sources_folder: Path | None = None) -> IdleWindow:
-    """Context switches of the tree over `seconds`; a thread that starts
-    meanwhile counts from zero, one that ends is left out (and counted)."""
+    """Context switches of the tree over `seconds`. A thread that starts
+    meanwhile counts from zero; one that ends counts up to its last reading,
+    a quarter of a second before it ended at most."""
     sources_before = source_counts(process_tree(root), sources_folder) if sources_folder else {}
     before = switch_counts(process_tree(root))
-    time.sleep(seconds)
-    after = switch_counts(process_tree(root))
+    last = dict(before)
+    ended: set[tuple[int, int]] = set()
+    deadline = time.monotonic() + seconds
+    while (left := deadline - time.monotonic()) > 0:
+        time.sleep(min(IDLE_SAMPLE_S, left))
+        now = switch_counts(process_tree(root))
+        ended.update(key for key in last if key not in now)
+        last.update(now)
     sources_after = source_counts(process_tree(root), sources_folder) if sources_folder else {}
     threads = []
     total = 0
-    for key, now in after.items():
-        delta = now.switches - (before[key].switches if key in before else 0)
+    for key, latest in last.items():
+        delta = latest.switches - (before[key].switches if key in before else 0)
         total += delta
         if delta:
-            threads.append((now.process, key[0], now.thread, key[1], delta / seconds))
+            threads.append((latest.process, key[0], latest.thread + (" (ended)" if key in ended else ""),
+                            key[1], delta / seconds))
     threads.sort(key=lambda t: -t[4])
     sources = [(*key, count - sources_before.get(key, 0)) for key, count in sources_after.items()
                if count > sources_before.get(key, 0)]
     sources.sort(key=lambda s: -s[3])
-    return IdleWindow(total / seconds, threads, sum(1 for key in before if key not in after), sources)
+    return IdleWindow(total / seconds, threads, len(ended), sources)
 
 
 # --------------------------------------------------------------------------
@@ -228,7 +245,8 @@ class Series:
 
 class Program:
     def __init__(self, name: str, argv: list[str], home: Home, desktop: Desktop, site: FixtureSite,
-                 owns_bus_name: bool, source_counter: Path | None = None, mappings: bool = False):
+                 owns_bus_name: bool, source_counter: Path | None = None, mappings: bool = False,
+                 idle_from_s: float = SETTLE_S, idle_s: float = IDLE_S):
         self.name = name
         self.argv = argv
         self.home = home
@@ -239,6 +257,8 @@ class Program:
         self.source_counter = source_counter
         self.sources_folder = home.path.parent / "source-counts"
         self.mappings = mappings
+        self.idle_from_s = idle_from_s
+        self.idle_s = idle_s
 
     def run(self, series: Series | None, measure_idle: bool) -> None:
         """One start, measured into `series` (None: a warm-up run)."""
@@ -271,8 +291,10 @@ class Program:
             pss = sum(m[0] for m in memory) / 1024
             private = sum(m[1] for m in memory) / 1024
             by_mapping = [private_kib_by_mapping(pid) for pid in tree] if self.mappings else []
-            idle = idle_window(proc.pid, IDLE_S, self.sources_folder if self.source_counter else None) \
-                if measure_idle else None
+            idle = None
+            if measure_idle:
+                time.sleep(max(0.0, mark.data["helloAnsweredAt"] / 1000 + self.idle_from_s - time.time()))
+                idle = idle_window(proc.pid, self.idle_s, self.sources_folder if self.source_counter else None)
         finally:
             stop_process_group(proc)
         if series is None:
@@ -329,12 +351,12 @@ def print_mappings(floor: Series, orvane: Series, smallest_kib: int = 64) -> Non
                 print(f"    {f.get(mapping, 0):8d} {o.get(mapping, 0):8d} {diff:+8d}  {mapping}")
 
 
-def print_threads(name: str, window: IdleWindow) -> None:
-    print(f"{name}: threads that woke up in its last idle window ({IDLE_S:.0f} s), switches per second")
+def print_threads(name: str, window: IdleWindow, seconds: float) -> None:
+    print(f"{name}: threads that woke up in its last idle window ({seconds:.0f} s), switches per second")
     for process, pid, thread, tid, rate in window.threads:
         print(f"    {process:<16} {pid:>7}  {thread:<16} {tid:>7}  {rate:6.1f}")
     if window.ended_threads:
-        print(f"    ({window.ended_threads} threads ended during the window; their switches are not counted)")
+        print(f"    ({window.ended_threads} threads ended during the window, counted up to their last reading)")
     if window.sources:
         print(f"  main-loop sources dispatched in that window (pid, thread, dispatches, source)")
         for pid, thread, source, count in window.sources:
@@ -352,6 +374,11 @@ def main() -> int:
     parser.add_argument("--sources", action="store_true",
                         help="also count the main-loop sources that fire in the idle windows "
                              "(with the source counter loaded into both programs; implies --threads)")
+    parser.add_argument("--idle-from", type=float, default=SETTLE_S, metavar="SECONDS",
+                        help="start the idle window this long after the answer (default %(default)s; "
+                             "later windows show the steady state, once both pages' heaps have settled)")
+    parser.add_argument("--idle-seconds", type=float, default=IDLE_S, metavar="SECONDS",
+                        help="how long the idle window lasts (default %(default)s)")
     parser.add_argument("--mappings", action="store_true",
                         help="also list each kind of process's private memory by mapped file, "
                              "Orvane against the floor, for the last run")
@@ -385,9 +412,9 @@ def main() -> int:
         orvane_home.write_settings(AppURL=site.url, ProjectDir=str(scratch / "no-such-project"))
         programs = [
             Program("floor", [str(floor_binary()), site.url + "/"], floor_home, floor_desktop, site, False,
-                    counter, args.mappings),
+                    counter, args.mappings, args.idle_from, args.idle_seconds),
             Program("Orvane", [str(orvane_binary())], orvane_home, orvane_desktop, site, True, counter,
-                    args.mappings),
+                    args.mappings, args.idle_from, args.idle_seconds),
         ]
         series = {p.name: Series(p.name) for p in programs}
         # One start of each first, unmeasured: both then start with their
@@ -419,12 +446,12 @@ def main() -> int:
     if floor.idle and orvane.idle:
         f_idle = med([w.per_second for w in floor.idle])
         o_idle = med([w.per_second for w in orvane.idle])
-        print(ratio_line(f"context switches /s, {IDLE_S:.0f} idle s (n={len(orvane.idle)})", "/s",
+        print(ratio_line(f"context switches /s, {args.idle_seconds:.0f} s from {args.idle_from:.0f} s (n={len(orvane.idle)})", "/s",
                          f_idle, o_idle, "<= floor", o_idle <= f_idle, 1))
         if args.threads:
             print()
-            print_threads("floor", floor.idle[-1])
-            print_threads("Orvane", orvane.idle[-1])
+            print_threads("floor", floor.idle[-1], args.idle_seconds)
+            print_threads("Orvane", orvane.idle[-1], args.idle_seconds)
     if args.threads:
         print()
         print_processes(floor)

@@ -50,11 +50,22 @@ std::optional<std::string> AskLoginShell(const std::string& shell) {
   GErrorPtr error;
   // Standard error goes to a pipe of its own that is never read; standard
   // input stays ours.
-  auto process = GObjectPtr<GSubprocess>::adopt(g_subprocess_newv(
-      argv,
+  auto launcher = GObjectPtr<GSubprocessLauncher>::adopt(g_subprocess_launcher_new(
       GSubprocessFlags(G_SUBPROCESS_FLAGS_STDOUT_PIPE | G_SUBPROCESS_FLAGS_STDERR_PIPE |
-                       G_SUBPROCESS_FLAGS_STDIN_INHERIT),
-      error.out()));
+                       G_SUBPROCESS_FLAGS_STDIN_INHERIT)));
+  // Background work: the shell, and all its profile runs (version managers,
+  // environment set-ups), take a small share of the processor while the
+  // launch it starts beside still needs it. Run in the child before exec.
+  g_subprocess_launcher_set_child_setup(
+      launcher.get(),
+      [](gpointer) {
+        if (nice(kShellNiceness) == -1) {
+          // Left at our own priority: the look-up still runs.
+        }
+      },
+      nullptr, nullptr);
+  auto process = GObjectPtr<GSubprocess>::adopt(
+      g_subprocess_launcher_spawnv(launcher.get(), argv, error.out()));
   if (!process)
     return std::nullopt;
   GInputStream* out = g_subprocess_get_stdout_pipe(process.get());

@@ -14,6 +14,10 @@
 
 namespace orvane {
 
+// How much lower than the program's own the login shell's scheduling
+// priority is: the look-up is background work.
+inline constexpr int kShellNiceness = 10;
+
 // The usual places, in the order they are tried: ~/.local/bin/claude,
 // ~/.claude/local/claude, /opt/homebrew/bin/claude, /usr/local/bin/claude,
 // ~/.npm-global/bin/claude, ~/.nvm/current/bin/claude.
@@ -41,9 +45,10 @@ public:
   ClaudeDiscovery& operator=(const ClaudeDiscovery&) = delete;
 
   // Walks the candidates on the calling (main) thread; when none is
-  // executable, asks the login shell ("$SHELL -lc 'command -v claude'") on a
-  // thread of its own and takes its answer back on this thread's main
-  // context. Runs once: later calls do nothing.
+  // executable, asks the login shell ("$SHELL -lc 'command -v claude'"), at
+  // a priority kShellNiceness lower than ours, on a thread of its own and
+  // takes its answer back on this thread's main context. Runs once: later
+  // calls do nothing.
   void findClaude();
 
   // The executable's absolute path, once found.

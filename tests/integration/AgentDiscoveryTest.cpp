@@ -11,6 +11,7 @@
 
 #include "AgentFixtures.h"
 #include "support/MainLoop.h"
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace orvane {
@@ -122,6 +123,21 @@ TEST_F(AgentDiscoveryTest, LoginShellFindsItOffTheMainLoop) {
                               {"path", elsewhere},
                               {"sparRoot", root_.path() + "/library/.spar"}}));
   EXPECT_TRUE(g_file_test((root_.path() + "/library/.spar").c_str(), G_FILE_TEST_IS_DIR));
+}
+
+TEST_F(AgentDiscoveryTest, LoginShellRunsAtABackgroundPriority) {
+  std::string elsewhere = make(root_.path() + "/elsewhere/bin/claude");
+  answer(elsewhere + "\n");
+  auto finder = discovery();
+  finder->findClaude();
+  ASSERT_TRUE(SpinUntil([&] { return finder->claudePath().has_value(); }));
+  errno = 0;
+  int ours = getpriority(PRIO_PROCESS, 0);
+  ASSERT_EQ(errno, 0);
+  int expected = std::min(ours + kShellNiceness, 19);
+  EXPECT_EQ(TempDir::Read(root_.path() + "/shell/niceness"), std::to_string(expected) + "\n");
+  // Ours is unchanged: only the shell was lowered.
+  EXPECT_EQ(getpriority(PRIO_PROCESS, 0), ours);
 }
 
 TEST_F(AgentDiscoveryTest, ShellAnswerIsTrimmedOfWhiteSpace) {

@@ -1,5 +1,7 @@
 #include "update/InstallManifest.h"
 
+#include "update/Libsodium.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -8,7 +10,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <set>
-#include <sodium.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,11 +20,6 @@ constexpr size_t kKeyFileSizeLimit = 4096;
 // A folder deeper or fuller than this is not an install folder.
 constexpr int kDepthLimit = 64;
 constexpr size_t kEntryLimit = 500000;
-
-bool SodiumReady() {
-  static const bool ready = sodium_init() >= 0;
-  return ready;
-}
 
 // ---- fields
 
@@ -93,24 +89,27 @@ std::vector<std::string_view> Fields(std::string_view line) {
   return fields;
 }
 
-std::string Base64(const unsigned char* data, size_t size) {
+std::string Base64(const Libsodium& sodium, const unsigned char* data, size_t size) {
   std::string out(sodium_base64_ENCODED_LEN(size, sodium_base64_VARIANT_ORIGINAL), '\0');
-  sodium_bin2base64(out.data(), out.size(), data, size, sodium_base64_VARIANT_ORIGINAL);
+  sodium.bin2base64(out.data(), out.size(), data, size, sodium_base64_VARIANT_ORIGINAL);
   out.resize(strlen(out.c_str()));
   return out;
 }
 
 // Exactly `size` bytes from base64 text; surrounding white space is allowed.
+// Nothing without libsodium.
 std::optional<std::string> FromBase64(std::string_view text, size_t size) {
-  if (!SodiumReady())
+  const Libsodium* sodium = OpenLibsodium();
+  if (!sodium)
     return std::nullopt;
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r' || text.back() == ' '))
     text.remove_suffix(1);
   std::string out(size + 3, '\0');
   size_t length = 0;
   const char* end = nullptr;
-  if (sodium_base642bin(reinterpret_cast<unsigned char*>(out.data()), out.size(), text.data(),
-                        text.size(), nullptr, &length, &end, sodium_base64_VARIANT_ORIGINAL) != 0 ||
+  if (sodium->base642bin(reinterpret_cast<unsigned char*>(out.data()), out.size(), text.data(),
+                         text.size(), nullptr, &length, &end,
+                         sodium_base64_VARIANT_ORIGINAL) != 0 ||
       end != text.data() + text.size() || length != size)
     return std::nullopt;
   out.resize(length);
@@ -200,19 +199,19 @@ bool WriteBelow(const std::string& folder, const std::string& path, std::string_
   return close(fd) == 0 && written;
 }
 
-std::optional<std::string> Sha256Hex(int fd) {
+std::optional<std::string> Sha256Hex(const Libsodium& sodium, int fd) {
   crypto_hash_sha256_state state;
-  crypto_hash_sha256_init(&state);
+  sodium.hash_sha256_init(&state);
   bool read_all = ReadChunks(fd, [&](const char* chunk, size_t size) {
-    crypto_hash_sha256_update(&state, reinterpret_cast<const unsigned char*>(chunk), size);
+    sodium.hash_sha256_update(&state, reinterpret_cast<const unsigned char*>(chunk), size);
     return true;
   });
   if (!read_all)
     return std::nullopt;
   unsigned char digest[crypto_hash_sha256_BYTES];
-  crypto_hash_sha256_final(&state, digest);
+  sodium.hash_sha256_final(&state, digest);
   char hex[crypto_hash_sha256_BYTES * 2 + 1];
-  sodium_bin2hex(hex, sizeof hex, digest, sizeof digest);
+  sodium.bin2hex(hex, sizeof hex, digest, sizeof digest);
   return std::string(hex);
 }
 
@@ -221,6 +220,7 @@ bool IsSignatureFile(const std::string& path) {
 }
 
 struct Scanner {
+  const Libsodium& sodium; // for the files' hashes
   std::vector<ManifestEntry> entries;
   std::vector<std::string> folders;
   std::string error;
@@ -283,7 +283,7 @@ struct Scanner {
         if (IsSignatureFile(path))
           continue;
         int fd = openat(dir, name.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-        std::optional<std::string> hash = fd >= 0 ? Sha256Hex(fd) : std::nullopt;
+        std::optional<std::string> hash = fd >= 0 ? Sha256Hex(sodium, fd) : std::nullopt;
         if (fd >= 0)
           close(fd);
         if (!hash) {
@@ -482,12 +482,17 @@ ParsedManifest ParseManifest(std::string_view text) {
 
 FolderScan ScanInstallFolder(const std::string& folder) {
   FolderScan result;
+  const Libsodium* sodium = OpenLibsodium();
+  if (!sodium) {
+    result.error = "files cannot be hashed: " + LibsodiumProblem();
+    return result;
+  }
   int dir = OpenFolder(folder);
   if (dir < 0) {
     result.error = "could not open " + folder;
     return result;
   }
-  Scanner scanner;
+  Scanner scanner{*sodium, {}, {}, {}};
   scanner.scan(dir, "", 0);
   close(dir);
   result.error = scanner.error;
@@ -546,6 +551,9 @@ FolderCheck CheckInstallFolder(const std::string& folder, const std::string& tru
       ReadFileInside(folder, kManifestSignaturePath, kKeyFileSizeLimit);
   if (!signature)
     return Fail(FolderCheckCode::kSignatureDoesNotVerify, "there is no readable MANIFEST.sig");
+  if (!OpenLibsodium())
+    return Fail(FolderCheckCode::kSignatureDoesNotVerify,
+                "signatures cannot be checked: " + LibsodiumProblem());
   if (!SignatureVerifies(*text, *signature, trusted_public_key))
     return Fail(FolderCheckCode::kSignatureDoesNotVerify,
                 "MANIFEST.sig does not verify under the trusted key");
@@ -609,13 +617,15 @@ FolderCheck CheckInstallFolder(const std::string& folder, const std::string& tru
 }
 
 std::optional<KeyPair> GenerateKeyPair() {
-  if (!SodiumReady())
+  const Libsodium* sodium = OpenLibsodium();
+  if (!sodium)
     return std::nullopt;
   unsigned char public_key[crypto_sign_PUBLICKEYBYTES];
   unsigned char secret_key[crypto_sign_SECRETKEYBYTES];
-  crypto_sign_keypair(public_key, secret_key);
-  KeyPair pair{Base64(public_key, sizeof public_key), Base64(secret_key, sizeof secret_key)};
-  sodium_memzero(secret_key, sizeof secret_key);
+  sodium->sign_keypair(public_key, secret_key);
+  KeyPair pair{Base64(*sodium, public_key, sizeof public_key),
+               Base64(*sodium, secret_key, sizeof secret_key)};
+  sodium->memzero(secret_key, sizeof secret_key);
   return pair;
 }
 
@@ -623,21 +633,23 @@ std::optional<std::string> PublicKeyOf(const std::string& secret_key) {
   std::optional<std::string> secret = FromBase64(secret_key, crypto_sign_SECRETKEYBYTES);
   if (!secret)
     return std::nullopt;
+  const Libsodium& sodium = *OpenLibsodium(); // FromBase64 needed it too
   unsigned char public_key[crypto_sign_PUBLICKEYBYTES];
-  crypto_sign_ed25519_sk_to_pk(public_key, reinterpret_cast<const unsigned char*>(secret->data()));
-  sodium_memzero(secret->data(), secret->size());
-  return Base64(public_key, sizeof public_key);
+  sodium.sign_ed25519_sk_to_pk(public_key, reinterpret_cast<const unsigned char*>(secret->data()));
+  sodium.memzero(secret->data(), secret->size());
+  return Base64(sodium, public_key, sizeof public_key);
 }
 
 std::optional<std::string> SignText(std::string_view text, const std::string& secret_key) {
   std::optional<std::string> secret = FromBase64(secret_key, crypto_sign_SECRETKEYBYTES);
   if (!secret)
     return std::nullopt;
+  const Libsodium& sodium = *OpenLibsodium(); // FromBase64 needed it too
   unsigned char signature[crypto_sign_BYTES];
-  crypto_sign_detached(signature, nullptr, reinterpret_cast<const unsigned char*>(text.data()),
+  sodium.sign_detached(signature, nullptr, reinterpret_cast<const unsigned char*>(text.data()),
                        text.size(), reinterpret_cast<const unsigned char*>(secret->data()));
-  sodium_memzero(secret->data(), secret->size());
-  return Base64(signature, sizeof signature);
+  sodium.memzero(secret->data(), secret->size());
+  return Base64(sodium, signature, sizeof signature);
 }
 
 bool SignatureVerifies(std::string_view text, const std::string& signature,
@@ -646,7 +658,8 @@ bool SignatureVerifies(std::string_view text, const std::string& signature,
   std::optional<std::string> raw_key = FromBase64(public_key, crypto_sign_PUBLICKEYBYTES);
   if (!raw_signature || !raw_key)
     return false;
-  return crypto_sign_verify_detached(reinterpret_cast<const unsigned char*>(raw_signature->data()),
+  const Libsodium& sodium = *OpenLibsodium(); // FromBase64 needed it too
+  return sodium.sign_verify_detached(reinterpret_cast<const unsigned char*>(raw_signature->data()),
                                      reinterpret_cast<const unsigned char*>(text.data()),
                                      text.size(),
                                      reinterpret_cast<const unsigned char*>(raw_key->data())) == 0;
@@ -655,6 +668,8 @@ bool SignatureVerifies(std::string_view text, const std::string& signature,
 std::string SignInstallFolder(const std::string& folder, const std::string& secret_key,
                               const std::string& app_id, const std::string& version,
                               const std::string& build, bool manifest_only) {
+  if (!OpenLibsodium())
+    return "signatures cannot be made: " + LibsodiumProblem();
   std::optional<std::string> public_key = PublicKeyOf(secret_key);
   if (!public_key)
     return "the key file does not hold an Ed25519 secret key";

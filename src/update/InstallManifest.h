@@ -102,6 +102,9 @@ std::optional<std::string> ReadFileInside(const std::string& folder, const std::
                                           size_t size_limit);
 
 // Keys and signatures (libsodium Ed25519); keys travel as base64 text.
+// libsodium is opened by the first of these, the hashes of a scan or a check
+// (update/Libsodium.h); without it no key is made, nothing is signed and no
+// signature verifies, and scans, checks and signings fail saying why.
 struct KeyPair {
   std::string public_key; // base64
   std::string secret_key; // base64

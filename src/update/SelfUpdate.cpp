@@ -8,12 +8,12 @@
 #include "library/HttpTransfer.h"
 #include "update/FolderMoves.h"
 #include "update/InstallManifest.h"
+#include "update/Libarchive.h"
+#include "update/Libsodium.h"
 #include "update/OldCopyServers.h"
 #include "update/ReleaseVersion.h"
 
 #include <algorithm>
-#include <archive.h>
-#include <archive_entry.h>
 #include <cerrno>
 #include <cstdlib>
 #include <dirent.h>
@@ -73,6 +73,10 @@ OwnSignature ReadOwnSignature(const std::string& install_folder) {
   std::string key = Trimmed(ReadSmallFile(install_folder, kUpdateKeyPath));
   if (manifest.empty() || signature.empty() || key.empty())
     return {"no MANIFEST, signature or key", ""};
+  // Without libsodium no signature can be checked, this copy's own first
+  // (the log says why, once): the update stops here, as for a bad one.
+  if (!OpenLibsodium())
+    return {"signatures cannot be checked: " + LibsodiumProblem(), ""};
   if (!SignatureVerifies(manifest, signature, key))
     return {"the MANIFEST does not verify under its own key", ""};
   ParsedManifest parsed = ParseManifest(manifest);
@@ -184,15 +188,20 @@ void RunOffMainThread(std::weak_ptr<bool> alive, std::function<Result()> work,
 
 bool UnpackArchive(const std::string& archive_path, const std::string& folder,
                    UnpackLimits limits) {
-  struct archive* reader = archive_read_new();
-  archive_read_support_format_zip(reader);
-  struct archive* writer = archive_write_disk_new();
+  // Without the library nothing is unpacked: a refusal, which the update
+  // reports as an archive it could not unpack (the log says why, once).
+  const Libarchive* la = OpenLibarchive();
+  if (!la)
+    return false;
+  struct archive* reader = la->read_new();
+  la->read_support_format_zip(reader);
+  struct archive* writer = la->write_disk_new();
   // Every entry's own name is checked to be a safe relative path below and
   // then joined to the (symlink-free) work folder, so the written path is
   // absolute on purpose; libarchive still refuses ".." and links on the way.
-  archive_write_disk_set_options(writer, ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM |
-                                             ARCHIVE_EXTRACT_SECURE_SYMLINKS |
-                                             ARCHIVE_EXTRACT_SECURE_NODOTDOT);
+  la->write_disk_set_options(writer, ARCHIVE_EXTRACT_TIME | ARCHIVE_EXTRACT_PERM |
+                                         ARCHIVE_EXTRACT_SECURE_SYMLINKS |
+                                         ARCHIVE_EXTRACT_SECURE_NODOTDOT);
   char* resolved = realpath(folder.c_str(), nullptr);
   const std::string root = resolved ? resolved : folder;
   free(resolved);
@@ -200,20 +209,20 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder,
   uint64_t unpacked_bytes = 0;
   size_t entries = 0;
   std::set<std::string> link_paths;
-  if (archive_read_open_filename(reader, archive_path.c_str(), 64 * 1024) == ARCHIVE_OK) {
+  if (la->read_open_filename(reader, archive_path.c_str(), 64 * 1024) == ARCHIVE_OK) {
     struct archive_entry* entry = nullptr;
-    while (!refused && archive_read_next_header(reader, &entry) == ARCHIVE_OK) {
+    while (!refused && la->read_next_header(reader, &entry) == ARCHIVE_OK) {
       if (++entries > limits.max_entries) {
         refused = true;
         break;
       }
-      const char* name = archive_entry_pathname(entry);
+      const char* name = la->entry_pathname(entry);
       std::string path = name ? name : "";
       while (!path.empty() && path.back() == '/')
         path.pop_back();
-      mode_t type = archive_entry_filetype(entry);
-      const char* hardlink = archive_entry_hardlink(entry);
-      const char* symlink = archive_entry_symlink(entry);
+      mode_t type = la->entry_filetype(entry);
+      const char* hardlink = la->entry_hardlink(entry);
+      const char* symlink = la->entry_symlink(entry);
       if (path.empty() || !IsSafeRelativePath(path) ||
           (hardlink && !IsSafeRelativePath(hardlink)) ||
           (type == AE_IFLNK && (!symlink || !LinkStaysInsideByName(path, symlink))) ||
@@ -223,8 +232,8 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder,
       }
       // The writer makes a file as long as its entry says even when fewer
       // bytes follow, so the declared size counts against the bound too.
-      uint64_t declared = archive_entry_size_is_set(entry) && archive_entry_size(entry) > 0
-                              ? uint64_t(archive_entry_size(entry))
+      uint64_t declared = la->entry_size_is_set(entry) && la->entry_size(entry) > 0
+                              ? uint64_t(la->entry_size(entry))
                               : 0;
       if (declared > limits.max_bytes - unpacked_bytes) {
         refused = true;
@@ -236,13 +245,13 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder,
       // 0755, and a file never gets a bit of group or others write or a
       // set-id bit from it.
       if (type == AE_IFDIR)
-        archive_entry_set_perm(entry, kInstalledModeBits);
+        la->entry_set_perm(entry, kInstalledModeBits);
       else if (type == AE_IFREG)
-        archive_entry_set_perm(entry, archive_entry_perm(entry) & kInstalledModeBits);
-      archive_entry_set_pathname(entry, JoinPath(root, path).c_str());
+        la->entry_set_perm(entry, la->entry_perm(entry) & kInstalledModeBits);
+      la->entry_set_pathname(entry, JoinPath(root, path).c_str());
       if (hardlink)
-        archive_entry_set_hardlink(entry, JoinPath(root, hardlink).c_str());
-      if (archive_write_header(writer, entry) < ARCHIVE_WARN) {
+        la->entry_set_hardlink(entry, JoinPath(root, hardlink).c_str());
+      if (la->write_header(writer, entry) < ARCHIVE_WARN) {
         // libarchive's own guards (a link on the way, say) refuse it too.
         refused = true;
         break;
@@ -252,23 +261,23 @@ bool UnpackArchive(const std::string& archive_path, const std::string& folder,
       la_int64_t offset = 0;
       int status;
       uint64_t entry_bytes = 0;
-      while ((status = archive_read_data_block(reader, &block, &size, &offset)) == ARCHIVE_OK) {
+      while ((status = la->read_data_block(reader, &block, &size, &offset)) == ARCHIVE_OK) {
         entry_bytes += size;
         if (entry_bytes > limits.max_bytes - unpacked_bytes) {
           refused = true;
           break;
         }
-        if (archive_write_data_block(writer, block, size, offset) < ARCHIVE_WARN)
+        if (la->write_data_block(writer, block, size, offset) < ARCHIVE_WARN)
           break;
       }
-      archive_write_finish_entry(writer);
+      la->write_finish_entry(writer);
       unpacked_bytes += std::max(entry_bytes, declared);
       if (refused || status < ARCHIVE_WARN)
         break; // damaged: what is unpacked stays
     }
   }
-  archive_read_free(reader);
-  archive_write_free(writer);
+  la->read_free(reader);
+  la->write_free(writer);
   // Links that each stay inside can climb out together ("a" -> ".",
   // "b" -> "a/.."): once everything is unpacked, each link still on disk
   // must resolve inside, or it is removed and the archive refused.

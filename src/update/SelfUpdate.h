@@ -43,6 +43,8 @@ std::string MakePrivateFolder(const std::string& parent, const std::string& pref
 // below `folder` is made 0755, and files keep only the bits of
 // kInstalledModeBits (the signature check then wants exactly the signed
 // mode).
+// libarchive is opened by the first call; when it cannot be, nothing is
+// unpacked and the result is false (the log says why, once).
 struct UnpackLimits {
   uint64_t max_bytes = uint64_t(4) << 30;
   size_t max_entries = 200000;

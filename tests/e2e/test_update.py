@@ -289,6 +289,14 @@ def running_copy(releases, home, desktop, site, request, tmp_path):
     yield run_, installed, before
 
 
+def update_libraries_mapped(run_: UpdateRun) -> set[str]:
+    """Which of the libraries the update opens (to unpack, and to hash and
+    check signatures) the running copy has mapped."""
+    with open(f"/proc/{run_.orvane.proc.pid}/maps") as maps:
+        mapped = maps.read()
+    return {name for name in ("libarchive", "libsodium") if f"/{name}." in mapped}
+
+
 def assert_untouched(run_: UpdateRun, installed: Path, before: dict) -> None:
     assert snapshot(installed) == before
     assert sorted(p.name for p in installed.parent.iterdir()) == ["Orvane"]
@@ -350,7 +358,10 @@ def test_archive_with_the_app_one_level_down_holds_no_app(running_copy, releases
 def test_archive_not_signed_like_this_copy_is_refused_with_its_code(running_copy, releases, site,
                                                                     archive, code):
     run_, installed, before = running_copy
+    # The update's libraries are opened by the update, not at launch.
+    assert update_libraries_mapped(run_) == set()
     done = run_.update(serve(site, archive + ".zip", releases.archive(archive)))
+    assert update_libraries_mapped(run_) == {"libarchive", "libsodium"}
     message = NOT_SIGNED_LIKE_THIS.format(code)
     assert done == failed(message)
     assert run_.update_events() == progress("downloading", "unpacking", "checking signature") + [done]
@@ -372,6 +383,32 @@ def test_older_signed_release_is_refused_and_the_copy_kept(running_copy, release
     assert run_.update_log() == ["update: downloading", "update: unpacking", "update: checking signature",
                                  "update failed: " + message]
     assert len(run_.work_folders()) == 1
+    assert_untouched(run_, installed, before)
+
+
+@pytest.mark.parametrize("variable,message,stages,why", [
+    ("ORVANE_ARCHIVE_LIBRARY", "could not unpack the download", ["downloading", "unpacking"],
+     "update: zip archives cannot be unpacked ("),
+    ("ORVANE_SODIUM_LIBRARY", "could not read this app's own signature", STAGES[:3],
+     "update: signatures cannot be made or checked ("),
+], ids=["archive", "sodium"])
+def test_an_update_library_that_cannot_be_opened_fails_the_update_and_the_log_says_why_once(
+        releases, home, desktop, site, request, tmp_path, variable, message, stages, why):
+    installed = releases.install(tmp_path / "apps")
+    before = snapshot(installed)
+    missing = "libno-such-library-for-the-update.so.1"
+    home.extra_env[variable] = missing
+    run_ = UpdateRun(home, desktop, site, request, tmp_path, installed / "bin" / "orvane")
+    for _ in range(2):
+        start = len(run_.update_events())
+        done = run_.update(serve(site, f"Orvane-{NEW_VERSION}.zip", releases.archive("good")))
+        assert done == failed(message)
+        assert run_.update_events()[start:] == progress(*stages) + [done]
+    log = run_.update_log()
+    said = [line for line in log if line.startswith(why)]
+    assert len(said) == 1 and missing in said[0], log
+    assert log.count("update failed: " + message) == 2, log
+    assert len(run_.work_folders()) == 2
     assert_untouched(run_, installed, before)
 
 

@@ -15,6 +15,8 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <set>
 #include <sys/stat.h>
@@ -848,6 +850,130 @@ TEST(UnpackLimitsTest, AnEntryOverTheBoundLeavesNoFileOfItsDeclaredSize) {
   EXPECT_EQ(TempDir::Read(into + "/small"), "x");
   struct stat big;
   EXPECT_NE(lstat((into + "/big").c_str(), &big), 0) << "a file of " << big.st_size << " bytes";
+}
+
+// The update with a library it opens missing. Neither the installed copy nor
+// the download here needs one to be made (their signature files are never
+// read as signatures), so nothing before the update itself opens either.
+class UpdateWithoutALibraryTest : public ::testing::Test {
+protected:
+  void SetUp() override {
+    UseThrowawayHome();
+    install_ = scratch_.file("apps/Orvane");
+    temp_ = scratch_.file("tmp");
+    g_mkdir_with_parents(temp_.c_str(), 0700);
+    WriteApp(install_, "old");
+    std::string release = scratch_.file("release/Orvane");
+    WriteApp(release, "new");
+    std::vector<ZipEntry> entries;
+    CollectEntries(release, "Orvane", entries);
+    std::string zip = MakeZip(entries);
+    server_ = std::make_unique<TestHttpServer>([zip](const HttpRequest&, HttpReply& r) {
+      r.status = 200;
+      r.body = zip;
+    });
+  }
+
+  static void WriteApp(const std::string& folder, const std::string& name) {
+    TempDir::WriteFile(folder + "/bin/orvane", "#!/bin/sh\necho " + name + "\n");
+    chmod((folder + "/bin/orvane").c_str(), 0755);
+    TempDir::WriteFile(folder + "/share/orvane/site/main.py", "print('" + name + "')\n");
+    TempDir::WriteFile(folder + "/" + kManifestPath,
+                       std::string("app-id ") + kApplicationId + "\nversion 1.0\nbuild b1\n");
+    TempDir::WriteFile(folder + "/" + kManifestSignaturePath, "c2lnbmF0dXJl\n");
+    TempDir::WriteFile(folder + "/" + kUpdateKeyPath, "a2V5\n");
+  }
+
+  // Every file below `folder` with its bytes and mode, read without libsodium.
+  static std::string Files(const std::string& folder) {
+    std::string text;
+    GDir* dir = g_dir_open(folder.c_str(), 0, nullptr);
+    if (!dir)
+      return "(no folder " + folder + ")";
+    std::set<std::string> names;
+    while (const char* name = g_dir_read_name(dir))
+      names.insert(name);
+    g_dir_close(dir);
+    for (const std::string& name : names) {
+      std::string path = folder + "/" + name;
+      struct stat info;
+      lstat(path.c_str(), &info);
+      text += path + " " + std::to_string(info.st_mode) + "\n";
+      text += S_ISDIR(info.st_mode) ? Files(path) : TempDir::Read(path) + "\n";
+    }
+    return text;
+  }
+
+  // Runs two updates in this process, whose library `variable` names a file
+  // that is not there, and exits 0 when each ended with `error` after
+  // `stages`, left the installed copy as it was and never quit, and the log
+  // said why once: a line that starts with `why` and names the file.
+  [[noreturn]] void UpdateTwiceWithout(const char* variable, const std::string& error,
+                                       const std::vector<std::string>& stages,
+                                       const std::string& why) {
+    const std::string missing = "libno-such-library-for-the-update.so.1";
+    g_setenv(variable, missing.c_str(), true);
+    std::string before = Files(install_);
+    VirtualScheduler scheduler;
+    std::vector<Event> events;
+    int quits = 0;
+    SelfUpdate update(SelfUpdateSeams{install_, temp_, scheduler,
+                                      [&events](const Event& e) { events.push_back(e); },
+                                      [&quits] { ++quits; }, nullptr, 0, 0.5});
+    Event failure = {{"type", "updateDone"}, {"ok", false}, {"error", error}};
+    std::vector<Event> expected;
+    for (const std::string& stage : stages)
+      expected.push_back({{"type", "updateProgress"}, {"stage", stage}});
+    expected.push_back(failure);
+    std::string problems;
+    for (int run = 1; run <= 2; ++run) {
+      events.clear();
+      update.updateFrom(server_->url("/Orvane-2.0-linux-x86_64.zip"));
+      bool ended =
+          SpinUntil([&events] { return !events.empty() && events.back()["type"] == "updateDone"; });
+      if (!ended || events != expected)
+        problems += "update " + std::to_string(run) + " sent " + Event(events).dump() + "\n";
+    }
+    if (Files(install_) != before)
+      problems += "the installed copy changed:\n" + Files(install_);
+    if (quits != 0 || scheduler.pending() != 0)
+      problems += "it quit or left something to do\n";
+    std::vector<std::string> messages = log_.messages();
+    auto said = std::count_if(messages.begin(), messages.end(), [&](const std::string& m) {
+      return m.starts_with(why) && m.find(missing) != std::string::npos;
+    });
+    if (said != 1)
+      problems += "the log said why " + std::to_string(said) + " times\n";
+    if (!problems.empty()) {
+      for (const std::string& m : messages)
+        problems += "log: " + m + "\n";
+      fprintf(stderr, "%s", problems.c_str());
+      std::exit(1);
+    }
+    std::exit(0);
+  }
+
+  LogCapture log_;
+  TempDir scratch_;
+  std::string install_, temp_;
+  std::unique_ptr<TestHttpServer> server_;
+};
+
+TEST_F(UpdateWithoutALibraryTest, WithoutTheArchiveLibraryNothingIsUnpackedAndTheLogSaysWhyOnce) {
+  // The library is opened once per process: the updates run in a fresh one.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(UpdateTwiceWithout("ORVANE_ARCHIVE_LIBRARY", "could not unpack the download",
+                                 {"downloading", "unpacking"},
+                                 "update: zip archives cannot be unpacked ("),
+              ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(UpdateWithoutALibraryTest, WithoutTheSodiumLibraryNoSignatureIsCheckedAndTheLogSaysWhyOnce) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(UpdateTwiceWithout("ORVANE_SODIUM_LIBRARY", "could not read this app's own signature",
+                                 {"downloading", "unpacking", "checking signature"},
+                                 "update: signatures cannot be made or checked ("),
+              ::testing::ExitedWithCode(0), "");
 }
 
 } // namespace

@@ -2,9 +2,12 @@
 
 #include "base/BuildInfo.h"
 #include "base/Paths.h"
+#include "support/LogCapture.h"
 #include "support/TempDir.h"
 #include "support/TextLines.h"
 
+#include <cstdio>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -404,6 +407,65 @@ TEST(SignatureTest, DetachedSignatureVerifiesOnlyTheSignedTextUnderItsKey) {
   EXPECT_FALSE(SignatureVerifies("text!", *signature, pair->public_key));
   EXPECT_FALSE(SignatureVerifies("text", *signature, "AAAA"));
   EXPECT_FALSE(SignatureVerifies("text", "", pair->public_key));
+}
+
+// Exits 0 when, without libsodium, no key is made, nothing is signed or
+// verifies, a scan, a signing and a check fail saying why and change
+// nothing, and the log says why once.
+[[noreturn]] void SignAndCheckWithoutSodium(const std::string& folder) {
+  const std::string missing = "libno-such-sodium-library.so.23";
+  g_setenv("ORVANE_SODIUM_LIBRARY", missing.c_str(), true);
+  LogCapture log;
+  // Keys and a signature of the right lengths, in base64.
+  const std::string public_key = std::string(43, 'A') + "=";
+  const std::string secret_key = std::string(86, 'A') + "==";
+  const std::string signature = std::string(86, 'B') + "==";
+  std::string problems;
+  auto require = [&problems](bool holds, const std::string& what) {
+    if (!holds)
+      problems += what + "\n";
+  };
+  auto names_missing = [&missing](const std::string& text, const std::string& start) {
+    return text.starts_with(start) && text.find(missing) != std::string::npos;
+  };
+  require(!GenerateKeyPair(), "a key pair was made");
+  require(!PublicKeyOf(secret_key), "a public key was derived");
+  require(!SignText("text", secret_key), "a text was signed");
+  require(!SignatureVerifies("text", signature, public_key), "a signature verified");
+  FolderScan scan = ScanInstallFolder(folder);
+  require(names_missing(scan.error, "files cannot be hashed: ") && scan.entries.empty(),
+          "the scan: " + scan.error);
+  std::string manifest = TempDir::Read(folder + "/" + kManifestPath);
+  std::string signing = SignInstallFolder(folder, secret_key, kApplicationId, "2.5", "b1", false);
+  require(names_missing(signing, "signatures cannot be made: "), "the signing: " + signing);
+  require(TempDir::Read(folder + "/" + kManifestPath) == manifest &&
+              !g_file_test((folder + "/" + kUpdateKeyPath).c_str(), G_FILE_TEST_EXISTS),
+          "the signing wrote into the folder");
+  FolderCheck check = CheckInstallFolder(folder, public_key, kApplicationId);
+  require(check.code == FolderCheckCode::kSignatureDoesNotVerify &&
+              names_missing(check.message, "signatures cannot be checked: "),
+          "the check: " + check.message);
+  std::vector<std::string> messages = log.messages();
+  require(messages.size() == 1 &&
+              names_missing(messages[0], "update: signatures cannot be made or checked ("),
+          "the log said: " + TempDir::Read(log.path()));
+  fprintf(stderr, "%s", problems.c_str());
+  std::exit(problems.empty() ? 0 : 1);
+}
+
+TEST(SignatureTest, WithoutTheSodiumLibraryNothingIsSignedOrVerifiedAndTheLogSaysWhyOnce) {
+  TempDir scratch;
+  scratch.write("Orvane/bin/orvane", "program");
+  scratch.write(std::string("Orvane/") + kManifestPath,
+                std::string("app-id ") + kApplicationId + "\nversion 1\nbuild b1\n");
+  scratch.write(std::string("Orvane/") + kManifestSignaturePath, std::string(86, 'B') + "==\n");
+  // The library is opened once per process: all of this runs in a fresh one.
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(SignAndCheckWithoutSodium(scratch.file("Orvane")), ::testing::ExitedWithCode(0), "");
+  // With the library, this process signs and checks as before.
+  std::optional<KeyPair> pair = GenerateKeyPair();
+  ASSERT_TRUE(pair);
+  EXPECT_TRUE(SignatureVerifies("text", *SignText("text", pair->secret_key), pair->public_key));
 }
 
 TEST(InstallFolderPathTest, AnInstalledCopyIsTheParentOfBinHoldingShareOrvane) {

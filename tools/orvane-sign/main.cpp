@@ -7,6 +7,7 @@
 // verify exits with the code of the failed check (docs/releasing.md).
 #include "base/BuildInfo.h"
 #include "update/InstallManifest.h"
+#include "update/Libsodium.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -46,7 +47,7 @@ bool WriteNewFile(const std::string& path, const std::string& text, mode_t mode)
 int Keygen(const std::string& folder) {
   std::optional<KeyPair> pair = GenerateKeyPair();
   if (!pair) {
-    fprintf(stderr, "orvane-sign: libsodium could not start\n");
+    fprintf(stderr, "orvane-sign: libsodium could not start: %s\n", LibsodiumProblem().c_str());
     return kFailure;
   }
   std::string secret_path = folder + "/orvane-update.key";

@@ -1,0 +1,58 @@
+#include "update/Libarchive.h"
+
+#include "base/SharedLibrary.h"
+#include "base/SparLog.h"
+
+#include <glib.h>
+
+namespace orvane {
+
+const Libarchive* OpenLibarchive() {
+  static const Libarchive* const opened = []() -> const Libarchive* {
+    static SharedLibrary library(LibarchiveName());
+    static Libarchive f{
+        ORVANE_LIBRARY_FUNCTION(library, archive_read_new),
+        ORVANE_LIBRARY_FUNCTION(library, archive_read_support_format_zip),
+        ORVANE_LIBRARY_FUNCTION(library, archive_read_open_filename),
+        ORVANE_LIBRARY_FUNCTION(library, archive_read_next_header),
+        ORVANE_LIBRARY_FUNCTION(library, archive_read_data_block),
+        ORVANE_LIBRARY_FUNCTION(library, archive_read_free),
+        ORVANE_LIBRARY_FUNCTION(library, archive_write_disk_new),
+        ORVANE_LIBRARY_FUNCTION(library, archive_write_disk_set_options),
+        ORVANE_LIBRARY_FUNCTION(library, archive_write_header),
+        ORVANE_LIBRARY_FUNCTION(library, archive_write_data_block),
+        ORVANE_LIBRARY_FUNCTION(library, archive_write_finish_entry),
+        ORVANE_LIBRARY_FUNCTION(library, archive_write_free),
+        ORVANE_LIBRARY_FUNCTION(library, archive_entry_pathname),
+        ORVANE_LIBRARY_FUNCTION(library, archive_entry_set_pathname),
+        ORVANE_LIBRARY_FUNCTION(library, archive_entry_filetype),
+        ORVANE_LIBRARY_FUNCTION(library, archive_entry_hardlink),
+        ORVANE_LIBRARY_FUNCTION(library, archive_entry_set_hardlink),
+        ORVANE_LIBRARY_FUNCTION(library, archive_entry_symlink),
+        ORVANE_LIBRARY_FUNCTION(library, archive_entry_size_is_set),
+        ORVANE_LIBRARY_FUNCTION(library, archive_entry_size),
+        ORVANE_LIBRARY_FUNCTION(library, archive_entry_perm),
+        ORVANE_LIBRARY_FUNCTION(library, archive_entry_set_perm),
+    };
+    bool complete = f.read_new && f.read_support_format_zip && f.read_open_filename &&
+                    f.read_next_header && f.read_data_block && f.read_free && f.write_disk_new &&
+                    f.write_disk_set_options && f.write_header && f.write_data_block &&
+                    f.write_finish_entry && f.write_free && f.entry_pathname &&
+                    f.entry_set_pathname && f.entry_filetype && f.entry_hardlink &&
+                    f.entry_set_hardlink && f.entry_symlink && f.entry_size_is_set &&
+                    f.entry_size && f.entry_perm && f.entry_set_perm;
+    if (complete)
+      return &f;
+    SparLog("update: zip archives cannot be unpacked (%@)",
+            library.error().empty() ? LibarchiveName() + " could not be opened" : library.error());
+    return nullptr;
+  }();
+  return opened;
+}
+
+std::string LibarchiveName() {
+  const char* name = g_getenv("ORVANE_ARCHIVE_LIBRARY");
+  return name && *name ? name : ORVANE_ARCHIVE_SONAME;
+}
+
+} // namespace orvane

@@ -21,6 +21,7 @@ void* SharedLibrary::symbol(const char* name) {
   void* address = nullptr;
   if (!g_module_symbol(module_, name, &address) || !address) {
     error_ = file_name_ + " has no " + name;
+    missing_ = true;
     return nullptr;
   }
   return address;

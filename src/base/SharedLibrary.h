@@ -22,6 +22,8 @@ public:
   SharedLibrary& operator=(const SharedLibrary&) = delete;
 
   bool loaded() const { return module_ != nullptr; }
+  // Opened, and every function asked for so far was found.
+  bool complete() const { return module_ != nullptr && !missing_; }
   // Why the library or the last symbol asked for could not be found.
   const std::string& error() const { return error_; }
 
@@ -37,6 +39,7 @@ private:
   GModule* module_ = nullptr;
   std::string file_name_;
   std::string error_;
+  bool missing_ = false;
 };
 
 // Looks a function up by the name of its declaration, typed by it, so that

@@ -80,10 +80,7 @@ const Poppler* OpenPoppler() {
         ORVANE_LIBRARY_FUNCTION(library, poppler_page_find_text_with_options),
         ORVANE_LIBRARY_FUNCTION(library, poppler_rectangle_free),
     };
-    bool complete = functions.document_new_from_file && functions.document_get_n_pages &&
-                    functions.document_get_page && functions.page_find_text_with_options &&
-                    functions.rectangle_free;
-    if (complete)
+    if (library.complete())
       return &functions;
     SparLog("quote: PDFs cannot be searched for the page of a quote (%@)", library.error());
     return nullptr;

@@ -34,14 +34,7 @@ const Libarchive* OpenLibarchive() {
         ORVANE_LIBRARY_FUNCTION(library, archive_entry_perm),
         ORVANE_LIBRARY_FUNCTION(library, archive_entry_set_perm),
     };
-    bool complete = f.read_new && f.read_support_format_zip && f.read_open_filename &&
-                    f.read_next_header && f.read_data_block && f.read_free && f.write_disk_new &&
-                    f.write_disk_set_options && f.write_header && f.write_data_block &&
-                    f.write_finish_entry && f.write_free && f.entry_pathname &&
-                    f.entry_set_pathname && f.entry_filetype && f.entry_hardlink &&
-                    f.entry_set_hardlink && f.entry_symlink && f.entry_size_is_set &&
-                    f.entry_size && f.entry_perm && f.entry_set_perm;
-    if (complete)
+    if (library.complete())
       return &f;
     SparLog("update: zip archives cannot be unpacked (%@)",
             library.error().empty() ? LibarchiveName() + " could not be opened" : library.error());

@@ -30,11 +30,7 @@ const Opened& TheLibrary() {
     f.bin2hex = ORVANE_LIBRARY_FUNCTION(library, sodium_bin2hex);
     f.memzero = ORVANE_LIBRARY_FUNCTION(library, sodium_memzero);
     auto init = ORVANE_LIBRARY_FUNCTION(library, sodium_init);
-    bool complete = f.hash_sha256_init && f.hash_sha256_update && f.hash_sha256_final &&
-                    f.sign_keypair && f.sign_ed25519_sk_to_pk && f.sign_detached &&
-                    f.sign_verify_detached && f.bin2base64 && f.base642bin && f.bin2hex &&
-                    f.memzero && init;
-    if (!complete)
+    if (!library.complete())
       result.problem =
           library.error().empty() ? LibsodiumName() + " could not be opened" : library.error();
     // Picks the implementations for this processor and seeds the random

@@ -12,6 +12,7 @@ TEST(SharedLibraryTest, AFunctionOfAnOpenedLibraryIsCalledThroughItsDeclaredType
   ASSERT_NE(supported, nullptr) << library.error();
   EXPECT_TRUE(supported());
   EXPECT_EQ(library.error(), "");
+  EXPECT_TRUE(library.complete());
 }
 
 TEST(SharedLibraryTest, AMissingLibraryIsNotLoadedAndSaysWhy) {
@@ -20,6 +21,7 @@ TEST(SharedLibraryTest, AMissingLibraryIsNotLoadedAndSaysWhy) {
   EXPECT_NE(library.error().find("libno-such-library-here.so.0"), std::string::npos)
       << library.error();
   EXPECT_EQ(library.function<void()>("anything"), nullptr);
+  EXPECT_FALSE(library.complete());
 }
 
 TEST(SharedLibraryTest, AMissingFunctionIsNullAndNamedInTheError) {
@@ -27,6 +29,11 @@ TEST(SharedLibraryTest, AMissingFunctionIsNullAndNamedInTheError) {
   ASSERT_TRUE(library.loaded()) << library.error();
   EXPECT_EQ(library.function<void()>("orvane_no_such_function"), nullptr);
   EXPECT_EQ(library.error(), "libgmodule-2.0.so.0 has no orvane_no_such_function");
+  // One missing function is enough: the library no longer counts as complete,
+  // however many are found after it.
+  EXPECT_FALSE(library.complete());
+  EXPECT_NE(ORVANE_LIBRARY_FUNCTION(library, g_module_supported), nullptr);
+  EXPECT_FALSE(library.complete());
   // A hostile name (a path, an empty one) is only not found.
   EXPECT_EQ(library.function<void()>("../../etc/passwd"), nullptr);
   EXPECT_EQ(library.function<void()>(""), nullptr);

@@ -14,17 +14,21 @@ namespace orvane {
 
 class SharedLibrary {
 public:
-  // Opens the library by its file name (its soname, as the loader finds it).
-  // A library once opened stays for the process's life: one that registers
-  // GObject types may never be unloaded.
-  explicit SharedLibrary(const std::string& file_name);
+  // Opens the library by its file name (its soname, as the loader finds it),
+  // or by the one the environment variable `override_variable` names when it
+  // is set and not empty. A library once opened stays for the process's
+  // life: one that registers GObject types may never be unloaded.
+  explicit SharedLibrary(const std::string& soname, const char* override_variable = nullptr);
   SharedLibrary(const SharedLibrary&) = delete;
   SharedLibrary& operator=(const SharedLibrary&) = delete;
 
   bool loaded() const { return module_ != nullptr; }
+  // The file opened, or tried.
+  const std::string& fileName() const { return file_name_; }
   // Opened, and every function asked for so far was found.
   bool complete() const { return module_ != nullptr && !missing_; }
-  // Why the library or the last symbol asked for could not be found.
+  // Why the library or the last symbol asked for could not be found; never
+  // empty when the library is not complete().
   const std::string& error() const { return error_; }
 
   // The function `name`, typed as the declaration it was given for; nullptr,

@@ -72,7 +72,7 @@ struct Poppler {
 // opened; then no PDF is searched. Safe from any thread.
 const Poppler* OpenPoppler() {
   static const Poppler* const poppler = []() -> const Poppler* {
-    static SharedLibrary library(PageOfQuoteLibraryName());
+    static SharedLibrary library(ORVANE_POPPLER_GLIB_SONAME, "ORVANE_POPPLER_LIBRARY");
     static Poppler functions{
         ORVANE_LIBRARY_FUNCTION(library, poppler_document_new_from_file),
         ORVANE_LIBRARY_FUNCTION(library, poppler_document_get_n_pages),
@@ -89,11 +89,6 @@ const Poppler* OpenPoppler() {
 }
 
 } // namespace
-
-std::string PageOfQuoteLibraryName() {
-  const char* name = g_getenv("ORVANE_POPPLER_LIBRARY");
-  return name && *name ? name : ORVANE_POPPLER_GLIB_SONAME;
-}
 
 std::string QuoteNeedle(const std::string& quote) {
   // Text from another application may be anything; search what it means.

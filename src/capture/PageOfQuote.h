@@ -14,12 +14,10 @@ inline constexpr size_t kNeedleMinCharacters = 8;
 // as the log counts them (UTF-16 units); a character is never cut in half.
 std::string QuoteNeedle(const std::string& quote);
 
-// The PDF library the search opens on its first use: poppler-glib by the
-// soname it was built against, or the file $ORVANE_POPPLER_LIBRARY names.
-std::string PageOfQuoteLibraryName();
-
 // The 1-based page of the needle's first match, searched case-insensitively;
 // 0 when the needle is too short, nothing matches or the PDF does not open.
+// The PDF library is opened by the first search: poppler-glib by the soname it
+// was built against, or the file $ORVANE_POPPLER_LIBRARY names.
 int PageOfQuote(const std::string& pdf_path, const std::string& quote);
 
 } // namespace orvane

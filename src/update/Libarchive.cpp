@@ -3,13 +3,11 @@
 #include "base/SharedLibrary.h"
 #include "base/SparLog.h"
 
-#include <glib.h>
-
 namespace orvane {
 
 const Libarchive* OpenLibarchive() {
   static const Libarchive* const opened = []() -> const Libarchive* {
-    static SharedLibrary library(LibarchiveName());
+    static SharedLibrary library(ORVANE_ARCHIVE_SONAME, "ORVANE_ARCHIVE_LIBRARY");
     static Libarchive f{
         ORVANE_LIBRARY_FUNCTION(library, archive_read_new),
         ORVANE_LIBRARY_FUNCTION(library, archive_read_support_format_zip),
@@ -36,16 +34,10 @@ const Libarchive* OpenLibarchive() {
     };
     if (library.complete())
       return &f;
-    SparLog("update: zip archives cannot be unpacked (%@)",
-            library.error().empty() ? LibarchiveName() + " could not be opened" : library.error());
+    SparLog("update: zip archives cannot be unpacked (%@)", library.error());
     return nullptr;
   }();
   return opened;
-}
-
-std::string LibarchiveName() {
-  const char* name = g_getenv("ORVANE_ARCHIVE_LIBRARY");
-  return name && *name ? name : ORVANE_ARCHIVE_SONAME;
 }
 
 } // namespace orvane

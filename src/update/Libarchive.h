@@ -39,11 +39,8 @@ struct Libarchive {
 
 // The library's functions, or nullptr when it cannot be opened or lacks one
 // of them; the log then says why, once. Opened on the first call; safe from
-// any thread.
+// any thread. The file opened is the soname it was built against, or the one
+// $ORVANE_ARCHIVE_LIBRARY names.
 const Libarchive* OpenLibarchive();
-
-// The library opened: libarchive by the soname it was built against, or the
-// file $ORVANE_ARCHIVE_LIBRARY names.
-std::string LibarchiveName();
 
 } // namespace orvane

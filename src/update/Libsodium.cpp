@@ -3,8 +3,6 @@
 #include "base/SharedLibrary.h"
 #include "base/SparLog.h"
 
-#include <glib.h>
-
 namespace orvane {
 namespace {
 
@@ -16,7 +14,7 @@ struct Opened {
 const Opened& TheLibrary() {
   static const Opened opened = [] {
     Opened result;
-    static SharedLibrary library(LibsodiumName());
+    static SharedLibrary library(ORVANE_SODIUM_SONAME, "ORVANE_SODIUM_LIBRARY");
     Libsodium& f = result.functions;
     f.hash_sha256_init = ORVANE_LIBRARY_FUNCTION(library, crypto_hash_sha256_init);
     f.hash_sha256_update = ORVANE_LIBRARY_FUNCTION(library, crypto_hash_sha256_update);
@@ -31,12 +29,11 @@ const Opened& TheLibrary() {
     f.memzero = ORVANE_LIBRARY_FUNCTION(library, sodium_memzero);
     auto init = ORVANE_LIBRARY_FUNCTION(library, sodium_init);
     if (!library.complete())
-      result.problem =
-          library.error().empty() ? LibsodiumName() + " could not be opened" : library.error();
+      result.problem = library.error();
     // Picks the implementations for this processor and seeds the random
     // source the keys are made from; safe to call again, done once here.
     else if (init() < 0)
-      result.problem = LibsodiumName() + " did not start";
+      result.problem = library.fileName() + " did not start";
     if (!result.problem.empty())
       SparLog("update: signatures cannot be made or checked (%@)", result.problem);
     return result;
@@ -53,11 +50,6 @@ const Libsodium* OpenLibsodium() {
 
 const std::string& LibsodiumProblem() {
   return TheLibrary().problem;
-}
-
-std::string LibsodiumName() {
-  const char* name = g_getenv("ORVANE_SODIUM_LIBRARY");
-  return name && *name ? name : ORVANE_SODIUM_SONAME;
 }
 
 } // namespace orvane

@@ -27,14 +27,12 @@ struct Libsodium {
 
 // The library's functions, with sodium_init() done, or nullptr when the
 // library cannot be opened, lacks one of them or does not start; the log
-// then says why, once. Opened on the first call; safe from any thread.
+// then says why, once. Opened on the first call; safe from any thread. The
+// file opened is the soname it was built against, or the one
+// $ORVANE_SODIUM_LIBRARY names.
 const Libsodium* OpenLibsodium();
 
 // Why OpenLibsodium() gives nullptr; empty when it does not.
 const std::string& LibsodiumProblem();
-
-// The library opened: libsodium by the soname it was built against, or the
-// file $ORVANE_SODIUM_LIBRARY names.
-std::string LibsodiumName();
 
 } // namespace orvane

@@ -39,5 +39,18 @@ TEST(SharedLibraryTest, AMissingFunctionIsNullAndNamedInTheError) {
   EXPECT_EQ(library.function<void()>(""), nullptr);
 }
 
+TEST(SharedLibraryTest, AnOverrideVariableNamesTheFileOpenedWhenSetAndNotEmpty) {
+  g_setenv("ORVANE_TEST_LIBRARY", "libgmodule-2.0.so.0", true);
+  SharedLibrary overridden("libno-such-library-here.so.0", "ORVANE_TEST_LIBRARY");
+  EXPECT_EQ(overridden.fileName(), "libgmodule-2.0.so.0");
+  EXPECT_TRUE(overridden.loaded()) << overridden.error();
+  g_setenv("ORVANE_TEST_LIBRARY", "", true);
+  SharedLibrary empty("libgmodule-2.0.so.0", "ORVANE_TEST_LIBRARY");
+  EXPECT_EQ(empty.fileName(), "libgmodule-2.0.so.0");
+  g_unsetenv("ORVANE_TEST_LIBRARY");
+  SharedLibrary unset("libgmodule-2.0.so.0", "ORVANE_TEST_LIBRARY");
+  EXPECT_EQ(unset.fileName(), "libgmodule-2.0.so.0");
+}
+
 } // namespace
 } // namespace orvane
